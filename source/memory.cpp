@@ -1,0 +1,160 @@
+#include <kestal_ulx/memory.h>
+
+#include <atomic>
+#include <malloc.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+namespace {
+
+// Only the value is shared, nothing is ordered by it: relaxed steps suffice.
+constinit std::atomic<size_t> live_blocks{0};
+
+void count_up()
+{
+    live_blocks.fetch_add(1, std::memory_order_relaxed);
+}
+
+void count_down()
+{
+    live_blocks.fetch_sub(1, std::memory_order_relaxed);
+}
+
+bool is_addressable(uint64_t size)
+{
+    return size <= SIZE_MAX;
+}
+
+char *duplicate(const char *text, size_t length, const char *name, uint64_t line)
+{
+    char *copy = static_cast<char *>(kestal_alloc_tag(uint64_t{length} + 1u, name, line));
+    if (copy == nullptr)
+        return nullptr;
+    if (length > 0)
+        memcpy(copy, text, length);
+    copy[length] = '\0';
+    return copy;
+}
+
+} // namespace
+
+void *kestal_heap_tag(void *block, uint64_t size, const char *, uint64_t)
+{
+    if (block == nullptr) {
+        void *fresh = is_addressable(size) ? malloc(static_cast<size_t>(size)) : nullptr;
+        if (fresh != nullptr)
+            count_up();
+        return fresh;
+    }
+    if (size == 0) {
+        count_down();
+        free(block);
+        return nullptr;
+    }
+    void *resized = is_addressable(size) ? realloc(block, static_cast<size_t>(size)) : nullptr;
+    // Counts down although the old block lives on: callers rely on the count going with the returned pointer.
+    if (resized == nullptr)
+        count_down();
+    return resized;
+}
+
+void *kestal_heap_notag(void *block, uint64_t size)
+{
+    return kestal_heap_tag(block, size, "<NOTAG>", 0);
+}
+
+void *kestal_alloc_tag(uint64_t size, const char *name, uint64_t line)
+{
+    return kestal_heap_tag(nullptr, size, name, line);
+}
+
+void *kestal_realloc_tag(void *block, uint64_t size, const char *name, uint64_t line)
+{
+    return kestal_heap_tag(block, size, name, line);
+}
+
+void *kestal_calloc_tag(uint64_t count, uint64_t size, const char *name, uint64_t line)
+{
+    void *block = kestal_alloc_tag(count * size, name, line);
+    if (block != nullptr)
+        memset(block, 0, static_cast<size_t>(count * size));
+    return block;
+}
+
+void *kestal_free_tag(void *block, const char *name, uint64_t line)
+{
+    if (block != nullptr)
+        return kestal_heap_tag(block, 0, name, line);
+    if (name == nullptr)
+        name = "";
+    if (strcmp(name, "operator delete") != 0)
+        fprintf(stderr, "null pointer free ? (at \"%s\":%llu)\n", name, static_cast<unsigned long long>(line));
+    return nullptr;
+}
+
+void *kestal_check_free_tag(void *block, const char *name, uint64_t line)
+{
+    return block == nullptr ? nullptr : kestal_heap_tag(block, 0, name, line);
+}
+
+char *kestal_strdup_tag(const char *text, const char *name, uint64_t line)
+{
+    return duplicate(text, text == nullptr ? 0 : strlen(text), name, line);
+}
+
+char *kestal_strndup_tag(const char *text, uint64_t limit, const char *name, uint64_t line)
+{
+    const size_t bound = is_addressable(limit) ? static_cast<size_t>(limit) : SIZE_MAX;
+    return duplicate(text, text == nullptr ? 0 : strnlen(text, bound), name, line);
+}
+
+char *kestal_realloc_strdup_tag(char *old, const char *text, const char *name, uint64_t line)
+{
+    char *copy = kestal_strdup_tag(text, name, line);
+    kestal_check_free(old);
+    return copy;
+}
+
+char *kestal_realloc_strndup_tag(char *old, const char *text, uint64_t limit, const char *name, uint64_t line)
+{
+    char *copy = kestal_strndup_tag(text, limit, name, line);
+    kestal_check_free(old);
+    return copy;
+}
+
+int32_t kestal_get_alloc_info(uint64_t *count, uint64_t *size, uint64_t *peak)
+{
+    if (count != nullptr)
+        *count = kestal_get_alloc_count();
+    if (size != nullptr)
+        *size = 0;
+    if (peak != nullptr)
+        *peak = 0;
+    return 0;
+}
+
+uint64_t kestal_get_alloc_count(void)
+{
+    return live_blocks.load(std::memory_order_relaxed);
+}
+
+uint64_t kestal_get_alloc_size(void)
+{
+    return 0;
+}
+
+uint64_t kestal_get_alloc_peak_size(void)
+{
+    return 0;
+}
+
+int32_t kestal_get_alloc_list(uint64_t, kestal_alloc_list_callback_t, void *)
+{
+    return 0;
+}
+
+uint64_t __kestal_malloc_usable_size(void *block)
+{
+    return malloc_usable_size(block);
+}

@@ -1,0 +1,47 @@
+#include <kestal_ulx/time_stamp.h>
+
+#include <time.h>
+
+namespace {
+
+constexpr const char *styles[] = {"%a %b %e %H:%M:%S %Y", "%Y-%m-%d %H:%M:%S", "%Y%m%d%H%M%S"};
+
+timespec monotonic_now()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now;
+}
+
+} // namespace
+
+uint64_t kestal_time_stamp_msec(void)
+{
+    const timespec now = monotonic_now();
+    return static_cast<uint64_t>(now.tv_sec) * 1000u + static_cast<uint64_t>(now.tv_nsec) / 1000000u;
+}
+
+uint64_t kestal_time_stamp_nsec(void)
+{
+    const timespec now = monotonic_now();
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
+}
+
+char *kestal_asctime(char *buffer, uint64_t size, int32_t style, int64_t when)
+{
+    if (buffer == nullptr || size == 0)
+        return nullptr;
+    buffer[0] = '\0';
+    if (style < 0 || style >= static_cast<int32_t>(sizeof styles / sizeof styles[0]))
+        return nullptr;
+
+    const time_t seconds = when < 0 ? time(nullptr) : static_cast<time_t>(when);
+    tm local{};
+    if (localtime_r(&seconds, &local) == nullptr)
+        return nullptr;
+    if (strftime(buffer, static_cast<size_t>(size), styles[style], &local) == 0) {
+        buffer[0] = '\0';
+        return nullptr;
+    }
+    return buffer;
+}

@@ -1,0 +1,126 @@
+#include "support.hpp"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+namespace {
+
+std::atomic<uint64_t> allocations_until_failure{0};
+std::atomic<bool> failure_happened{false};
+
+bool must_fail()
+{
+    uint64_t left = allocations_until_failure.load(std::memory_order_relaxed);
+    while (left != 0 && !allocations_until_failure.compare_exchange_weak(left, left - 1))
+        ;
+    if (left != 1)
+        return false;
+    failure_happened = true;
+    return true;
+}
+
+std::mutex reports_mutex;
+std::vector<std::string> reports;
+
+void keep_report(const char *, const char *, uint64_t, const char *message)
+{
+    const std::lock_guard guard(reports_mutex);
+    reports.emplace_back(message);
+}
+
+} // namespace
+
+// The linker sends every allocation of the statically linked library here (--wrap).
+extern "C" {
+void *__real_malloc(size_t size);
+void *__real_realloc(void *block, size_t size);
+
+void *__wrap_malloc(size_t size)
+{
+    return must_fail() ? nullptr : __real_malloc(size);
+}
+
+void *__wrap_realloc(void *block, size_t size)
+{
+    return must_fail() ? nullptr : __real_realloc(block, size);
+}
+}
+
+namespace kestal_test {
+
+failing_allocation::failing_allocation(uint64_t nth)
+{
+    failure_happened = false;
+    allocations_until_failure = nth;
+}
+
+failing_allocation::~failing_allocation()
+{
+    allocations_until_failure = 0;
+}
+
+bool failing_allocation::happened() const
+{
+    return failure_happened;
+}
+
+uint64_t with_each_allocation_failing(const std::function<void()> &scenario, uint64_t most)
+{
+    for (uint64_t nth = 1; nth <= most; ++nth) {
+        const uint64_t before = kestal_get_alloc_count();
+        bool failed = false;
+        {
+            const failing_allocation failing(nth);
+            scenario();
+            failed = failing.happened();
+        }
+        EXPECT_EQ(kestal_get_alloc_count(), before) << "blocks left behind when allocation " << nth << " failed";
+        if (!failed)
+            return nth - 1;
+        if (testing::Test::HasFailure())
+            return nth;
+    }
+    ADD_FAILURE() << "the scenario never ran without a failing allocation";
+    return most;
+}
+
+caught_assertions::caught_assertions()
+{
+    reports.clear();
+    kestal_set_assert_handler(keep_report, &previous_);
+}
+
+caught_assertions::~caught_assertions()
+{
+    kestal_set_assert_handler(previous_, nullptr);
+}
+
+std::vector<std::string> caught_assertions::messages() const
+{
+    const std::lock_guard guard(reports_mutex);
+    return reports;
+}
+
+temporary_directory::temporary_directory()
+{
+    std::string name = (std::filesystem::temp_directory_path() / "kestal-test-XXXXXX").string();
+    if (mkdtemp(name.data()) == nullptr)
+        throw std::runtime_error("no temporary directory");
+    root_ = name;
+}
+
+temporary_directory::~temporary_directory()
+{
+    std::error_code ignored;
+    std::filesystem::remove_all(root_, ignored);
+}
+
+std::string temporary_directory::file(const std::string &name, const std::string &content) const
+{
+    std::ofstream(path(name), std::ios::binary) << content;
+    return path(name);
+}
+
+} // namespace kestal_test

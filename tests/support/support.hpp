@@ -1,0 +1,72 @@
+// What the tests share: live-block checks, allocations that fail on demand, and reports caught instead of printed.
+#pragma once
+
+#include <kestal_ulx.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace kestal_test {
+
+// A test whose live-block count must end where it began.
+class counted : public testing::Test {
+protected:
+    void SetUp() override { blocks_ = kestal_get_alloc_count(); }
+    void TearDown() override { EXPECT_EQ(kestal_get_alloc_count(), blocks_) << "live blocks left behind"; }
+
+private:
+    uint64_t blocks_ = 0;
+};
+
+// While it lives, the `nth` allocation (from 1) that the library makes on any thread fails, once.
+class failing_allocation {
+public:
+    explicit failing_allocation(uint64_t nth);
+    ~failing_allocation();
+    failing_allocation(const failing_allocation &) = delete;
+    failing_allocation &operator=(const failing_allocation &) = delete;
+
+    bool happened() const;
+};
+
+// Runs the scenario with the 1st, 2nd, 3rd ... allocation failing, until one run meets no failure. After each run the
+// live-block count must be where it was. Returns the number of failures met, so that a test can ask for at least one.
+uint64_t with_each_allocation_failing(const std::function<void()> &scenario, uint64_t most = 10000);
+
+// While it lives, assertion reports are kept here instead of being printed.
+class caught_assertions {
+public:
+    caught_assertions();
+    ~caught_assertions();
+    caught_assertions(const caught_assertions &) = delete;
+    caught_assertions &operator=(const caught_assertions &) = delete;
+
+    std::vector<std::string> messages() const;
+
+private:
+    kestal_assert_handler_t previous_ = nullptr;
+};
+
+// A directory of the test's own, removed with all in it.
+class temporary_directory {
+public:
+    temporary_directory();
+    ~temporary_directory();
+    temporary_directory(const temporary_directory &) = delete;
+    temporary_directory &operator=(const temporary_directory &) = delete;
+
+    std::string path(const std::string &name) const { return root_ + "/" + name; }
+    // Writes a file of this content and returns its path.
+    std::string file(const std::string &name, const std::string &content) const;
+
+private:
+    std::string root_;
+};
+
+} // namespace kestal_test

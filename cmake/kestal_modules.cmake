@@ -2,10 +2,10 @@
 # where no circle comes of it. Each is source/<name>.cpp, and tests/<name>_test.cpp where it has tests of its own.
 
 set(KESTAL_FLOOR_1 time_stamp assertion short_lock)
-set(KESTAL_FLOOR_2 memory format output exception destroy_stack global_break diagnostics assertion_format version)
+set(KESTAL_FLOOR_2 memory format terminal output exception destroy_stack global_break diagnostics assertion_format version)
 set(KESTAL_FLOOR_3 list hash value select fragment)
 set(KESTAL_FLOOR_4 spin_lock lock thread service signal)
-set(KESTAL_FLOOR_5 text terminal file buffer percent uri)
+set(KESTAL_FLOOR_5 text file buffer percent uri)
 set(KESTAL_FLOOR_6 md5 sha1 sha256 crc adler32 base64 cipher_mode aes des seed)
 set(KESTAL_FLOOR_9 dynamic_library instance plugin interface builtin_plugin simple_digest hash_file json_parser)
 

@@ -13,11 +13,13 @@
 /* runtime */
 #include <kestal_ulx/memory.h>
 #include <kestal_ulx/format.h>
+#include <kestal_ulx/terminal.h>
 #include <kestal_ulx/output.h>
 #include <kestal_ulx/exception.h>
 #include <kestal_ulx/destroy_stack.h>
 #include <kestal_ulx/global_break.h>
 #include <kestal_ulx/diagnostics.h>
+#include <kestal_ulx/assertion_format.h>
 #include <kestal_ulx/version.h>
 
 /* containers */
@@ -36,7 +38,6 @@
 
 /* bytes and text */
 #include <kestal_ulx/text.h>
-#include <kestal_ulx/terminal.h>
 #include <kestal_ulx/file.h>
 #include <kestal_ulx/buffer.h>
 #include <kestal_ulx/percent.h>

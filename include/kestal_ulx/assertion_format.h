@@ -1,0 +1,10 @@
+#ifndef KESTAL_ULX_ASSERTION_FORMAT_H
+#define KESTAL_ULX_ASSERTION_FORMAT_H
+
+#include <kestal_ulx/base.h>
+
+KESTAL_BEGIN_DECLS
+
+KESTAL_END_DECLS
+
+#endif

@@ -14,6 +14,9 @@ KESTAL_BEGIN_DECLS
 /** Receives one report: source file, function, line and message. The texts are valid during the call only. */
 typedef void (*kestal_assert_handler_t)(const char *file, const char *function, uint64_t line, const char *message);
 
+/** kestal_assert_fail_tag with the call site filled in. */
+#define kestal_assert_fail(message) kestal_assert_fail_tag(__FILE__, __func__, __LINE__, (message))
+
 /**
  * Reports a failed check: "kestal [ASSERT:file:function:line] <message> time" in colours, with the local time as 14
  * digits. A null file or function reads "UNKNOWN", a null message "NO_MESSAGE".

@@ -14,9 +14,11 @@ foreach(floor 1 2 3 4 5 6 9)
     list(APPEND KESTAL_MODULES ${KESTAL_FLOOR_${floor}})
 endforeach()
 
-# WORK IN PROGRESS: modules whose source does not stand yet are left out.
+# Modules whose source does not stand yet are left out.
+set(KESTAL_MISSING_MODULES)
 foreach(module ${KESTAL_MODULES})
     if(NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/source/${module}.cpp)
         list(REMOVE_ITEM KESTAL_MODULES ${module})
+        list(APPEND KESTAL_MISSING_MODULES ${module})
     endif()
 endforeach()

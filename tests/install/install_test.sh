@@ -1,0 +1,50 @@
+#!/usr/bin/env bash
+# install_test.sh SOURCE BUILD: installs BUILD into a temporary prefix, and builds and runs a C11 and a C++ program
+# against the copy: by pkg-config, against the archive, and by the CMake package. The C program is the README's first.
+# CC and CXX name the compilers.
+set -euo pipefail
+source=$1
+build=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+prefix=$work/prefix
+strict=(-Wall -Wextra -Wpedantic -Werror)
+
+check()
+{
+    [ "$1" = "$2" ] || {
+        printf 'expected: %s\n     got: %s\n' "$2" "$1" >&2
+        exit 1
+    }
+}
+
+cmake --install "$build" --prefix "$prefix" >"$work/install.log"
+library=$(dirname "$(find "$prefix" -name libkestal_ulx.a)")
+check "$(readlink "$library/libkestal_ulx.so")" libkestal_ulx.so.0
+check "$(readlink "$library/libkestal_ulx.so.0")" libkestal_ulx.so.0.0.1
+export LD_LIBRARY_PATH=$library PKG_CONFIG_PATH=$library/pkgconfig
+
+# The README's first program and, from the block after it, what it prints.
+readme_block()
+{
+    awk -v fence="\`\`\`$1" '$0 == fence { inside = 1; next } inside && /^```/ { exit } inside' "$source/README.md"
+}
+readme_block c >"$work/first.c"
+expected=$(readme_block text)
+
+read -ra flags < <(pkg-config --cflags --libs kestal_ulx)
+"$CC" -std=c11 "${strict[@]}" "$work/first.c" "${flags[@]}" -o "$work/first"
+check "$("$work/first")" "$expected"
+"$CXX" -std=c++17 "${strict[@]}" "$source/tests/install/consumer.cpp" "${flags[@]}" -o "$work/consumer"
+"$work/consumer"
+
+read -ra flags < <(pkg-config --static --cflags --libs kestal_ulx)
+"$CC" -std=c11 "${strict[@]}" "$work/first.c" -static "${flags[@]}" -o "$work/first_static"
+check "$(env -u LD_LIBRARY_PATH "$work/first_static")" "$expected"
+
+cmake -S "$source/tests/install" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DFIRST_PROGRAM="$work/first.c" >/dev/null
+cmake --build "$work/cmake" >/dev/null
+check "$("$work/cmake/first_c")" "$expected"
+check "$(env -u LD_LIBRARY_PATH "$work/cmake/first_c_static")" "$expected"
+"$work/cmake/consumer"
+echo "installed, linked and run from $prefix"

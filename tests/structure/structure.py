@@ -1,0 +1,165 @@
+#!/usr/bin/env python3
+"""Checks over the tree and the built library that no compiler makes: structure.py CHECK ARGUMENT...
+
+library SHARED_OBJECT             needs only the C runtime; its soname; every export under the one version node
+exports SHARED_OBJECT SOURCE      every exported name is declared in a public header
+declarations SHARED_OBJECT SOURCE every name that a public header declares is exported
+headers SOURCE                    every public header compiles alone as C11 and as C++
+floors SOURCE                     no module includes a higher floor, and no includes go in a circle
+words SOURCE                      no unfinished marks, and no word that leans on a text outside the tree
+
+CC and CXX name the compilers. Prints what is wrong, a line each, and exits 1 if anything is.
+"""
+import os
+import re
+import subprocess
+import sys
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+
+NODE = "KESTAL_ULX_0.0.1"
+SONAME = "libkestal_ulx.so.0"
+
+
+def output_of(*command):
+    return subprocess.run(command, check=True, capture_output=True, text=True).stdout
+
+
+def exported_names(library):
+    """The (name, version) pairs of the dynamic symbols defined, but for the version node itself."""
+    lines = output_of("nm", "-D", "--defined-only", "--with-symbol-versions", library).splitlines()
+    symbols = [line.split()[-1].split("@@") for line in lines]
+    return {(symbol[0], symbol[1] if len(symbol) == 2 else None) for symbol in symbols if symbol != [NODE]}
+
+
+def public_headers(source):
+    return [source / "include/kestal_ulx.h", *sorted((source / "include/kestal_ulx").glob("*.h"))]
+
+
+def declared_names(source):
+    """The functions and objects that the preprocessed public header marks as exported."""
+    text = output_of(os.environ["CC"], "-std=c11", "-E", "-P", "-I", str(source / "include"),
+                     str(source / "include/kestal_ulx.h"))
+    mark = r'__attribute__\(\(visibility\("default"\)\)\)'
+    return {re.search(r"(\w+)\s*(?:\(|\[|;|$)", re.sub(r"__attribute__\s*\(\(.*?\)\)", "", declaration)).group(1)
+            for declaration in re.findall(mark + r"([^;]*)", text)}
+
+
+def check_library(library):
+    dynamic = output_of("readelf", "-dW", library)
+    needed = re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic)
+    for name in needed:
+        if name != "libc.so.6" and not name.startswith("ld-linux"):
+            yield f"needs {name}"
+    if f"[{SONAME}]" not in dynamic:
+        yield f"soname is not {SONAME}"
+    for name, version in sorted(exported_names(library), key=str):
+        if version != NODE:
+            yield f"{name} is exported under {version}, not {NODE}"
+
+
+def check_exports(library, source):
+    for name in sorted({name for name, _ in exported_names(library)} - declared_names(source)):
+        yield f"{name} is exported but stands in no public header"
+
+
+def check_declarations(library, source):
+    for name in sorted(declared_names(source) - {name for name, _ in exported_names(library)}):
+        yield f"{name} is declared but not exported"
+
+
+def check_headers(source):
+    strict = ["-Wall", "-Wextra", "-Wpedantic", "-Werror", "-fsyntax-only", "-I", str(source / "include")]
+    dialects = [(os.environ["CC"], "c11", "c"), (os.environ["CXX"], "c++11", "c++"), (os.environ["CXX"], "c++20", "c++")]
+
+    def compile_alone(job):
+        header, (compiler, standard, language) = job
+        name = header.relative_to(source / "include")
+        result = subprocess.run([compiler, f"-std={standard}", *strict, "-x", language, "-"], capture_output=True,
+                                text=True, input=f"#include <{name}>\n#include <{name}>\n", check=False)
+        return f"{name} as {standard}:\n{result.stderr}" if result.returncode != 0 else None
+
+    jobs = [(header, dialect) for header in public_headers(source) for dialect in dialects]
+    with ThreadPoolExecutor(len(os.sched_getaffinity(0))) as pool:
+        yield from filter(None, pool.map(compile_alone, jobs))
+
+
+def floors_of_modules(source):
+    text = (source / "cmake/kestal_modules.cmake").read_text()
+    return {module: int(floor) for floor, modules in re.findall(r"set\(KESTAL_FLOOR_(\d+) ([^)]*)\)", text)
+            for module in modules.split()}
+
+
+def includes_between_rooms(source):
+    """Room -> rooms it includes. A module's header, source and inner header are one room; others are their own."""
+    graph = {}
+    files = [*public_headers(source)[1:], *(source / "source").glob("*.cpp"), *(source / "source").glob("*.hpp")]
+    for file in files:
+        included = re.findall(r'^\s*#\s*include\s+(?:<kestal_ulx/(\w+)\.h>|"(\w+)\.hpp")', file.read_text(), re.MULTILINE)
+        graph.setdefault(file.stem, set()).update({a or b for a, b in included} - {file.stem})
+    return graph
+
+
+def find_circle(graph):
+    """One circle of includes as the list of its rooms, or None."""
+    done, path = set(), []
+
+    def visit(room):
+        if room in path:
+            return [*path[path.index(room):], room]
+        if room in done:
+            return None
+        path.append(room)
+        for other in sorted(graph.get(room, ())):
+            if circle := visit(other):
+                return circle
+        done.add(path.pop())
+        return None
+
+    return next(filter(None, map(visit, sorted(graph))), None)
+
+
+def check_floors(source):
+    graph = includes_between_rooms(source)
+    if circle := find_circle(graph):
+        yield "circle: " + " -> ".join(circle)
+        return
+    listed = floors_of_modules(source)
+
+    def floor_of(room):
+        """A room that is no module (base.h, an inner header) stands as high as the highest that it includes."""
+        return listed[room] if room in listed else max(map(floor_of, graph.get(room, ())), default=0)
+
+    for file in (source / "source").glob("*.cpp"):
+        if file.stem not in listed:
+            yield f"{file.name} stands on no floor of cmake/kestal_modules.cmake"
+    for room in sorted(listed.keys() & graph.keys()):
+        for other in sorted(graph[room]):
+            if floor_of(other) > listed[room]:
+                yield f"{room} (floor {listed[room]}) includes {other} (floor {floor_of(other)})"
+
+
+def check_words(source):
+    marks = r"\b(TODO|FIXME|XXX|HACK)\b|[Nn]ot (yet )?implemented|WORK IN PROGRESS"
+    leaning = r"\b[Pp]art \d+\.\d|\b(as|per|see|the|our) spec(ified|ification)?\b|\bissue #?\d"
+    unwanted = re.compile(f"{marks}|{leaning}")
+    folders = [".ci", "benchmarks", "cmake", "docs", "examples", "fuzz", "include", "packaging", "script", "source", "tests",
+               "tools"]
+    files = [file for folder in folders for file in (source / folder).rglob("*")] + list(source.glob("*.*"))
+    for file in sorted(files):
+        if not file.is_file() or "corpus" in file.parts or file.resolve() == Path(__file__).resolve():
+            continue
+        for number, line in enumerate(file.read_bytes().decode("utf-8", "replace").splitlines(), 1):
+            if found := unwanted.search(line):
+                yield f"{file.relative_to(source)}:{number}: {found.group(0)}"
+
+
+def main():
+    check, *arguments = sys.argv[1:]
+    problems = list(globals()[f"check_{check}"](*[Path(argument) for argument in arguments]))
+    for problem in problems:
+        print(problem)
+    sys.exit(1 if problems else 0)
+
+
+main()

@@ -3,8 +3,7 @@
 
 #include <cstdint>
 
-namespace kestal
-{
+namespace kestal {
 
 // Returns the number of threads and stores how many work, how many are idle, and the most there have been.
 using thread_counters = uint64_t (*)(uint64_t *active, uint64_t *ready, uint64_t *max);

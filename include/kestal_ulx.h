@@ -63,6 +63,7 @@
 #include <kestal_ulx/interface.h>
 #include <kestal_ulx/json_parser.h>
 #include <kestal_ulx/plugin.h>
+#include <kestal_ulx/plugin_interface.h>
 #include <kestal_ulx/simple_digest.h>
 
 #endif

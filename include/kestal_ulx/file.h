@@ -30,18 +30,20 @@ KESTAL_BEGIN_DECLS
 #define KESTAL_FILE_NONBLOCK 0x0040u
 /** File kind: an image, byte for byte ("b"). Files are always read and written so; transports that tell kinds apart ask. */
 #define KESTAL_FILE_IMAGE 0x0100u
+/** File kind: named as text ("t"). */
+#define KESTAL_FILE_TEXT 0x0200u
 
 /** The permissions of a new file when nothing else is said, less the process's mask: read and write for everybody. */
 #define KESTAL_FILE_PERMISSION 0666u
 
 /**
  * Reads a mode as fopen takes it: "r" (read), "w" (write, create, truncate) or "a" (write, create, append), followed in
- * any order by "+" (read and write), "b" (image), "t" (text: no image, the default), "x" (exclusive), "n" (non-blocking)
+ * any order by "+" (read and write), "b" (image), "t" (text), "x" (exclusive), "n" (non-blocking)
  * and "e" (close on exec: always so). Octal digits at the end are the permissions of a new file: "wb0644" (default
  * KESTAL_FILE_PERMISSION). Letter case matters.
  *
  * Stores the KESTAL_FILE flags and the permissions; either pointer may be null. Returns 0; -1 for a null or malformed
- * mode (a letter twice, "b" with "t", permissions above 07777), and then nothing is stored.
+ * mode (a letter twice, "b" with "t", permissions above 07777), and then nothing is stored and errno is EINVAL.
  */
 KESTAL_API int32_t kestal_parse_file_mode(const char *mode, uint32_t *flags, uint32_t *permission);
 

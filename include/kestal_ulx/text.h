@@ -34,12 +34,12 @@ typedef struct kestal_word {
 } kestal_word_t;
 
 /**
- * The next word of a text. `cursor` points at the caller's place in the text and is moved behind the word, or to null
- * when nothing is left to be asked for. Any character of `separators` (null: white space) parts two words; with flags
- * 0 words are never empty.
+ * The next word of a text. Any character of `separators` (null: white space) parts two words. `cursor` points at the
+ * caller's place in the text and moves to the end of the word. With KESTAL_WORD_EMPTY it moves over the separator there,
+ * and becomes null behind the last word; without it, separators are skipped before each word.
  *
  * Returns the word's first byte inside the text and its length in bytes in `length`; quotes and "\" stand in it as
- * they were written. Null, and length 0, when there is no further word or `cursor`, the place in it or `length` is
+ * they were written. Null, and length 0, when there is no further word; also when a pointer other than `separators` is
  * null. A quote that is never closed reaches to the end of the text.
  */
 KESTAL_API const char *kestal_get_word(const char **cursor, const char *separators, uint32_t flags, uint64_t *length);
@@ -76,14 +76,13 @@ KESTAL_API char *kestal_trim_string(char *text);
 KESTAL_API int32_t kestal_compare_ignore_case(const char *left, const char *right);
 
 /**
- * Whether a wildcard pattern matches the whole text: "*" stands for any run of characters, also an empty one, "?" for
- * exactly one byte, and "\" takes the next character as it is. Letter case does not matter. Null counts as
- * empty. Returns 1 or 0.
+ * Whether a wildcard pattern matches the whole text: "*" stands for any run of bytes, also an empty one, "?" for exactly
+ * one byte, and "\" takes the next byte as it is. Letter case does not matter; null counts as empty. Returns 1 or 0.
  */
 KESTAL_API int32_t kestal_match_wildcard(const char *pattern, const char *text);
 
 /**
- * As kestal_match_wildcard; with `match_case` other than 0 letter case matters.
+ * kestal_match_wildcard, in which letter case matters when `match_case` is other than 0.
  */
 KESTAL_API int32_t kestal_match_wildcard_ex(const char *pattern, const char *text, uint32_t match_case);
 

@@ -1,0 +1,160 @@
+#include "support.hpp"
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <thread>
+#include <unistd.h>
+
+using kestal_test::temporary_directory;
+
+namespace
+{
+
+TEST(file, modes_are_read_as_fopen_reads_them)
+{
+    constexpr uint32_t r = KESTAL_FILE_READ, w = KESTAL_FILE_WRITE, c = KESTAL_FILE_CREATE, t = KESTAL_FILE_TRUNCATE,
+                       a = KESTAL_FILE_APPEND, x = KESTAL_FILE_EXCLUSIVE, n = KESTAL_FILE_NONBLOCK,
+                       image = KESTAL_FILE_IMAGE, as_text = KESTAL_FILE_TEXT;
+    const struct {
+        const char *mode;
+        uint32_t flags, permission;
+    } good[] = {
+        {"r", r, 0666},
+        {"rb", r | image, 0666},
+        {"r+", r | w, 0666},
+        {"rb+e", r | w | image, 0666},
+        {"w", w | c | t, 0666},
+        {"w+b", r | w | c | t | image, 0666},
+        {"wx0600", w | c | t | x, 0600},
+        {"a", w | c | a, 0666},
+        {"a+t", r | w | c | a | as_text, 0666},
+        {"rn", r | n, 0666},
+        {"w0", w | c | t, 0},
+        {"wb7777", w | c | t | image, 07777},
+    };
+    for (const auto &item : good) {
+        uint32_t flags = 0, permission = 1;
+        EXPECT_EQ(kestal_parse_file_mode(item.mode, &flags, &permission), 0) << item.mode;
+        EXPECT_EQ(flags, item.flags) << item.mode;
+        EXPECT_EQ(permission, item.permission) << item.mode;
+        EXPECT_EQ(kestal_parse_file_mode(item.mode, nullptr, nullptr), 0);
+    }
+    uint32_t flags = 77, permission = 77;
+    for (const char *mode : {static_cast<const char *>(nullptr), "", "b", "R", "rr", "rbb", "rbt", "r++", "w10000",
+                             "w8", "w06b", "r ", "w99999999999"})
+        EXPECT_EQ(kestal_parse_file_mode(mode, &flags, &permission), -1) << (mode == nullptr ? "<null>" : mode);
+    EXPECT_EQ(flags, 77u);
+    EXPECT_EQ(permission, 77u);
+}
+
+// Opens by a mode text; -1 when either step fails.
+int open_as(const std::string &path, const char *mode)
+{
+    uint32_t flags = 0, permission = 0;
+    return kestal_parse_file_mode(mode, &flags, &permission) != 0 ? -1
+                                                                  : kestal_open_file(path.c_str(), flags, permission);
+}
+
+TEST(file, writes_appends_and_reads)
+{
+    const temporary_directory directory;
+    const std::string path = directory.path("file");
+    EXPECT_EQ(open_as(path, "r"), -1);
+    EXPECT_EQ(errno, ENOENT);
+
+    int descriptor = open_as(path, "wx0640");
+    ASSERT_GE(descriptor, 0);
+    EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
+    struct stat status;
+    ASSERT_EQ(fstat(descriptor, &status), 0);
+    EXPECT_EQ(status.st_mode & 0640u, status.st_mode & 0777u);
+    EXPECT_EQ(kestal_write_file_all(descriptor, "0123456789", 10, 1000), 0);
+    EXPECT_EQ(kestal_close_file(descriptor), 0);
+    EXPECT_EQ(kestal_close_file(descriptor), -1);
+    EXPECT_EQ(open_as(path, "wx"), -1);
+    EXPECT_EQ(errno, EEXIST);
+
+    descriptor = open_as(path, "a+");
+    EXPECT_EQ(kestal_seek_file(descriptor, 0, SEEK_SET), 0);
+    EXPECT_EQ(kestal_write_file(descriptor, "ab", 2, -1), 2);
+    EXPECT_EQ(kestal_get_file_size(descriptor), 12);
+    EXPECT_EQ(kestal_seek_file(descriptor, -4, SEEK_END), 8);
+    char data[16] = {};
+    EXPECT_EQ(kestal_read_file(descriptor, data, sizeof data, 0), 4);
+    EXPECT_STREQ(data, "89ab");
+    EXPECT_EQ(kestal_read_file(descriptor, data, sizeof data, 0), 0);
+    EXPECT_EQ(kestal_read_file_all(descriptor, data, sizeof data, -1), 0);
+    kestal_close_file(descriptor);
+
+    descriptor = open_as(path, "w");
+    EXPECT_EQ(kestal_get_file_size(descriptor), 0);
+    EXPECT_EQ(kestal_read_file(descriptor, data, 1, -1), -1);
+    EXPECT_EQ(kestal_read_file_all(descriptor, data, 1, -1), -1);
+    kestal_close_file(descriptor);
+    EXPECT_EQ(kestal_open_file(nullptr, KESTAL_FILE_READ, 0), -1);
+    EXPECT_EQ(kestal_open_file(path.c_str(), KESTAL_FILE_CREATE, 0), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(kestal_get_file_size(-1), -1);
+}
+
+TEST(file, waits_for_a_pipe_as_long_as_told)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    char data[8];
+    EXPECT_EQ(kestal_read_file(ends[0], data, sizeof data, 0), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_EQ(kestal_read_file(ends[0], data, sizeof data, 20), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_EQ(kestal_get_file_size(ends[0]), -1);
+
+    // A blocking pipe that nobody reads: the time-out holds for a write longer than its room.
+    const std::string much(1u << 20, 'x');
+    EXPECT_EQ(kestal_write_file_all(ends[1], much.data(), much.size(), 20), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+
+    // Pieces that come one by one, to a reader that must not wait in read itself.
+    ASSERT_EQ(fcntl(ends[0], F_SETFL, O_NONBLOCK), 0);
+    while (read(ends[0], data, sizeof data) > 0)
+        ;
+    std::thread writer([&] {
+        EXPECT_EQ(kestal_write_file_all(ends[1], much.data(), much.size(), -1), 0);
+        close(ends[1]);
+    });
+    std::string copy(much.size() + 1, '\0');
+    errno = 1;
+    EXPECT_EQ(kestal_read_file_all(ends[0], copy.data(), copy.size(), -1), static_cast<int64_t>(much.size()));
+    EXPECT_EQ(errno, 0);
+    writer.join();
+    EXPECT_EQ(copy.substr(0, much.size()), much);
+    close(ends[0]);
+}
+
+TEST(file, signals_do_not_end_a_wait)
+{
+    struct sigaction action {
+    }, previous;
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &previous), 0);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const pthread_t reader = pthread_self();
+    std::thread helper([&] {
+        for (int i = 0; i < 20; ++i) {
+            pthread_kill(reader, SIGUSR1);
+            usleep(1000);
+        }
+        EXPECT_EQ(write(ends[1], "x", 1), 1);
+        close(ends[1]);
+    });
+    char data = '\0';
+    EXPECT_EQ(kestal_read_file(ends[0], &data, 1, 10000), 1);
+    EXPECT_EQ(kestal_read_file(ends[0], &data, 1, -1), 0);
+    helper.join();
+    close(ends[0]);
+    sigaction(SIGUSR1, &previous, nullptr);
+}
+
+} // namespace

@@ -5,7 +5,8 @@ library SHARED_OBJECT             needs only the C runtime; its soname; every ex
 exports SHARED_OBJECT SOURCE      every exported name is declared in a public header
 declarations SHARED_OBJECT SOURCE every name that a public header declares is exported
 headers SOURCE                    every public header compiles alone as C11 and as C++
-floors SOURCE                     no module includes a higher floor, and no includes go in a circle
+floors SOURCE                     no module includes a higher floor, no includes go in a circle, and
+                                  ARCHITECTURE.md has a line for every module
 words SOURCE                      no unfinished marks, and no word that leans on a text outside the tree
 
 CC and CXX name the compilers. Prints what is wrong, a line each, and exits 1 if anything is.
@@ -133,6 +134,10 @@ def check_floors(source):
     for file in (source / "source").glob("*.cpp"):
         if file.stem not in listed:
             yield f"{file.name} stands on no floor of cmake/kestal_modules.cmake"
+    described = set(re.findall(r"`(\w+)`", "".join(
+        line for line in (source / "ARCHITECTURE.md").read_text().splitlines() if line.startswith("|"))))
+    for module in sorted(listed.keys() - described):
+        yield f"{module} has no line in ARCHITECTURE.md"
     for room in sorted(listed.keys() & graph.keys()):
         for other in sorted(graph[room]):
             if floor_of(other) > listed[room]:

@@ -11,8 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace
-{
+namespace {
 
 constexpr uint32_t largest_permission = 07777u;
 
@@ -70,8 +69,7 @@ int system_flags(uint32_t flags)
 }
 
 // The end of a wait in milliseconds, which signals and spurious wake-ups do not move.
-class deadline
-{
+class deadline {
 public:
     explicit deadline(int32_t timeout) : timeout_(timeout), start_(kestal_time_stamp_msec()) {}
 

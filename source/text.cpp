@@ -6,8 +6,7 @@
 #include <string_view>
 #include <utility>
 
-namespace
-{
+namespace {
 
 constexpr char white_space[] = " \t\n\v\f\r";
 
@@ -31,13 +30,11 @@ bool is_quote(char character)
 enum class role { plain, kept, mark };
 
 // Follows a word, byte by byte, under its flags.
-class word_reader
-{
+class word_reader {
 public:
     explicit word_reader(uint32_t flags)
         : quotes_((flags & KESTAL_WORD_QUOTES) != 0), escapes_((flags & KESTAL_WORD_ESCAPES) != 0)
-    {
-    }
+    {}
 
     role next(const char *at)
     {

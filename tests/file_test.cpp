@@ -9,8 +9,7 @@
 
 using kestal_test::temporary_directory;
 
-namespace
-{
+namespace {
 
 TEST(file, modes_are_read_as_fopen_reads_them)
 {

@@ -5,12 +5,9 @@
 using kestal_test::counted;
 using kestal_test::with_each_allocation_failing;
 
-namespace
-{
+namespace {
 
-class text : public counted
-{
-};
+class text : public counted {};
 
 std::string owned(char *text)
 {

@@ -1,9 +1,57 @@
+/**
+ * @file
+ * The plugin that is built into the library and that every context keeps loaded: it serves files, pipes and open
+ * descriptors as streams, and the plain types "application/ulx_base" and "application/ulx_multicall".
+ *
+ * Applications reach it through stream contexts and need none of this; the two entry points are what the plugin loader
+ * calls. What it understands:
+ *
+ *  - the types "application/ulx_base", "application/ulx_multicall", "application/ulx_multicall_builtin" (no state),
+ *    "application/ulx_stream" (the source's scheme picks the kind), "application/ulx_stream_file" and
+ *    "application/ulx_stream_pipe", compared with case;
+ *  - the options "src" or "source" (the location), "fd" (an open descriptor in decimal, used instead of a source and
+ *    not closed), "mode" (as of fopen; "rb" when there is none) and "debug" or "verbose" (a number; 1 without a value).
+ *    Names compare without case, and of several options of one meaning the last counts;
+ *  - the sources "NAME" (the whole text is the file's name, as it stands), "file://PATH" (percent-decoded), and "pipe://"
+ *    (standard input for a mode that only reads, standard output for one that only writes, standard error for both).
+ *
+ * Any other type or scheme is refused with last error 3, so that another plugin may serve it; a file that cannot be
+ * opened is refused with 1 and leaves errno as the system set it, as every failing operation does. A hang-up counts as
+ * readable. Only files can be sought and tell their size (KESTAL_CTX_CONTROL_GET_SIZE). main returns 1.
+ */
 #ifndef KESTAL_ULX_BUILTIN_PLUGIN_H
 #define KESTAL_ULX_BUILTIN_PLUGIN_H
 
 #include <kestal_ulx/base.h>
+#include <kestal_ulx/plugin.h>
 
 KESTAL_BEGIN_DECLS
+
+/* What a context's m_kind tells while the built-in plugin serves it. */
+#define KESTAL_CTX_KIND_BASE 0
+#define KESTAL_CTX_KIND_MULTICALL 1
+#define KESTAL_CTX_KIND_STREAM 100 /**< before the source's scheme has picked one of the next */
+#define KESTAL_CTX_KIND_STREAM_FILE 101
+#define KESTAL_CTX_KIND_STREAM_TFTP 102
+#define KESTAL_CTX_KIND_STREAM_FTP 103
+#define KESTAL_CTX_KIND_STREAM_PIPE 104
+#define KESTAL_CTX_KIND_STREAM_UDP 105
+#define KESTAL_CTX_KIND_STREAM_TCP 106
+#define KESTAL_CTX_KIND_FB 200
+#define KESTAL_CTX_KIND_LINUXFB 201
+#define KESTAL_CTX_KIND_WINDOWS_DIB 202
+
+/**
+ * The entry point that the loader calls for the built-in plugin. The first call also loads the plugin library
+ * "kestal_plugin_curl.so" where there is one; its absence is no error and not reported. Calls are counted. Returns 0,
+ * or -1 when `interface` or `interface_size` is null; `mime_type_hint` may be.
+ */
+KESTAL_API int32_t kestal_plugin_initialize_builtin_plugin(const char **mime_type_hint,
+                                                           const kestal_ctx0_v0_interface_t **interface,
+                                                           uint64_t *interface_size);
+
+/** Undoes one initialisation; the last unloads what the first loaded. Returns 0. */
+KESTAL_API int32_t kestal_plugin_uninitialize_builtin_plugin(void);
 
 KESTAL_END_DECLS
 

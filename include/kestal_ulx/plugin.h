@@ -46,9 +46,9 @@ typedef struct kestal_plugin {
     uint64_t m_interface_size;
     const kestal_ctx0_v0_interface_t *m_interface;
     /* Private: how many of the list and of the threads in a load hold the record, the last of which releases it; and
-     * the thread that initialises. */
+     * the thread that runs initialize or uninitialize. */
     uint64_t m_holders;
-    uint64_t m_initializer;
+    uint64_t m_entry_thread;
 } kestal_plugin_t;
 
 /** The registry: loaded plugins, the newest first. Whoever holds both locks takes this one before a plugin's. */

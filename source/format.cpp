@@ -7,8 +7,7 @@
 #include <bit>
 #include <string.h>
 
-namespace
-{
+namespace {
 
 constexpr size_t longest_number = 22;      // digits of 64 bits, octal
 constexpr size_t longest_double = 309;     // digits of the largest double
@@ -37,13 +36,11 @@ constexpr auto powers_of_ten = [] {
 }();
 
 // Where the text goes: stores what fits before the NUL, and counts what does not.
-class writer
-{
+class writer {
 public:
     writer(char *buffer, uint64_t size)
         : start_(size == 0 ? nullptr : buffer), next_(start_), end_(start_ == nullptr ? nullptr : start_ + room(size))
-    {
-    }
+    {}
 
     void put(char character)
     {
@@ -104,8 +101,7 @@ private:
 };
 
 // One argument list, copied so that the caller's stays where it is.
-class arguments
-{
+class arguments {
 public:
     explicit arguments(va_list list) { va_copy(list_, list); }
     ~arguments() { va_end(list_); }
@@ -280,8 +276,7 @@ void put_text(writer &out, const field &how, const char *text)
 }
 
 // The decimal digits of a double that is a whole number, zero or above.
-class whole_digits
-{
+class whole_digits {
 public:
     explicit whole_digits(double whole)
     {

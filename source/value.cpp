@@ -1,0 +1,466 @@
+#include <kestal_ulx/value.h>
+
+#include <kestal_ulx/format.h>
+#include <kestal_ulx/memory.h>
+
+#include "list.hpp"
+
+#include <algorithm>
+#include <string.h>
+#include <string_view>
+
+namespace {
+
+// A name without a text is null: the name of an unnamed entry.
+std::string_view name_of(const char *name)
+{
+    return name == nullptr ? std::string_view() : std::string_view(name);
+}
+
+// What a search looks for: nodes that agree in each part that is set.
+struct wanted {
+    bool by_name = false;
+    bool exact = false;
+    std::string_view name{};
+    bool by_alternatives = false;
+    const char *alternatives = nullptr;
+    bool by_data = false;
+    const void *data = nullptr;
+    uint64_t size = 0;
+};
+
+wanted wanted_name(uint32_t exact, const char *name)
+{
+    return {.by_name = true, .exact = exact != 0, .name = name_of(name)};
+}
+
+wanted wanted_alternatives(uint32_t exact, const char *names)
+{
+    return {.exact = exact != 0, .by_alternatives = true, .alternatives = names};
+}
+
+wanted with_data(wanted what, const void *data, uint64_t size)
+{
+    what.by_data = true;
+    what.data = data;
+    what.size = size;
+    return what;
+}
+
+wanted wanted_string(const char *string)
+{
+    return with_data({}, string, name_of(string).size());
+}
+
+char lower_case(char letter)
+{
+    return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + ('a' - 'A')) : letter;
+}
+
+bool is_name(const char *have, std::string_view name, bool exact)
+{
+    if (have == nullptr || name.data() == nullptr)
+        return have == name.data();
+    if (exact)
+        return strncmp(have, name.data(), name.size()) == 0 && have[name.size()] == '\0';
+    for (const char letter : name)
+        if (lower_case(*have++) != lower_case(letter))
+            return false;
+    return *have == '\0';
+}
+
+// Calls visit(name) for each alternative until it gives true; whether it did.
+template <typename Visit>
+bool any_alternative(const char *names, Visit visit)
+{
+    while (names != nullptr && *names != '\0') {
+        const size_t length = strcspn(names, "|");
+        if (length > 0 && visit(std::string_view(names, length)))
+            return true;
+        names += length + (names[length] == '|' ? 1 : 0);
+    }
+    return false;
+}
+
+bool matches(const kestal_value_node_t &node, const wanted &what)
+{
+    if (what.by_name && !is_name(node.m_name, what.name, what.exact))
+        return false;
+    if (what.by_alternatives && !any_alternative(what.alternatives, [&](std::string_view name) {
+            return is_name(node.m_name, name, what.exact);
+        }))
+        return false;
+    return !what.by_data || kestal_compare_data(node.m_data, node.m_size, what.data, what.size) == 0;
+}
+
+kestal_value_node_t *search(const kestal_value_node_t *start, const wanted &what)
+{
+    const kestal_value_node_t *node = start;
+    while (node != nullptr && !matches(*node, what))
+        node = node->m_next;
+    return const_cast<kestal_value_node_t *>(node);
+}
+
+bool is_valid(const kestal_value_t *list)
+{
+    return list != nullptr && (list->m_flags & KESTAL_VALUE_VALID) != 0;
+}
+
+kestal_value_node_t *search_list(const kestal_value_t *list, const wanted &what)
+{
+    return is_valid(list) ? search(list->m_head, what) : nullptr;
+}
+
+kestal::doubly_linked_list nodes_of(kestal_value_t &list)
+{
+    return {&list.m_head, &list.m_tail, KESTAL_LINKS(kestal_value_node_t, m_previous, m_next)};
+}
+
+// Nodes that a call takes off a list, released when it ends: what the call was given may lie inside them.
+class discarded_nodes {
+public:
+    discarded_nodes() = default;
+    ~discarded_nodes() { kestal_free_value_node(nodes_.m_head); }
+    discarded_nodes(const discarded_nodes &) = delete;
+    discarded_nodes &operator=(const discarded_nodes &) = delete;
+
+    void add(kestal_value_node_t *node) { nodes_of(nodes_).append(node); }
+
+private:
+    kestal_value_t nodes_{};
+};
+
+int32_t remove_all(kestal_value_t *list, const wanted &what)
+{
+    if (!is_valid(list))
+        return -1;
+    discarded_nodes discarded;
+    for (kestal_value_node_t *node = search(list->m_head, what), *next; node != nullptr; node = next) {
+        next = search(node->m_next, what);
+        nodes_of(*list).remove(node);
+        discarded.add(node);
+        list->m_flags |= KESTAL_VALUE_MODIFIED;
+    }
+    return 0;
+}
+
+void store(void *block, const void *data, uint64_t size)
+{
+    if (data != nullptr)
+        memmove(block, data, static_cast<size_t>(size));
+    else
+        memset(block, 0, static_cast<size_t>(size));
+}
+
+// A block of the bytes and one zero byte more, so that a text without its terminator can be read as a string, also
+// when it overwrites one that had it.
+void *copy_data(const void *data, uint64_t size)
+{
+    if (size == UINT64_MAX)
+        return nullptr;
+    char *block = static_cast<char *>(kestal_alloc_tag(size + 1, "kestal_new_value_node", __LINE__));
+    if (block == nullptr)
+        return nullptr;
+    store(block, data, size);
+    block[size] = '\0';
+    return block;
+}
+
+kestal_value_node_t *new_node(std::string_view name, const void *data, uint64_t size)
+{
+    const uint64_t name_size = name.data() == nullptr ? 0 : name.size() + 1;
+    kestal_value_node_t *node = static_cast<kestal_value_node_t *>(
+        kestal_calloc_tag(1, sizeof(kestal_value_node_t) + name_size, "kestal_new_value_node", __LINE__));
+    if (node == nullptr)
+        return nullptr;
+    if (name_size > 0) {
+        node->m_name = reinterpret_cast<char *>(node + 1);
+        memcpy(node->m_name, name.data(), name.size());
+    }
+    node->m_size = size;
+    node->m_data = size == 0 ? nullptr : copy_data(data, size);
+    return size == 0 || node->m_data != nullptr ? node : kestal_free_value_node(node);
+}
+
+int32_t overwrite(kestal_value_t &list, kestal_value_node_t &node, const void *data)
+{
+    if (kestal_compare_data(node.m_data, node.m_size, data, node.m_size) == 0)
+        return 0;
+    store(node.m_data, data, node.m_size);
+    list.m_flags |= KESTAL_VALUE_MODIFIED;
+    return 0;
+}
+
+int32_t set(kestal_value_t &list, uint32_t mode, bool exact, std::string_view name, const void *data, uint64_t size,
+            discarded_nodes &discarded)
+{
+    const wanted by_name{.by_name = true, .exact = exact, .name = name};
+    kestal_value_node_t *old_node = nullptr;
+    switch (mode & 3) {
+    case KESTAL_VALUE_REPLACE_BY_NAME:
+        old_node = search(list.m_head, by_name);
+        if (old_node != nullptr && old_node->m_size == size)
+            return overwrite(list, *old_node, data);
+        break;
+    case KESTAL_VALUE_REPLACE_BY_DATA:
+        old_node = search(list.m_head, with_data({}, data, size));
+        break;
+    case KESTAL_VALUE_ADD_IF_ABSENT:
+        if (search(list.m_head, with_data(by_name, data, size)) != nullptr)
+            return 0;
+        break;
+    }
+    kestal_value_node_t *node = new_node(name, data, size);
+    if (node == nullptr)
+        return -1;
+    if (old_node == nullptr) {
+        nodes_of(list).append(node);
+    } else {
+        nodes_of(list).replace(old_node, node);
+        discarded.add(old_node);
+    }
+    list.m_flags |= KESTAL_VALUE_MODIFIED;
+    return 0;
+}
+
+uint64_t string_size(const char *string)
+{
+    return string == nullptr ? 0 : strlen(string) + 1;
+}
+
+// A 32-bit integer as text.
+struct integer_text {
+    explicit integer_text(int32_t integer) { kestal_snprintf(text, sizeof text, "%d", integer); }
+    char text[sizeof "-2147483648"];
+};
+
+} // namespace
+
+kestal_value_t *kestal_init_value(kestal_value_t *list)
+{
+    if (list != nullptr)
+        *list = {.m_flags = KESTAL_VALUE_VALID | KESTAL_VALUE_MODIFIED, .m_head = nullptr, .m_tail = nullptr};
+    return list;
+}
+
+kestal_value_t *kestal_new_value(void)
+{
+    kestal_value_t *list = kestal_init_value(static_cast<kestal_value_t *>(kestal_alloc(sizeof(kestal_value_t))));
+    if (list != nullptr)
+        list->m_flags |= KESTAL_VALUE_ALLOCATED;
+    return list;
+}
+
+int32_t kestal_destroy_value(kestal_value_t *list)
+{
+    if (kestal_reset_value(list) != 0)
+        return -1;
+    list->m_flags &= ~KESTAL_VALUE_VALID;
+    if ((list->m_flags & KESTAL_VALUE_ALLOCATED) != 0)
+        kestal_free(list);
+    return 0;
+}
+
+int32_t kestal_free_value(kestal_value_t *list)
+{
+    return kestal_destroy_value(list);
+}
+
+int32_t kestal_reset_value(kestal_value_t *list)
+{
+    if (!is_valid(list))
+        return -1;
+    kestal_free_value_node(list->m_head);
+    list->m_head = nullptr;
+    list->m_tail = nullptr;
+    return 0;
+}
+
+int32_t kestal_set_value(kestal_value_t *list, uint32_t mode, uint32_t exact, const char *name, const void *data,
+                         uint64_t size)
+{
+    if (!is_valid(list))
+        return -1;
+    discarded_nodes discarded;
+    return set(*list, mode, exact != 0, name_of(name), data, size, discarded);
+}
+
+int32_t kestal_set_value_string(kestal_value_t *list, uint32_t mode, uint32_t exact, const char *name,
+                                const char *string)
+{
+    return kestal_set_value(list, mode, exact, name, string, string_size(string));
+}
+
+int32_t kestal_set_value_int_string(kestal_value_t *list, uint32_t mode, uint32_t exact, const char *name,
+                                    int32_t integer)
+{
+    return kestal_set_value_string(list, mode, exact, name, integer_text(integer).text);
+}
+
+int32_t kestal_multiple_set_value(kestal_value_t *list, uint32_t mode, uint32_t exact, const char *names,
+                                  const void *data, uint64_t size)
+{
+    if (!is_valid(list) || names == nullptr)
+        return -1;
+    discarded_nodes discarded;
+    int32_t result = 0;
+    any_alternative(names, [&](std::string_view name) {
+        if (set(*list, mode, exact != 0, name, data, size, discarded) != 0)
+            result = -1;
+        return false;
+    });
+    return result;
+}
+
+int32_t kestal_multiple_set_value_string(kestal_value_t *list, uint32_t mode, uint32_t exact, const char *names,
+                                         const char *string)
+{
+    return kestal_multiple_set_value(list, mode, exact, names, string, string_size(string));
+}
+
+int32_t kestal_multiple_set_value_int_string(kestal_value_t *list, uint32_t mode, uint32_t exact, const char *names,
+                                             int32_t integer)
+{
+    return kestal_multiple_set_value_string(list, mode, exact, names, integer_text(integer).text);
+}
+
+kestal_value_node_t *kestal_get_value_node_by_name(const kestal_value_t *list, uint32_t exact, const char *name)
+{
+    return search_list(list, wanted_name(exact, name));
+}
+
+kestal_value_node_t *kestal_get_value_node_by_data(const kestal_value_t *list, const void *data, uint64_t size)
+{
+    return search_list(list, with_data({}, data, size));
+}
+
+kestal_value_node_t *kestal_get_value_node_by_string(const kestal_value_t *list, const char *string)
+{
+    return search_list(list, wanted_string(string));
+}
+
+kestal_value_node_t *kestal_get_value_node(const kestal_value_t *list, uint32_t exact, const char *name,
+                                           const void *data, uint64_t size)
+{
+    return search_list(list, with_data(wanted_name(exact, name), data, size));
+}
+
+void *kestal_get_value_by_name(const kestal_value_t *list, uint32_t exact, const char *name, uint64_t *size)
+{
+    const kestal_value_node_t *node = kestal_get_value_node_by_name(list, exact, name);
+    if (size != nullptr)
+        *size = node == nullptr ? 0 : node->m_size;
+    return node == nullptr ? nullptr : node->m_data;
+}
+
+const char *kestal_get_value_string_ex(const kestal_value_t *list, uint32_t exact, const char *name,
+                                       const char *default_string)
+{
+    if (!is_valid(list))
+        return nullptr;
+    uint64_t size = 0;
+    const void *data = kestal_get_value_by_name(list, exact, name, &size);
+    if (data == nullptr || memrchr(data, '\0', static_cast<size_t>(size)) == nullptr)
+        return default_string;
+    return static_cast<const char *>(data);
+}
+
+const char *kestal_get_value_string(const kestal_value_t *list, uint32_t exact, const char *name)
+{
+    return kestal_get_value_string_ex(list, exact, name, nullptr);
+}
+
+int32_t kestal_remove_value_by_name(kestal_value_t *list, uint32_t exact, const char *name)
+{
+    return remove_all(list, wanted_name(exact, name));
+}
+
+int32_t kestal_remove_value_by_data(kestal_value_t *list, const void *data, uint64_t size)
+{
+    return remove_all(list, with_data({}, data, size));
+}
+
+int32_t kestal_remove_value_by_string(kestal_value_t *list, const char *string)
+{
+    return remove_all(list, wanted_string(string));
+}
+
+int32_t kestal_remove_value(kestal_value_t *list, uint32_t exact, const char *name, const void *data, uint64_t size)
+{
+    return remove_all(list, with_data(wanted_name(exact, name), data, size));
+}
+
+int32_t kestal_multiple_remove_value_by_name(kestal_value_t *list, uint32_t exact, const char *names)
+{
+    return remove_all(list, wanted_alternatives(exact, names));
+}
+
+int32_t kestal_multiple_remove_value(kestal_value_t *list, uint32_t exact, const char *names, const void *data,
+                                     uint64_t size)
+{
+    return remove_all(list, with_data(wanted_alternatives(exact, names), data, size));
+}
+
+kestal_value_node_t *kestal_search_value_node_by_name(const kestal_value_node_t *start, uint32_t exact,
+                                                      const char *name)
+{
+    return search(start, wanted_name(exact, name));
+}
+
+kestal_value_node_t *kestal_search_value_node_by_data(const kestal_value_node_t *start, const void *data, uint64_t size)
+{
+    return search(start, with_data({}, data, size));
+}
+
+kestal_value_node_t *kestal_search_value_node_by_string(const kestal_value_node_t *start, const char *string)
+{
+    return search(start, wanted_string(string));
+}
+
+kestal_value_node_t *kestal_search_value_node(const kestal_value_node_t *start, uint32_t exact, const char *name,
+                                              const void *data, uint64_t size)
+{
+    return search(start, with_data(wanted_name(exact, name), data, size));
+}
+
+kestal_value_node_t *kestal_multiple_search_value_node_by_name(const kestal_value_node_t *start, uint32_t exact,
+                                                               const char *names)
+{
+    return search(start, wanted_alternatives(exact, names));
+}
+
+kestal_value_node_t *kestal_multiple_search_value_node(const kestal_value_node_t *start, uint32_t exact,
+                                                       const char *names, const void *data, uint64_t size)
+{
+    return search(start, with_data(wanted_alternatives(exact, names), data, size));
+}
+
+kestal_value_node_t *kestal_new_value_node(const char *name, const void *data, uint64_t size)
+{
+    return new_node(name_of(name), data, size);
+}
+
+kestal_value_node_t *kestal_free_value_node(kestal_value_node_t *node)
+{
+    while (node != nullptr && node->m_previous != nullptr)
+        node = node->m_previous;
+    while (node != nullptr) {
+        kestal_value_node_t *next = node->m_next;
+        kestal_check_free(node->m_data);
+        kestal_free(node);
+        node = next;
+    }
+    return nullptr;
+}
+
+int32_t kestal_compare_data(const void *a, uint64_t a_size, const void *b, uint64_t b_size)
+{
+    if (a_size != b_size)
+        return -1;
+    if (a == b || a_size == 0)
+        return 0;
+    if (a != nullptr && b != nullptr)
+        return memcmp(a, b, static_cast<size_t>(a_size)) == 0 ? 0 : -1;
+    const char *bytes = static_cast<const char *>(a != nullptr ? a : b);
+    return std::all_of(bytes, bytes + a_size, [](char byte) { return byte == 0; }) ? 0 : -1;
+}

@@ -1,0 +1,244 @@
+#include "support.hpp"
+
+#include <cstring>
+
+using kestal_test::counted;
+using kestal_test::with_each_allocation_failing;
+
+namespace {
+
+constexpr uint32_t append = KESTAL_VALUE_APPEND, by_name = KESTAL_VALUE_REPLACE_BY_NAME,
+                   by_data = KESTAL_VALUE_REPLACE_BY_DATA, if_absent = KESTAL_VALUE_ADD_IF_ABSENT;
+
+class value : public counted {
+protected:
+    void SetUp() override
+    {
+        counted::SetUp();
+        ASSERT_EQ(kestal_init_value(&list_), &list_);
+        EXPECT_EQ(list_.m_flags, 0x81u); // a fresh list counts as changed
+    }
+    void TearDown() override
+    {
+        EXPECT_EQ(kestal_free_value(&list_), 0);
+        counted::TearDown();
+    }
+
+    // "name=data" of every entry, blank between; "-" for no name, "." for each zero byte. Checks every link.
+    std::string text() const
+    {
+        std::string all;
+        const kestal_value_node_t *before = nullptr;
+        for (const kestal_value_node_t *node = list_.m_head; node != nullptr; node = node->m_next) {
+            EXPECT_EQ(node->m_previous, before);
+            all += std::string(before == nullptr ? "" : " ") + (node->m_name == nullptr ? "-" : node->m_name) + "=";
+            for (uint64_t i = 0; i < node->m_size; ++i)
+                all += bytes(node)[i] == '\0' ? '.' : bytes(node)[i];
+            EXPECT_TRUE(node->m_size == 0 ? node->m_data == nullptr : bytes(node)[node->m_size] == '\0');
+            before = node;
+        }
+        EXPECT_EQ(list_.m_tail, before);
+        return all;
+    }
+    static const char *bytes(const kestal_value_node_t *node) { return static_cast<const char *>(node->m_data); }
+
+    // Whether the list was modified since the last question.
+    bool modified()
+    {
+        const bool was = (list_.m_flags & KESTAL_VALUE_MODIFIED) != 0;
+        list_.m_flags &= ~KESTAL_VALUE_MODIFIED;
+        return was;
+    }
+    int32_t set(uint32_t mode, const char *name, const char *string)
+    {
+        return kestal_set_value_string(&list_, mode, 1, name, string);
+    }
+
+    kestal_value_t list_;
+};
+
+TEST_F(value, appending_allows_duplicates)
+{
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(set(append, "a", "x"), 0);
+    EXPECT_EQ(kestal_set_value(&list_, append | 4, 1, nullptr, "yz", 2), 0); // only the low two bits of the mode count
+    EXPECT_EQ(kestal_set_value(&list_, append, 1, "", nullptr, 3), 0);
+    EXPECT_EQ(set(append, "none", nullptr), 0);
+    EXPECT_EQ(kestal_set_value_int_string(&list_, append, 1, "least", INT32_MIN), 0);
+    EXPECT_EQ(text(), "a=x. a=x. -=yz =... none= least=-2147483648.");
+    EXPECT_EQ(kestal_set_value(&list_, append, 1, "huge", "x", UINT64_MAX), -1);
+}
+
+TEST_F(value, replacing_by_name_keeps_the_place)
+{
+    set(append, "a", "1");
+    set(append, "Key", "old");
+    set(append, "z", "9");
+    modified();
+    EXPECT_EQ(set(by_name, "Key", "old"), 0);
+    EXPECT_FALSE(modified());
+    const kestal_value_node_t *node = kestal_get_value_node_by_name(&list_, 1, "Key");
+    EXPECT_EQ(kestal_set_value_string(&list_, by_name, 0, "KEY", "new"), 0); // the same size: same node, old spelling
+    EXPECT_EQ(kestal_get_value_node_by_name(&list_, 1, "Key"), node);
+    EXPECT_TRUE(modified());
+    EXPECT_EQ(text(), "a=1. Key=new. z=9.");
+    EXPECT_EQ(kestal_set_value(&list_, by_name, 1, "Key", "full", 4), 0); // without a terminator of its own
+    EXPECT_STREQ(bytes(node), "full");
+    EXPECT_EQ(kestal_set_value(&list_, by_name, 1, "Key", nullptr, 4), 0);
+    EXPECT_EQ(text(), "a=1. Key=.... z=9.");
+    modified();
+    EXPECT_EQ(kestal_set_value_string(&list_, by_name, 0, "KEY", "longer"), 0);
+    EXPECT_TRUE(modified());
+    EXPECT_EQ(set(by_name, "z", nullptr), 0);
+    EXPECT_EQ(set(by_name, "new", "n"), 0);
+    EXPECT_EQ(text(), "a=1. KEY=longer. z= new=n.");
+    // What is given may lie in the entry that goes.
+    node = kestal_get_value_node_by_name(&list_, 1, "KEY");
+    EXPECT_EQ(kestal_set_value_string(&list_, by_name, 1, node->m_name, bytes(node) + 4), 0);
+    EXPECT_EQ(text(), "a=1. KEY=er. z= new=n.");
+}
+
+TEST_F(value, replacing_by_data_and_adding_if_absent)
+{
+    set(append, "a", "1");
+    set(append, "b", "2");
+    set(append, "c", "2");
+    modified();
+    EXPECT_EQ(set(by_data, "B", "2"), 0);
+    EXPECT_EQ(set(by_data, "d", "3"), 0);
+    EXPECT_TRUE(modified());
+    EXPECT_EQ(text(), "a=1. B=2. c=2. d=3.");
+    EXPECT_EQ(set(if_absent, "d", "3"), 0);
+    EXPECT_EQ(kestal_set_value_string(&list_, if_absent, 0, "b", "2"), 0);
+    EXPECT_FALSE(modified());
+    EXPECT_EQ(set(if_absent, "b", "2"), 0);
+    EXPECT_EQ(set(if_absent, "d", "4"), 0);
+    EXPECT_TRUE(modified());
+    EXPECT_EQ(text(), "a=1. B=2. c=2. d=3. b=2. d=4.");
+}
+
+TEST_F(value, names_may_be_alternatives)
+{
+    EXPECT_EQ(kestal_multiple_set_value_string(&list_, append, 1, "one|two||three|", "x"), 0);
+    EXPECT_EQ(kestal_multiple_set_value_int_string(&list_, by_name, 1, "two|four", 7), 0);
+    EXPECT_EQ(kestal_multiple_set_value(&list_, append, 1, "|", "y", 1), 0);
+    EXPECT_EQ(kestal_multiple_set_value(&list_, append, 1, nullptr, "y", 1), -1);
+    EXPECT_EQ(text(), "one=x. two=7. three=x. four=7.");
+    const kestal_value_node_t *node = kestal_multiple_search_value_node_by_name(list_.m_head, 0, "FOUR|THREE");
+    EXPECT_STREQ(node->m_name, "three");
+    EXPECT_STREQ(kestal_multiple_search_value_node_by_name(node->m_next, 0, "FOUR|THREE")->m_name, "four");
+    EXPECT_EQ(kestal_multiple_search_value_node_by_name(list_.m_head, 1, "FOUR|thre|"), nullptr);
+    EXPECT_EQ(kestal_multiple_search_value_node_by_name(list_.m_head, 1, nullptr), nullptr);
+    EXPECT_STREQ(kestal_multiple_search_value_node(list_.m_head, 1, "one|four", "7", 2)->m_name, "four");
+    EXPECT_EQ(kestal_multiple_remove_value(&list_, 1, "one|two|four", "7", 2), 0);
+    EXPECT_EQ(text(), "one=x. three=x.");
+    EXPECT_EQ(kestal_multiple_remove_value_by_name(&list_, 0, "ONE|none"), 0);
+    EXPECT_EQ(text(), "three=x.");
+}
+
+TEST_F(value, entries_are_found)
+{
+    set(append, "Name", "text");
+    kestal_set_value(&list_, append, 1, nullptr, "text", 4);
+    kestal_set_value(&list_, append, 1, "name", "bare", 4);
+    kestal_set_value(&list_, append, 1, "zero", nullptr, 2);
+    const kestal_value_node_t *first = list_.m_head, *unnamed = first->m_next, *last = list_.m_tail;
+    EXPECT_EQ(kestal_get_value_node_by_name(&list_, 0, "nAME"), first);
+    EXPECT_EQ(kestal_get_value_node_by_name(&list_, 1, "name"), unnamed->m_next);
+    EXPECT_EQ(kestal_get_value_node_by_name(&list_, 1, "nam"), nullptr);
+    EXPECT_EQ(kestal_get_value_node_by_name(&list_, 0, "names"), nullptr);
+    EXPECT_EQ(kestal_get_value_node_by_name(&list_, 0, nullptr), unnamed);
+    EXPECT_EQ(kestal_get_value_node_by_name(&list_, 0, ""), nullptr);
+    EXPECT_EQ(kestal_get_value_node_by_data(&list_, "text", 5), first);
+    EXPECT_EQ(kestal_get_value_node_by_string(&list_, "text"), unnamed); // the first holds its terminator too
+    EXPECT_EQ(kestal_get_value_node_by_data(&list_, "\0", 2), last);
+    EXPECT_EQ(kestal_get_value_node_by_data(&list_, nullptr, 2), last);
+    EXPECT_EQ(kestal_get_value_node(&list_, 0, "NAME", "bare", 4), unnamed->m_next);
+    EXPECT_EQ(kestal_search_value_node_by_name(first->m_next, 0, "NAME"), unnamed->m_next);
+    EXPECT_EQ(kestal_search_value_node_by_data(unnamed, "text", 4), unnamed);
+    EXPECT_EQ(kestal_search_value_node_by_string(unnamed->m_next, "text"), nullptr);
+    EXPECT_EQ(kestal_search_value_node(first, 1, nullptr, "text", 4), unnamed);
+
+    uint64_t size = 99;
+    EXPECT_STREQ(static_cast<const char *>(kestal_get_value_by_name(&list_, 1, "name", &size)), "bare");
+    EXPECT_EQ(size, 4u);
+    EXPECT_EQ(kestal_get_value_by_name(&list_, 1, "absent", &size), nullptr);
+    EXPECT_EQ(size, 0u);
+    EXPECT_STREQ(kestal_get_value_string(&list_, 1, "Name"), "text");
+    EXPECT_EQ(kestal_get_value_string(&list_, 1, "name"), nullptr); // its zero byte stands behind its size
+    EXPECT_STREQ(kestal_get_value_string_ex(&list_, 1, "name", "default"), "default");
+    EXPECT_STREQ(kestal_get_value_string_ex(&list_, 1, "absent", "default"), "default");
+
+    EXPECT_EQ(kestal_compare_data("ab", 2, "ab", 2), 0);
+    EXPECT_NE(kestal_compare_data("ab", 2, "ac", 2), 0);
+    EXPECT_NE(kestal_compare_data("ab", 2, "ab", 1), 0);
+    EXPECT_NE(kestal_compare_data(nullptr, 2, "\0x", 2), 0);
+    EXPECT_EQ(kestal_compare_data(nullptr, 0, "x", 0), 0);
+}
+
+TEST_F(value, removing)
+{
+    kestal_multiple_set_value_string(&list_, append, 1, "a|b|A|c|b", "x");
+    kestal_multiple_set_value(&list_, append, 1, "d|e", "x", 1);
+    modified();
+    EXPECT_EQ(kestal_remove_value_by_name(&list_, 1, "absent"), 0);
+    EXPECT_FALSE(modified());
+    EXPECT_EQ(kestal_remove_value_by_name(&list_, 0, list_.m_head->m_name), 0); // the name goes with the first match
+    EXPECT_TRUE(modified());
+    EXPECT_EQ(text(), "b=x. c=x. b=x. d=x e=x");
+    EXPECT_EQ(kestal_remove_value_by_string(&list_, "x"), 0);
+    EXPECT_EQ(text(), "b=x. c=x. b=x.");
+    EXPECT_EQ(kestal_remove_value(&list_, 1, "b", "x", 2), 0);
+    EXPECT_EQ(text(), "c=x.");
+    EXPECT_EQ(kestal_remove_value_by_data(&list_, "x", 2), 0);
+    EXPECT_EQ(text(), "");
+    set(append, "a", "1");
+    modified();
+    EXPECT_EQ(kestal_reset_value(&list_), 0);
+    EXPECT_EQ(text(), "");
+    EXPECT_FALSE(modified());
+}
+
+TEST_F(value, an_invalid_list_is_refused_everywhere)
+{
+    kestal_value_t *allocated = kestal_new_value();
+    EXPECT_EQ(allocated->m_flags, 0x181u);
+    EXPECT_EQ(kestal_destroy_value(allocated), 0);
+    kestal_value_t destroyed;
+    kestal_init_value(&destroyed);
+    kestal_set_value_string(&destroyed, append, 1, "a", "x");
+    kestal_destroy_value(&destroyed);
+    for (kestal_value_t *list : {&destroyed, static_cast<kestal_value_t *>(nullptr)}) {
+        EXPECT_EQ(kestal_destroy_value(list), -1);
+        EXPECT_EQ(kestal_reset_value(list), -1);
+        EXPECT_EQ(kestal_set_value_string(list, append, 1, "a", "x"), -1);
+        EXPECT_EQ(kestal_multiple_set_value_string(list, append, 1, "", "x"), -1);
+        EXPECT_EQ(kestal_remove_value_by_name(list, 1, "a"), -1);
+        EXPECT_EQ(kestal_get_value_node_by_string(list, "x"), nullptr);
+        EXPECT_EQ(kestal_get_value_by_name(list, 1, "a", nullptr), nullptr);
+        EXPECT_EQ(kestal_get_value_string_ex(list, 1, "a", "default"), nullptr);
+    }
+    EXPECT_EQ(kestal_init_value(nullptr), nullptr);
+    EXPECT_EQ(kestal_free_value_node(nullptr), nullptr);
+    kestal_value_node_t *node = kestal_new_value_node("n", "d", 1);
+    EXPECT_EQ(kestal_free_value_node(node), nullptr);
+}
+
+TEST_F(value, failing_allocations_change_nothing)
+{
+    EXPECT_GT(with_each_allocation_failing([this] {
+                  kestal_reset_value(&list_);
+                  if (set(append, "a", "x") != 0 || set(append, "b", "y") != 0)
+                      return kestal_reset_value(&list_), void();
+                  modified();
+                  if (set(by_name, "a", "longer") != 0 || set(by_data, "c", "y") != 0) {
+                      EXPECT_TRUE(text() == "a=x. b=y." || text() == "a=longer. b=y.");
+                      EXPECT_EQ(modified(), text() != "a=x. b=y.");
+                  }
+                  kestal_destroy_value(kestal_new_value());
+                  kestal_reset_value(&list_);
+              }),
+              8u);
+}
+
+} // namespace

@@ -103,6 +103,17 @@ std::vector<std::string> caught_assertions::messages() const
     return reports;
 }
 
+std::string numbers_masked(std::string text, const std::string &before)
+{
+    for (size_t found = text.find(before); found != std::string::npos; found = text.find(before, found + 1)) {
+        const size_t first = found + before.size();
+        const size_t last = text.find_first_not_of("0123456789", first);
+        if (last != first)
+            text.replace(first, std::min(last, text.size()) - first, "N");
+    }
+    return text;
+}
+
 temporary_directory::temporary_directory()
 {
     std::string name = (std::filesystem::temp_directory_path() / "kestal-test-XXXXXX").string();

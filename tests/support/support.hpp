@@ -53,6 +53,9 @@ private:
     kestal_assert_handler_t previous_ = nullptr;
 };
 
+// The text with an N for each number that follows `before`: for what differs from run to run.
+std::string numbers_masked(std::string text, const std::string &before);
+
 // A directory of the test's own, removed with all in it.
 class temporary_directory {
 public:

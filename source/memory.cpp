@@ -29,14 +29,32 @@ counter &counter::mine()
     return counters[(stack >> 16) * 0x9E3779B97F4A7C15u >> (64 - counter_bits)];
 }
 
+// A process that has never had a second thread needs no locked instruction, the dearest step of a small allocation.
+bool is_single_threaded()
+{
+#if __has_include(<sys/single_threaded.h>)
+    return __libc_single_threaded;
+#else
+    return false;
+#endif
+}
+
+void add_one(std::atomic<size_t> &number)
+{
+    if (is_single_threaded())
+        number.store(number.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    else
+        number.fetch_add(1, std::memory_order_release);
+}
+
 void count_up()
 {
-    counter::mine().allocated.fetch_add(1, std::memory_order_relaxed);
+    add_one(counter::mine().allocated);
 }
 
 void count_down()
 {
-    counter::mine().released.fetch_add(1, std::memory_order_release);
+    add_one(counter::mine().released);
 }
 
 // Reads what was released first: whatever releases it sees, it then sees the allocations before them too.

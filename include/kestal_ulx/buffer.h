@@ -168,10 +168,11 @@ KESTAL_API uint64_t kestal_get_buffer_offset(kestal_buffer_t *buffer);
 KESTAL_API uint64_t kestal_set_buffer_offset(kestal_buffer_t *buffer, uint64_t offset);
 
 /**
- * Queues a file's bytes: from `start` (negative: that many bytes before the end; 0 does not seek, as pipes want it), at
- * most `maximum` of them (0: all). Returns the number of bytes, INT32_MAX standing for that many and more; -1 when the
- * file cannot be opened or the place not reached, with the cause in errno. A read error ends the bytes without a
- * failure.
+ * Queues a copy of a file's bytes: from `start` (negative: that many bytes before the end; 0 does not seek, as pipes want
+ * it), at most `maximum` of them (0: all). A read error ends them as the end of the file does.
+ *
+ * Returns the number of bytes, INT32_MAX standing for that many and more. -1, with the cause in errno, when the file
+ * cannot be opened, or when `start` cannot be reached: then the file's descriptor is left open.
  */
 KESTAL_API int32_t kestal_push_buffer_from_file(kestal_buffer_t *buffer, const char *path, int64_t start,
                                                 uint64_t maximum);

@@ -6,7 +6,7 @@ set(KESTAL_FLOOR_2 memory format terminal output exception destroy_stack global_
 set(KESTAL_FLOOR_3 list hash value select fragment)
 set(KESTAL_FLOOR_4 spin_lock lock thread service signal)
 set(KESTAL_FLOOR_5 text file buffer percent uri)
-set(KESTAL_FLOOR_6 md5 sha1 sha256 crc adler32 base64 cipher_mode aes des seed)
+set(KESTAL_FLOOR_6 processor md5 sha1 sha256 crc adler32 base64 cipher_mode aes des seed)
 set(KESTAL_FLOOR_9 dynamic_library instance plugin interface builtin_plugin simple_digest hash_file json_parser)
 
 set(KESTAL_MODULES)

@@ -11,23 +11,8 @@
 
 namespace {
 
-// Threads count in counters of their own, as far as there are, and do not wait for each other's cache line. Any counter
-// would do: the place of the caller's stack only spreads the threads.
-struct alignas(64) counter {
-    std::atomic<size_t> allocated{0};
-    std::atomic<size_t> released{0};
-
-    static counter &mine();
-};
-
-constexpr unsigned counter_bits = 4;
-constinit counter counters[1u << counter_bits];
-
-counter &counter::mine()
-{
-    const auto stack = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(__builtin_frame_address(0)));
-    return counters[(stack >> 16) * 0x9E3779B97F4A7C15u >> (64 - counter_bits)];
-}
+// Only the value is shared, nothing is ordered by it: relaxed steps suffice.
+constinit std::atomic<size_t> live_blocks{0};
 
 // A process that has never had a second thread needs no locked instruction, the dearest step of a small allocation.
 bool is_single_threaded()
@@ -39,34 +24,22 @@ bool is_single_threaded()
 #endif
 }
 
-void add_one(std::atomic<size_t> &number)
+void add_live_blocks(size_t step)
 {
     if (is_single_threaded())
-        number.store(number.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        live_blocks.store(live_blocks.load(std::memory_order_relaxed) + step, std::memory_order_relaxed);
     else
-        number.fetch_add(1, std::memory_order_release);
+        live_blocks.fetch_add(step, std::memory_order_relaxed);
 }
 
 void count_up()
 {
-    add_one(counter::mine().allocated);
+    add_live_blocks(1);
 }
 
 void count_down()
 {
-    add_one(counter::mine().released);
-}
-
-// Reads what was released first: whatever releases it sees, it then sees the allocations before them too.
-size_t live_blocks()
-{
-    size_t released = 0;
-    for (const counter &each : counters)
-        released += each.released.load(std::memory_order_acquire);
-    size_t allocated = 0;
-    for (const counter &each : counters)
-        allocated += each.allocated.load(std::memory_order_relaxed);
-    return allocated - released;
+    add_live_blocks(SIZE_MAX);
 }
 
 bool is_addressable(uint64_t size)
@@ -184,7 +157,7 @@ int32_t kestal_get_alloc_info(uint64_t *count, uint64_t *size, uint64_t *peak)
 
 uint64_t kestal_get_alloc_count(void)
 {
-    return live_blocks();
+    return live_blocks.load(std::memory_order_relaxed);
 }
 
 uint64_t kestal_get_alloc_size(void)

@@ -1,0 +1,206 @@
+#include "support.hpp"
+
+#include "../source/processor.hpp"
+
+#include <algorithm>
+
+using kestal_test::counted;
+
+namespace {
+
+std::string bytes_to_length(size_t length)
+{
+    std::string bytes(length, '\0');
+    for (size_t i = 0; i < length; ++i)
+        bytes[i] = static_cast<char>(i * 7 + i / 256);
+    return bytes;
+}
+
+// The algorithms under one shape, and the answers of others' implementations.
+struct md5 {
+    using context = kestal_md5_t;
+    static constexpr auto open = kestal_open_md5;
+    static constexpr auto close = kestal_close_md5;
+    static constexpr auto init = kestal_init_md5;
+    static constexpr auto push = kestal_md5_push;
+    static constexpr auto push_file = kestal_md5_push_file;
+    static constexpr auto digest = kestal_md5_digest;
+    static constexpr size_t size = KESTAL_MD5_DIGEST_SIZE;
+    static void set_length(context &at, uint64_t bytes)
+    {
+        at.m_bit_count[0] = static_cast<uint32_t>(bytes * 8);
+        at.m_bit_count[1] = static_cast<uint32_t>(bytes >> 29);
+    }
+    static constexpr const char *empty = "D41D8CD98F00B204E9800998ECF8427E";
+    static constexpr const char *abc = "900150983CD24FB0D6963F7D28E17F72";
+    static constexpr const char *million = "7707D6AE4E027C70EEA2A935C2296F21";
+    static constexpr const char *every_length = "A39D8031640666AD846D95A58C1F1A03";
+    static constexpr const char *file = "842E460452664B53767DA3985CE90677";
+    static constexpr const char *behind_512_mib = "43BD3594D00D11365A4A72E32928605E";
+};
+
+struct sha1 {
+    using context = kestal_sha1_t;
+    static constexpr auto open = kestal_open_sha1;
+    static constexpr auto close = kestal_close_sha1;
+    static constexpr auto init = kestal_init_sha1;
+    static constexpr auto push = kestal_sha1_push;
+    static constexpr auto push_file = kestal_sha1_push_file;
+    static constexpr auto digest = kestal_sha1_digest;
+    static constexpr size_t size = KESTAL_SHA1_DIGEST_SIZE;
+    static void set_length(context &at, uint64_t bytes) { at.m_byte_count = bytes; }
+    static constexpr const char *empty = "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709";
+    static constexpr const char *abc = "A9993E364706816ABA3E25717850C26C9CD0D89D";
+    static constexpr const char *million = "34AA973CD4C4DAA4F61EEB2BDBAD27316534016F";
+    static constexpr const char *every_length = "80E21E5B5DF4F430106E9B56710EDD8CA7836320";
+    static constexpr const char *file = "1D52A25DB64310EA3C1F1956687896CA30AD51FD";
+    static constexpr const char *behind_512_mib = "BA0DAC59BA21DDD0B1FD19FE08B68B0302C1468B";
+    static constexpr const char *abc_padding_def = "E17BE75B08A7E926498DA4BC47F3CB6E1F20B125";
+};
+
+struct sha256 {
+    using context = kestal_sha256_t;
+    static constexpr auto open = kestal_open_sha256;
+    static constexpr auto close = kestal_close_sha256;
+    static constexpr auto init = kestal_init_sha256;
+    static constexpr auto push = kestal_sha256_push;
+    static constexpr auto push_file = kestal_sha256_push_file;
+    static constexpr auto digest = kestal_sha256_digest;
+    static constexpr size_t size = KESTAL_SHA256_DIGEST_SIZE;
+    static void set_length(context &at, uint64_t bytes) { at.m_byte_count = bytes; }
+    static constexpr const char *empty = "E3B0C44298FC1C149AFBF4C8996FB92427AE41E4649B934CA495991B7852B855";
+    static constexpr const char *abc = "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD";
+    static constexpr const char *million = "CDC76E5C9914FB9281A1C7E284D73E67F1809A48A497200E046D39CCC7112CD0";
+    static constexpr const char *every_length = "37C4DEA4792819683234A2A82A4A9E4279E80E78E8FDAA3D7833E5A95E9AAC55";
+    static constexpr const char *file = "7377BD9A05774B2D5F18E32420ECDD089BEA3B1222C2F991E35DFF89BE109BD2";
+    static constexpr const char *behind_512_mib = "94BC1DEFB4C95C0ED8C091202FAAE38C5330AE0AAEC1D61EF79EC3DEE7D42AD6";
+    static constexpr const char *abc_padding_def = "E7C14C6EF0DBC9F6023A9DAE7563D3E8D1880B37BBFE252035124725B78B1B76";
+};
+
+// Every test runs on the processor's instructions and on the portable code.
+template <typename Algorithm>
+class digest : public counted {
+protected:
+    static std::string of(const std::string &message, size_t piece = SIZE_MAX)
+    {
+        typename Algorithm::context context;
+        Algorithm::init(&context);
+        for (size_t done = 0; done < message.size(); done += std::min(piece, message.size() - done))
+            EXPECT_EQ(Algorithm::push(&context, &message[done], std::min(piece, message.size() - done)), 0);
+        return Algorithm::digest(&context, nullptr);
+    }
+
+    template <typename Scenario>
+    static void on_every_path(Scenario scenario)
+    {
+        for (const uint32_t features : {0u, kestal::processor::every_feature}) {
+            kestal::processor::allow_only(features);
+            scenario();
+        }
+    }
+};
+
+using algorithms = testing::Types<md5, sha1, sha256>;
+TYPED_TEST_SUITE(digest, algorithms);
+
+TYPED_TEST(digest, agrees_with_the_standard_however_a_message_is_split)
+{
+    const std::string message = bytes_to_length(300);
+    this->on_every_path([&message] {
+        EXPECT_EQ(digest<TypeParam>::of(""), TypeParam::empty);
+        EXPECT_EQ(digest<TypeParam>::of("abc"), TypeParam::abc);
+        EXPECT_EQ(digest<TypeParam>::of(std::string(1000000, 'a'), 997), TypeParam::million);
+
+        std::string all;
+        for (size_t length = 0; length <= message.size(); ++length) {
+            const std::string part = message.substr(0, length);
+            const std::string whole = digest<TypeParam>::of(part);
+            for (const size_t piece : {1u, 3u, 63u, 64u, 65u, 130u})
+                ASSERT_EQ(digest<TypeParam>::of(part, piece), whole) << length << " in pieces of " << piece;
+            typename TypeParam::context context;
+            TypeParam::push(TypeParam::init(&context), part.data(), part.size());
+            uint8_t out[TypeParam::size];
+            TypeParam::digest(&context, out);
+            all.append(reinterpret_cast<char *>(out), sizeof out);
+        }
+        EXPECT_EQ(digest<TypeParam>::of(all), TypeParam::every_length);
+
+        // The length in bits needs more than 32 of them.
+        typename TypeParam::context context;
+        TypeParam::set_length(*TypeParam::init(&context), (uint64_t{1} << 29) - 64);
+        TypeParam::push(&context, std::string(100, 'x').data(), 100);
+        EXPECT_STREQ(TypeParam::digest(&context, nullptr), TypeParam::behind_512_mib);
+    });
+}
+
+TYPED_TEST(digest, reads_files_of_any_length)
+{
+    const kestal_test::temporary_directory directory;
+    const std::string path = directory.file("data", bytes_to_length(100001));
+    kestal_test::with_each_allocation_failing([&path] {
+        auto *context = TypeParam::open();
+        if (TypeParam::push_file(context, path.c_str()) == 0) {
+            EXPECT_STREQ(TypeParam::digest(context, nullptr), TypeParam::file);
+        }
+        EXPECT_EQ(TypeParam::close(context), nullptr);
+    });
+
+    typename TypeParam::context context;
+    TypeParam::init(&context);
+    EXPECT_EQ(TypeParam::push_file(&context, directory.path("missing").c_str()), -1);
+    EXPECT_EQ(TypeParam::push_file(&context, directory.path("").c_str()), -1) << "a directory cannot be read";
+    EXPECT_EQ(TypeParam::push_file(&context, directory.file("empty", "").c_str()), 0);
+    EXPECT_STREQ(TypeParam::digest(&context, nullptr), TypeParam::empty);
+}
+
+TYPED_TEST(digest, refuses_nulls)
+{
+    typename TypeParam::context context;
+    uint8_t out[TypeParam::size];
+    EXPECT_EQ(TypeParam::init(nullptr), nullptr);
+    EXPECT_EQ(TypeParam::close(nullptr), nullptr);
+    EXPECT_EQ(TypeParam::push(nullptr, "a", 1), -1);
+    EXPECT_EQ(TypeParam::push_file(nullptr, "/dev/null"), -1);
+    EXPECT_EQ(TypeParam::digest(nullptr, out), nullptr);
+    EXPECT_EQ(TypeParam::push(TypeParam::init(&context), nullptr, 1), -1);
+    EXPECT_EQ(TypeParam::push(&context, nullptr, 0), 0);
+    EXPECT_EQ(TypeParam::push_file(&context, nullptr), -1);
+    EXPECT_STREQ(TypeParam::digest(&context, nullptr), TypeParam::empty);
+}
+
+class digest_end : public counted {};
+
+TEST_F(digest_end, md5_stays_open_behind_a_digest)
+{
+    kestal_md5_t context;
+    kestal_md5_push(kestal_init_md5(&context), "abc", 3);
+    EXPECT_STREQ(kestal_md5_digest(&context, nullptr), md5::abc);
+    EXPECT_STREQ(kestal_md5_digest(&context, nullptr), md5::abc);
+    kestal_md5_push(&context, "d", 1);
+    const char *text = kestal_md5_digest(&context, nullptr);
+    EXPECT_EQ(text, context.m_text);
+    EXPECT_STREQ(text, "E2FC714C4727EE9395F324CD2E7F331F"); // of "abcd"
+}
+
+template <typename Sha>
+void expect_padded_by_its_digest()
+{
+    typename Sha::context context;
+    uint8_t first[Sha::size], second[Sha::size];
+    Sha::push(Sha::init(&context), "abc", 3);
+    EXPECT_STREQ(Sha::digest(&context, first), Sha::abc);
+    EXPECT_STREQ(Sha::digest(&context, second), Sha::abc);
+    EXPECT_TRUE(std::ranges::equal(first, second));
+    Sha::push(&context, "def", 3);
+    EXPECT_STREQ(Sha::digest(&context, nullptr), Sha::abc_padding_def);
+    Sha::push(Sha::init(&context), "abc", 3);
+    EXPECT_STREQ(Sha::digest(&context, nullptr), Sha::abc);
+}
+
+TEST_F(digest_end, sha_pads_the_context_itself_and_repeats_its_digest)
+{
+    expect_padded_by_its_digest<sha1>();
+    expect_padded_by_its_digest<sha256>();
+}
+
+} // namespace

@@ -4,7 +4,7 @@
 library SHARED_OBJECT             needs only the C runtime; its soname; every export under the one version node
 exports SHARED_OBJECT SOURCE      every exported name is declared in a public header
 declarations SHARED_OBJECT SOURCE every name that a public header declares is exported
-headers SOURCE                    every public header compiles alone as C11 and as C++
+headers SOURCE                    every public header compiles alone as C11 and as C++; every declaration in it is documented
 floors SOURCE                     no module includes a higher floor, no includes go in a circle, and
                                   ARCHITECTURE.md has a line for every module
 words SOURCE                      no unfinished marks, and no word that leans on a text outside the tree
@@ -83,6 +83,12 @@ def check_headers(source):
     jobs = [(header, dialect) for header in public_headers(source) for dialect in dialects]
     with ThreadPoolExecutor(len(os.sched_getaffinity(0))) as pool:
         yield from filter(None, pool.map(compile_alone, jobs))
+
+    for header in public_headers(source):
+        lines = header.read_text().splitlines()
+        for number, (before, line) in enumerate(zip(lines, lines[1:]), 2):
+            if line.startswith("KESTAL_API") and not before.endswith("*/"):
+                yield f"{header.name}:{number}: no comment: {line}"
 
 
 def floors_of_modules(source):

@@ -6,6 +6,7 @@
 #include <array>
 #include <bit>
 #include <string.h>
+#include <type_traits>
 
 namespace {
 
@@ -38,9 +39,7 @@ constexpr auto powers_of_ten = [] {
 // Where the text goes: stores what fits before the NUL, and counts what does not.
 class writer {
 public:
-    writer(char *buffer, uint64_t size)
-        : start_(size == 0 ? nullptr : buffer), next_(start_), end_(start_ == nullptr ? nullptr : start_ + room(size))
-    {}
+    writer(char *buffer, uint64_t size) : start_(buffer), next_(buffer), end_(buffer + room(size)) {}
 
     void put(char character)
     {
@@ -71,8 +70,6 @@ public:
     // Ends the text; returns the length that it has, or would have in a larger buffer.
     uint64_t finish()
     {
-        if (start_ == nullptr)
-            return lost_;
         *next_ = '\0';
         return static_cast<uint64_t>(next_ - start_) + lost_;
     }
@@ -100,13 +97,12 @@ private:
     uint64_t lost_ = 0;
 };
 
-// One argument list, copied so that the caller's stays where it is.
+// An argument list that is a function's parameter (there an array type is a pointer): taken from where it stands.
+using list_parameter = std::decay_t<va_list>;
+
 class arguments {
 public:
-    explicit arguments(va_list list) { va_copy(list_, list); }
-    ~arguments() { va_end(list_); }
-    arguments(const arguments &) = delete;
-    arguments &operator=(const arguments &) = delete;
+    explicit arguments(list_parameter &list) : list_(list) {}
 
     template <typename T>
     T next()
@@ -117,7 +113,7 @@ public:
     uint64_t next_unsigned(bool is_long) { return is_long ? next<uint64_t>() : next<uint32_t>(); }
 
 private:
-    va_list list_;
+    list_parameter &list_;
 };
 
 // What stands between a "%" and its conversion character.
@@ -281,7 +277,7 @@ public:
     explicit whole_digits(double whole)
     {
         if (whole < 0x1p64)
-            begin_ = write_decimal(end(), static_cast<uint64_t>(whole));
+            begin_ = write_decimal(digits_ + sizeof digits_, static_cast<uint64_t>(whole));
         else
             expand(std::bit_cast<uint64_t>(whole));
     }
@@ -291,8 +287,6 @@ public:
     size_t length() const { return static_cast<size_t>(end() - begin_); }
 
 private:
-    char *end() { return digits_ + sizeof digits_; }
-
     // Shifts the 53 bits of the significand up to their place, in limbs of nine decimal digits, lowest first.
     void expand(uint64_t image)
     {
@@ -320,7 +314,7 @@ private:
     void write_limbs(const uint32_t *limbs, size_t count)
     {
         memset(digits_, '0', sizeof digits_);
-        char *place = end();
+        char *place = digits_ + sizeof digits_;
         for (size_t i = 0; i + 1 < count; ++i, place -= 9)
             write_decimal(place, limbs[i]);
         begin_ = write_decimal(place, limbs[count - 1]);
@@ -339,14 +333,17 @@ double power_of_ten(uint32_t exponent)
     return power * powers_of_ten[exponent];
 }
 
-// The fraction has `count` digits: first those of the whole number `scaled`, which is below 10 to the power `scale`.
+// The fraction has `count` digits: first the `scale` digits of the whole number `scaled`.
 void put_fraction(writer &out, double scaled, uint32_t scale, uint32_t count)
 {
     const whole_digits digits(scaled);
-    const size_t length = std::min<size_t>(digits.length(), scale);
     out.put('.');
-    out.fill('0', scale - length);
-    out.copy(digits.begin(), length);
+    if (digits.length() <= scale) {
+        out.fill('0', scale - digits.length());
+        out.copy(digits.begin(), digits.length());
+    } else {
+        out.fill('9', scale); // the product was rounded up to the next whole
+    }
     out.fill('0', count - scale);
 }
 
@@ -420,11 +417,11 @@ void put_conversion(writer &out, const field &how, char conversion, arguments &l
     }
 }
 
-// Formats what fits and returns the length of the whole text.
-uint64_t format_text(char *buffer, uint64_t size, const char *format, va_list caller_list)
+// Formats what fits and returns the length of the whole text. The list is used up.
+uint64_t format_text(char *buffer, uint64_t size, const char *format, va_list parameter)
 {
     writer out(buffer, size);
-    arguments list(caller_list);
+    arguments list(parameter);
     while (*format != '\0') {
         if (*format != '%') {
             const char *run = format;
@@ -477,17 +474,18 @@ char *kestal_alloc_vsprintf(const char *format, va_list list)
 {
     if (format == nullptr)
         return nullptr;
+    va_list again;
+    va_copy(again, list);
     char text[first_try];
     const uint64_t length = format_text(text, sizeof text, format, list);
-    if (length > KESTAL_ALLOC_FORMAT_LIMIT)
-        return nullptr;
-    char *block = static_cast<char *>(kestal_alloc_tag(length + 1, "kestal_alloc_vsprintf", __LINE__));
-    if (block == nullptr)
-        return nullptr;
-    if (length < sizeof text)
+    char *block = nullptr;
+    if (length <= KESTAL_ALLOC_FORMAT_LIMIT)
+        block = static_cast<char *>(kestal_alloc_tag(length + 1, __func__, __LINE__));
+    if (block != nullptr && length < sizeof text)
         memcpy(block, text, static_cast<size_t>(length) + 1);
-    else
-        format_text(block, length + 1, format, list);
+    else if (block != nullptr)
+        format_text(block, length + 1, format, again);
+    va_end(again);
     return block;
 }
 

@@ -4,12 +4,10 @@
 #include <kestal_ulx/lock.h>
 #include <kestal_ulx/spin_lock.h>
 
-namespace kestal
-{
+namespace kestal {
 
 // Holds a lock, waiting for it without limit.
-class lock_guard
-{
+class lock_guard {
 public:
     explicit lock_guard(kestal_lock_t &lock, const char *name = __builtin_FUNCTION(),
                         uint64_t line = static_cast<uint64_t>(__builtin_LINE()))
@@ -29,8 +27,7 @@ private:
 
 // Holds a spin lock in one mode, waiting for it without limit.
 template <int32_t mode>
-class spin_guard
-{
+class spin_guard {
 public:
     explicit spin_guard(kestal_spin_lock_t &lock, const char *name = __builtin_FUNCTION(),
                         uint64_t line = static_cast<uint64_t>(__builtin_LINE()))

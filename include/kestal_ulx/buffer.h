@@ -11,7 +11,8 @@
 #ifndef KESTAL_ULX_BUFFER_H
 #define KESTAL_ULX_BUFFER_H
 
-#include <kestal_ulx/base.h>
+#include <kestal_ulx/lock.h>
+#include <kestal_ulx/service.h>
 
 KESTAL_BEGIN_DECLS
 
@@ -24,7 +25,7 @@ KESTAL_BEGIN_DECLS
 /** Buffer flag: nodes that copy are as large as the data; otherwise they have room for at least 4096 bytes. */
 #define KESTAL_BUFFER_EXACT 0x08u
 
-/** Line state: the previous byte was 0x80 or above: the next one ends no line. */
+/** Line state, while a line is searched: the previous byte was 0x80 or above, so the next one ends no line. */
 #define KESTAL_BUFFER_HIGH_BYTE 0x1000u
 /** Line state: the last line ended with LF; a CR that follows belongs to it. */
 #define KESTAL_BUFFER_LF 0x2000u
@@ -33,8 +34,15 @@ KESTAL_BEGIN_DECLS
 /** The input has ended. */
 #define KESTAL_BUFFER_ENDED 0x8000u
 
-/** A buffer queue; opaque. */
-typedef struct kestal_buffer kestal_buffer_t;
+/** One link of the chain: a header with its room behind it, or with the caller's memory beside it. */
+typedef struct kestal_buffer_node {
+    struct kestal_buffer_node *m_next; /**< the next node, or null */
+    uint32_t m_flags;                  /**< the buffer's flags and those of the push that made the node */
+    uint64_t m_capacity;               /**< room in bytes */
+    uint64_t m_fill;                   /**< bytes stored */
+    uint64_t m_read_position;          /**< bytes of those already taken */
+    void *m_data;                      /**< the room behind this header, or the caller's memory */
+} kestal_buffer_node_t;
 
 /**
  * Called on the service's thread, without any lock held, with the context given when the buffer was opened and the
@@ -42,6 +50,24 @@ typedef struct kestal_buffer kestal_buffer_t;
  * before them, `size` how many remained queued behind them. It may push into the buffer; it must not close it.
  */
 typedef void (*kestal_buffer_handler_t)(void *context, void *block, uint64_t length, uint64_t offset, uint64_t size);
+
+/** A buffer queue; to be read only, and changed through the calls below. */
+typedef struct kestal_buffer {
+    kestal_buffer_node_t *m_head;
+    kestal_buffer_node_t *m_tail;
+    uint32_t m_flags;     /**< creation flags in the low byte, line state and end in the second */
+    uint64_t m_unit_size; /**< 4096: the least room of a node that copies */
+    uint64_t m_offset;    /**< bytes popped */
+    uint64_t m_size;      /**< bytes queued */
+    kestal_lock_t m_lock; /**< taken only when there is a service */
+    kestal_service_t *m_service;
+    void *m_handler_context;
+    kestal_buffer_handler_t m_handler;
+    kestal_buffer_node_t *m_scan_node; /**< private: where the search for a line's end goes on; null: at the head */
+    uint64_t m_scan_position;          /**< private: the place in that node */
+    uint64_t m_scan_length;            /**< private: bytes from the head that were searched */
+    uint32_t m_scan_high_byte;         /**< private: the last of them was the first half of a double-byte character */
+} kestal_buffer_t;
 
 /**
  * Opens an empty queue. `flags` are the KESTAL_BUFFER flags (wipe, reference, adopt, exact) of every push. With a
@@ -142,10 +168,11 @@ KESTAL_API uint64_t kestal_get_buffer_offset(kestal_buffer_t *buffer);
 KESTAL_API uint64_t kestal_set_buffer_offset(kestal_buffer_t *buffer, uint64_t offset);
 
 /**
- * Queues a file's bytes: from `start` (negative: that many bytes before the end; 0 does not seek, as pipes want it), at
- * most `maximum` of them (0: all). Returns the number of bytes, INT32_MAX standing for that many and more; -1 when the
- * file cannot be opened or the place not reached, with the cause in errno. A read error ends the bytes without a
- * failure.
+ * Queues a copy of a file's bytes: from `start` (negative: that many bytes before the end; 0 does not seek, as pipes want
+ * it), at most `maximum` of them (0: all). A read error ends them as the end of the file does.
+ *
+ * Returns the number of bytes, INT32_MAX standing for that many and more. -1, with the cause in errno, when the file
+ * cannot be opened, or when `start` cannot be reached: then the file's descriptor is left open.
  */
 KESTAL_API int32_t kestal_push_buffer_from_file(kestal_buffer_t *buffer, const char *path, int64_t start,
                                                 uint64_t maximum);
@@ -155,6 +182,12 @@ KESTAL_API int32_t kestal_push_buffer_from_file(kestal_buffer_t *buffer, const c
  * stored in `length` (may be null). Null, and length 0, when there are none, on failure, or when memory is short.
  */
 KESTAL_API void *kestal_load_file(const char *path, int64_t start, uint64_t maximum, uint64_t *length);
+
+#if KESTAL_POINTER_IS_64_BIT
+KESTAL_STATIC_ASSERT(sizeof(kestal_buffer_node_t) == 48, "layout of kestal_buffer_node_t");
+KESTAL_STATIC_ASSERT(offsetof(kestal_buffer_t, m_size) == 40, "layout of kestal_buffer_t");
+KESTAL_STATIC_ASSERT(offsetof(kestal_buffer_t, m_lock) == 48, "layout of kestal_buffer_t");
+#endif
 
 KESTAL_END_DECLS
 

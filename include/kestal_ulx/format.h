@@ -31,7 +31,8 @@ KESTAL_BEGIN_DECLS
 /**
  * Formats into `buffer` of `size` bytes and ends the text with a NUL; what does not fit is left out silently.
  * Returns the number of characters stored, without the NUL: never more than size - 1, and never what a larger buffer
- * would have held. With a size of 0 or a null buffer nothing is stored and 0 returned; a null format is empty.
+ * would have held. With a size of 0 or a null buffer nothing is stored and 0 returned; a null format is empty. The list
+ * is used up, here as in every call that takes one: va_copy it to use it again.
  */
 KESTAL_API uint64_t kestal_vsnprintf(char *buffer, uint64_t size, const char *format, va_list list);
 

@@ -4,9 +4,9 @@
  * first come, first served. A newcomer never passes a waiter.
  *
  * The memory is the caller's (made ready by kestal_init_lock or KESTAL_LOCK_INITIALIZER) or comes from
- * kestal_new_lock; it must not move while in use. Any thread may call anything, and any thread may unlock. Tags name the
- * code that initialised, holds or waits, for the diagnostics; the name is not copied and must stay valid. A lock says
- * nothing about its troubles unless its owner sets the message bits in `m_flags`; they go to the error sink.
+ * kestal_new_lock; it must not move while in use. Any thread may call anything, and any thread may unlock. Tags name
+ * the code that initialised, holds or waits, for the diagnostics; the name is not copied and must stay valid. A lock
+ * says nothing about its troubles unless its owner sets the message bits in `m_flags`; they go to the error sink.
  */
 #ifndef KESTAL_ULX_LOCK_H
 #define KESTAL_ULX_LOCK_H
@@ -34,7 +34,6 @@ typedef struct kestal_lock_claim {
     int32_t m_pipe[2];    /**< read and write end that wake a waiter; -1 when there is none */
     const char *m_name;
     uint64_t m_line;
-    uint32_t m_granted; /**< private: set when the lock was handed to this waiter */
 } kestal_lock_claim_t;
 
 /** A lock. The message and recursion bits and the default time-out are the owner's to set; the rest is private. */
@@ -55,7 +54,7 @@ typedef struct kestal_lock {
     {                                                                                                                  \
         KESTAL_LOCK_INITIALIZED, UINT32_MAX, 0, NULL, NULL, NULL, (name), (line),                                      \
         {                                                                                                              \
-            NULL, NULL, 0, {-1, -1}, NULL, 0, 0                                                                        \
+            NULL, NULL, 0, {-1, -1}, NULL, 0                                                                           \
         }                                                                                                              \
     }
 
@@ -164,8 +163,8 @@ KESTAL_API kestal_lock_condition_t *kestal_new_lock_condition_tag(const char *na
 KESTAL_API int32_t kestal_free_lock_condition_tag(kestal_lock_condition_t *condition, const char *name, uint64_t line);
 
 /**
- * Waits until woken, or for `timeout` milliseconds (all ones: without limit). `lock`, which may be null, is unlocked once
- * the caller is in the line of waiters, and locked again before the call returns.
+ * Waits until woken, or for `timeout` milliseconds (all ones: without limit). `lock`, which may be null, is unlocked
+ * once the caller is in the line of waiters, and locked again before the call returns.
  *
  * 0 whether woken or out of time: the caller looks at its own condition again, under its lock. -1 when the lock could
  * not be taken again, or the condition is null. A wake-up that nobody waits for is not remembered.

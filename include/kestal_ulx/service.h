@@ -68,10 +68,10 @@ KESTAL_API kestal_service_t *kestal_open_service_ex(const char *name, kestal_ser
                                                     void *argument, uint64_t stack_size);
 
 /**
- * Asks the service to break and waits until its function has returned, at most `timeout` milliseconds (negative: as long
- * as it takes, reported on the error sink after 60 seconds and then every 4). The handle is void afterwards in any case; a service
- * that is still running keeps its memory until its function returns. A service that has reported an error is not waited
- * for. Returns 0, or -1 for null.
+ * Asks the service to break and waits until its function has returned, at most `timeout` milliseconds (negative: as
+ * long as it takes, reported on the error sink after 60 seconds and then every 4). The handle is void afterwards in any
+ * case; a service that is still running keeps its memory until its function returns. A service that has reported an
+ * error is not waited for. Returns 0, or -1 for null.
  */
 KESTAL_API int32_t kestal_close_service_ex(kestal_service_t *service, int32_t timeout);
 
@@ -91,9 +91,9 @@ KESTAL_API int32_t kestal_check_service(kestal_service_t *service);
 KESTAL_API int32_t kestal_break_service(kestal_service_t *service);
 
 /**
- * Registers what the closer calls, with `argument`, after each of its waits (each as long as the close's own time-out, 60
- * seconds when that is negative) while it is registered. It is dropped when called, unless it returns -1. A null handler
- * takes the registration back. Returns 0, or -1 for a null service.
+ * Registers what the closer calls, with `argument`, after each of its waits (each as long as the close's own time-out,
+ * 60 seconds when that is negative) while it is registered. It is dropped when called, unless it returns -1. A null
+ * handler takes the registration back. Returns 0, or -1 for a null service.
  */
 KESTAL_API int32_t kestal_service_register_close_notify_handler(kestal_service_t *service,
                                                                 kestal_service_close_notify_handler_t handler,

@@ -38,9 +38,9 @@ struct kestal_signal_node {
 #endif
 
 /**
- * Attaches a handler to signal `number`, behind those that are there. `argument` is passed to it and stays the caller's.
- * Returns the node, to be ended by kestal_del_signal; null when the number is above 64, the handler is null, the system
- * refuses the signal (errno says why), or memory is short.
+ * Attaches a handler to signal `number`, behind those that are there. `argument` is passed to it and stays the
+ * caller's. Returns the node, to be ended by kestal_del_signal; null when the number is above 64, the handler is null,
+ * the system refuses the signal (errno says why), or memory is short.
  */
 KESTAL_API kestal_signal_node_t *kestal_add_signal(uint32_t number, kestal_signal_handler_t handler, void *argument);
 
@@ -70,7 +70,7 @@ KESTAL_API int32_t kestal_reset_signal_count(int32_t number);
 KESTAL_API uint32_t kestal_reset_all_signal_count(void);
 
 /** The number of deliveries to one handler; -1 for null. */
-KESTAL_API int32_t kestal_get_signal_node_count(const kestal_signal_node_t *node);
+KESTAL_API int32_t kestal_get_signal_node_count(kestal_signal_node_t *node);
 
 /** Sets a handler's count to 0 and returns what it was; -1 for null. */
 KESTAL_API int32_t kestal_reset_signal_node_count(kestal_signal_node_t *node);

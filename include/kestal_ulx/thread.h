@@ -2,9 +2,9 @@
  * @file
  * Detached threads, and the process-wide pool of workers that can be kept for later jobs.
  *
- * A job is a function and its argument; whoever starts it does not wait for it and gets no handle. The pool is off until
- * kestal_set_thread_pool turns it on; idle workers are kept only while some job runs: when the last one ends, they end
- * too. What a job's argument points to is the caller's and must live until the job is done with it.
+ * A job is a function and its argument; whoever starts it does not wait for it and gets no handle. The pool is off
+ * until kestal_set_thread_pool turns it on; idle workers are kept only while some job runs: when the last one ends,
+ * they end too. What a job's argument points to is the caller's and must live until the job is done with it.
  */
 #ifndef KESTAL_ULX_THREAD_H
 #define KESTAL_ULX_THREAD_H

@@ -1,5 +1,6 @@
 #include "support.hpp"
 
+#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -8,6 +9,7 @@
 namespace {
 
 std::atomic<uint64_t> allocations_until_failure{0};
+std::atomic<uint64_t> failures_to_come{0};
 std::atomic<bool> failure_happened{false};
 
 bool must_fail()
@@ -18,6 +20,8 @@ bool must_fail()
     if (left != 1)
         return false;
     failure_happened = true;
+    if (--failures_to_come > 0)
+        allocations_until_failure = 1;
     return true;
 }
 
@@ -30,10 +34,45 @@ void keep_report(const char *, const char *, uint64_t, const char *message)
     reports.emplace_back(message);
 }
 
+std::mutex errors_mutex;
+std::condition_variable errors_changed;
+std::string errors;
+
+int32_t keep_error(const char *text)
+{
+    const std::lock_guard guard(errors_mutex);
+    errors += text == nullptr ? "" : text;
+    errors_changed.notify_all();
+    return 0;
+}
+
+int occurrences(const std::string &text, const std::string &part)
+{
+    int found = 0;
+    for (size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size())
+        ++found;
+    return found;
+}
+
+std::atomic<uint64_t> clock_ahead_msec{0};
+
 } // namespace
 
-// The linker sends every allocation of the statically linked library here (--wrap).
+// The linker sends every allocation of the statically linked library, and its looks at the clock, here (--wrap).
 extern "C" {
+uint64_t __real_kestal_time_stamp_msec();
+uint64_t __real_kestal_time_stamp_nsec();
+
+uint64_t __wrap_kestal_time_stamp_msec()
+{
+    return __real_kestal_time_stamp_msec() + clock_ahead_msec;
+}
+
+uint64_t __wrap_kestal_time_stamp_nsec()
+{
+    return __real_kestal_time_stamp_nsec() + clock_ahead_msec * 1000000;
+}
+
 void *__real_malloc(size_t size);
 void *__real_realloc(void *block, size_t size);
 
@@ -50,9 +89,10 @@ void *__wrap_realloc(void *block, size_t size)
 
 namespace kestal_test {
 
-failing_allocation::failing_allocation(uint64_t nth)
+failing_allocation::failing_allocation(uint64_t nth, uint64_t times)
 {
     failure_happened = false;
+    failures_to_come = times;
     allocations_until_failure = nth;
 }
 
@@ -112,6 +152,34 @@ std::string numbers_masked(std::string text, const std::string &before)
             text.replace(first, std::min(last, text.size()) - first, "N");
     }
     return text;
+}
+
+caught_errors::caught_errors()
+{
+    errors.clear();
+    kestal_set_error_puts_handler(keep_error, &previous_);
+}
+
+caught_errors::~caught_errors()
+{
+    kestal_set_error_puts_handler(previous_, nullptr);
+}
+
+std::string caught_errors::text() const
+{
+    const std::lock_guard guard(errors_mutex);
+    return errors;
+}
+
+void caught_errors::wait_for(const std::string &part, int times) const
+{
+    std::unique_lock guard(errors_mutex);
+    errors_changed.wait(guard, [&] { return occurrences(errors, part) >= times; });
+}
+
+void advance_clock(uint64_t milliseconds)
+{
+    clock_ahead_msec += milliseconds;
 }
 
 temporary_directory::temporary_directory()

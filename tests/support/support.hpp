@@ -10,6 +10,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace kestal_test {
@@ -24,10 +25,11 @@ private:
     uint64_t blocks_ = 0;
 };
 
-// While it lives, the `nth` allocation (from 1) that the library makes on any thread fails, once.
+// While it lives, the `nth` allocation (from 1) that the library makes on any thread fails, and those after it until
+// `times` have.
 class failing_allocation {
 public:
-    explicit failing_allocation(uint64_t nth);
+    explicit failing_allocation(uint64_t nth, uint64_t times = 1);
     ~failing_allocation();
     failing_allocation(const failing_allocation &) = delete;
     failing_allocation &operator=(const failing_allocation &) = delete;
@@ -55,6 +57,33 @@ private:
 
 // The text with an N for each number that follows `before`: for what differs from run to run.
 std::string numbers_masked(std::string text, const std::string &before);
+
+// While it lives, what is put on the error sink is kept here instead of being printed.
+class caught_errors {
+public:
+    caught_errors();
+    ~caught_errors();
+    caught_errors(const caught_errors &) = delete;
+    caught_errors &operator=(const caught_errors &) = delete;
+
+    std::string text() const;
+    // Waits until `part` has been put on the sink `times` times.
+    void wait_for(const std::string &part, int times = 1) const;
+
+private:
+    kestal_puts_handler_t previous_ = nullptr;
+};
+
+// From now on the library's clock is ahead by so much more: time-outs come without the wait.
+void advance_clock(uint64_t milliseconds);
+
+// Waits for what no event tells of.
+template <typename Condition>
+void wait_until(Condition condition)
+{
+    while (!condition())
+        std::this_thread::yield();
+}
 
 // A directory of the test's own, removed with all in it.
 class temporary_directory {

@@ -1,0 +1,169 @@
+#include "support.hpp"
+
+#include <csignal>
+#include <pthread.h>
+
+namespace {
+
+// What the handlers saw: the signal number times 100 and the argument. In place, since handlers must not allocate.
+int calls[16];
+size_t call_count = 0;
+
+void note(int32_t number, void *argument)
+{
+    calls[call_count++ % std::size(calls)] = number * 100 + *static_cast<int *>(argument);
+}
+
+std::atomic<int> prior_calls{0};
+
+void prior(int)
+{
+    ++prior_calls;
+}
+
+class signal : public kestal_test::counted {
+protected:
+    void SetUp() override
+    {
+        counted::SetUp();
+        call_count = 0;
+        prior_calls = 0;
+        before_ = kestal_exchange_signal(SIGUSR1, 0, prior);
+    }
+    void TearDown() override
+    {
+        kestal_restore_all_signal();
+        EXPECT_EQ(kestal_get_last_signum(), -1);
+        EXPECT_EQ(kestal_exchange_signal(SIGUSR1, 0, before_), prior) << "the prior action was not put back";
+        counted::TearDown();
+    }
+
+    int one_ = 1, two_ = 2, three_ = 3;
+
+private:
+    kestal_plain_signal_handler_t before_ = SIG_DFL;
+};
+
+TEST_F(signal, handlers_are_called_in_order_and_counted)
+{
+    kestal_signal_node_t *first = kestal_add_signal(SIGUSR1, note, &one_);
+    kestal_signal_node_t *second = kestal_add_signal(SIGUSR1, note, &two_);
+    raise(SIGUSR1);
+    kestal_signal_node_t *third = kestal_add_signal(SIGUSR1, note, &three_);
+    raise(SIGUSR1);
+    EXPECT_EQ(std::vector<int>(calls, calls + call_count), (std::vector<int>{1001, 1002, 1001, 1002, 1003}));
+    EXPECT_EQ(kestal_get_signal_count(SIGUSR1), 2u);
+    EXPECT_EQ(kestal_get_signal_node_count(first), 2);
+    EXPECT_EQ(kestal_reset_signal_node_count(third), 1);
+    EXPECT_EQ(kestal_get_signal_node_count(third), 0);
+    EXPECT_EQ(kestal_get_last_signum(), SIGUSR1);
+
+    EXPECT_EQ(kestal_del_signal(first), 0); // the dispatcher stays, the prior action is kept
+    EXPECT_EQ(kestal_del_signal(third), 0);
+    raise(SIGUSR1);
+    EXPECT_EQ(call_count, 6u);
+    EXPECT_EQ(calls[5], 1002);
+    EXPECT_EQ(prior_calls, 0);
+    EXPECT_EQ(kestal_del_signal(second), 0);
+    EXPECT_EQ(kestal_get_signal_count(SIGUSR1), 0u);
+    EXPECT_EQ(kestal_get_last_signum(), -1);
+    raise(SIGUSR1);
+    EXPECT_EQ(call_count, 6u);
+    EXPECT_EQ(prior_calls, 1);
+}
+
+TEST_F(signal, restoring_detaches_everything_and_counts_are_reset_apart)
+{
+    const auto before = kestal_exchange_signal(SIGUSR2, 0, SIG_IGN);
+    for (int *argument : {&one_, &two_}) {
+        EXPECT_NE(kestal_add_signal(SIGUSR1, note, argument), nullptr);
+        EXPECT_NE(kestal_add_signal(SIGUSR2, note, argument), nullptr);
+    }
+    raise(SIGUSR1);
+    raise(SIGUSR2);
+    raise(SIGUSR2);
+    EXPECT_EQ(kestal_reset_signal_count(SIGUSR1), 1);
+    EXPECT_EQ(kestal_get_last_signum(), SIGUSR2);
+    kestal_restore_signal(SIGUSR1); // not the last one delivered
+    EXPECT_EQ(kestal_get_last_signum(), SIGUSR2);
+    raise(SIGUSR1);
+    EXPECT_EQ(prior_calls, 1);
+    EXPECT_EQ(kestal_reset_all_signal_count(), 2u);
+    EXPECT_EQ(kestal_get_last_signum(), -1);
+    raise(SIGUSR2);
+    EXPECT_EQ(kestal_get_signal_count(SIGUSR2), 1u);
+    kestal_restore_all_signal();
+    raise(SIGUSR2);
+    EXPECT_EQ(call_count, 8u);
+    EXPECT_EQ(kestal_exchange_signal(SIGUSR2, SA_RESTART | SA_SIGINFO, before), SIG_IGN);
+}
+
+TEST_F(signal, bad_arguments_are_refused)
+{
+    EXPECT_EQ(kestal_add_signal(65, note, &one_), nullptr);
+    EXPECT_EQ(kestal_add_signal(SIGUSR1, nullptr, &one_), nullptr);
+    EXPECT_EQ(kestal_add_signal(SIGKILL, note, &one_), nullptr);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(kestal_del_signal(nullptr), -1);
+    EXPECT_EQ(kestal_get_signal_count(65), 0u);
+    EXPECT_EQ(kestal_reset_signal_count(65), -1);
+    EXPECT_EQ(kestal_reset_signal_count(-1), -1);
+    EXPECT_EQ(kestal_get_signal_node_count(nullptr), -1);
+    EXPECT_EQ(kestal_reset_signal_node_count(nullptr), -1);
+    kestal_restore_signal(65);
+    EXPECT_EQ(kestal_exchange_signal(SIGKILL, 0, SIG_IGN), SIG_ERR);
+    EXPECT_EQ(kestal_test::with_each_allocation_failing(
+                  [this] { kestal_del_signal(kestal_add_signal(SIGUSR1, note, &one_)); }),
+              1u);
+
+    const kestal_test::caught_errors errors;
+    errno = 0;
+    EXPECT_EQ(kestal_block_signal(1000), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(kestal_unblock_signal(1000), -1);
+    for (const char *part : {"kestal_block_signal:", "kestal_unblock_signal:", "sigaddset"})
+        EXPECT_NE(errors.text().find(part), std::string::npos) << part;
+}
+
+TEST_F(signal, a_blocked_signal_is_delivered_when_it_is_unblocked)
+{
+    kestal_add_signal(SIGUSR1, note, &one_);
+    EXPECT_EQ(kestal_block_signal(SIGUSR1), 0);
+    raise(SIGUSR1);
+    EXPECT_EQ(call_count, 0u);
+    EXPECT_EQ(kestal_unblock_signal(SIGUSR1), 0);
+    EXPECT_EQ(call_count, 1u);
+}
+
+TEST_F(signal, handlers_come_and_go_while_signals_arrive_everywhere)
+{
+    std::atomic<bool> stop{false};
+    std::atomic<int> delivered{0};
+    const auto count = [](int32_t, void *argument) { ++*static_cast<std::atomic<int> *>(argument); };
+    kestal_add_signal(SIGUSR1, count, &delivered);
+    std::vector<std::thread> targets, changers;
+    for (int t = 0; t < 4; ++t)
+        targets.emplace_back([&] { kestal_test::wait_until([&] { return stop.load(); }); });
+    for (int t = 0; t < 3; ++t)
+        changers.emplace_back([&] {
+            for (int i = 0; i < 300; ++i) {
+                auto *mine = new std::atomic<int>(0); // gone the moment the handler is
+                kestal_signal_node_t *node = kestal_add_signal(SIGUSR1, count, mine);
+                pthread_kill(pthread_self(), SIGUSR1);
+                EXPECT_GE(*mine, 1);
+                kestal_del_signal(node);
+                delete mine;
+            }
+        });
+    for (int i = 0; i < 3000; ++i)
+        pthread_kill(targets[static_cast<size_t>(i) % 4].native_handle(), SIGUSR1);
+    for (std::thread &changer : changers)
+        changer.join();
+    stop = true;
+    for (std::thread &target : targets)
+        target.join();
+    EXPECT_GE(delivered, 900);
+    EXPECT_EQ(kestal_get_signal_count(SIGUSR1), static_cast<uint32_t>(delivered.load()));
+}
+
+} // namespace

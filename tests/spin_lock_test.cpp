@@ -1,0 +1,96 @@
+#include "support.hpp"
+
+using kestal_test::caught_assertions;
+using kestal_test::caught_errors;
+
+namespace {
+
+class spin_lock : public kestal_test::counted {
+protected:
+    kestal_spin_lock_t lock_{};
+};
+
+constexpr int32_t shared = KESTAL_SPIN_LOCK_SHARED;
+
+TEST_F(spin_lock, shared_holders_are_counted_and_exclude_an_exclusive_one)
+{
+    EXPECT_EQ(kestal_reference_try_spin_lock_tag(&lock_, shared, "first", 1), 1);
+    EXPECT_EQ(kestal_reference_try_spin_lock_tag(&lock_, 0, "second", 2), 1);
+    EXPECT_EQ(lock_.m_count, 2u);
+    EXPECT_STREQ(lock_.m_name, "first");
+    EXPECT_EQ(lock_.m_line, 1u);
+    EXPECT_EQ(kestal_try_spin_lock(&lock_), 0);
+    EXPECT_EQ(kestal_spin_lock_timeout(&lock_, 5), 0);
+    kestal_reference_spin_unlock(&lock_);
+    EXPECT_EQ(kestal_try_spin_lock(&lock_), 0);
+    kestal_reference_spin_unlock(&lock_);
+
+    EXPECT_EQ(kestal_reference_try_spin_lock_tag(&lock_, 2, "third", 3), 1);
+    EXPECT_STREQ(lock_.m_name, "third");
+    EXPECT_EQ(lock_.m_exclusive, 1u);
+    EXPECT_EQ(kestal_try_spin_lock(&lock_), 0);
+    EXPECT_EQ(kestal_reference_spin_lock_timeout(&lock_, shared, 0), 0);
+    kestal_spin_unlock(&lock_);
+    EXPECT_EQ(lock_.m_exclusive, 0u);
+
+    lock_.m_count = UINT32_MAX;
+    EXPECT_EQ(kestal_reference_try_spin_lock(&lock_, shared), 0);
+    lock_ = {1, nullptr, 0, 0, 0}; // somebody is at the count: a try does not wait for that
+    EXPECT_EQ(kestal_reference_try_spin_lock(&lock_, shared), 0);
+}
+
+TEST_F(spin_lock, unlocking_a_free_lock_warns_and_stays_at_zero)
+{
+    const caught_errors errors;
+    kestal_reference_spin_unlock_tag(&lock_, "caller", 12);
+    EXPECT_EQ(errors.text(), "\n-=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=-\n"
+                             "kestal: [WARNING] unlock - invalid reference count (already unlocked ?, \"caller:12\")\n"
+                             "-=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=-\n");
+    EXPECT_EQ(lock_.m_count, 0u);
+}
+
+TEST_F(spin_lock, null_is_reported_or_ignored)
+{
+    const caught_assertions reports;
+    EXPECT_EQ(kestal_init_spin_lock(nullptr), nullptr);
+    EXPECT_EQ(kestal_uninit_spin_lock(nullptr), -1);
+    EXPECT_EQ(kestal_free_spin_lock(nullptr), -1);
+    EXPECT_EQ(reports.messages(), std::vector<std::string>(3, "s_this_spin_lock != ((kestal_spin_lock_t *)0)"));
+    EXPECT_EQ(kestal_try_spin_lock(nullptr), 0);
+    EXPECT_EQ(kestal_spin_lock_timeout(nullptr, -1), 0);
+    kestal_spin_lock(nullptr);
+    kestal_spin_unlock(nullptr);
+    EXPECT_EQ(kestal_test::with_each_allocation_failing([] {
+                  if (kestal_spin_lock_t *lock = kestal_new_spin_lock()) {
+                      EXPECT_EQ(lock->m_count, 0u);
+                      EXPECT_EQ(kestal_free_spin_lock(lock), 0);
+                  }
+              }),
+              1u);
+}
+
+TEST_F(spin_lock, many_readers_never_see_a_writer_at_work)
+{
+    int left = 0, right = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 8; ++t)
+        threads.emplace_back([&, writes = t < 3] {
+            for (int i = 0; i < 200; ++i) {
+                if (writes) {
+                    kestal_spin_lock(&lock_);
+                    ++left;
+                    ++right;
+                } else {
+                    EXPECT_EQ(kestal_reference_spin_lock_timeout(&lock_, shared, -1), 1);
+                    EXPECT_EQ(left, right);
+                }
+                kestal_spin_unlock(&lock_);
+            }
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(left, 600);
+    EXPECT_EQ(kestal_try_spin_lock(&lock_), 1);
+}
+
+} // namespace

@@ -1,0 +1,191 @@
+#include "support.hpp"
+
+#include <semaphore>
+
+using kestal_test::caught_errors;
+using kestal_test::wait_until;
+
+namespace {
+
+struct counters {
+    uint64_t threads, active, ready, max;
+};
+
+counters read()
+{
+    counters now{};
+    now.threads = kestal_get_thread_count(&now.active, &now.ready, &now.max);
+    return now;
+}
+
+// A job that tells its thread and then waits to be let go.
+struct job {
+    std::binary_semaphore begun{0}, go_on{0}, done{0};
+    uint64_t thread_id = 0;
+
+    explicit job(uint64_t stack_size = 0)
+    {
+        EXPECT_EQ(kestal_detached_thread_ex(run, this, stack_size), 0);
+        begun.acquire();
+    }
+    void finish()
+    {
+        go_on.release();
+        done.acquire();
+    }
+    static void run(void *argument)
+    {
+        auto *self = static_cast<job *>(argument);
+        self->thread_id = kestal_get_thread_id();
+        self->begun.release();
+        self->go_on.acquire();
+        self->done.release();
+    }
+};
+
+// Lets a job end and waits until its worker is idle.
+void finish_and_stay(job &ending)
+{
+    const uint64_t ready = read().ready;
+    ending.finish();
+    wait_until([&] { return read().ready == ready + 1; });
+}
+
+class thread : public kestal_test::counted {
+protected:
+    void TearDown() override
+    {
+        EXPECT_EQ(kestal_thread_pool_wait(60000), 0);
+        EXPECT_EQ(read().threads, 0u);
+        EXPECT_EQ(read().active + read().ready, 0u);
+        kestal_set_thread_pool(0, 0);
+        counted::TearDown();
+    }
+};
+
+TEST_F(thread, without_a_pool_every_job_has_a_thread_of_its_own)
+{
+    job first, second;
+    EXPECT_NE(first.thread_id, second.thread_id);
+    EXPECT_NE(first.thread_id, kestal_get_thread_id());
+    EXPECT_EQ(read().threads, 2u);
+    EXPECT_EQ(read().active, 2u);
+    EXPECT_GE(read().max, 2u);
+    first.finish();
+    EXPECT_EQ(kestal_thread_pool_wait_ex(1, 60000, 1), 0);
+    EXPECT_EQ(read().ready, 0u);
+    second.finish();
+    EXPECT_EQ(kestal_detached_thread(nullptr, nullptr), -1);
+    EXPECT_EQ(kestal_get_thread_count(nullptr, nullptr, nullptr) | 3u, 3u);
+}
+
+TEST_F(thread, a_target_keeps_a_spare_worker_while_a_job_runs)
+{
+    kestal_set_thread_pool(2, 0);
+    job only;
+    EXPECT_EQ(read().threads, 2u);
+    EXPECT_EQ(read().ready, 1u);
+    only.finish();
+    EXPECT_EQ(kestal_thread_pool_wait(60000), 0); // with no job left the idle ones go
+    EXPECT_EQ(read().ready, 0u);
+}
+
+TEST_F(thread, idle_workers_are_reused_by_stack_size_last_in_first_out)
+{
+    kestal_set_thread_pool(0, 8);
+    job keeper, first, second, large(1 << 20);
+    finish_and_stay(first);
+    finish_and_stay(large);
+    finish_and_stay(second);
+    EXPECT_EQ(read().threads, 4u);
+    job third;
+    EXPECT_EQ(third.thread_id, second.thread_id);
+    job fourth;
+    EXPECT_EQ(fourth.thread_id, first.thread_id);
+    job larger(1 << 21), again(1 << 20);
+    EXPECT_EQ(again.thread_id, large.thread_id);
+    EXPECT_EQ(read().threads, 5u); // no idle one had the larger stack
+    EXPECT_EQ(read().ready, 0u);
+    for (job *ending : {&third, &fourth, &larger, &again, &keeper})
+        ending->finish();
+}
+
+TEST_F(thread, a_limit_bounds_the_idle_workers)
+{
+    kestal_set_thread_pool(0, 1);
+    job keeper, first, second;
+    finish_and_stay(first);
+    second.finish();
+    EXPECT_EQ(kestal_thread_pool_wait_ex(2, 60000, 0), 0);
+    EXPECT_EQ(read().ready, 1u);
+    keeper.finish();
+}
+
+TEST_F(thread, jobs_that_cannot_be_started_are_refused)
+{
+    kestal_set_thread_pool(2, 0);
+    const auto scenario = [] {
+        std::binary_semaphore done{0};
+        const auto run = [](void *argument) { static_cast<std::binary_semaphore *>(argument)->release(); };
+        if (kestal_detached_thread(run, &done) == 0)
+            done.acquire();
+        EXPECT_EQ(kestal_thread_pool_wait(60000), 0);
+    };
+    EXPECT_EQ(kestal_test::with_each_allocation_failing(scenario), 2u); // the worker, and a spare that is done without
+    const kestal_test::caught_assertions reports;
+    EXPECT_EQ(kestal_detached_thread_ex([](void *) { ADD_FAILURE(); }, nullptr, UINT64_MAX), -1);
+    EXPECT_EQ(reports.messages(), std::vector<std::string>{"pthread_create failed !"});
+    job tiny(1); // the least that the system allows
+    tiny.finish();
+}
+
+TEST_F(thread, waiting_reports_when_asked)
+{
+    const caught_errors errors;
+    job running;
+    EXPECT_EQ(kestal_thread_pool_wait(0), -1);
+    EXPECT_EQ(errors.text(), "");
+    EXPECT_EQ(kestal_thread_pool_wait_ex(0, 20, 1), -1);
+    const std::string text = kestal_test::numbers_masked(errors.text(), "(timeout=");
+    EXPECT_EQ(text,
+              "kestal_thread_pool_wait_ex: [debug] thread-pool wait timeout ! (timeout=N/20 msec, threads=1/0)\n");
+
+    std::thread waiting([] { EXPECT_EQ(kestal_thread_pool_wait_ex(0, -1, 1), 0); });
+    const std::string line = "kestal_thread_pool_wait_ex: [DEBUG] thread-pool waiting... (timeout=";
+    while (errors.text().find(line) == std::string::npos)
+        kestal_test::advance_clock(60000);
+    errors.wait_for(line, 3); // from the first minute on, a line in every pass
+    EXPECT_NE(errors.text().find("/-1 msec, threads=1/0)\n"), std::string::npos);
+    running.finish();
+    waiting.join();
+}
+
+TEST_F(thread, dumps_show_the_threads)
+{
+    job running;
+    testing::internal::CaptureStderr();
+    kestal_dump_exception_tag(1, "f", "g", 1);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("active/ready/threads/max=1/0/1/"), std::string::npos);
+    running.finish();
+}
+
+TEST_F(thread, many_threads_start_many_jobs)
+{
+    std::atomic<int> done{0};
+    std::vector<std::thread> starters;
+    for (int t = 0; t < 6; ++t)
+        starters.emplace_back([&, t] {
+            for (int i = 0; i < 200; ++i) {
+                if (i % 50 == 0)
+                    kestal_set_thread_pool(static_cast<uint64_t>(t), static_cast<uint64_t>(i / 50));
+                const auto run = [](void *argument) { ++*static_cast<std::atomic<int> *>(argument); };
+                EXPECT_EQ(kestal_detached_thread_ex(run, &done, i % 2 == 0 ? 0 : 1 << 18), 0);
+            }
+        });
+    for (std::thread &starter : starters)
+        starter.join();
+    EXPECT_EQ(kestal_thread_pool_wait(60000), 0);
+    EXPECT_EQ(done, 1200);
+}
+
+} // namespace

@@ -79,9 +79,9 @@ bool dump(const counters &now, const char *file, const char *function, uint64_t 
 
 } // namespace
 
-void kestal::register_thread_counters(thread_counters reader)
+void kestal::register_thread_counters(thread_counters counters)
 {
-    read_threads.store(reader, std::memory_order_release);
+    read_threads.store(counters, std::memory_order_release);
 }
 
 kestal_exception_t *kestal_add_exception_tag(const char *file, const char *function, uint64_t line)

@@ -82,18 +82,17 @@ TEST_F(exception, misuse_and_excess_are_reported)
 
 TEST_F(exception, threads_enter_and_leave_at_once)
 {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([] {
-            for (int i = 0; i < 500; ++i) {
-                kestal_exception_t *outer = kestal_add_exception();
-                kestal_exception_t *inner = kestal_add_exception();
-                kestal_del_exception(outer);
-                kestal_del_exception(inner);
-            }
-        });
-    for (std::thread &thread : threads)
-        thread.join();
+    const auto enter_and_leave = [] {
+        for (int i = 0; i < 500; ++i) {
+            kestal_exception_t *outer = kestal_add_exception();
+            kestal_exception_t *inner = kestal_add_exception();
+            kestal_del_exception(outer);
+            kestal_del_exception(inner);
+        }
+    };
+    std::thread other(enter_and_leave);
+    enter_and_leave();
+    other.join();
     EXPECT_EQ(dumped(0), "");
 }
 

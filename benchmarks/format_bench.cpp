@@ -7,8 +7,7 @@
 #include <glib.h>
 #include <string>
 
-namespace
-{
+namespace {
 
 template <typename Once>
 void add(const std::string &name, Once once)

@@ -27,20 +27,6 @@
 
 KESTAL_BEGIN_DECLS
 
-/* What a context's m_kind tells while the built-in plugin serves it. */
-#define KESTAL_CTX_KIND_BASE 0
-#define KESTAL_CTX_KIND_MULTICALL 1
-#define KESTAL_CTX_KIND_STREAM 100 /**< before the source's scheme has picked one of the next */
-#define KESTAL_CTX_KIND_STREAM_FILE 101
-#define KESTAL_CTX_KIND_STREAM_TFTP 102
-#define KESTAL_CTX_KIND_STREAM_FTP 103
-#define KESTAL_CTX_KIND_STREAM_PIPE 104
-#define KESTAL_CTX_KIND_STREAM_UDP 105
-#define KESTAL_CTX_KIND_STREAM_TCP 106
-#define KESTAL_CTX_KIND_FB 200
-#define KESTAL_CTX_KIND_LINUXFB 201
-#define KESTAL_CTX_KIND_WINDOWS_DIB 202
-
 /**
  * The entry point that the loader calls for the built-in plugin. The first call also loads the plugin library
  * "kestal_plugin_curl.so" where there is one; its absence is no error and not reported. Calls are counted. Returns 0,

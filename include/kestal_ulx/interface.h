@@ -40,6 +40,21 @@ KESTAL_BEGIN_DECLS
 /** The remote transfer could not be set up. */
 #define KESTAL_CTX_ERROR_REMOTE UINT32_C(10)
 
+/* --- the kinds of context that the built-in plugin serves: a context's m_kind */
+
+#define KESTAL_CTX_KIND_BASE 0
+#define KESTAL_CTX_KIND_MULTICALL 1
+#define KESTAL_CTX_KIND_STREAM 100 /**< before the source's scheme has picked one of the next */
+#define KESTAL_CTX_KIND_STREAM_FILE 101
+#define KESTAL_CTX_KIND_STREAM_TFTP 102
+#define KESTAL_CTX_KIND_STREAM_FTP 103
+#define KESTAL_CTX_KIND_STREAM_PIPE 104
+#define KESTAL_CTX_KIND_STREAM_UDP 105
+#define KESTAL_CTX_KIND_STREAM_TCP 106
+#define KESTAL_CTX_KIND_FB 200
+#define KESTAL_CTX_KIND_LINUXFB 201
+#define KESTAL_CTX_KIND_WINDOWS_DIB 202
+
 /* --- control codes, and the records that go with them */
 
 /** Plain control: the stream's total size in bytes; the record is one uint64_t. */

@@ -1,5 +1,6 @@
 #include "support.hpp"
 
+#include <cerrno>
 #include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
@@ -23,6 +24,12 @@ bool must_fail()
     if (--failures_to_come > 0)
         allocations_until_failure = 1;
     return true;
+}
+
+void *out_of_memory()
+{
+    errno = ENOMEM;
+    return nullptr;
 }
 
 std::mutex reports_mutex;
@@ -78,12 +85,12 @@ void *__real_realloc(void *block, size_t size);
 
 void *__wrap_malloc(size_t size)
 {
-    return must_fail() ? nullptr : __real_malloc(size);
+    return must_fail() ? out_of_memory() : __real_malloc(size);
 }
 
 void *__wrap_realloc(void *block, size_t size)
 {
-    return must_fail() ? nullptr : __real_realloc(block, size);
+    return must_fail() ? out_of_memory() : __real_realloc(block, size);
 }
 }
 

@@ -1,0 +1,266 @@
+#include <kestal_ulx/builtin_plugin.h>
+
+#include "guard.hpp"
+#include "plugin.hpp"
+#include "stream_kind.hpp"
+
+#include <kestal_ulx/file.h>
+
+namespace {
+
+using kestal::find_kind;
+using kestal::short_lock_guard;
+using kestal::stream_kind;
+using kestal::stream_request;
+
+constexpr char mime_type_hint_list[] =
+    "application/ulx_base;application/ulx_stream*;application/ulx_fb;application/ulx_linuxfb;"
+    "application/ulx_windows_dib;application/ulx_multicall*";
+constexpr char stream_type[] = "application/ulx_stream";
+
+// --- opening
+
+void read_options(const kestal_ctx_t &ctx, stream_request &request)
+{
+    using kestal::find_last_option;
+    using kestal::get_option_number;
+
+    if (const kestal_ctx_option_t *source = find_last_option(ctx, "src", "source"))
+        request.source = static_cast<const char *>(source->m_value);
+    if (const kestal_ctx_option_t *mode = find_last_option(ctx, "mode", "mode"))
+        request.mode = static_cast<const char *>(mode->m_value);
+    const kestal_ctx_option_t *descriptor = find_last_option(ctx, "fd", "fd");
+    request.has_descriptor = descriptor != nullptr;
+    request.descriptor = get_option_number(descriptor, -1, -1);
+    request.debug = get_option_number(find_last_option(ctx, "debug", "verbose"), 0, 1);
+}
+
+// Completes the request for a stream: mode and, when no descriptor was given, the source's parts.
+uint32_t prepare_stream(stream_request &request)
+{
+    if (kestal_parse_file_mode(request.mode, &request.flags, &request.permission) != 0)
+        return KESTAL_CTX_ERROR_NOT_SUPPORTED;
+    if (request.has_descriptor)
+        return KESTAL_CTX_ERROR_NONE;
+    if (request.source == nullptr)
+        return KESTAL_CTX_ERROR_NOT_SUPPORTED;
+    request.uri.reset(kestal_open_uri(request.source));
+    return request.uri.get() == nullptr ? KESTAL_CTX_ERROR_NO_MEMORY : KESTAL_CTX_ERROR_NONE;
+}
+
+const stream_kind *kind_of_source(const stream_request &request)
+{
+    const char *scheme = request.has_descriptor ? nullptr : request.uri->m_scheme_name;
+    return kestal::find_kind_of_scheme(scheme == nullptr || scheme[0] == '\0' ? "file" : scheme);
+}
+
+uint32_t open_kind(kestal_ctx_t &ctx)
+{
+    const char *type = ctx.m_mime_type == nullptr ? "" : ctx.m_mime_type;
+    const bool is_any_stream = kestal_compare_mime_type(type, stream_type) == 0;
+    const stream_kind *kind = kestal::find_kind_of_type(type);
+    if (kind == nullptr && !is_any_stream)
+        return KESTAL_CTX_ERROR_NOT_SUPPORTED;
+    stream_request request;
+    read_options(ctx, request);
+    if (is_any_stream || kind->scheme != nullptr)
+        if (const uint32_t error = prepare_stream(request); error != KESTAL_CTX_ERROR_NONE)
+            return error;
+    if (is_any_stream)
+        kind = kind_of_source(request);
+    if (kind == nullptr)
+        return KESTAL_CTX_ERROR_NOT_SUPPORTED;
+    ctx.m_kind = kind->code;
+    return kind->open(ctx, request);
+}
+
+int32_t open_ctx(kestal_ctx_t *ctx)
+{
+    ctx->m_last_error = open_kind(*ctx);
+    return ctx->m_last_error == KESTAL_CTX_ERROR_NONE ? 0 : -1;
+}
+
+// --- passing on
+
+template <typename Operation>
+using member = Operation stream_kind::*;
+
+// The operation of the context's kind, or null.
+template <typename Operation>
+Operation find_operation(const kestal_ctx_t &ctx, member<Operation> wanted)
+{
+    const stream_kind *kind = find_kind(ctx.m_kind);
+    return kind == nullptr ? nullptr : kind->*wanted;
+}
+
+template <typename Result>
+Result refuse(kestal_ctx_t &ctx, Result failure)
+{
+    ctx.m_last_error = KESTAL_CTX_ERROR_NOT_SUPPORTED;
+    return failure;
+}
+
+int32_t close_ctx(kestal_ctx_t *ctx)
+{
+    const auto operation = find_operation(*ctx, &stream_kind::close);
+    return operation == nullptr ? 0 : operation(*ctx);
+}
+
+int32_t vbcontrol(kestal_ctx_t *ctx, uint32_t, va_list)
+{
+    return refuse(*ctx, -1);
+}
+
+int32_t vxcontrol(kestal_ctx_t *ctx, uint32_t code, va_list arguments)
+{
+    const auto operation = find_operation(*ctx, &stream_kind::xcontrol);
+    return operation == nullptr ? refuse(*ctx, -1) : operation(*ctx, code, arguments);
+}
+
+int32_t vcontrol(kestal_ctx_t *ctx, uint32_t code, va_list arguments)
+{
+    const auto operation = find_operation(*ctx, &stream_kind::get_size);
+    if (code != KESTAL_CTX_CONTROL_GET_SIZE || operation == nullptr)
+        return refuse(*ctx, -1);
+    uint64_t *size = kestal::take_record<uint64_t>(*ctx, arguments);
+    return size == nullptr ? -1 : operation(*ctx, *size);
+}
+
+// A kind that has nothing to wait for is ready.
+int32_t is_readable(kestal_ctx_t *ctx, int32_t timeout)
+{
+    const auto operation = find_operation(*ctx, &stream_kind::is_readable);
+    return operation == nullptr ? 1 : operation(*ctx, timeout);
+}
+
+int64_t read(kestal_ctx_t *ctx, void *buffer, uint64_t size)
+{
+    const auto operation = find_operation(*ctx, &stream_kind::read);
+    return operation == nullptr ? refuse(*ctx, int64_t{-1}) : operation(*ctx, buffer, size);
+}
+
+int32_t is_writable(kestal_ctx_t *ctx, int32_t timeout)
+{
+    const auto operation = find_operation(*ctx, &stream_kind::is_writable);
+    return operation == nullptr ? 1 : operation(*ctx, timeout);
+}
+
+int64_t write(kestal_ctx_t *ctx, const void *data, uint64_t size)
+{
+    const auto operation = find_operation(*ctx, &stream_kind::write);
+    return operation == nullptr ? refuse(*ctx, int64_t{-1}) : operation(*ctx, data, size);
+}
+
+int64_t seek(kestal_ctx_t *ctx, int64_t offset, uint32_t whence)
+{
+    const auto operation = find_operation(*ctx, &stream_kind::seek);
+    return operation == nullptr ? refuse(*ctx, int64_t{-1}) : operation(*ctx, offset, whence);
+}
+
+int32_t sync(kestal_ctx_t *ctx)
+{
+    const auto operation = find_operation(*ctx, &stream_kind::sync);
+    return operation == nullptr ? refuse(*ctx, -1) : operation(*ctx);
+}
+
+void *get_env(kestal_ctx_t *ctx, uint64_t, uint64_t, uint64_t *size)
+{
+    if (size != nullptr)
+        *size = 0;
+    return refuse(*ctx, static_cast<void *>(nullptr));
+}
+
+int32_t set_env(kestal_ctx_t *ctx, uint64_t, uint64_t, uint64_t, uint64_t)
+{
+    return refuse(*ctx, -1);
+}
+
+uint32_t get_last_error(kestal_ctx_t *ctx)
+{
+    return ctx->m_last_error;
+}
+
+int32_t set_last_error(kestal_ctx_t *ctx, uint32_t code)
+{
+    ctx->m_last_error = code;
+    return 0;
+}
+
+int main_entry(int, char **)
+{
+    return 1;
+}
+
+constexpr kestal_ctx0_v1_interface_t interface_table = {.m_base = {.m_version = 1,
+                                                                   .m_size = sizeof(kestal_ctx0_v1_interface_t),
+                                                                   .m_revision = 1,
+                                                                   .m_padding = 0,
+                                                                   .m_open = open_ctx,
+                                                                   .m_close = close_ctx,
+                                                                   .m_vbcontrol = vbcontrol,
+                                                                   .m_vxcontrol = vxcontrol,
+                                                                   .m_vcontrol = vcontrol,
+                                                                   .m_is_readable = is_readable,
+                                                                   .m_read = read,
+                                                                   .m_is_writable = is_writable,
+                                                                   .m_write = write,
+                                                                   .m_seek = seek,
+                                                                   .m_sync = sync,
+                                                                   .m_get_env = get_env,
+                                                                   .m_set_env = set_env,
+                                                                   .m_get_last_error = get_last_error,
+                                                                   .m_set_last_error = set_last_error,
+                                                                   .m_main = main_entry},
+                                                        .m_reserved = {}};
+
+// --- the plugin libraries that come with this one
+
+struct preloaded_plugin {
+    const char *path;
+    const char *initialize_name;
+    const char *uninitialize_name;
+    uint32_t id;
+};
+
+constinit kestal_short_lock_t preload_lock = 0;
+constinit uint32_t initialize_count = 0;
+constinit preloaded_plugin preloaded[] = {{"kestal_plugin_curl.so", nullptr, nullptr, KESTAL_INVALID_ID}};
+
+constexpr kestal::builtin_plugin_node own_node = {.next = nullptr,
+                                                  .name = nullptr,
+                                                  .initialize = kestal_plugin_initialize_builtin_plugin,
+                                                  .uninitialize = kestal_plugin_uninitialize_builtin_plugin};
+
+} // namespace
+
+constinit const kestal::builtin_plugin_node *const kestal::builtin_plugins = &own_node;
+
+int32_t kestal_plugin_initialize_builtin_plugin(const char **mime_type_hint,
+                                                const kestal_ctx0_v0_interface_t **interface, uint64_t *interface_size)
+{
+    if (interface == nullptr || interface_size == nullptr)
+        return -1;
+    if (mime_type_hint != nullptr)
+        *mime_type_hint = mime_type_hint_list;
+    *interface = &interface_table.m_base;
+    *interface_size = sizeof(interface_table);
+
+    const short_lock_guard guard(preload_lock);
+    ++initialize_count;
+    // A library that is not there is left out: streams over it are simply not supported.
+    for (preloaded_plugin &plugin : preloaded)
+        if (plugin.id == KESTAL_INVALID_ID)
+            plugin.id = kestal_load_plugin(plugin.path, plugin.initialize_name, plugin.uninitialize_name);
+    return 0;
+}
+
+int32_t kestal_plugin_uninitialize_builtin_plugin(void)
+{
+    const short_lock_guard guard(preload_lock);
+    if (initialize_count == 0 || --initialize_count > 0)
+        return 0;
+    for (preloaded_plugin &plugin : preloaded)
+        if (plugin.id != KESTAL_INVALID_ID)
+            plugin.id = kestal_unload_plugin(plugin.id);
+    return 0;
+}

@@ -1,0 +1,110 @@
+#include "stream_kind.hpp"
+
+#include <kestal_ulx/text.h>
+#include <kestal_ulx/time_stamp.h>
+
+#include <errno.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <string.h>
+
+namespace kestal {
+
+namespace {
+
+constexpr const stream_kind *kinds[] = {&base_kind, &multicall_kind, &file_kind, &pipe_kind};
+
+uint32_t open_without_state(kestal_ctx_t &, stream_request &)
+{
+    return KESTAL_CTX_ERROR_NONE;
+}
+
+template <typename Condition>
+const stream_kind *find_kind_if(Condition is_wanted)
+{
+    for (const stream_kind *kind : kinds)
+        if (is_wanted(*kind))
+            return kind;
+    return nullptr;
+}
+
+} // namespace
+
+constinit const stream_kind base_kind = {
+    .code = KESTAL_CTX_KIND_BASE, .types = {"application/ulx_base"}, .open = open_without_state};
+
+constinit const stream_kind multicall_kind = {
+    .code = KESTAL_CTX_KIND_MULTICALL,
+    .types = {"application/ulx_multicall", "application/ulx_multicall_builtin"},
+    .open = open_without_state};
+
+const stream_kind *find_kind(int32_t code)
+{
+    return find_kind_if([=](const stream_kind &kind) { return kind.code == code; });
+}
+
+const stream_kind *find_kind_of_type(const char *mime_type)
+{
+    return find_kind_if([=](const stream_kind &kind) {
+        for (const char *type : kind.types)
+            if (type != nullptr && strcmp(type, mime_type) == 0)
+                return true;
+        return false;
+    });
+}
+
+const stream_kind *find_kind_of_scheme(const char *scheme)
+{
+    return find_kind_if([=](const stream_kind &kind) {
+        return kind.scheme != nullptr && kestal_compare_ignore_case(kind.scheme, scheme) == 0;
+    });
+}
+
+const kestal_ctx_option_t *find_last_option(const kestal_ctx_t &ctx, const char *name, const char *other_name)
+{
+    const kestal_ctx_option_t *last = nullptr;
+    for (const kestal_ctx_option_t *option = ctx.m_option_head; option != nullptr; option = option->m_next)
+        if (option->m_name != nullptr && (kestal_compare_ignore_case(option->m_name, name) == 0 ||
+                                          kestal_compare_ignore_case(option->m_name, other_name) == 0))
+            last = option;
+    return last;
+}
+
+int32_t get_option_number(const kestal_ctx_option_t *option, int32_t otherwise, int32_t valueless)
+{
+    if (option == nullptr)
+        return otherwise;
+    if (option->m_value == nullptr)
+        return valueless;
+    const char *text = static_cast<const char *>(option->m_value);
+    char *end = nullptr;
+    const long long number = strtoll(text, &end, 10);
+    const bool is_number = end != text && *end == '\0' && number == static_cast<int32_t>(number);
+    return is_number ? static_cast<int32_t>(number) : otherwise;
+}
+
+int32_t wait_for_descriptor(int descriptor, short events, int32_t timeout)
+{
+    const uint64_t start = kestal_time_stamp_msec();
+    int32_t left = timeout;
+    for (;;) {
+        pollfd entry = {.fd = descriptor, .events = events, .revents = 0};
+        const int ready = poll(&entry, 1, left);
+        if (ready == 0)
+            return 0;
+        if (ready > 0 && (entry.revents & POLLNVAL) == 0)
+            return 1;
+        if (ready > 0) {
+            errno = EBADF;
+            return -1;
+        }
+        if (errno != EINTR)
+            return -1;
+        if (timeout < 0)
+            continue;
+        const uint64_t elapsed = kestal_time_stamp_msec() - start;
+        left = elapsed < static_cast<uint64_t>(timeout) ? timeout - static_cast<int32_t>(elapsed) : 0;
+    }
+}
+
+} // namespace kestal

@@ -4,6 +4,8 @@
 #include <kestal_ulx/lock.h>
 #include <kestal_ulx/spin_lock.h>
 
+#include <sched.h>
+
 namespace kestal {
 
 // Holds a lock, waiting for it without limit.
@@ -25,7 +27,8 @@ private:
     uint64_t line_;
 };
 
-// Holds a spin lock in one mode, waiting for it without limit.
+// Holds a spin lock in one mode, waiting for it without limit. Offers the processor to other threads a few times before
+// it begins to sleep: most holders are gone by then, and threads that only look something up stay side by side.
 template <int32_t mode>
 class spin_guard {
 public:
@@ -33,6 +36,11 @@ public:
                         uint64_t line = static_cast<uint64_t>(__builtin_LINE()))
         : lock_(lock), name_(name), line_(line)
     {
+        for (int i = 0; i < offers; ++i) {
+            if (kestal_reference_try_spin_lock_tag(&lock_, mode, name_, line_) != 0)
+                return;
+            sched_yield();
+        }
         kestal_reference_spin_lock_tag(&lock_, mode, name_, line_);
     }
     ~spin_guard() { kestal_reference_spin_unlock_tag(&lock_, name_, line_); }
@@ -40,6 +48,8 @@ public:
     spin_guard &operator=(const spin_guard &) = delete;
 
 private:
+    static constexpr int offers = 8;
+
     kestal_spin_lock_t &lock_;
     const char *name_;
     uint64_t line_;

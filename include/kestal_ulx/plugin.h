@@ -83,7 +83,10 @@ KESTAL_API uint32_t kestal_load_plugin_ex2(const char *path, const char *search_
  * over the id. */
 KESTAL_API uint32_t kestal_unload_plugin(uint32_t id);
 
-/** Uninitialises and releases every plugin, whatever its count. Contexts must be destroyed before. Returns 0. */
+/**
+ * Uninitialises and releases every plugin, whatever its count, the newest first; a load that another thread is in then
+ * fails. For the end of a program: contexts must be destroyed before. Returns 0.
+ */
 KESTAL_API int32_t kestal_unload_all_plugin(void);
 
 /* --- queries: null (or the stated failure) for an id that is not a plugin's */

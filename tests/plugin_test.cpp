@@ -134,6 +134,20 @@ TEST_F(plugin, is_initialised_once_and_counted)
     EXPECT_EQ(second_->m_uninitialized, 1);
 }
 
+TEST_F(plugin, without_a_path_is_the_built_in_one)
+{
+    const uint32_t id = kestal_load_plugin(nullptr, "ignored", "ignored");
+    ASSERT_NE(id, none);
+    EXPECT_EQ(kestal_load_plugin("", nullptr, nullptr), id);
+    EXPECT_EQ(record(id)->m_flags, KESTAL_PLUGIN_INITIALIZED | KESTAL_PLUGIN_BUILTIN | KESTAL_PLUGIN_INTERFACE_VALID);
+    EXPECT_EQ(record(id)->m_library, nullptr);
+    EXPECT_STREQ(kestal_plugin_get_name(id), "");
+    EXPECT_EQ(kestal_plugin_execute_main(id, 0, nullptr), 1);
+    kestal_unload_plugin(id);
+    EXPECT_EQ(record(id)->m_used_count, 1u);
+    kestal_unload_plugin(id);
+}
+
 TEST_F(plugin, is_the_same_by_handle_or_base_name)
 {
     const temporary_directory directory;

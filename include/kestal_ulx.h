@@ -55,6 +55,10 @@
 #include <kestal_ulx/sha1.h>
 #include <kestal_ulx/sha256.h>
 
+/* pictures */
+#include <kestal_ulx/bitmap_font.h>
+#include <kestal_ulx/color.h>
+
 /* streams and values */
 #include <kestal_ulx/builtin_plugin.h>
 #include <kestal_ulx/dynamic_library.h>

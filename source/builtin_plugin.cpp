@@ -31,8 +31,9 @@ void read_options(const kestal_ctx_t &ctx, stream_request &request)
         request.mode = static_cast<const char *>(mode->m_value);
     const kestal_ctx_option_t *descriptor = find_last_option(ctx, "fd", "fd");
     request.has_descriptor = descriptor != nullptr;
-    request.descriptor = get_option_number(descriptor, -1, -1);
-    request.debug = get_option_number(find_last_option(ctx, "debug", "verbose"), 0, 1);
+    const int64_t number = get_option_number(descriptor, -1, -1);
+    request.descriptor = number < 0 || number > INT32_MAX ? -1 : static_cast<int32_t>(number);
+    request.is_debugging = get_option_number(find_last_option(ctx, "debug", "verbose"), 0, 1) != 0;
 }
 
 // Completes the request for a stream: mode and, when no descriptor was given, the source's parts.

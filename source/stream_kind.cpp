@@ -3,6 +3,7 @@
 #include <kestal_ulx/text.h>
 #include <kestal_ulx/time_stamp.h>
 
+#include <algorithm>
 #include <errno.h>
 #include <poll.h>
 #include <stdlib.h>
@@ -46,10 +47,8 @@ const stream_kind *find_kind(int32_t code)
 const stream_kind *find_kind_of_type(const char *mime_type)
 {
     return find_kind_if([=](const stream_kind &kind) {
-        for (const char *type : kind.types)
-            if (type != nullptr && strcmp(type, mime_type) == 0)
-                return true;
-        return false;
+        return std::any_of(kind.types.begin(), kind.types.end(),
+                           [=](const char *type) { return type != nullptr && strcmp(type, mime_type) == 0; });
     });
 }
 
@@ -70,7 +69,7 @@ const kestal_ctx_option_t *find_last_option(const kestal_ctx_t &ctx, const char 
     return last;
 }
 
-int32_t get_option_number(const kestal_ctx_option_t *option, int32_t otherwise, int32_t valueless)
+int64_t get_option_number(const kestal_ctx_option_t *option, int64_t otherwise, int64_t valueless)
 {
     if (option == nullptr)
         return otherwise;
@@ -78,9 +77,9 @@ int32_t get_option_number(const kestal_ctx_option_t *option, int32_t otherwise, 
         return valueless;
     const char *text = static_cast<const char *>(option->m_value);
     char *end = nullptr;
+    errno = 0;
     const long long number = strtoll(text, &end, 10);
-    const bool is_number = end != text && *end == '\0' && number == static_cast<int32_t>(number);
-    return is_number ? static_cast<int32_t>(number) : otherwise;
+    return end != text && *end == '\0' && errno == 0 ? number : otherwise;
 }
 
 int32_t wait_for_descriptor(int descriptor, short events, int32_t timeout)

@@ -42,8 +42,8 @@ struct stream_request {
     uint32_t flags = 0;      // the mode as KESTAL_FILE_... flags; streams only
     uint32_t permission = 0; // the mode's permissions of a new file; streams only
     bool has_descriptor = false;
-    int32_t descriptor = -1; // the caller's, never closed by the context
-    int32_t debug = 0;
+    int32_t descriptor = -1; // the caller's, never closed by the context; -1 is a bad one
+    bool is_debugging = false;
 };
 
 // One kind. An operation that it does not have is null: the answer is then last error 3, or "ready" to a wait. Opening
@@ -80,7 +80,7 @@ const stream_kind *find_kind_of_scheme(const char *scheme);
 const kestal_ctx_option_t *find_last_option(const kestal_ctx_t &ctx, const char *name, const char *other_name);
 
 // Its value as a decimal number: `otherwise` without an option or when it is no number, `valueless` without a value.
-int32_t get_option_number(const kestal_ctx_option_t *option, int32_t otherwise, int32_t valueless);
+int64_t get_option_number(const kestal_ctx_option_t *option, int64_t otherwise, int64_t valueless);
 
 // Waits for `events` (of poll) or a hang-up: 1, 0 after `timeout` ms (negative: no limit), -1 on failure. Signals do
 // not end the wait.

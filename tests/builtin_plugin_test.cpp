@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -258,6 +259,28 @@ TEST_F(builtin_plugin, leaves_given_descriptors_and_standard_streams_open)
         kestal_close_ctx(id_);
         EXPECT_NE(fcntl(descriptor, F_GETFD), -1);
     }
+}
+
+TEST_F(builtin_plugin, serves_many_threads)
+{
+    const kestal_test::temporary_directory directory;
+    const std::string path = directory.file("file", "content");
+    kestal_destroy_ctx(id_); // so that the plugin itself comes and goes
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 6; ++t)
+        threads.emplace_back([&path] {
+            for (int i = 0; i < 50; ++i) {
+                const uint32_t stream = kestal_open_ctx_stream(path.c_str(), "rb", 0);
+                char text[8] = {};
+                EXPECT_EQ(kestal_ctx_read(stream, text, 7), 7);
+                EXPECT_STREQ(text, "content");
+                kestal_destroy_ctx(stream);
+            }
+        });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(kestal_get_plugin_info()->m_head, nullptr);
+    EXPECT_EQ(kestal_ginstance_alloc_count(nullptr), 0u);
 }
 
 TEST_F(builtin_plugin, serves_plain_contexts_without_a_stream)

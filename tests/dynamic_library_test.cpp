@@ -1,55 +1,40 @@
 #include "support.hpp"
 
 #include <cstring>
-#include <unistd.h>
 
 namespace {
 
-class dynamic_library : public kestal_test::counted {
-protected:
-    static constexpr const char *plugins = KESTAL_TEST_PLUGINS;
-    static constexpr uint32_t mode = KESTAL_DYNAMIC_LIBRARY_NOW | KESTAL_DYNAMIC_LIBRARY_LOCAL;
+constexpr const char *plugins = KESTAL_TEST_PLUGINS;
+constexpr uint32_t mode = KESTAL_DYNAMIC_LIBRARY_NOW | KESTAL_DYNAMIC_LIBRARY_LOCAL;
 
-    static int answer(void *library)
-    {
-        void *address = kestal_import_dynamic_library(library, "bare_answer");
-        return address == nullptr ? -1 : reinterpret_cast<int (*)()>(address)();
-    }
-};
-
-TEST_F(dynamic_library, is_found_along_the_search_path_or_by_its_own)
+// What the library's function says; -1 where the library has no such function.
+int answer(void *library)
 {
-    const kestal_test::temporary_directory empty;
+    void *address = kestal_import_dynamic_library(library, "bare_answer");
+    return address == nullptr ? -1 : reinterpret_cast<int (*)()>(address)();
+}
+
+TEST(dynamic_library, is_found_along_the_search_path_or_by_itself)
+{
     const std::string full = std::string(plugins) + "/bare.so";
-    const std::string behind = ":" + empty.path(".") + ":" + plugins; // an empty element names no directory
-    const std::string too_long = std::string(5000, 'd') + ":" + plugins;
+    const std::string behind = ":/nowhere:" + std::string(5000, 'd') + ":" + plugins;
     const struct {
         const char *path, *search_path;
-        bool found;
+        int answer;
     } cases[] = {
-        {full.c_str(), nullptr, true},
-        {full.c_str(), empty.path("").c_str(), true},
-        {"bare.so", plugins, true},
-        {"bare.so", behind.c_str(), true},
-        {"bare.so", too_long.c_str(), true},
-        {"bare.so", nullptr, false},
-        {"bare.so", "", false},
-        {"./bare.so", plugins, false}, // a path with "/" is not searched for
-        {"libc.so.6", plugins, true},
-        {"bare", plugins, false},
+        {full.c_str(), "/nowhere", 42}, {"bare.so", plugins, 42}, {"bare.so", behind.c_str(), 42},
+        {"bare.so", nullptr, -2},       {"bare.so", "", -2},      {"./bare.so", plugins, -2},
+        {"libc.so.6", plugins, -1},     {nullptr, plugins, -1},   {"", nullptr, -1},
     };
     for (const auto &c : cases) {
         void *library = kestal_open_dynamic_library(c.path, c.search_path, mode);
-        EXPECT_EQ(library != nullptr, c.found) << c.path << " along " << (c.search_path ? c.search_path : "null");
-        if (library != nullptr) {
-            EXPECT_EQ(answer(library), std::strstr(c.path, "bare") != nullptr ? 42 : -1);
-        }
+        EXPECT_EQ(library == nullptr ? -2 : answer(library), c.answer) << (c.path ? c.path : "null");
         EXPECT_EQ(kestal_close_dynamic_library(library), nullptr);
     }
-    EXPECT_EQ(kestal_import_dynamic_library(nullptr, "bare_answer"), nullptr);
+    EXPECT_EQ(answer(nullptr), -1);
 }
 
-TEST_F(dynamic_library, the_same_library_gives_the_same_handle_and_a_null_path_the_program)
+TEST(dynamic_library, opens_of_one_library_give_one_handle)
 {
     void *first = kestal_open_dynamic_library("bare.so", plugins, mode);
     void *second = kestal_open_dynamic_library("bare.so", plugins, KESTAL_DYNAMIC_LIBRARY_LAZY);
@@ -57,34 +42,22 @@ TEST_F(dynamic_library, the_same_library_gives_the_same_handle_and_a_null_path_t
     EXPECT_EQ(first, second);
     kestal_close_dynamic_library(first);
     EXPECT_EQ(answer(second), 42);
-    EXPECT_EQ(kestal_import_dynamic_library(second, "no_such_name"), nullptr);
     EXPECT_EQ(kestal_import_dynamic_library(second, nullptr), nullptr);
-
-    for (const char *path : {static_cast<const char *>(nullptr), ""}) {
-        void *program = kestal_open_dynamic_library(path, plugins, mode);
-        ASSERT_NE(program, nullptr);
-        EXPECT_EQ(answer(program), -1) << "a local library's names are not the program's";
-        EXPECT_NE(kestal_import_dynamic_library(program, "kestal_alloc_tag"), nullptr);
-        kestal_close_dynamic_library(program);
-    }
     kestal_close_dynamic_library(second);
 }
 
-TEST_F(dynamic_library, the_error_is_about_the_file_that_was_found)
+TEST(dynamic_library, the_error_is_about_the_file_that_was_found)
 {
     const kestal_test::temporary_directory directory;
     directory.file("bare.so", "no library at all\n");
-    const std::string broken_only = directory.path("");
-    const std::string broken_first = broken_only + ":" + plugins;
-    char error[300] = "old";
-
-    EXPECT_EQ(kestal_open_dynamic_library_ex("bare.so", broken_only.c_str(), mode, error, sizeof error), nullptr);
-    EXPECT_EQ(std::strncmp(error, broken_only.c_str(), broken_only.size()), 0) << error;
-    char cut[5] = "old";
+    const std::string broken = directory.path("");
+    char error[300], cut[5];
+    EXPECT_EQ(kestal_open_dynamic_library_ex("bare.so", broken.c_str(), mode, error, sizeof error), nullptr);
+    EXPECT_EQ(std::strncmp(error, broken.c_str(), broken.size()), 0) << error;
     EXPECT_EQ(kestal_open_dynamic_library_ex("bare.so", nullptr, mode, cut, sizeof cut), nullptr);
     EXPECT_STREQ(cut, "bare");
 
-    void *library = kestal_open_dynamic_library_ex("bare.so", broken_first.c_str(), mode, error, sizeof error);
+    void *library = kestal_open_dynamic_library_ex("bare.so", (broken + ":" + plugins).c_str(), mode, error, 300);
     EXPECT_EQ(answer(library), 42) << "a broken file does not end the search";
     EXPECT_STREQ(error, "");
     kestal_close_dynamic_library(library);

@@ -3,23 +3,16 @@
 KESTAL_API probe_t probe;
 
 KESTAL_API int32_t kestal_plugin_initialize(const char **hint, const kestal_ctx0_v0_interface_t **interface,
-                                            uint64_t *size);
-KESTAL_API int32_t kestal_plugin_uninitialize(void);
-KESTAL_API int32_t other_initialize(const char **hint, const kestal_ctx0_v0_interface_t **interface, uint64_t *size);
-
-int32_t kestal_plugin_initialize(const char **hint, const kestal_ctx0_v0_interface_t **interface, uint64_t *size)
+                                            uint64_t *size)
 {
     ++probe.m_initialized;
-    int32_t result = probe.m_on_initialize == NULL ? 0 : probe.m_on_initialize();
-    if (result != 0)
-        return result;
     *hint = probe.m_hint;
     *interface = probe.m_interface;
     *size = probe.m_interface_size;
-    return 0;
+    return probe.m_on_initialize == NULL ? 0 : probe.m_on_initialize();
 }
 
-int32_t kestal_plugin_uninitialize(void)
+KESTAL_API int32_t kestal_plugin_uninitialize(void)
 {
     ++probe.m_uninitialized;
     if (probe.m_on_uninitialize != NULL)
@@ -27,7 +20,7 @@ int32_t kestal_plugin_uninitialize(void)
     return 0;
 }
 
-int32_t other_initialize(const char **hint, const kestal_ctx0_v0_interface_t **interface, uint64_t *size)
+KESTAL_API int32_t other_initialize(const char **hint, const kestal_ctx0_v0_interface_t **interface, uint64_t *size)
 {
     int32_t result = kestal_plugin_initialize(hint, interface, size);
     *hint = "other/*";

@@ -2,6 +2,7 @@
 
 #include "byte_order.hpp"
 #include "digest.hpp"
+#include "settled.hpp"
 
 #include <bit>
 #include <utility>
@@ -30,13 +31,6 @@ constexpr size_t word_of(size_t step)
     return (step * factors[step / 16] + offsets[step / 16]) % 16;
 }
 
-// Keeps the compiler from regrouping a sum: what was computed last is to be added last, so that nothing waits for it.
-[[gnu::always_inline]] inline uint32_t settled(uint32_t sum)
-{
-    __asm__("" : "+r"(sum));
-    return sum;
-}
-
 // One of the 64 steps. The chaining words change roles instead of places; b is the one computed last.
 template <size_t index>
 [[gnu::always_inline]] inline void step(uint32_t (&words)[4], const uint8_t *block)
@@ -47,11 +41,11 @@ template <size_t index>
     const uint32_t d = words[(67 - index) % 4];
     uint32_t &a = words[(64 - index) % 4];
 
-    uint32_t sum = settled(a + kestal::load_little_32(block + 4 * word_of(index)) + sines[index]);
+    uint32_t sum = kestal::settled(a + kestal::load_little_32(block + 4 * word_of(index)) + sines[index]);
     if constexpr (round == 0)
         sum += d ^ (b & (c ^ d));
     else if constexpr (round == 1)
-        sum = settled(sum + (c & ~d)) + (b & d);
+        sum = kestal::settled(sum + (c & ~d)) + (b & d);
     else if constexpr (round == 2)
         sum += b ^ (c ^ d);
     else

@@ -1,7 +1,5 @@
 #include "processor.hpp"
 
-#include <atomic>
-
 #if defined(__x86_64__)
 #include <cpuid.h>
 #elif defined(__aarch64__)
@@ -86,25 +84,16 @@ uint32_t detect()
 
 #endif
 
-// A bit that no feature has tells "asked" from "not asked yet". Threads that ask at once find the same.
-constexpr uint32_t asked = 1u << 31;
-constinit std::atomic<uint32_t> usable{0};
-
 } // namespace
 
-bool has(feature wanted)
-{
-    uint32_t features = usable.load(std::memory_order_relaxed);
-    if (features == 0) {
-        features = detect() | asked;
-        usable.store(features, std::memory_order_relaxed);
-    }
-    return (features & wanted) != 0;
-}
+constinit std::atomic<uint32_t> usable{0};
 
-void allow_only(uint32_t features)
+uint32_t allow_only(uint32_t features)
 {
-    usable.store((detect() & features) | asked, std::memory_order_relaxed);
+    // A bit that no feature has tells "none" from "not asked yet".
+    const uint32_t found = (detect() & features) | ~every_feature;
+    usable.store(found, std::memory_order_relaxed);
+    return found;
 }
 
 } // namespace kestal::processor

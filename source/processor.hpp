@@ -2,6 +2,7 @@
 // serves them all. Portable code stands beside every path chosen by it.
 #pragma once
 
+#include <atomic>
 #include <stdint.h>
 
 namespace kestal::processor {
@@ -20,10 +21,20 @@ enum feature : uint32_t {
 
 constexpr uint32_t every_feature = ~(1u << 31);
 
-// Whether the library may use the feature here.
-bool has(feature wanted);
+// From now on the library uses no other features than these, of those that the machine has: lets tests run every path.
+// Returns them.
+uint32_t allow_only(uint32_t features);
 
-// From now on the library uses no other features than these: lets tests run every path.
-void allow_only(uint32_t features);
+// What may be used, once that was asked for; 0 before.
+extern constinit std::atomic<uint32_t> usable;
+
+// Whether the library may use the feature here. Threads that ask at the same time find the same.
+inline bool has(feature wanted)
+{
+    uint32_t features = usable.load(std::memory_order_relaxed);
+    if (features == 0)
+        features = allow_only(every_feature);
+    return (features & wanted) != 0;
+}
 
 } // namespace kestal::processor

@@ -58,9 +58,10 @@ bool has_name(const kestal_ctx_option_t &option, const char *name)
 kestal_ctx_option_t *new_option(const char *name, const void *value, uint64_t size)
 {
     const size_t name_room = name == nullptr || name[0] == '\0' ? 0 : strlen(name) + 1;
-    const size_t value_room = size == 0 ? 0 : size + 1;
     if (size >= SIZE_MAX - sizeof(kestal_ctx_option_t) - name_room)
         return nullptr;
+    const size_t value_size = static_cast<size_t>(size);
+    const size_t value_room = value_size == 0 ? 0 : value_size + 1;
     void *block = kestal_alloc(sizeof(kestal_ctx_option_t) + name_room + value_room);
     if (block == nullptr)
         return nullptr;
@@ -69,16 +70,14 @@ kestal_ctx_option_t *new_option(const char *name, const void *value, uint64_t si
     *option = {};
     if (name_room > 0)
         option->m_name = static_cast<char *>(memcpy(texts, name, name_room));
-    if (size == 0)
-        return option;
-    char *copy = texts + name_room;
-    if (value != nullptr)
-        memcpy(copy, value, size);
-    else
-        memset(copy, 0, size);
-    copy[size] = '\0';
-    option->m_value = copy;
-    option->m_value_size = size;
+    if (value_room > 0) {
+        char *copy = texts + name_room;
+        memset(copy, 0, value_room);
+        if (value != nullptr)
+            memcpy(copy, value, value_size);
+        option->m_value = copy;
+        option->m_value_size = size;
+    }
     return option;
 }
 

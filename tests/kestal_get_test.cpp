@@ -1,0 +1,201 @@
+// The program kestal-get, run as its users run it.
+
+#include "support.hpp"
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+std::string content_of(const std::string &path)
+{
+    std::ostringstream content;
+    content << std::ifstream(path).rdbuf();
+    return content.str();
+}
+
+std::string random_bytes(size_t size)
+{
+    std::string bytes(size, '\0');
+    std::minstd_rand numbers(1);
+    for (char &byte : bytes)
+        byte = static_cast<char>(numbers());
+    return bytes;
+}
+
+class kestal_get : public testing::Test {
+protected:
+    // Runs a command line of the shell in which $get is the program; gives its exit status.
+    int run(const std::string &command)
+    {
+        const std::string line =
+            "cd " + directory_.path("") + " && get=" KESTAL_GET "; (" + command + ") >out 2>err </dev/null";
+        const int status = std::system(line.c_str());
+        out_ = content_of(directory_.path("out"));
+        err_ = content_of(directory_.path("err"));
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+    // What a command prints.
+    std::string output_of(const std::string &command)
+    {
+        EXPECT_EQ(run(command), 0) << command << ": " << err_;
+        return out_;
+    }
+
+    std::string file(const std::string &name) const { return content_of(directory_.path(name)); }
+
+    // The names in the directory, but for the two of run().
+    std::string names() const
+    {
+        std::vector<std::string> all;
+        for (const auto &entry : std::filesystem::directory_iterator(directory_.path("")))
+            all.push_back(entry.path().filename());
+        std::sort(all.begin(), all.end());
+        std::string text;
+        for (const std::string &name : all)
+            text += name == "out" || name == "err" ? "" : name + " ";
+        return text;
+    }
+
+    kestal_test::temporary_directory directory_;
+    std::string out_;
+    std::string err_;
+};
+
+TEST_F(kestal_get, copies_and_agrees_with_other_programs)
+{
+    const std::string bytes = random_bytes(3 * 1048576 + 17);
+    directory_.file("source", bytes);
+    const std::string expected =
+        output_of("echo \"size    $(stat -c %s source) bytes\";"
+                  "echo \"MD5     $(md5sum <source | cut -d' ' -f1)\";"
+                  "echo \"SHA-256 $(sha256sum <source | cut -d' ' -f1)\";"
+                  "echo \"CRC-32  $(gzip -c source | tail -c8 | od -An -tx4 -N4 | tr -d ' ')\"");
+    for (const char *command : {"$get source -o copy", "$get --output copy file://$PWD/source",
+                                "$get -o copy - <source", "cat source | $get -o copy pipe://"}) {
+        std::filesystem::remove(directory_.path("copy"));
+        EXPECT_EQ(output_of(command), expected) << command;
+        EXPECT_EQ(err_, "");
+        EXPECT_EQ(file("copy") == bytes, true) << command;
+    }
+    for (const char *command : {"$get source", "cat source | $get - | cat"}) {
+        EXPECT_EQ(output_of(command) == bytes, true) << command;
+        EXPECT_EQ(err_, expected);
+    }
+    EXPECT_EQ(output_of("$get -q source -o -") == bytes, true);
+    EXPECT_EQ(err_, "");
+}
+
+TEST_F(kestal_get, takes_a_part)
+{
+    directory_.file("digits", "0123456789");
+    const std::pair<const char *, const char *> cases[] = {
+        {"$get -q --offset 3 digits", "3456789"},
+        {"$get -q --offset 3 --bytes 4 digits", "3456"},
+        {"$get -q --bytes 0 digits", ""},
+        {"$get -q --bytes 99 digits", "0123456789"},
+        {"$get -q --offset 10 digits", ""},
+        {"$get -q --offset 3 - <digits", "3456789"},
+        {"cat digits | $get -q --offset 3 --bytes 4 -", "3456"},
+        {"cat digits | $get -q --offset 11 -", ""},
+        {"cat digits | ($get -q --bytes 4 -; echo; cat)", "0123\n456789"}, // takes no more than it is asked for
+        {"$get -q --time 0 digits", ""},
+    };
+    for (const auto &[command, expected] : cases)
+        EXPECT_EQ(output_of(command), expected) << command;
+    EXPECT_EQ(run("$get --offset 11 digits"), 1);
+    EXPECT_EQ(err_, "kestal-get: digits: ends before the offset\n");
+}
+
+TEST_F(kestal_get, ends_streams_that_do_not)
+{
+    ASSERT_EQ(mkfifo(directory_.path("fifo").c_str(), 0600), 0);
+    const int open_end = open(directory_.path("fifo").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(write(open_end, "for now", 7), 7);
+    EXPECT_EQ(run("$get --time 0.2 fifo -o copy"), 0);
+    EXPECT_EQ(file("copy"), "for now");
+    ASSERT_EQ(write(open_end, "for now", 7), 7);
+    EXPECT_EQ(run("$get --timeout 0.2 fifo -o other"), 1);
+    EXPECT_EQ(err_, "kestal-get: fifo: nothing arrives any more\n");
+    ASSERT_EQ(write(open_end, "for now", 7), 7);
+    // The signal comes when the transfer is under way, which its temporary file shows.
+    EXPECT_EQ(run("$get fifo -o other & until ls other.* >/dev/null 2>&1; do :; done; kill -TERM $!; wait $!"),
+              128 + SIGTERM);
+    EXPECT_EQ(names(), "copy fifo ");
+    close(open_end);
+}
+
+TEST_F(kestal_get, says_what_went_wrong_and_leaves_the_old_file)
+{
+    directory_.file("source", random_bytes(200000));
+    directory_.file("old", "old");
+    std::filesystem::create_directory(directory_.path("folder"));
+    const std::pair<const char *, const char *> cases[] = {
+        {"$get missing -o old", "missing: cannot be opened: No such file or directory"},
+        {"$get gopher://host/x -o old", "gopher://host/x: not supported: no plugin opens such a location"},
+        {"$get folder -o old", "folder: cannot be read: Is a directory"},
+        {"$get '' -o old", ": not supported: no plugin opens such a location"},
+        {"$get source -o folder", "folder: Is a directory"},
+        {"$get source -o nowhere/copy", "nowhere/copy: No such file or directory"},
+        {"$get source -o /dev/full", "/dev/full: No space left on device"},
+        {"$get source >/dev/full", "standard output: No space left on device"},
+        {"$get source -o copy >/dev/full", "standard output: No space left on device"},
+        {"ulimit -f 100; trap '' XFSZ; $get source -o old", "old: File too large"},
+        {"$get --plugin ./none.so source -o old", "./none.so: "},
+        {"$get --option x source", "--option: not of the form NAME=VALUE: x"},
+        {"$get --bytes -1 source", "--bytes: not a number, or out of range: -1"},
+        {"$get --time 1s source", "--time: not a number, or out of range: 1s"},
+        {"$get", "no LOCATION given; --help tells more"},
+        {"$get source source", "more than one LOCATION given"},
+    };
+    for (const auto &[command, message] : cases) {
+        EXPECT_EQ(run(command), 1) << command;
+        EXPECT_EQ(err_.rfind(std::string("kestal-get: ") + message, 0), 0u) << command << ": " << err_;
+        EXPECT_EQ(file("old"), "old") << command;
+        std::filesystem::remove(directory_.path("copy"));
+    }
+    EXPECT_EQ(names(), "folder old source ");
+    EXPECT_EQ(run("$get --nonsense source"), 1);
+}
+
+TEST_F(kestal_get, puts_the_file_where_a_link_points_and_keeps_its_mode)
+{
+    directory_.file("source", "new");
+    std::filesystem::permissions(directory_.file("target", "old"), std::filesystem::perms(0640));
+    std::filesystem::create_symlink("target", directory_.path("link"));
+    EXPECT_EQ(run("umask 027; $get -q --option unknown=ignored source -o link && $get -q source -o fresh"), 0) << err_;
+    EXPECT_EQ(file("target"), "new");
+    EXPECT_TRUE(std::filesystem::is_symlink(directory_.path("link")));
+    struct stat status = {};
+    for (const char *name : {"target", "fresh"}) {
+        ASSERT_EQ(stat(directory_.path(name).c_str(), &status), 0);
+        EXPECT_EQ(status.st_mode & 07777, 0640u) << name;
+    }
+}
+
+TEST_F(kestal_get, draws_a_bar_on_a_terminal)
+{
+    directory_.file("source", random_bytes(100000));
+    // script(1) gives the program a terminal.
+    if (run("command -v script") != 0)
+        GTEST_SKIP() << "no script(1) here";
+    EXPECT_EQ(run("script -qec \"$get source -o copy\" screen"), 0);
+    const std::string screen = file("screen");
+    EXPECT_NE(screen.find("100"), std::string::npos) << screen;
+    EXPECT_NE(screen.find(" 100000 of 100000 bytes"), std::string::npos) << screen;
+    EXPECT_NE(screen.find("\nsize    100000 bytes"), std::string::npos) << screen;
+    EXPECT_EQ(run("script -qec \"$get -q source -o copy\" screen"), 0);
+    EXPECT_EQ(file("screen").find("bytes"), std::string::npos);
+}
+
+} // namespace

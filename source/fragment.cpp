@@ -3,7 +3,6 @@
 #include <kestal_ulx/memory.h>
 
 #include <algorithm>
-#include <string.h>
 
 namespace {
 
@@ -38,16 +37,16 @@ bool reserve(kestal_fragment_t &fragment, uint64_t intervals)
 void insert(kestal_fragment_t &fragment, uint64_t index, interval fresh)
 {
     interval *at = fragment.m_intervals + index;
-    memmove(at + 1, at, (fragment.m_interval_count - index) * sizeof(interval));
+    interval *end = fragment.m_intervals + fragment.m_interval_count++;
+    std::copy_backward(at, end, end + 1);
     *at = fresh;
-    ++fragment.m_interval_count;
 }
 
 void erase(kestal_fragment_t &fragment, uint64_t index)
 {
     interval *at = fragment.m_intervals + index;
-    --fragment.m_interval_count;
-    memmove(at, at + 1, (fragment.m_interval_count - index) * sizeof(interval));
+    interval *end = fragment.m_intervals + fragment.m_interval_count--;
+    std::copy(at + 1, end, at);
 }
 
 bool is_free(const kestal_fragment_t &fragment, uint64_t first, uint64_t end)

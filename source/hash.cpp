@@ -5,31 +5,39 @@
 
 #include "list.hpp"
 
-#include <string.h>
+#include <algorithm>
 
-namespace
-{
+namespace {
 
 using kestal::doubly_linked_list;
 
-// 2^64 / count, rounded up; 0 for a count of 1.
-uint64_t reciprocal(uint64_t bucket_count)
+// Behind the buckets stands one of these for each: it ends most look-ups without touching a node.
+struct bucket_guard {
+    uint32_t newest_key;   // of the bucket's first node, when there is one
+    uint32_t older_traces; // of all nodes behind the first, and perhaps of some that have gone
+};
+
+// One bit of 32, from bits of the key that do not settle its bucket.
+uint32_t trace_of(uint32_t key)
 {
-    return UINT64_MAX / bucket_count + 1;
+    return uint32_t{1} << (key * UINT32_C(0x9E3779B1) >> 27);
 }
 
+bucket_guard &guard_of(const kestal_hash_t &table, uint64_t bucket)
+{
+    return reinterpret_cast<bucket_guard *>(table.m_buckets + table.m_bucket_count)[bucket];
+}
+
+// Key modulo bucket count. Two multiplications stand for the division, exact for 32-bit keys and a modulus of at most
+// 2^32 (Lemire, Kaser, Kurz: "Faster remainder by direct computation", 2019).
 uint64_t bucket_of(const kestal_hash_t &table, uint32_t key)
 {
-    if (table.m_bucket_count > UINT32_MAX)
-        return key;
 #if defined(__SIZEOF_INT128__)
-    // The remainder by two multiplications instead of a division: exact for 32-bit keys and counts (Lemire, Kaser,
-    // Kurz: "Faster remainder by direct computation", 2019).
     __extension__ typedef unsigned __int128 wide;
     const uint64_t fraction = table.m_reciprocal * key;
-    return static_cast<uint64_t>(wide{fraction} * table.m_bucket_count >> 64);
+    return static_cast<uint64_t>(wide{fraction} * table.m_modulus >> 64);
 #else
-    return key % static_cast<uint32_t>(table.m_bucket_count);
+    return key % table.m_modulus;
 #endif
 }
 
@@ -38,10 +46,9 @@ doubly_linked_list ordered_list(kestal_hash_t &table)
     return {&table.m_head, &table.m_tail, KESTAL_LINKS(kestal_hash_node_t, m_previous, m_next)};
 }
 
-doubly_linked_list bucket_list(kestal_hash_t &table, uint32_t key)
+doubly_linked_list bucket_list(kestal_hash_t &table, uint64_t bucket)
 {
-    return {&table.m_buckets[bucket_of(table, key)], nullptr,
-            KESTAL_LINKS(kestal_hash_node_t, m_bucket_previous, m_bucket_next)};
+    return {&table.m_buckets[bucket], nullptr, KESTAL_LINKS(kestal_hash_node_t, m_bucket_previous, m_bucket_next)};
 }
 
 // Never positive: sort insertion looks for a negative answer only.
@@ -52,11 +59,64 @@ int32_t compare_keys(const void *a, const void *b)
     return first < second ? -1 : 0;
 }
 
-kestal_hash_node_t *add_to_bucket(kestal_hash_t &table, kestal_hash_node_t *node)
+kestal_hash_node_t *new_node(uint32_t key, void *data)
 {
-    bucket_list(table, node->m_key).prepend(node);
-    ++table.m_node_count;
+    void *block = kestal_alloc_tag(sizeof(kestal_hash_node_t), "kestal_new_hash_node", __LINE__);
+    kestal_hash_node_t *node = static_cast<kestal_hash_node_t *>(block);
+    if (node != nullptr)
+        *node = {.m_previous = nullptr,
+                 .m_next = nullptr,
+                 .m_bucket_previous = nullptr,
+                 .m_bucket_next = nullptr,
+                 .m_key = key,
+                 .m_data = data};
     return node;
+}
+
+// Links a node: `link` puts it on the ordered list, wherever it belongs there; in its bucket it comes first.
+template <typename Link>
+kestal_hash_node_t *add(kestal_hash_t *table, kestal_hash_node_t *node, Link link)
+{
+    if (table == nullptr || node == nullptr)
+        return nullptr;
+    link(ordered_list(*table));
+    const uint64_t bucket = bucket_of(*table, node->m_key);
+    bucket_guard &guard = guard_of(*table, bucket);
+    if (table->m_buckets[bucket] != nullptr)
+        guard.older_traces |= trace_of(guard.newest_key);
+    guard.newest_key = node->m_key;
+    bucket_list(*table, bucket).prepend(node);
+    ++table->m_node_count;
+    return node;
+}
+
+kestal_hash_node_t *add_to_head(kestal_hash_t *table, kestal_hash_node_t *node)
+{
+    return add(table, node, [node](const doubly_linked_list &list) { list.prepend(node); });
+}
+
+kestal_hash_node_t *add_to_tail(kestal_hash_t *table, kestal_hash_node_t *node)
+{
+    return add(table, node, [node](const doubly_linked_list &list) { list.append(node); });
+}
+
+kestal_hash_node_t *add_in_order(kestal_hash_t *table, kestal_hash_node_t *node, kestal_list_compare_t compare)
+{
+    return add(table, node, [=](const doubly_linked_list &list) {
+        list.sort_insert(node, compare == nullptr ? compare_keys : compare);
+    });
+}
+
+void remove_from_bucket(kestal_hash_t &table, kestal_hash_node_t *node)
+{
+    const uint64_t bucket = bucket_of(table, node->m_key);
+    bucket_list(table, bucket).remove(node);
+    bucket_guard &guard = guard_of(table, bucket);
+    const kestal_hash_node_t *newest = table.m_buckets[bucket];
+    if (newest != nullptr)
+        guard.newest_key = newest->m_key;
+    if (newest == nullptr || newest->m_bucket_next == nullptr)
+        guard.older_traces = 0;
 }
 
 bool is_linked(const kestal_hash_t &table, const kestal_hash_node_t *node)
@@ -68,18 +128,20 @@ bool is_linked(const kestal_hash_t &table, const kestal_hash_node_t *node)
 
 kestal_hash_t *kestal_open_hash(uint64_t bucket_count, kestal_hash_data_destructor_t destructor)
 {
-    if (bucket_count == 0)
-        bucket_count = 1;
-    if (bucket_count > (SIZE_MAX - sizeof(kestal_hash_t)) / sizeof(kestal_hash_node_t *))
+    constexpr uint64_t bucket_size = sizeof(kestal_hash_node_t *) + sizeof(bucket_guard);
+    bucket_count = std::max<uint64_t>(bucket_count, 1);
+    if (bucket_count > (SIZE_MAX - sizeof(kestal_hash_t)) / bucket_size)
         return nullptr;
-    const uint64_t size = sizeof(kestal_hash_t) + bucket_count * sizeof(kestal_hash_node_t *);
-    kestal_hash_t *table = static_cast<kestal_hash_t *>(kestal_calloc(1, size));
+    void *block = kestal_calloc(1, sizeof(kestal_hash_t) + bucket_count * bucket_size);
+    kestal_hash_t *table = static_cast<kestal_hash_t *>(block);
     if (table == nullptr)
         return nullptr;
     table->m_bucket_count = bucket_count;
     table->m_data_destructor = destructor;
     table->m_buckets = reinterpret_cast<kestal_hash_node_t **>(table + 1);
-    table->m_reciprocal = reciprocal(bucket_count);
+    // More buckets than keys can tell apart change no remainder.
+    table->m_modulus = std::min(bucket_count, uint64_t{1} << 32);
+    table->m_reciprocal = UINT64_MAX / table->m_modulus + 1;
     return table;
 }
 
@@ -115,7 +177,7 @@ uint64_t kestal_hash_index(const kestal_hash_t *table, uint32_t key)
 
 kestal_hash_node_t *kestal_new_hash_node(void)
 {
-    return static_cast<kestal_hash_node_t *>(kestal_calloc(1, sizeof(kestal_hash_node_t)));
+    return new_node(0, nullptr);
 }
 
 int32_t kestal_free_hash_node(kestal_hash_t *table, kestal_hash_node_t *node)
@@ -134,53 +196,39 @@ int32_t kestal_free_hash_node(kestal_hash_t *table, kestal_hash_node_t *node)
 
 kestal_hash_node_t *kestal_create_hash_node(kestal_hash_t *table, uint32_t key, void *data)
 {
-    kestal_hash_node_t *node = table == nullptr ? nullptr : kestal_new_hash_node();
-    if (node == nullptr)
-        return nullptr;
-    node->m_key = key;
-    node->m_data = data;
-    return node;
+    return table == nullptr ? nullptr : new_node(key, data);
 }
 
 kestal_hash_node_t *kestal_add_hash_node_to_head(kestal_hash_t *table, kestal_hash_node_t *node)
 {
-    if (table == nullptr || node == nullptr)
-        return nullptr;
-    ordered_list(*table).prepend(node);
-    return add_to_bucket(*table, node);
+    return add_to_head(table, node);
 }
 
 kestal_hash_node_t *kestal_add_hash_node_to_tail(kestal_hash_t *table, kestal_hash_node_t *node)
 {
-    if (table == nullptr || node == nullptr)
-        return nullptr;
-    ordered_list(*table).append(node);
-    return add_to_bucket(*table, node);
+    return add_to_tail(table, node);
 }
 
 kestal_hash_node_t *kestal_add_hash_node_sort_insert(kestal_hash_t *table, kestal_hash_node_t *node,
                                                      kestal_list_compare_t compare)
 {
-    if (table == nullptr || node == nullptr)
-        return nullptr;
-    ordered_list(*table).sort_insert(node, compare == nullptr ? compare_keys : compare);
-    return add_to_bucket(*table, node);
+    return add_in_order(table, node, compare);
 }
 
 kestal_hash_node_t *kestal_create_hash_node_to_head(kestal_hash_t *table, uint32_t key, void *data)
 {
-    return kestal_add_hash_node_to_head(table, kestal_create_hash_node(table, key, data));
+    return table == nullptr ? nullptr : add_to_head(table, new_node(key, data));
 }
 
 kestal_hash_node_t *kestal_create_hash_node_to_tail(kestal_hash_t *table, uint32_t key, void *data)
 {
-    return kestal_add_hash_node_to_tail(table, kestal_create_hash_node(table, key, data));
+    return table == nullptr ? nullptr : add_to_tail(table, new_node(key, data));
 }
 
 kestal_hash_node_t *kestal_create_hash_node_sort_insert(kestal_hash_t *table, uint32_t key, void *data,
                                                         kestal_list_compare_t compare)
 {
-    return kestal_add_hash_node_sort_insert(table, kestal_create_hash_node(table, key, data), compare);
+    return table == nullptr ? nullptr : add_in_order(table, new_node(key, data), compare);
 }
 
 kestal_hash_node_t *kestal_sub_hash_node(kestal_hash_t *table, kestal_hash_node_t *node)
@@ -188,7 +236,7 @@ kestal_hash_node_t *kestal_sub_hash_node(kestal_hash_t *table, kestal_hash_node_
     if (table == nullptr || node == nullptr || !is_linked(*table, node))
         return nullptr;
     ordered_list(*table).remove(node);
-    bucket_list(*table, node->m_key).remove(node);
+    remove_from_bucket(*table, node);
     --table->m_node_count;
     return node;
 }
@@ -202,7 +250,17 @@ kestal_hash_node_t *kestal_search_hash_node(const kestal_hash_t *table, const ke
 {
     if (table == nullptr)
         return nullptr;
-    kestal_hash_node_t *node = start != nullptr ? start->m_bucket_next : table->m_buckets[bucket_of(*table, key)];
+    if (start == nullptr) {
+        const uint64_t bucket = bucket_of(*table, key);
+        const bucket_guard guard = guard_of(*table, bucket);
+        kestal_hash_node_t *newest = table->m_buckets[bucket];
+        if (guard.newest_key == key)
+            return newest;
+        if ((guard.older_traces & trace_of(key)) == 0)
+            return nullptr;
+        start = newest;
+    }
+    kestal_hash_node_t *node = start->m_bucket_next;
     while (node != nullptr && node->m_key != key)
         node = node->m_bucket_next;
     return node;

@@ -4,8 +4,7 @@
 
 #include <kestal_ulx/list.h>
 
-namespace kestal
-{
+namespace kestal {
 
 // A pointer field of a record whose type is not known here.
 typedef void *__attribute__((__may_alias__)) list_link;
@@ -16,13 +15,11 @@ inline list_link &list_link_at(void *record, uint64_t position)
 }
 
 // What the next links alone say: the walkers and the singly linked family.
-class singly_linked_list
-{
+class singly_linked_list {
 public:
     singly_linked_list(void *head, void *tail, uint64_t next)
         : head_(*static_cast<list_link *>(head)), tail_(static_cast<list_link *>(tail)), next_position_(next)
-    {
-    }
+    {}
 
     void *head() const { return head_; }
     list_link &next(void *element) const { return list_link_at(element, next_position_); }
@@ -159,14 +156,12 @@ private:
     uint64_t next_position_;
 };
 
-class doubly_linked_list
-{
+class doubly_linked_list {
 public:
     doubly_linked_list(void *head, void *tail, uint64_t previous, uint64_t next)
         : head_(*static_cast<list_link *>(head)), tail_(static_cast<list_link *>(tail)), forward_(head, tail, next),
           previous_position_(previous)
-    {
-    }
+    {}
 
     void prepend(void *node) const { link_between(nullptr, node, head_); }
     void append(void *node) const { link_between(forward_.last(), node, nullptr); }

@@ -9,14 +9,13 @@
 #include <sys/select.h>
 
 struct kestal_select {
-    uint64_t m_size;     // bytes in each bit set
+    size_t m_size;       // bytes in each bit set
     uint8_t *m_sets;     // three sets of interest, then three of results: read, write, exception
     uint64_t m_count[3]; // descriptors in each set of interest
     int32_t m_highest;
 };
 
-namespace
-{
+namespace {
 
 constexpr uint32_t all_conditions = KESTAL_SELECT_READ | KESTAL_SELECT_WRITE | KESTAL_SELECT_EXCEPTION;
 
@@ -24,7 +23,7 @@ constexpr uint32_t all_conditions = KESTAL_SELECT_READ | KESTAL_SELECT_WRITE | K
 constexpr unsigned first_interest = 0;
 constexpr unsigned first_result = 3;
 constexpr unsigned set_count = 6;
-constexpr uint64_t first_size = 8;
+constexpr size_t first_size = 8;
 
 constexpr int32_t fixed_set_bits = 1024; // what a set of the C runtime holds
 
@@ -66,9 +65,9 @@ bool is_descriptor(int32_t descriptor)
 }
 
 // The bytes of a bit set that has room for the descriptor.
-uint64_t size_for(uint64_t descriptor)
+size_t size_for(uint64_t descriptor)
 {
-    return (descriptor + 64) / 64 * 8;
+    return static_cast<size_t>((descriptor + 64) / 64 * 8);
 }
 
 bool has_room(const kestal_select_t &set, int32_t descriptor)
@@ -87,7 +86,7 @@ uint32_t marked_conditions(const kestal_select_t &set, unsigned first_set, int32
     return mask;
 }
 
-bool resize(kestal_select_t &set, uint64_t size)
+bool resize(kestal_select_t &set, size_t size)
 {
     uint8_t *sets = static_cast<uint8_t *>(kestal_calloc_tag(set_count, size, "kestal_select_resize", __LINE__));
     if (sets == nullptr)
@@ -102,8 +101,8 @@ bool resize(kestal_select_t &set, uint64_t size)
 
 bool make_room(kestal_select_t &set, int32_t descriptor)
 {
-    const uint64_t needed = size_for(static_cast<uint64_t>(descriptor));
-    uint64_t size = set.m_size;
+    const size_t needed = size_for(static_cast<uint64_t>(descriptor));
+    size_t size = set.m_size;
     while (size < needed)
         size = size <= 128 ? size * 2 : size + 16;
     return size == set.m_size || resize(set, size);
@@ -122,8 +121,7 @@ int32_t next_highest(const kestal_select_t &set)
 }
 
 // A time-out as select takes it: null, for no limit, when it is negative.
-class select_timeout
-{
+class select_timeout {
 public:
     explicit select_timeout(int32_t milliseconds) : limited_(milliseconds >= 0)
     {
@@ -171,7 +169,7 @@ int32_t wait_for_high_one(int32_t descriptor, uint32_t mask, int32_t timeout_ms)
     // Waits for reading where writing was asked for: callers rely on the write bit standing in the read set here.
     if ((mask & KESTAL_SELECT_WRITE) != 0)
         mask = (mask & ~KESTAL_SELECT_WRITE) | KESTAL_SELECT_READ;
-    const uint64_t size = size_for(static_cast<uint64_t>(descriptor));
+    const size_t size = size_for(static_cast<uint64_t>(descriptor));
     word *sets = static_cast<word *>(kestal_calloc_tag(3, size, "kestal_single_select", __LINE__));
     if (sets == nullptr)
         return -1;

@@ -17,56 +17,32 @@ std::string_view name_of(const char *name)
     return name == nullptr ? std::string_view() : std::string_view(name);
 }
 
-// What a search looks for: nodes that agree in each part that is set.
-struct wanted {
-    bool by_name = false;
-    bool exact = false;
-    std::string_view name{};
-    bool by_alternatives = false;
-    const char *alternatives = nullptr;
-    bool by_data = false;
-    const void *data = nullptr;
-    uint64_t size = 0;
-};
-
-wanted wanted_name(uint32_t exact, const char *name)
-{
-    return {.by_name = true, .exact = exact != 0, .name = name_of(name)};
-}
-
-wanted wanted_alternatives(uint32_t exact, const char *names)
-{
-    return {.exact = exact != 0, .by_alternatives = true, .alternatives = names};
-}
-
-wanted with_data(wanted what, const void *data, uint64_t size)
-{
-    what.by_data = true;
-    what.data = data;
-    what.size = size;
-    return what;
-}
-
-wanted wanted_string(const char *string)
-{
-    return with_data({}, string, name_of(string).size());
-}
-
 char lower_case(char letter)
 {
     return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + ('a' - 'A')) : letter;
+}
+
+bool is_name_ignoring_case(const char *have, std::string_view name)
+{
+    for (const char letter : name)
+        if (lower_case(*have++) != lower_case(letter))
+            return false;
+    return *have == '\0';
+}
+
+bool is_exact_name(const char *have, std::string_view name)
+{
+    return strncmp(have, name.data(), name.size()) == 0 && have[name.size()] == '\0';
 }
 
 bool is_name(const char *have, std::string_view name, bool exact)
 {
     if (have == nullptr || name.data() == nullptr)
         return have == name.data();
-    if (exact)
-        return strncmp(have, name.data(), name.size()) == 0 && have[name.size()] == '\0';
-    for (const char letter : name)
-        if (lower_case(*have++) != lower_case(letter))
-            return false;
-    return *have == '\0';
+    if (!exact)
+        return is_name_ignoring_case(have, name);
+    // Most names differ in the first character already; that of an empty name is its terminator.
+    return *have == *name.data() && is_exact_name(have, name);
 }
 
 // Calls visit(name) for each alternative until it gives true; whether it did.
@@ -82,21 +58,49 @@ bool any_alternative(const char *names, Visit visit)
     return false;
 }
 
-bool matches(const kestal_value_node_t &node, const wanted &what)
+// What a search looks for: functions that tell whether a node is it.
+
+auto with_name(uint32_t exact, std::string_view name)
 {
-    if (what.by_name && !is_name(node.m_name, what.name, what.exact))
-        return false;
-    if (what.by_alternatives && !any_alternative(what.alternatives, [&](std::string_view name) {
-            return is_name(node.m_name, name, what.exact);
-        }))
-        return false;
-    return !what.by_data || kestal_compare_data(node.m_data, node.m_size, what.data, what.size) == 0;
+    return [=](const kestal_value_node_t &node) { return is_name(node.m_name, name, exact != 0); };
 }
 
-kestal_value_node_t *search(const kestal_value_node_t *start, const wanted &what)
+auto with_name(uint32_t exact, const char *name)
+{
+    return with_name(exact, name_of(name));
+}
+
+auto with_alternative(uint32_t exact, const char *names)
+{
+    return [=](const kestal_value_node_t &node) {
+        return any_alternative(names, [&](std::string_view name) { return is_name(node.m_name, name, exact != 0); });
+    };
+}
+
+auto with_data(const void *data, uint64_t size)
+{
+    return [=](const kestal_value_node_t &node) {
+        return node.m_size == size && kestal_compare_data(node.m_data, size, data, size) == 0;
+    };
+}
+
+// A text without its terminator.
+auto with_text(const char *text)
+{
+    return with_data(text, name_of(text).size());
+}
+
+template <typename First, typename Second>
+auto both(First first, Second second)
+{
+    return [=](const kestal_value_node_t &node) { return first(node) && second(node); };
+}
+
+template <typename Wanted>
+kestal_value_node_t *search(const kestal_value_node_t *start, Wanted is_wanted)
 {
     const kestal_value_node_t *node = start;
-    while (node != nullptr && !matches(*node, what))
+    while (node != nullptr && !is_wanted(*node))
         node = node->m_next;
     return const_cast<kestal_value_node_t *>(node);
 }
@@ -106,9 +110,10 @@ bool is_valid(const kestal_value_t *list)
     return list != nullptr && (list->m_flags & KESTAL_VALUE_VALID) != 0;
 }
 
-kestal_value_node_t *search_list(const kestal_value_t *list, const wanted &what)
+template <typename Wanted>
+kestal_value_node_t *search_list(const kestal_value_t *list, Wanted is_wanted)
 {
-    return is_valid(list) ? search(list->m_head, what) : nullptr;
+    return is_valid(list) ? search(list->m_head, is_wanted) : nullptr;
 }
 
 kestal::doubly_linked_list nodes_of(kestal_value_t &list)
@@ -130,13 +135,14 @@ private:
     kestal_value_t nodes_{};
 };
 
-int32_t remove_all(kestal_value_t *list, const wanted &what)
+template <typename Wanted>
+int32_t remove_all(kestal_value_t *list, Wanted is_wanted)
 {
     if (!is_valid(list))
         return -1;
     discarded_nodes discarded;
-    for (kestal_value_node_t *node = search(list->m_head, what), *next; node != nullptr; node = next) {
-        next = search(node->m_next, what);
+    for (kestal_value_node_t *node = search(list->m_head, is_wanted), *next; node != nullptr; node = next) {
+        next = search(node->m_next, is_wanted);
         nodes_of(*list).remove(node);
         discarded.add(node);
         list->m_flags |= KESTAL_VALUE_MODIFIED;
@@ -169,13 +175,15 @@ void *copy_data(const void *data, uint64_t size)
 kestal_value_node_t *new_node(std::string_view name, const void *data, uint64_t size)
 {
     const uint64_t name_size = name.data() == nullptr ? 0 : name.size() + 1;
-    kestal_value_node_t *node = static_cast<kestal_value_node_t *>(
-        kestal_calloc_tag(1, sizeof(kestal_value_node_t) + name_size, "kestal_new_value_node", __LINE__));
+    void *block = kestal_alloc_tag(sizeof(kestal_value_node_t) + name_size, "kestal_new_value_node", __LINE__);
+    kestal_value_node_t *node = static_cast<kestal_value_node_t *>(block);
     if (node == nullptr)
         return nullptr;
+    *node = {};
     if (name_size > 0) {
         node->m_name = reinterpret_cast<char *>(node + 1);
         memcpy(node->m_name, name.data(), name.size());
+        node->m_name[name.size()] = '\0';
     }
     node->m_size = size;
     node->m_data = size == 0 ? nullptr : copy_data(data, size);
@@ -191,22 +199,21 @@ int32_t overwrite(kestal_value_t &list, kestal_value_node_t &node, const void *d
     return 0;
 }
 
-int32_t set(kestal_value_t &list, uint32_t mode, bool exact, std::string_view name, const void *data, uint64_t size,
+int32_t set(kestal_value_t &list, uint32_t mode, uint32_t exact, std::string_view name, const void *data, uint64_t size,
             discarded_nodes &discarded)
 {
-    const wanted by_name{.by_name = true, .exact = exact, .name = name};
     kestal_value_node_t *old_node = nullptr;
     switch (mode & 3) {
     case KESTAL_VALUE_REPLACE_BY_NAME:
-        old_node = search(list.m_head, by_name);
+        old_node = search(list.m_head, with_name(exact, name));
         if (old_node != nullptr && old_node->m_size == size)
             return overwrite(list, *old_node, data);
         break;
     case KESTAL_VALUE_REPLACE_BY_DATA:
-        old_node = search(list.m_head, with_data({}, data, size));
+        old_node = search(list.m_head, with_data(data, size));
         break;
     case KESTAL_VALUE_ADD_IF_ABSENT:
-        if (search(list.m_head, with_data(by_name, data, size)) != nullptr)
+        if (search(list.m_head, both(with_name(exact, name), with_data(data, size))) != nullptr)
             return 0;
         break;
     }
@@ -282,7 +289,7 @@ int32_t kestal_set_value(kestal_value_t *list, uint32_t mode, uint32_t exact, co
     if (!is_valid(list))
         return -1;
     discarded_nodes discarded;
-    return set(*list, mode, exact != 0, name_of(name), data, size, discarded);
+    return set(*list, mode, exact, name_of(name), data, size, discarded);
 }
 
 int32_t kestal_set_value_string(kestal_value_t *list, uint32_t mode, uint32_t exact, const char *name,
@@ -305,7 +312,7 @@ int32_t kestal_multiple_set_value(kestal_value_t *list, uint32_t mode, uint32_t 
     discarded_nodes discarded;
     int32_t result = 0;
     any_alternative(names, [&](std::string_view name) {
-        if (set(*list, mode, exact != 0, name, data, size, discarded) != 0)
+        if (set(*list, mode, exact, name, data, size, discarded) != 0)
             result = -1;
         return false;
     });
@@ -326,23 +333,23 @@ int32_t kestal_multiple_set_value_int_string(kestal_value_t *list, uint32_t mode
 
 kestal_value_node_t *kestal_get_value_node_by_name(const kestal_value_t *list, uint32_t exact, const char *name)
 {
-    return search_list(list, wanted_name(exact, name));
+    return search_list(list, with_name(exact, name));
 }
 
 kestal_value_node_t *kestal_get_value_node_by_data(const kestal_value_t *list, const void *data, uint64_t size)
 {
-    return search_list(list, with_data({}, data, size));
+    return search_list(list, with_data(data, size));
 }
 
 kestal_value_node_t *kestal_get_value_node_by_string(const kestal_value_t *list, const char *string)
 {
-    return search_list(list, wanted_string(string));
+    return search_list(list, with_text(string));
 }
 
 kestal_value_node_t *kestal_get_value_node(const kestal_value_t *list, uint32_t exact, const char *name,
                                            const void *data, uint64_t size)
 {
-    return search_list(list, with_data(wanted_name(exact, name), data, size));
+    return search_list(list, both(with_name(exact, name), with_data(data, size)));
 }
 
 void *kestal_get_value_by_name(const kestal_value_t *list, uint32_t exact, const char *name, uint64_t *size)
@@ -372,67 +379,67 @@ const char *kestal_get_value_string(const kestal_value_t *list, uint32_t exact, 
 
 int32_t kestal_remove_value_by_name(kestal_value_t *list, uint32_t exact, const char *name)
 {
-    return remove_all(list, wanted_name(exact, name));
+    return remove_all(list, with_name(exact, name));
 }
 
 int32_t kestal_remove_value_by_data(kestal_value_t *list, const void *data, uint64_t size)
 {
-    return remove_all(list, with_data({}, data, size));
+    return remove_all(list, with_data(data, size));
 }
 
 int32_t kestal_remove_value_by_string(kestal_value_t *list, const char *string)
 {
-    return remove_all(list, wanted_string(string));
+    return remove_all(list, with_text(string));
 }
 
 int32_t kestal_remove_value(kestal_value_t *list, uint32_t exact, const char *name, const void *data, uint64_t size)
 {
-    return remove_all(list, with_data(wanted_name(exact, name), data, size));
+    return remove_all(list, both(with_name(exact, name), with_data(data, size)));
 }
 
 int32_t kestal_multiple_remove_value_by_name(kestal_value_t *list, uint32_t exact, const char *names)
 {
-    return remove_all(list, wanted_alternatives(exact, names));
+    return remove_all(list, with_alternative(exact, names));
 }
 
 int32_t kestal_multiple_remove_value(kestal_value_t *list, uint32_t exact, const char *names, const void *data,
                                      uint64_t size)
 {
-    return remove_all(list, with_data(wanted_alternatives(exact, names), data, size));
+    return remove_all(list, both(with_alternative(exact, names), with_data(data, size)));
 }
 
 kestal_value_node_t *kestal_search_value_node_by_name(const kestal_value_node_t *start, uint32_t exact,
                                                       const char *name)
 {
-    return search(start, wanted_name(exact, name));
+    return search(start, with_name(exact, name));
 }
 
 kestal_value_node_t *kestal_search_value_node_by_data(const kestal_value_node_t *start, const void *data, uint64_t size)
 {
-    return search(start, with_data({}, data, size));
+    return search(start, with_data(data, size));
 }
 
 kestal_value_node_t *kestal_search_value_node_by_string(const kestal_value_node_t *start, const char *string)
 {
-    return search(start, wanted_string(string));
+    return search(start, with_text(string));
 }
 
 kestal_value_node_t *kestal_search_value_node(const kestal_value_node_t *start, uint32_t exact, const char *name,
                                               const void *data, uint64_t size)
 {
-    return search(start, with_data(wanted_name(exact, name), data, size));
+    return search(start, both(with_name(exact, name), with_data(data, size)));
 }
 
 kestal_value_node_t *kestal_multiple_search_value_node_by_name(const kestal_value_node_t *start, uint32_t exact,
                                                                const char *names)
 {
-    return search(start, wanted_alternatives(exact, names));
+    return search(start, with_alternative(exact, names));
 }
 
 kestal_value_node_t *kestal_multiple_search_value_node(const kestal_value_node_t *start, uint32_t exact,
                                                        const char *names, const void *data, uint64_t size)
 {
-    return search(start, with_data(wanted_alternatives(exact, names), data, size));
+    return search(start, both(with_alternative(exact, names), with_data(data, size)));
 }
 
 kestal_value_node_t *kestal_new_value_node(const char *name, const void *data, uint64_t size)

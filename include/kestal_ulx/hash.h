@@ -36,7 +36,8 @@ typedef struct kestal_hash {
     kestal_hash_node_t *m_tail;
     kestal_hash_node_t **m_buckets; /**< the heads of the bucket lists */
     uint64_t m_node_count;
-    uint64_t m_reciprocal; /**< private */
+    uint64_t m_modulus; /**< private, as what follows */
+    uint64_t m_reciprocal;
 } kestal_hash_t;
 
 #if KESTAL_POINTER_IS_64_BIT
@@ -46,8 +47,8 @@ KESTAL_STATIC_ASSERT(offsetof(kestal_hash_node_t, m_data) == 40, "the data comes
 #endif
 
 /**
- * A new table of `bucket_count` buckets (0 is taken as 1; about as many as nodes are expected keeps look-ups short),
- * or null when memory is short. `destructor` may be null: then the data stays the caller's.
+ * A new table of `bucket_count` buckets (0 is taken as 1; about as many as nodes are expected keeps look-ups short; a
+ * bucket takes a pointer and 8 bytes), or null when memory is short. `destructor` may be null: then the data stays the caller's.
  */
 KESTAL_API kestal_hash_t *kestal_open_hash(uint64_t bucket_count, kestal_hash_data_destructor_t destructor);
 

@@ -105,8 +105,8 @@ KESTAL_API void kestal_doubly_linked_list_sort_insert_tag(void *head, void *tail
 
 /**
  * Sorts the list by relinking; equal elements keep their order. Bubble sort: one walk for a list in order, quadratic
- * otherwise, meant for short lists. The comparator must be consistent: one that calls each of two elements the
- * greater never lets it end. A null comparator leaves the list as it is.
+ * otherwise, meant for short lists. A comparator that contradicts itself gives some order, in a bounded number of
+ * calls. A null comparator leaves the list as it is.
  */
 KESTAL_API void kestal_doubly_linked_list_sort_tag(void *head, void *tail, uint64_t previous, uint64_t next,
                                                    kestal_list_compare_t compare, const char *name, uint64_t line);

@@ -13,6 +13,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <unistd.h>
 #include <utility>
 
@@ -129,6 +130,38 @@ uint64_t count(const claim *first)
     return claims;
 }
 
+// What the guard word says of a lock whose guard is free. In the two simple states the list of holders is not kept up,
+// so that one step on the word ends the only hold.
+constexpr uint32_t unheld = 0; // neither holder nor waiter
+constexpr uint32_t held = 2;   // the first hold and no waiter
+constexpr uint32_t queued = 3; // as the lists say
+
+// Holds the guard of a lock, and its lists as they are, for a scope.
+class lock_lists {
+public:
+    explicit lock_lists(kestal_lock_t &lock) : lock_(lock)
+    {
+        const uint32_t before = kestal::take_guard(std::atomic_ref(lock_.m_guard));
+        if (before != queued)
+            lock_.m_holder = before == held ? &lock_.m_first_hold : nullptr;
+    }
+    ~lock_lists() { std::atomic_ref(lock_.m_guard).store(state(), std::memory_order_release); }
+    lock_lists(const lock_lists &) = delete;
+    lock_lists &operator=(const lock_lists &) = delete;
+
+private:
+    uint32_t state() const
+    {
+        if (lock_.m_waiter_head != nullptr)
+            return queued;
+        if (lock_.m_holder == nullptr)
+            return unheld;
+        return lock_.m_holder == &lock_.m_first_hold ? held : queued;
+    }
+
+    kestal_lock_t &lock_;
+};
+
 bool is_free(const kestal_lock_t &lock)
 {
     return lock.m_holder == nullptr && lock.m_waiter_head == nullptr;
@@ -139,10 +172,39 @@ bool is_owner(const kestal_lock_t &lock, uint64_t thread_id)
     return thread_id != 0 && lock.m_holder != nullptr && lock.m_holder->m_thread_id == thread_id;
 }
 
+// Fills the first hold in. Its links stay null but while a recursive one stands before it.
+void fill_first_hold(kestal_lock_t &lock, uint64_t thread_id, call_site caller)
+{
+    lock.m_first_hold.m_thread_id = thread_id;
+    lock.m_first_hold.m_name = caller.name;
+    lock.m_first_hold.m_line = caller.line;
+}
+
 void take_first_hold(kestal_lock_t &lock, uint64_t thread_id, call_site caller)
 {
-    lock.m_first_hold = {nullptr, nullptr, thread_id, {-1, -1}, caller.name, caller.line};
+    fill_first_hold(lock, thread_id, caller);
     lock.m_holder = &lock.m_first_hold;
+}
+
+// Takes a lock that has neither holder nor waiter, without a look at its lists.
+bool try_take_unheld(kestal_lock_t &lock, uint64_t thread_id, call_site caller)
+{
+    const std::atomic_ref guard(lock.m_guard);
+    uint32_t expected = unheld;
+    if (!guard.compare_exchange_strong(expected, kestal::guard_taken, std::memory_order_acquire,
+                                       std::memory_order_relaxed))
+        return false;
+    fill_first_hold(lock, thread_id, caller);
+    guard.store(held, std::memory_order_release);
+    return true;
+}
+
+// Gives back the only hold of a lock that nobody waits for.
+bool try_drop_only_hold(kestal_lock_t &lock)
+{
+    uint32_t expected = held;
+    return std::atomic_ref(lock.m_guard)
+        .compare_exchange_strong(expected, unheld, std::memory_order_release, std::memory_order_relaxed);
 }
 
 // --- what messages say of a lock: copied under the guard, printed without it
@@ -171,7 +233,7 @@ void print_claims(kestal_lock_t &lock, claim *kestal_lock_t::*list, const char *
     for (uint64_t index = 0;; ++index) {
         claim seen{};
         {
-            const list_guard guard(lock.m_guard);
+            const lock_lists guard(lock);
             const claim *at = lock.*list;
             for (uint64_t i = 0; i < index && at != nullptr; ++i)
                 at = at->m_next;
@@ -271,7 +333,7 @@ enum class entry { entered, owned, busy };
 // Lets the caller in if the lock is free, or, with memory for one more hold, if the caller owns it already.
 entry try_enter(kestal_lock_t &lock, uint64_t thread_id, call_site caller, claim *&spare)
 {
-    const list_guard guard(lock.m_guard);
+    const lock_lists guard(lock);
     if (is_free(lock)) {
         take_first_hold(lock, thread_id, caller);
         return entry::entered;
@@ -313,7 +375,7 @@ int32_t wait_in_line(kestal_lock_t &lock, uint64_t thread_id, uint32_t timeout, 
     if (!pipe.is_open())
         report_claim_failure(lock, "pipe for claim", caller);
     {
-        const list_guard guard(lock.m_guard);
+        const lock_lists guard(lock);
         if (is_free(lock)) {
             take_first_hold(lock, thread_id, caller);
             return 0;
@@ -328,7 +390,7 @@ int32_t wait_in_line(kestal_lock_t &lock, uint64_t thread_id, uint32_t timeout, 
         bool warn = false;
         standing seen{};
         {
-            const list_guard guard(lock.m_guard);
+            const lock_lists guard(lock);
             if (try_take_turn(lock, self))
                 return 0;
             const bool expired = due.expired();
@@ -348,6 +410,67 @@ int32_t wait_in_line(kestal_lock_t &lock, uint64_t thread_id, uint32_t timeout, 
             kestal_load_balance_short();
         }
     }
+}
+
+// Takes a lock that somebody holds or waits for. (Kept out of line: what comes before it needs no registers.)
+[[gnu::noinline]] int32_t take_listed(kestal_lock_t &lock, uint64_t thread_id, uint32_t timeout, call_site caller)
+{
+    claim *none = nullptr;
+    entry result = try_enter(lock, thread_id, caller, none);
+    if (result == entry::owned)
+        result = enter_again(lock, thread_id, caller);
+    if (result == entry::entered)
+        return 0;
+    if (result == entry::owned) {
+        report_claim_failure(lock, "__kestal_new_lock_claim", caller);
+        return -1;
+    }
+    if (timeout == 0)
+        return -1;
+    // Most holds are over at once: one turn for the holder costs less than a place in the line.
+    sched_yield();
+    return try_take_unheld(lock, thread_id, caller) ? 0 : wait_in_line(lock, thread_id, timeout, caller);
+}
+
+int32_t take(kestal_lock_t &lock, uint64_t thread_id, uint32_t timeout, call_site caller)
+{
+    return try_take_unheld(lock, thread_id, caller) ? 0 : take_listed(lock, thread_id, timeout, caller);
+}
+
+[[gnu::noinline]] int32_t take_recursive(kestal_lock_t &lock, uint32_t timeout, call_site caller)
+{
+    return take(lock, static_cast<uint64_t>(pthread_self()), timeout, caller);
+}
+
+// --- giving a lock back
+
+// Drops the most recent hold, and with the last one gone wakes the first waiter.
+[[gnu::noinline]] int32_t drop_listed(kestal_lock_t &lock, call_site caller)
+{
+    claim *const first_hold = &lock.m_first_hold;
+    claim *hold = nullptr;
+    bool woken = true;
+    standing seen{};
+    {
+        // With the guard given back the lock may be gone: what is said afterwards is what was seen here.
+        const lock_lists guard(lock);
+        hold = lock.m_holder;
+        if (hold != nullptr)
+            holders(lock).remove(hold);
+        if (hold != nullptr && lock.m_holder == nullptr && lock.m_waiter_head != nullptr)
+            woken = wake_pipe::wake_up(lock.m_waiter_head->m_pipe);
+        if (hold == nullptr || !woken)
+            seen = look(lock);
+    }
+    if (hold == nullptr) {
+        report_no_owner(seen, caller);
+        return -1;
+    }
+    if (hold != first_hold)
+        kestal_free_tag(hold, "__kestal_free_lock_claim", __LINE__);
+    if (!woken)
+        report_failed_wakeup(seen, caller);
+    return 0;
 }
 
 // --- the waiters of a condition, under its guard
@@ -432,7 +555,7 @@ int32_t kestal_uninit_lock_tag(kestal_lock_t *lock, const char *name, uint64_t l
     for (;;) {
         standing seen{};
         {
-            const list_guard guard(lock->m_guard);
+            const lock_lists guard(*lock);
             if (is_free(*lock))
                 return 0;
             if (lock->m_holder == nullptr)
@@ -471,21 +594,9 @@ int32_t kestal_lock_timeout_tag(kestal_lock_t *lock, uint32_t timeout, const cha
 {
     if (lock == nullptr)
         return -1;
-    const call_site caller{name, line};
-    const bool recursive = (lock->m_flags & KESTAL_LOCK_RECURSIVE) != 0;
-    const uint64_t thread_id = recursive ? static_cast<uint64_t>(pthread_self()) : 0;
-
-    claim *none = nullptr;
-    entry result = try_enter(*lock, thread_id, caller, none);
-    if (result == entry::owned)
-        result = enter_again(*lock, thread_id, caller);
-    if (result == entry::entered)
-        return 0;
-    if (result == entry::owned) {
-        report_claim_failure(*lock, "__kestal_new_lock_claim", caller);
-        return -1;
-    }
-    return timeout == 0 ? -1 : wait_in_line(*lock, thread_id, timeout, caller);
+    if ((lock->m_flags & KESTAL_LOCK_RECURSIVE) != 0)
+        return take_recursive(*lock, timeout, {name, line});
+    return take(*lock, 0, timeout, {name, line});
 }
 
 int32_t kestal_try_lock_tag(kestal_lock_t *lock, const char *name, uint64_t line)
@@ -497,31 +608,7 @@ int32_t kestal_unlock_tag(kestal_lock_t *lock, const char *name, uint64_t line)
 {
     if (lock == nullptr)
         return -1;
-    const call_site caller{name, line};
-    claim *const first_hold = &lock->m_first_hold;
-    claim *hold = nullptr;
-    bool woken = true;
-    standing seen{};
-    {
-        // With the guard given back the lock may be gone: what is said afterwards is what was seen here.
-        const list_guard guard(lock->m_guard);
-        hold = lock->m_holder;
-        if (hold != nullptr)
-            holders(*lock).remove(hold);
-        if (hold != nullptr && lock->m_holder == nullptr && lock->m_waiter_head != nullptr)
-            woken = wake_pipe::wake_up(lock->m_waiter_head->m_pipe);
-        if (hold == nullptr || !woken)
-            seen = look(*lock);
-    }
-    if (hold == nullptr) {
-        report_no_owner(seen, caller);
-        return -1;
-    }
-    if (hold != first_hold)
-        kestal_free_tag(hold, "__kestal_free_lock_claim", __LINE__);
-    if (!woken)
-        report_failed_wakeup(seen, caller);
-    return 0;
+    return try_drop_only_hold(*lock) ? 0 : drop_listed(*lock, {name, line});
 }
 
 kestal_lock_condition_t *kestal_init_lock_condition_tag(kestal_lock_condition_t *condition, const char *name,

@@ -11,6 +11,9 @@
 #include "timer.hpp"
 
 #include <algorithm>
+#include <atomic>
+#include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 #include <utility>
@@ -24,29 +27,28 @@ constexpr uint64_t report_interval_ms = 1000;
 
 struct kestal_thread_pool;
 
-// A thread of the library. It holds its job lock whenever it is not running a job, and only waiting for one lets
-// another thread have it: a job is never stored where nobody would see it.
+struct job {
+    kestal_thread_function_t function; // null tells the worker to end
+    void *argument;
+    const char *name;
+    uint64_t line;
+};
+
+// A thread of the library. On the ready list it is the pool's; whoever takes it off may store a job and call it, which
+// writes a byte into its pipe: a call is not lost on a worker that is only about to wait.
 struct kestal_thread_worker_t {
     kestal_thread_worker_t *m_prev; // on the pool's ready list
     kestal_thread_worker_t *m_next;
-    kestal_lock_t m_start_lock;
-    kestal_lock_condition_t m_start_condition;
-    kestal_lock_t m_job_lock;
-    kestal_lock_condition_t m_job_condition;
+    int32_t m_pipe[2];
+    uint32_t m_called;
     kestal_thread_pool *m_pool; // null: runs one job and ends
     uint32_t m_serial;
-    const char *m_job_name;
-    uint64_t m_job_line;
+    job m_job;
     uint64_t m_stack_size;
-    kestal_thread_function_t m_function; // null tells the worker to end
-    void *m_argument;
-    bool m_started;
-    bool m_called; // a job, or the word to end, was stored
 };
 
 using worker = kestal_thread_worker_t;
 
-// Its lock is never taken by a thread that waits for a worker's job lock while holding it, only the other way round.
 struct kestal_thread_pool {
     kestal_lock_t m_lock = KESTAL_LOCK_INITIALIZER("kestal_thread_pool", 0);
     uint64_t m_ready_target = 0;
@@ -69,17 +71,16 @@ kestal::doubly_linked_list ready_list()
 
 // --- one worker
 
-worker *new_worker(kestal_thread_pool *owner, uint64_t stack_size)
+// A worker without a pipe cannot be called, so it has no pool either.
+worker *new_worker(bool pooled, uint64_t stack_size, const job &first)
 {
     auto *fresh = static_cast<worker *>(kestal_calloc_tag(1, sizeof(worker), "kestal_new_thread_worker", __LINE__));
     if (fresh == nullptr)
         return nullptr;
-    kestal_init_lock(&fresh->m_start_lock);
-    kestal_init_lock_condition(&fresh->m_start_condition);
-    kestal_init_lock(&fresh->m_job_lock);
-    kestal_init_lock_condition(&fresh->m_job_condition);
-    fresh->m_pool = owner;
-    fresh->m_serial = pool.m_serial++;
+    if (pooled && pipe2(fresh->m_pipe, O_CLOEXEC) == 0)
+        fresh->m_pool = &pool;
+    fresh->m_serial = std::atomic_ref(pool.m_serial).fetch_add(1, std::memory_order_relaxed);
+    fresh->m_job = first;
     fresh->m_stack_size = stack_size;
     return fresh;
 }
@@ -90,40 +91,32 @@ void free_worker(worker *ended)
         kestal_assert_fail_tag(source, __func__, __LINE__,
                                "(s_worker->m_prev == ((kestal_thread_worker_t *)0)) && "
                                "(s_worker->m_next == ((kestal_thread_worker_t *)0))");
-    kestal_uninit_lock_condition(&ended->m_job_condition);
-    kestal_uninit_lock(&ended->m_job_lock);
-    kestal_uninit_lock_condition(&ended->m_start_condition);
-    kestal_uninit_lock(&ended->m_start_lock);
+    if (ended->m_pool != nullptr) {
+        close(ended->m_pipe[0]);
+        close(ended->m_pipe[1]);
+    }
     kestal_free_tag(ended, "kestal_free_thread_worker", __LINE__);
 }
 
-// Stores a job, or with a null function the word to end, and wakes the worker, which must be off the ready list.
-void call_worker(worker &idle, kestal_thread_function_t function, void *argument, const char *name, uint64_t line)
+// Gives a worker that is off the ready list its next job. It may be gone when the call is back.
+void call_worker(worker &idle, const job &next)
 {
-    const kestal::lock_guard guard(idle.m_job_lock);
-    idle.m_job_name = name;
-    idle.m_job_line = line;
-    idle.m_function = function;
-    idle.m_argument = argument;
-    idle.m_called = true;
-    kestal_lock_condition_wakeup(&idle.m_job_condition);
+    const int32_t wake = idle.m_pipe[1];
+    idle.m_job = next;
+    std::atomic_ref(idle.m_called).store(1, std::memory_order_release);
+    while (write(wake, "", 1) < 0 && errno == EINTR)
+        ;
 }
 
-struct job {
-    kestal_thread_function_t function;
-    void *argument;
-};
-
-// Called with the job lock held.
-job wait_for_job(worker &self)
+// Should somebody have closed the pipe, the worker looks for itself.
+void wait_for_call(worker &self)
 {
-    while (!self.m_called)
-        kestal_lock_condition_wait(&self.m_job_condition, &self.m_job_lock);
-    const job given{self.m_function, self.m_argument};
-    self.m_function = nullptr;
-    self.m_argument = nullptr;
-    self.m_called = false;
-    return given;
+    const std::atomic_ref called(self.m_called);
+    do {
+        char byte = 0;
+        if (read(self.m_pipe[0], &byte, 1) != 1 && errno != EINTR)
+            kestal_load_balance();
+    } while (called.exchange(0, std::memory_order_acquire) == 0);
 }
 
 // --- the thread
@@ -131,27 +124,27 @@ job wait_for_job(worker &self)
 void dismiss(worker *first)
 {
     while (first != nullptr) {
-        worker *next = first->m_next;
-        first->m_prev = first->m_next = nullptr;
-        call_worker(*first, nullptr, nullptr, __func__, __LINE__);
+        worker *next = std::exchange(first->m_next, nullptr);
+        first->m_prev = nullptr;
+        call_worker(*first, {nullptr, nullptr, __func__, __LINE__});
         first = next;
     }
 }
 
-// Counts a job as done. True when the worker (null for one that has freed itself) went back to the ready list, its job
-// lock held. Idle workers are kept only while some job runs: with the last one done all are sent home.
+// Counts a job as done, and out its thread if that has no worker any more (null). True when the worker went to the
+// ready list. Idle workers are kept only while some job runs: with the last one done all are sent home.
 bool finish_job(worker *self)
 {
-    if (self != nullptr)
-        kestal_lock(&self->m_job_lock);
     worker *dismissed = nullptr;
     bool stays = false;
     {
         const kestal::lock_guard guard(pool.m_lock);
         const bool full = pool.m_ready_limit != 0 && pool.m_ready >= pool.m_ready_limit;
+        if (self == nullptr)
+            --pool.m_threads;
         if (--pool.m_active == 0) {
-            dismissed = pool.m_ready_head;
-            pool.m_ready_head = pool.m_ready_tail = nullptr;
+            dismissed = std::exchange(pool.m_ready_head, nullptr);
+            pool.m_ready_tail = nullptr;
             pool.m_ready = 0;
         } else if (self != nullptr && !full) {
             ready_list().prepend(self);
@@ -160,42 +153,37 @@ bool finish_job(worker *self)
         }
     }
     dismiss(dismissed);
-    if (self != nullptr && !stays)
-        kestal_unlock(&self->m_job_lock);
     return stays;
 }
 
-void report_start(worker &self)
-{
-    const kestal::lock_guard guard(self.m_start_lock);
-    kestal_lock(&self.m_job_lock);
-    self.m_started = true;
-    kestal_lock_condition_wakeup(&self.m_start_condition);
-}
-
+// The life of a thread from its first job on.
 void *run_worker(void *argument)
 {
     auto *self = static_cast<worker *>(argument);
-    report_start(*self);
-    for (;;) {
-        const job given = wait_for_job(*self);
-        kestal_unlock(&self->m_job_lock);
-        if (given.function == nullptr)
-            break;
+    while (self->m_job.function != nullptr) {
+        const job given = std::exchange(self->m_job, {});
         if (self->m_pool == nullptr)
             free_worker(std::exchange(self, nullptr));
         given.function(given.argument);
-        if (!finish_job(self))
-            break;
+        const bool stays = finish_job(self);
+        if (self == nullptr)
+            return nullptr;
+        if (stays)
+            wait_for_call(*self);
     }
-    if (self != nullptr)
-        free_worker(self);
+    free_worker(self);
     const kestal::lock_guard guard(pool.m_lock);
     --pool.m_threads;
     return nullptr;
 }
 
-// --- starting a thread, under the pool lock
+void *run_spare_worker(void *argument)
+{
+    wait_for_call(*static_cast<worker *>(argument));
+    return run_worker(argument);
+}
+
+// --- starting a thread
 
 class thread_attributes {
 public:
@@ -223,8 +211,7 @@ private:
     pthread_attr_t attributes_;
 };
 
-// Starts the worker's thread and waits until it holds its job lock.
-bool start_worker(worker &fresh)
+bool start_thread(void *(*body)(void *), worker &fresh)
 {
     thread_attributes attributes;
     attributes.set_stack_size(fresh.m_stack_size);
@@ -232,30 +219,31 @@ bool start_worker(worker &fresh)
         kestal_assert_fail_tag(source, __func__, __LINE__, "pthread_attr_setdetachstate failed !");
         return false;
     }
-    const kestal::lock_guard guard(fresh.m_start_lock);
     pthread_t thread{};
-    if (pthread_create(&thread, attributes.get(), run_worker, &fresh) != 0) {
+    if (pthread_create(&thread, attributes.get(), body, &fresh) != 0) {
         kestal_assert_fail_tag(source, __func__, __LINE__, "pthread_create failed !");
         return false;
     }
-    while (!fresh.m_started)
-        if (kestal_lock_condition_wait(&fresh.m_start_condition, &fresh.m_start_lock) != 0)
-            kestal_assert_fail_tag(source, __func__, __LINE__, "kestal_lock_condition_wait failed");
     return true;
 }
 
-worker *make_worker(kestal_thread_pool *owner, uint64_t stack_size)
+bool start_worker(bool pooled, uint64_t stack_size, const job &first)
 {
-    worker *fresh = new_worker(owner, stack_size);
+    worker *fresh = new_worker(pooled, stack_size, first);
     if (fresh == nullptr)
-        return nullptr;
-    if (!start_worker(*fresh)) {
-        free_worker(fresh);
-        return nullptr;
-    }
-    // Counted here and not by the new thread, so that whoever has started a job finds its thread counted.
+        return false;
+    if (start_thread(run_worker, *fresh))
+        return true;
+    free_worker(fresh);
+    return false;
+}
+
+// --- under the pool lock
+
+// A thread is counted before it starts, so that whoever has started a job finds it counted.
+void count_thread()
+{
     pool.m_max = std::max(pool.m_max, ++pool.m_threads);
-    return fresh;
 }
 
 worker *take_ready_worker(uint64_t stack_size)
@@ -270,21 +258,16 @@ worker *take_ready_worker(uint64_t stack_size)
     return idle;
 }
 
-worker *find_worker(uint64_t stack_size)
-{
-    if (pool.m_ready_target == 0 && pool.m_ready_limit == 0)
-        return make_worker(nullptr, stack_size);
-    worker *idle = take_ready_worker(stack_size);
-    return idle != nullptr ? idle : make_worker(&pool, stack_size);
-}
-
 void add_spare_worker(uint64_t stack_size)
 {
-    if (pool.m_ready_target <= pool.m_active + pool.m_ready)
-        return;
-    worker *spare = make_worker(&pool, stack_size);
+    worker *spare = new_worker(true, stack_size, {});
     if (spare == nullptr)
         return;
+    if (spare->m_pool == nullptr || !start_thread(run_spare_worker, *spare)) {
+        free_worker(spare);
+        return;
+    }
+    count_thread();
     ready_list().prepend(spare);
     ++pool.m_ready;
 }
@@ -324,18 +307,28 @@ int32_t kestal_detached_thread_ex_tag(kestal_thread_function_t function, void *a
 {
     if (function == nullptr)
         return -1;
-    worker *chosen = nullptr;
+    const job given{function, argument, name, line};
+    bool pooled = false;
+    worker *idle = nullptr;
     {
         const kestal::lock_guard guard(pool.m_lock, name, line);
-        if (pool.m_serial == 0)
+        if (pool.m_max == 0)
             kestal::register_thread_counters(kestal_get_thread_count);
-        chosen = find_worker(stack_size);
-        if (chosen == nullptr)
-            return -1;
+        pooled = pool.m_ready_target != 0 || pool.m_ready_limit != 0;
+        if (pooled)
+            idle = take_ready_worker(stack_size);
+        if (idle == nullptr)
+            count_thread();
         ++pool.m_active;
-        add_spare_worker(stack_size);
+        if (pool.m_ready_target > pool.m_active + pool.m_ready)
+            add_spare_worker(stack_size);
     }
-    call_worker(*chosen, function, argument, name, line);
+    if (idle != nullptr)
+        call_worker(*idle, given);
+    else if (!start_worker(pooled, stack_size, given)) {
+        finish_job(nullptr);
+        return -1;
+    }
     return 0;
 }
 

@@ -132,6 +132,7 @@ TEST_F(thread, jobs_that_cannot_be_started_are_refused)
         EXPECT_EQ(kestal_thread_pool_wait(60000), 0);
     };
     EXPECT_EQ(kestal_test::with_each_allocation_failing(scenario), 2u); // the worker, and a spare that is done without
+    kestal_set_thread_pool(0, 0);
     const kestal_test::caught_assertions reports;
     EXPECT_EQ(kestal_detached_thread_ex([](void *) { ADD_FAILURE(); }, nullptr, UINT64_MAX), -1);
     EXPECT_EQ(reports.messages(), std::vector<std::string>{"pthread_create failed !"});

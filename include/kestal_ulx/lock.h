@@ -39,8 +39,8 @@ typedef struct kestal_lock_claim {
 /** A lock. The message and recursion bits and the default time-out are the owner's to set; the rest is private. */
 typedef struct kestal_lock {
     uint32_t m_flags;
-    uint32_t m_default_timeout; /**< ms before an endless wait warns of a dead-lock; all ones: 1,800,000 */
-    kestal_short_lock_t m_guard;
+    uint32_t m_default_timeout;    /**< ms before an endless wait warns of a dead-lock; all ones: 1,800,000 */
+    kestal_short_lock_t m_guard;   /**< guards the lists; its value also stands for the simplest of them */
     kestal_lock_claim_t *m_holder; /**< most recent first */
     kestal_lock_claim_t *m_waiter_head;
     kestal_lock_claim_t *m_waiter_tail;

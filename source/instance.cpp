@@ -4,6 +4,7 @@
 
 #include <kestal_ulx/memory.h>
 
+#include <bit>
 #include <stdint.h>
 #include <string.h>
 #include <utility>
@@ -30,6 +31,11 @@ kestal_instance_slot_t *slot_in_use(kestal_instance_t &registry, int32_t id)
 const kestal_instance_slot_t *slot_to_read(const kestal_instance_t &registry, int32_t id)
 {
     return id < 0 || static_cast<uint64_t>(id) >= registry.m_capacity ? nullptr : &registry.m_slots[id];
+}
+
+void *object_of(const kestal_instance_slot_t &slot)
+{
+    return std::bit_cast<void *>(slot.m_context[0]);
 }
 
 // Copies a MIME type; an empty one is none. False when memory is short.
@@ -124,7 +130,7 @@ void *kestal::find_ginstance(uint32_t id, const char *mime_type)
         const kestal_instance_slot_t *slot = slot_to_read(*registry, as_signed(id));
         if (slot == nullptr || slot->m_mime_type == nullptr || strcmp(slot->m_mime_type, mime_type) != 0)
             return nullptr;
-        return reinterpret_cast<void *>(slot->m_context[0]);
+        return object_of(*slot);
     });
 }
 
@@ -236,7 +242,7 @@ void *kestal_instance_search(kestal_instance_t *registry, int32_t id, const char
     }
     if (mime_type != nullptr)
         *mime_type = found.m_mime_type;
-    return reinterpret_cast<void *>(found.m_context[0]);
+    return object_of(found);
 }
 
 uintptr_t kestal_instance_get_context(kestal_instance_t *registry, int32_t id, uint32_t index)

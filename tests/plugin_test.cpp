@@ -156,13 +156,15 @@ TEST_F(plugin, that_does_not_load_leaves_nothing_and_says_why)
 
 TEST_F(plugin, tables_are_judged_by_version_revision_and_size)
 {
+    constexpr uint64_t base = sizeof(kestal_ctx0_v0_interface_t), extended = sizeof(kestal_ctx0_v1_interface_t);
     const struct {
         uint32_t version, revision;
         uint64_t size;
         bool valid, given;
     } cases[] = {
-        {1, 0, 144, true, true},  {1, 0, 143, false, true}, {1, 1, 216, true, true},  {1, 1, 215, false, true},
-        {1, 2, 216, false, true}, {0, 0, 216, false, true}, {1, 0, 15, false, false},
+        {1, 0, base, true, true},      {1, 0, base - 1, false, true},     {1, 1, extended, true, true},
+        {1, 2, extended, false, true}, {1, 1, extended - 1, false, true}, {0, 0, extended, false, true},
+        {1, 0, 16, false, true},       {1, 0, 15, false, false},
     };
     for (const auto &c : cases) {
         table_.m_base.m_version = c.version;

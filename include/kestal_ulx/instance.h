@@ -44,6 +44,11 @@ typedef struct kestal_instance {
     kestal_fragment_t m_ids;         /**< the ids in use */
 } kestal_instance_t;
 
+#if KESTAL_POINTER_IS_64_BIT
+KESTAL_STATIC_ASSERT(sizeof(kestal_instance_slot_t) == 40, "slot");
+KESTAL_STATIC_ASSERT(offsetof(kestal_instance_t, m_ids) == 24, "instance registry");
+#endif
+
 /* --- registries of one's own; ids are 0 and up, and negative ones are refused */
 
 /** A new empty registry, or null when memory is short. */

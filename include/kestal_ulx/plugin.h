@@ -58,6 +58,12 @@ typedef struct kestal_plugin_info {
     kestal_plugin_t *m_leaving; /**< private: unlinked, and just being uninitialised */
 } kestal_plugin_info_t;
 
+#if KESTAL_POINTER_IS_64_BIT
+KESTAL_STATIC_ASSERT(offsetof(kestal_plugin_t, m_lock) == 24, "plugin");
+KESTAL_STATIC_ASSERT(offsetof(kestal_plugin_t, m_used_count) == 64, "plugin");
+KESTAL_STATIC_ASSERT(offsetof(kestal_plugin_t, m_interface) == 128, "plugin");
+#endif
+
 /* --- loading */
 
 /** kestal_load_plugin_ex with the search path ".:/lib:/usr/lib:/lib64:/usr/lib64". */

@@ -2,11 +2,22 @@
  * @file
  * What the author of a plugin writes: two entry points and a table of operations on stream contexts.
  *
- * A plugin library exports kestal_plugin_initialize and kestal_plugin_uninitialize (of the two types below). Both run
- * without any lock held, each once in a plugin's life. initialize may load other plugins, but must not create contexts.
+ *     static const kestal_ctx0_v1_interface_t table = {
+ *         .m_base = {.m_version = 1, .m_size = sizeof(table), .m_revision = 1, .m_open = open_ctx, .m_read = read_ctx}};
  *
- * Operations run in the thread that uses the context, several contexts at once in several threads. The table, and what
- * initialize stores, stay the plugin's and live until uninitialize returns.
+ *     KESTAL_API int32_t kestal_plugin_initialize(const char **hint, const kestal_ctx0_v0_interface_t **interface,
+ *                                                 uint64_t *size)
+ *     {
+ *         *hint = "application/ulx_stream";
+ *         *interface = &table.m_base;
+ *         *size = sizeof(table);
+ *         return 0;
+ *     }
+ *
+ * The library exports this one and kestal_plugin_uninitialize. Both run without any lock held, each once in a plugin's
+ * life. initialize may load other plugins, not its own (that load fails), and must not create contexts. Operations run
+ * in the thread that uses the context, several contexts at once in several threads. The table, and what initialize
+ * stores, stay the plugin's and live until uninitialize returns.
  */
 #ifndef KESTAL_ULX_PLUGIN_INTERFACE_H
 #define KESTAL_ULX_PLUGIN_INTERFACE_H

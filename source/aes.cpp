@@ -1,0 +1,306 @@
+#include <kestal_ulx/aes.h>
+
+#include "aes_hardware.hpp"
+#include "block_modes.hpp"
+#include "byte_order.hpp"
+
+#include <array>
+#include <bit>
+
+using kestal::load_big_32;
+using kestal::store_big_32;
+
+namespace {
+
+constexpr size_t block_bytes = 16;
+
+constexpr uint8_t times_x(uint8_t a)
+{
+    return static_cast<uint8_t>(a << 1 ^ ((a & 0x80) != 0 ? 0x1b : 0));
+}
+
+constexpr uint8_t multiply(uint8_t a, uint8_t b)
+{
+    unsigned product = 0;
+    for (; b != 0; b = static_cast<uint8_t>(b >> 1), a = times_x(a))
+        product ^= (b & 1) != 0 ? a : 0u;
+    return static_cast<uint8_t>(product);
+}
+
+using byte_table = std::array<uint8_t, 256>;
+using word_tables = std::array<std::array<uint32_t, 256>, 4>;
+
+// The inverse in GF(2^8), then the affine map of the standard.
+constexpr byte_table make_box()
+{
+    byte_table box{};
+    uint8_t value = 1;
+    uint8_t inverse = 1;
+    do { // 3 generates the field, 0xf6 is its inverse
+        value = multiply(value, 3);
+        inverse = multiply(inverse, 0xf6);
+        const uint8_t mapped = static_cast<uint8_t>(inverse ^ std::rotl(inverse, 1) ^ std::rotl(inverse, 2) ^
+                                                    std::rotl(inverse, 3) ^ std::rotl(inverse, 4));
+        box[value] = static_cast<uint8_t>(mapped ^ 0x63);
+    } while (value != 1);
+    box[0] = 0x63;
+    return box;
+}
+
+constexpr byte_table make_inverse_box(const byte_table &box)
+{
+    byte_table inverse{};
+    for (unsigned i = 0; i < 256; ++i)
+        inverse[box[i]] = static_cast<uint8_t>(i);
+    return inverse;
+}
+
+// What a byte of the state adds to its column: the box and the column mix by these factors, for each of four rows.
+constexpr word_tables make_round_tables(const byte_table &box, const uint8_t (&factors)[4])
+{
+    word_tables tables{};
+    for (unsigned i = 0; i < 256; ++i) {
+        uint32_t column = 0;
+        for (uint8_t factor : factors)
+            column = column << 8 | multiply(box[i], factor);
+        for (int row = 0; row < 4; ++row)
+            tables[static_cast<size_t>(row)][i] = std::rotr(column, 8 * row);
+    }
+    return tables;
+}
+
+constexpr byte_table box = make_box();
+constexpr byte_table inverse_box = make_inverse_box(box);
+constexpr word_tables forward_tables = make_round_tables(box, {2, 1, 1, 3});
+constexpr word_tables inverse_tables = make_round_tables(inverse_box, {14, 9, 13, 11});
+
+uint32_t substitute_word(uint32_t word)
+{
+    if (kestal::aes_hardware::is_available())
+        return kestal::aes_hardware::substitute_word(word);
+    return uint32_t{box[word >> 24]} << 24 | uint32_t{box[word >> 16 & 255u]} << 16 |
+           uint32_t{box[word >> 8 & 255u]} << 8 | box[word & 255u];
+}
+
+template <size_t KeyWords, size_t Rounds>
+void expand_key(uint8_t *round_key, const void *key)
+{
+    memcpy(round_key, key, 4 * KeyWords);
+    uint8_t round_constant = 1;
+    for (size_t i = KeyWords; i < 4 * (Rounds + 1); ++i) {
+        uint32_t word = load_big_32(round_key + 4 * (i - 1));
+        if (i % KeyWords == 0) {
+            word = substitute_word(std::rotl(word, 8)) ^ uint32_t{round_constant} << 24;
+            round_constant = times_x(round_constant);
+        } else if (KeyWords > 6 && i % KeyWords == 4) {
+            word = substitute_word(word);
+        }
+        store_big_32(round_key + 4 * i, load_big_32(round_key + 4 * (i - KeyWords)) ^ word);
+    }
+}
+
+// --- the portable engines
+
+// One output column before the key: its four bytes come from four columns of the state.
+uint32_t look_up(const word_tables &tables, uint32_t a, uint32_t b, uint32_t c, uint32_t d)
+{
+    return tables[0][a >> 24] ^ tables[1][b >> 16 & 255u] ^ tables[2][c >> 8 & 255u] ^ tables[3][d & 255u];
+}
+
+uint32_t look_up_last(const byte_table &table, uint32_t a, uint32_t b, uint32_t c, uint32_t d)
+{
+    return uint32_t{table[a >> 24]} << 24 | uint32_t{table[b >> 16 & 255u]} << 16 |
+           uint32_t{table[c >> 8 & 255u]} << 8 | table[d & 255u];
+}
+
+// Runs a block through all rounds. The rows are shifted by one, two and three columns, forwards or backwards: Step is
+// 1 or 3.
+template <size_t Rounds, size_t Step>
+void transform_block(uint8_t *block, const uint32_t *keys, const word_tables &tables, const byte_table &last)
+{
+    uint32_t state[4];
+    for (size_t i = 0; i < 4; ++i)
+        state[i] = load_big_32(block + 4 * i) ^ keys[i];
+    const auto column = [&state](size_t number) { return state[number % 4]; };
+    for (size_t round = 1; round < Rounds; ++round) {
+        keys += 4;
+        uint32_t next[4];
+        for (size_t i = 0; i < 4; ++i)
+            next[i] = keys[i] ^ look_up(tables, column(i), column(i + Step), column(i + 2 * Step), column(i + 3 * Step));
+        memcpy(state, next, sizeof state);
+    }
+    keys += 4;
+    for (size_t i = 0; i < 4; ++i)
+        store_big_32(block + 4 * i, keys[i] ^ look_up_last(last, column(i), column(i + Step), column(i + 2 * Step),
+                                                          column(i + 3 * Step)));
+}
+
+template <size_t Rounds>
+class table_forward {
+public:
+    static constexpr size_t block_size = block_bytes;
+
+    explicit table_forward(const uint8_t *round_key)
+    {
+        for (size_t i = 0; i < 4 * (Rounds + 1); ++i)
+            keys_[i] = load_big_32(round_key + 4 * i);
+    }
+
+    void transform(uint8_t *blocks, size_t count) const
+    {
+        for (; count > 0; --count, blocks += block_bytes)
+            transform_block<Rounds, 1>(blocks, keys_, forward_tables, box);
+    }
+
+private:
+    uint32_t keys_[4 * (Rounds + 1)];
+};
+
+// The equivalent inverse cipher: the round keys backwards, the inner ones through the inverse column mix.
+template <size_t Rounds>
+class table_inverse {
+public:
+    static constexpr size_t block_size = block_bytes;
+
+    explicit table_inverse(const uint8_t *round_key)
+    {
+        for (size_t round = 0; round <= Rounds; ++round) {
+            for (size_t i = 0; i < 4; ++i) {
+                const uint32_t word = load_big_32(round_key + 16 * (Rounds - round) + 4 * i);
+                keys_[4 * round + i] = round == 0 || round == Rounds ? word : inverse_mix(word);
+            }
+        }
+    }
+
+    void transform(uint8_t *blocks, size_t count) const
+    {
+        for (; count > 0; --count, blocks += block_bytes)
+            transform_block<Rounds, 3>(blocks, keys_, inverse_tables, inverse_box);
+    }
+
+private:
+    static uint32_t inverse_mix(uint32_t word)
+    {
+        return inverse_tables[0][box[word >> 24]] ^ inverse_tables[1][box[word >> 16 & 255u]] ^
+               inverse_tables[2][box[word >> 8 & 255u]] ^ inverse_tables[3][box[word & 255u]];
+    }
+
+    uint32_t keys_[4 * (Rounds + 1)];
+};
+
+// --- the choice between the processor's instructions and the tables
+
+struct aes_key {
+    static constexpr size_t block_size = block_bytes;
+    explicit aes_key(const void *key) : round_key(static_cast<const uint8_t *>(key)) {}
+    const uint8_t *round_key;
+};
+
+template <size_t Rounds>
+struct aes_forward : aes_key {
+    using aes_key::aes_key;
+};
+
+template <size_t Rounds>
+struct aes_inverse : aes_key {
+    using aes_key::aes_key;
+};
+
+} // namespace
+
+namespace kestal::mode {
+
+template <size_t Rounds>
+void ecb(const aes_forward<Rounds> &key, uint8_t *data, uint64_t size)
+{
+    if (aes_hardware::is_available())
+        aes_hardware::modes<Rounds>::ecb_encrypt(data, static_cast<size_t>(size / block_bytes), key.round_key);
+    else
+        ecb(table_forward<Rounds>(key.round_key), data, size);
+}
+
+template <size_t Rounds>
+void ecb(const aes_inverse<Rounds> &key, uint8_t *data, uint64_t size)
+{
+    if (aes_hardware::is_available())
+        aes_hardware::modes<Rounds>::ecb_decrypt(data, static_cast<size_t>(size / block_bytes), key.round_key);
+    else
+        ecb(table_inverse<Rounds>(key.round_key), data, size);
+}
+
+template <size_t Rounds>
+void cbc_encrypt(const aes_forward<Rounds> &key, uint8_t *data, uint64_t size, uint8_t *iv)
+{
+    if (aes_hardware::is_available())
+        aes_hardware::modes<Rounds>::cbc_encrypt(data, whole_blocks<aes_key>(size), iv, key.round_key);
+    else
+        cbc_encrypt(table_forward<Rounds>(key.round_key), data, size, iv);
+}
+
+template <size_t Rounds>
+void cbc_decrypt(const aes_inverse<Rounds> &key, uint8_t *data, uint64_t size, uint8_t *iv)
+{
+    if (aes_hardware::is_available())
+        aes_hardware::modes<Rounds>::cbc_decrypt(data, whole_blocks<aes_key>(size), iv, key.round_key);
+    else
+        cbc_decrypt(table_inverse<Rounds>(key.round_key), data, size, iv);
+}
+
+template <size_t Rounds>
+void cfb8_encrypt(const aes_forward<Rounds> &key, uint8_t *data, uint64_t size, uint8_t *iv)
+{
+    if (aes_hardware::is_available())
+        aes_hardware::modes<Rounds>::cfb8_encrypt(data, size, iv, key.round_key);
+    else
+        cfb8_encrypt(table_forward<Rounds>(key.round_key), data, size, iv);
+}
+
+template <size_t Rounds>
+void cfb8_decrypt(const aes_forward<Rounds> &key, uint8_t *data, uint64_t size, uint8_t *iv)
+{
+    if (aes_hardware::is_available())
+        aes_hardware::modes<Rounds>::cfb8_decrypt(data, size, iv, key.round_key);
+    else
+        cfb8_decrypt(table_forward<Rounds>(key.round_key), data, size, iv);
+}
+
+template <size_t Rounds>
+void ofb8(const aes_forward<Rounds> &key, uint8_t *data, uint64_t size, uint8_t *iv)
+{
+    if (aes_hardware::is_available())
+        aes_hardware::modes<Rounds>::ofb8(data, size, iv, key.round_key);
+    else
+        ofb8(table_forward<Rounds>(key.round_key), data, size, iv);
+}
+
+} // namespace kestal::mode
+
+kestal_aes128_round_key_t *kestal_make_round_key_aes128(kestal_aes128_round_key_t *round_key, const void *key)
+{
+    if (round_key == nullptr || key == nullptr)
+        return nullptr;
+    expand_key<4, 10>(round_key->m_bytes, key);
+    return round_key;
+}
+
+KESTAL_DEFINE_CIPHER(aes128, aes_forward<10>, aes_inverse<10>)
+
+kestal_aes192_round_key_t *kestal_make_round_key_aes192(kestal_aes192_round_key_t *round_key, const void *key)
+{
+    if (round_key == nullptr || key == nullptr)
+        return nullptr;
+    expand_key<6, 12>(round_key->m_bytes, key);
+    return round_key;
+}
+
+KESTAL_DEFINE_CIPHER(aes192, aes_forward<12>, aes_inverse<12>)
+
+kestal_aes256_round_key_t *kestal_make_round_key_aes256(kestal_aes256_round_key_t *round_key, const void *key)
+{
+    if (round_key == nullptr || key == nullptr)
+        return nullptr;
+    expand_key<8, 14>(round_key->m_bytes, key);
+    return round_key;
+}
+
+KESTAL_DEFINE_CIPHER(aes256, aes_forward<14>, aes_inverse<14>)

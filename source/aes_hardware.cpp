@@ -1,0 +1,399 @@
+#include "aes_hardware.hpp"
+
+#include "processor.hpp"
+
+// Each function that uses the instructions says so itself (AES_CODE): lambdas and callees do not inherit it.
+#if defined(__x86_64__) || defined(__i386__)
+#include <immintrin.h>
+#define AES_CODE __attribute__((target("aes,ssse3,sse4.1")))
+#elif defined(__aarch64__)
+#include <arm_neon.h>
+#define AES_CODE __attribute__((target("+crypto")))
+#endif
+
+namespace kestal::aes_hardware {
+
+#if defined(AES_CODE)
+
+namespace {
+
+#define AES_INLINE AES_CODE inline __attribute__((always_inline))
+
+// --- a block in a register, and one round of the cipher: all that differs between the processors
+
+#if defined(__x86_64__) || defined(__i386__)
+
+using block = __m128i;
+
+AES_INLINE block load(const uint8_t *from)
+{
+    return _mm_loadu_si128(reinterpret_cast<const __m128i *>(from));
+}
+
+AES_INLINE void store(uint8_t *to, block value)
+{
+    _mm_storeu_si128(reinterpret_cast<__m128i *>(to), value);
+}
+
+AES_INLINE block combine(block a, block b)
+{
+    return _mm_xor_si128(a, b);
+}
+
+AES_INLINE uint8_t first_byte(block value)
+{
+    return static_cast<uint8_t>(_mm_cvtsi128_si32(value));
+}
+
+// Drops the first byte and appends one.
+AES_INLINE block shift_in(block value, uint8_t byte)
+{
+    return _mm_insert_epi8(_mm_srli_si128(value, 1), byte, 15);
+}
+
+AES_INLINE block rotate(block value)
+{
+    return _mm_alignr_epi8(value, value, 1);
+}
+
+AES_INLINE block inverse_mix(block value)
+{
+    return _mm_aesimc_si128(value);
+}
+
+template <size_t Rounds, size_t Count>
+AES_INLINE void encrypt(block (&values)[Count], const block *keys)
+{
+    for (block &value : values)
+        value = combine(value, keys[0]);
+    for (size_t round = 1; round < Rounds; ++round)
+        for (block &value : values)
+            value = _mm_aesenc_si128(value, keys[round]);
+    for (block &value : values)
+        value = _mm_aesenclast_si128(value, keys[Rounds]);
+}
+
+template <size_t Rounds, size_t Count>
+AES_INLINE void decrypt(block (&values)[Count], const block *keys)
+{
+    for (block &value : values)
+        value = combine(value, keys[0]);
+    for (size_t round = 1; round < Rounds; ++round)
+        for (block &value : values)
+            value = _mm_aesdec_si128(value, keys[round]);
+    for (block &value : values)
+        value = _mm_aesdeclast_si128(value, keys[Rounds]);
+}
+
+constexpr size_t in_flight = 8;
+
+#else
+
+using block = uint8x16_t;
+
+AES_INLINE block load(const uint8_t *from)
+{
+    return vld1q_u8(from);
+}
+
+AES_INLINE void store(uint8_t *to, block value)
+{
+    vst1q_u8(to, value);
+}
+
+AES_INLINE block combine(block a, block b)
+{
+    return veorq_u8(a, b);
+}
+
+AES_INLINE uint8_t first_byte(block value)
+{
+    return vgetq_lane_u8(value, 0);
+}
+
+// Drops the first byte and appends one.
+AES_INLINE block shift_in(block value, uint8_t byte)
+{
+    return vextq_u8(value, vdupq_n_u8(byte), 1);
+}
+
+AES_INLINE block rotate(block value)
+{
+    return vextq_u8(value, value, 1);
+}
+
+AES_INLINE block inverse_mix(block value)
+{
+    return vaesimcq_u8(value);
+}
+
+template <size_t Rounds, size_t Count>
+AES_INLINE void encrypt(block (&values)[Count], const block *keys)
+{
+    for (size_t round = 0; round + 1 < Rounds; ++round)
+        for (block &value : values)
+            value = vaesmcq_u8(vaeseq_u8(value, keys[round]));
+    for (block &value : values)
+        value = combine(vaeseq_u8(value, keys[Rounds - 1]), keys[Rounds]);
+}
+
+template <size_t Rounds, size_t Count>
+AES_INLINE void decrypt(block (&values)[Count], const block *keys)
+{
+    for (size_t round = 0; round + 1 < Rounds; ++round)
+        for (block &value : values)
+            value = vaesimcq_u8(vaesdq_u8(value, keys[round]));
+    for (block &value : values)
+        value = combine(vaesdq_u8(value, keys[Rounds - 1]), keys[Rounds]);
+}
+
+constexpr size_t in_flight = 8;
+
+#endif
+
+// --- keys for either direction
+
+template <size_t Rounds>
+AES_INLINE void load_forward_keys(block (&keys)[Rounds + 1], const uint8_t *round_key)
+{
+    for (size_t i = 0; i <= Rounds; ++i)
+        keys[i] = load(round_key + 16 * i);
+}
+
+// For the equivalent inverse cipher: backwards, the inner ones through the inverse column mix.
+template <size_t Rounds>
+AES_INLINE void load_inverse_keys(block (&keys)[Rounds + 1], const uint8_t *round_key)
+{
+    keys[0] = load(round_key + 16 * Rounds);
+    for (size_t i = 1; i < Rounds; ++i)
+        keys[i] = inverse_mix(load(round_key + 16 * (Rounds - i)));
+    keys[Rounds] = load(round_key);
+}
+
+template <size_t Count>
+AES_INLINE void load_blocks(block (&values)[Count], const uint8_t *from)
+{
+    for (size_t i = 0; i < Count; ++i)
+        values[i] = load(from + 16 * i);
+}
+
+template <size_t Count>
+AES_INLINE void store_blocks(uint8_t *to, const block (&values)[Count])
+{
+    for (size_t i = 0; i < Count; ++i)
+        store(to + 16 * i, values[i]);
+}
+
+// --- steps over `Count` blocks at once
+
+template <size_t Rounds, size_t Count>
+AES_INLINE void cbc_decrypt_step(uint8_t *data, block &chain, const block *keys)
+{
+    block received[Count];
+    load_blocks(received, data);
+    block values[Count];
+    for (size_t i = 0; i < Count; ++i)
+        values[i] = received[i];
+    decrypt<Rounds>(values, keys);
+    values[0] = combine(values[0], chain);
+    for (size_t i = 1; i < Count; ++i)
+        values[i] = combine(values[i], received[i - 1]);
+    chain = received[Count - 1];
+    store_blocks(data, values);
+}
+
+template <size_t Rounds, size_t Count>
+AES_INLINE void cfb8_decrypt_step(uint8_t *data, block &shift_register, const block *keys)
+{
+    block values[Count];
+    for (size_t i = 0; i < Count; ++i) {
+        values[i] = shift_register;
+        shift_register = shift_in(shift_register, data[i]);
+    }
+    encrypt<Rounds>(values, keys);
+    for (size_t i = 0; i < Count; ++i)
+        data[i] = static_cast<uint8_t>(data[i] ^ first_byte(values[i]));
+}
+
+} // namespace
+
+bool is_available()
+{
+#if defined(__aarch64__)
+    return processor::has(processor::arm_aes);
+#else
+    return processor::has(processor::aes);
+#endif
+}
+
+AES_CODE uint32_t substitute_word(uint32_t word)
+{
+    // All four columns alike: the row shift of the last round changes nothing.
+#if defined(__aarch64__)
+    const block spread = vreinterpretq_u8_u32(vdupq_n_u32(word));
+    return vgetq_lane_u32(vreinterpretq_u32_u8(vaeseq_u8(spread, vdupq_n_u8(0))), 0);
+#else
+    const block spread = _mm_set1_epi32(static_cast<int>(word));
+    return static_cast<uint32_t>(_mm_cvtsi128_si32(_mm_aesenclast_si128(spread, _mm_setzero_si128())));
+#endif
+}
+
+template <size_t Rounds>
+AES_CODE void modes<Rounds>::ecb_encrypt(uint8_t *data, size_t blocks, const uint8_t *round_key)
+{
+    block keys[Rounds + 1];
+    load_forward_keys<Rounds>(keys, round_key);
+    for (; blocks >= in_flight; blocks -= in_flight, data += 16 * in_flight) {
+        block values[in_flight];
+        load_blocks(values, data);
+        encrypt<Rounds>(values, keys);
+        store_blocks(data, values);
+    }
+    for (; blocks > 0; --blocks, data += 16) {
+        block value[1] = {load(data)};
+        encrypt<Rounds>(value, keys);
+        store(data, value[0]);
+    }
+}
+
+template <size_t Rounds>
+AES_CODE void modes<Rounds>::ecb_decrypt(uint8_t *data, size_t blocks, const uint8_t *round_key)
+{
+    block keys[Rounds + 1];
+    load_inverse_keys<Rounds>(keys, round_key);
+    for (; blocks >= in_flight; blocks -= in_flight, data += 16 * in_flight) {
+        block values[in_flight];
+        load_blocks(values, data);
+        decrypt<Rounds>(values, keys);
+        store_blocks(data, values);
+    }
+    for (; blocks > 0; --blocks, data += 16) {
+        block value[1] = {load(data)};
+        decrypt<Rounds>(value, keys);
+        store(data, value[0]);
+    }
+}
+
+template <size_t Rounds>
+AES_CODE void modes<Rounds>::cbc_encrypt(uint8_t *data, uint64_t blocks, uint8_t *iv, const uint8_t *round_key)
+{
+    block keys[Rounds + 1];
+    load_forward_keys<Rounds>(keys, round_key);
+    block chain[1] = {load(iv)};
+    for (; blocks > 0; --blocks, data += 16) {
+        chain[0] = combine(chain[0], load(data));
+        encrypt<Rounds>(chain, keys);
+        store(data, chain[0]);
+    }
+    store(iv, chain[0]);
+}
+
+template <size_t Rounds>
+AES_CODE void modes<Rounds>::cbc_decrypt(uint8_t *data, uint64_t blocks, uint8_t *iv, const uint8_t *round_key)
+{
+    block keys[Rounds + 1];
+    load_inverse_keys<Rounds>(keys, round_key);
+    block chain = load(iv);
+    for (; blocks >= in_flight; blocks -= in_flight, data += 16 * in_flight)
+        cbc_decrypt_step<Rounds, in_flight>(data, chain, keys);
+    for (; blocks > 0; --blocks, data += 16)
+        cbc_decrypt_step<Rounds, 1>(data, chain, keys);
+    store(iv, chain);
+}
+
+template <size_t Rounds>
+AES_CODE void modes<Rounds>::cfb8_encrypt(uint8_t *data, uint64_t size, uint8_t *iv, const uint8_t *round_key)
+{
+    block keys[Rounds + 1];
+    load_forward_keys<Rounds>(keys, round_key);
+    block shift_register = load(iv);
+    for (uint64_t i = 0; i < size; ++i) {
+        block value[1] = {shift_register};
+        encrypt<Rounds>(value, keys);
+        data[i] = static_cast<uint8_t>(data[i] ^ first_byte(value[0]));
+        shift_register = shift_in(shift_register, data[i]);
+    }
+    store(iv, shift_register);
+}
+
+template <size_t Rounds>
+AES_CODE void modes<Rounds>::cfb8_decrypt(uint8_t *data, uint64_t size, uint8_t *iv, const uint8_t *round_key)
+{
+    block keys[Rounds + 1];
+    load_forward_keys<Rounds>(keys, round_key);
+    block shift_register = load(iv);
+    for (; size >= in_flight; size -= in_flight, data += in_flight)
+        cfb8_decrypt_step<Rounds, in_flight>(data, shift_register, keys);
+    for (; size > 0; --size, ++data)
+        cfb8_decrypt_step<Rounds, 1>(data, shift_register, keys);
+    store(iv, shift_register);
+}
+
+template <size_t Rounds>
+AES_CODE void modes<Rounds>::ofb8(uint8_t *data, uint64_t size, uint8_t *iv, const uint8_t *round_key)
+{
+    block keys[Rounds + 1];
+    load_forward_keys<Rounds>(keys, round_key);
+    block value[1] = {load(iv)};
+    for (uint64_t i = 0; i < size; ++i) {
+        encrypt<Rounds>(value, keys);
+        data[i] = static_cast<uint8_t>(data[i] ^ first_byte(value[0]));
+        value[0] = rotate(value[0]);
+    }
+    store(iv, value[0]);
+}
+
+#else // no instructions known for this processor
+
+bool is_available()
+{
+    return false;
+}
+
+uint32_t substitute_word(uint32_t)
+{
+    return 0;
+}
+
+template <size_t Rounds>
+void modes<Rounds>::ecb_encrypt(uint8_t *, size_t, const uint8_t *)
+{
+}
+
+template <size_t Rounds>
+void modes<Rounds>::ecb_decrypt(uint8_t *, size_t, const uint8_t *)
+{
+}
+
+template <size_t Rounds>
+void modes<Rounds>::cbc_encrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *)
+{
+}
+
+template <size_t Rounds>
+void modes<Rounds>::cbc_decrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *)
+{
+}
+
+template <size_t Rounds>
+void modes<Rounds>::cfb8_encrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *)
+{
+}
+
+template <size_t Rounds>
+void modes<Rounds>::cfb8_decrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *)
+{
+}
+
+template <size_t Rounds>
+void modes<Rounds>::ofb8(uint8_t *, uint64_t, uint8_t *, const uint8_t *)
+{
+}
+
+#endif
+
+template struct modes<10>;
+template struct modes<12>;
+template struct modes<14>;
+
+} // namespace kestal::aes_hardware

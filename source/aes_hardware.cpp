@@ -3,7 +3,7 @@
 #include "processor.hpp"
 
 // Each function that uses the instructions says so itself (AES_CODE): lambdas and callees do not inherit it.
-#if defined(__x86_64__) || defined(__i386__)
+#if defined(__x86_64__)
 #include <immintrin.h>
 #define AES_CODE __attribute__((target("aes,ssse3,sse4.1")))
 #elif defined(__aarch64__)
@@ -21,7 +21,7 @@ namespace {
 
 // --- a block in a register, and one round of the cipher: all that differs between the processors
 
-#if defined(__x86_64__) || defined(__i386__)
+#if defined(__x86_64__)
 
 using block = __m128i;
 

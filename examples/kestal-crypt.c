@@ -84,9 +84,10 @@ typedef struct {
 
 #define CIPHER(NAME, KEY_SIZE, BLOCK_SIZE)                                                                             \
     {                                                                                                                  \
-        #NAME, KEY_SIZE, BLOCK_SIZE, make_##NAME, {kestal_encrypt_##NAME##_ecb, kestal_decrypt_##NAME##_ecb},          \
-            {kestal_encrypt_##NAME##_cbc, kestal_decrypt_##NAME##_cbc},                                                \
-            {kestal_encrypt_##NAME##_cfb8, kestal_decrypt_##NAME##_cfb8},                                              \
+#NAME, KEY_SIZE, BLOCK_SIZE, make_##NAME,                                                                      \
+            {kestal_encrypt_##NAME##_ecb, kestal_decrypt_##NAME##_ecb },                                               \
+             {kestal_encrypt_##NAME##_cbc, kestal_decrypt_##NAME##_cbc },                                              \
+              {kestal_encrypt_##NAME##_cfb8, kestal_decrypt_##NAME##_cfb8 },                                           \
         {                                                                                                              \
             kestal_encrypt_##NAME##_ofb8, kestal_decrypt_##NAME##_ofb8                                                 \
         }                                                                                                              \
@@ -111,7 +112,8 @@ static const char help[] =
     "  -o FILE           where the result goes; standard output by default\n"
     "\n"
     "ECB and CBC pad as PKCS#7 does. WARNING: nothing is authenticated. Whoever can change the enciphered data can\n"
-    "change what it deciphers to, and nobody is told: protect it with a signature or a MAC. Use a fresh vector for each\n"
+    "change what it deciphers to, and nobody is told: protect it with a signature or a MAC. Use a fresh vector for "
+    "each\n"
     "message. ECB shows which blocks are equal; DES keys can be searched through. ofb8 is this library's own rotated\n"
     "form, and 3des its own three encryptions: other programs do not read them.\n";
 
@@ -310,7 +312,7 @@ int main(int argc, char **argv)
         const struct {
             const char *name;
             const char **value;
-        } options[] = {{"--cipher", &cipher}, {"--mode", &job.mode},    {"--key", &key},   {"--key-file", &key_file},
+        } options[] = {{"--cipher", &cipher}, {"--mode", &job.mode},   {"--key", &key},    {"--key-file", &key_file},
                        {"--iv", &iv},         {"--iv-file", &iv_file}, {"-o", &job.output}};
         size_t o = 0;
         while (o < sizeof options / sizeof options[0] && strcmp(argv[i], options[o].name) != 0)

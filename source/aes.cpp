@@ -90,7 +90,7 @@ void expand_key(uint8_t *round_key, const void *key)
     for (size_t i = KeyWords; i < 4 * (Rounds + 1); ++i) {
         uint32_t word = load_big_32(round_key + 4 * (i - 1));
         if (i % KeyWords == 0) {
-            word = substitute_word(std::rotl(word, 8)) ^ uint32_t{round_constant} << 24;
+            word = substitute_word(std::rotl(word, 8)) ^ uint32_t { round_constant } << 24;
             round_constant = times_x(round_constant);
         } else if (KeyWords > 6 && i % KeyWords == 4) {
             word = substitute_word(word);
@@ -113,26 +113,48 @@ uint32_t look_up_last(const byte_table &table, uint32_t a, uint32_t b, uint32_t 
            uint32_t{table[c >> 8 & 255u]} << 8 | table[d & 255u];
 }
 
-// Runs a block through all rounds. The rows are shifted by one, two and three columns, forwards or backwards: Step is
-// 1 or 3.
-template <size_t Rounds, size_t Step>
-void transform_block(uint8_t *block, const uint32_t *keys, const word_tables &tables, const byte_table &last)
+// Runs blocks through all rounds, side by side to hide the latency of the look-ups. The rows are shifted by one, two
+// and three columns, forwards or backwards: Step is 1 or 3.
+template <size_t Rounds, size_t Step, size_t Blocks>
+void transform_together(uint8_t *blocks, const uint32_t *keys, const word_tables &tables, const byte_table &last)
 {
-    uint32_t state[4];
-    for (size_t i = 0; i < 4; ++i)
-        state[i] = load_big_32(block + 4 * i) ^ keys[i];
-    const auto column = [&state](size_t number) { return state[number % 4]; };
+    struct columns {
+        uint32_t words[4];
+        uint32_t from(size_t number) const { return words[number % 4]; }
+    };
+    columns states[Blocks];
+    for (size_t block = 0; block < Blocks; ++block) {
+        for (size_t i = 0; i < 4; ++i)
+            states[block].words[i] = load_big_32(blocks + block_bytes * block + 4 * i) ^ keys[i];
+    }
     for (size_t round = 1; round < Rounds; ++round) {
         keys += 4;
-        uint32_t next[4];
-        for (size_t i = 0; i < 4; ++i)
-            next[i] = keys[i] ^ look_up(tables, column(i), column(i + Step), column(i + 2 * Step), column(i + 3 * Step));
-        memcpy(state, next, sizeof state);
+        for (columns &state : states) {
+            columns next;
+            for (size_t i = 0; i < 4; ++i)
+                next.words[i] = keys[i] ^ look_up(tables, state.from(i), state.from(i + Step), state.from(i + 2 * Step),
+                                                  state.from(i + 3 * Step));
+            state = next;
+        }
     }
     keys += 4;
-    for (size_t i = 0; i < 4; ++i)
-        store_big_32(block + 4 * i, keys[i] ^ look_up_last(last, column(i), column(i + Step), column(i + 2 * Step),
-                                                          column(i + 3 * Step)));
+    for (size_t block = 0; block < Blocks; ++block) {
+        const columns &state = states[block];
+        for (size_t i = 0; i < 4; ++i)
+            store_big_32(blocks + block_bytes * block + 4 * i,
+                         keys[i] ^ look_up_last(last, state.from(i), state.from(i + Step), state.from(i + 2 * Step),
+                                                state.from(i + 3 * Step)));
+    }
+}
+
+template <size_t Rounds, size_t Step>
+void transform_all(uint8_t *blocks, size_t count, const uint32_t *keys, const word_tables &tables,
+                   const byte_table &last)
+{
+    for (; count >= 2; count -= 2, blocks += 2 * block_bytes)
+        transform_together<Rounds, Step, 2>(blocks, keys, tables, last);
+    if (count > 0)
+        transform_together<Rounds, Step, 1>(blocks, keys, tables, last);
 }
 
 template <size_t Rounds>
@@ -148,8 +170,7 @@ public:
 
     void transform(uint8_t *blocks, size_t count) const
     {
-        for (; count > 0; --count, blocks += block_bytes)
-            transform_block<Rounds, 1>(blocks, keys_, forward_tables, box);
+        transform_all<Rounds, 1>(blocks, count, keys_, forward_tables, box);
     }
 
 private:
@@ -174,8 +195,7 @@ public:
 
     void transform(uint8_t *blocks, size_t count) const
     {
-        for (; count > 0; --count, blocks += block_bytes)
-            transform_block<Rounds, 3>(blocks, keys_, inverse_tables, inverse_box);
+        transform_all<Rounds, 3>(blocks, count, keys_, inverse_tables, inverse_box);
     }
 
 private:

@@ -357,38 +357,31 @@ uint32_t substitute_word(uint32_t)
 
 template <size_t Rounds>
 void modes<Rounds>::ecb_encrypt(uint8_t *, size_t, const uint8_t *)
-{
-}
+{}
 
 template <size_t Rounds>
 void modes<Rounds>::ecb_decrypt(uint8_t *, size_t, const uint8_t *)
-{
-}
+{}
 
 template <size_t Rounds>
 void modes<Rounds>::cbc_encrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *)
-{
-}
+{}
 
 template <size_t Rounds>
 void modes<Rounds>::cbc_decrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *)
-{
-}
+{}
 
 template <size_t Rounds>
 void modes<Rounds>::cfb8_encrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *)
-{
-}
+{}
 
 template <size_t Rounds>
 void modes<Rounds>::cfb8_decrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *)
-{
-}
+{}
 
 template <size_t Rounds>
 void modes<Rounds>::ofb8(uint8_t *, uint64_t, uint8_t *, const uint8_t *)
-{
-}
+{}
 
 #endif
 

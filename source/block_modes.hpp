@@ -17,8 +17,14 @@ constexpr size_t batch_blocks = 16;
 template <size_t Size>
 void combine(uint8_t *to, const uint8_t *with)
 {
-    for (size_t i = 0; i < Size; ++i)
-        to[i] = static_cast<uint8_t>(to[i] ^ with[i]);
+    static_assert(Size % sizeof(uint64_t) == 0);
+    for (size_t i = 0; i < Size; i += sizeof(uint64_t)) {
+        uint64_t a, b;
+        memcpy(&a, to + i, sizeof a);
+        memcpy(&b, with + i, sizeof b);
+        a ^= b;
+        memcpy(to + i, &a, sizeof a);
+    }
 }
 
 // Drops the first byte of a register and appends one.

@@ -46,11 +46,17 @@ struct json_real {
     double number;
 };
 
-// A member: the key's bytes follow in the same block. Owns one reference to the value.
+// A member: a node of the object's hash table, the pair that the node's data points to, and the key's bytes, in one
+// block, which the table frees as the node. The pair owns one reference to the value.
 struct json_pair {
     uint64_t key_size;
     char *key;
     kestal_json_t *value;
+};
+
+struct json_member {
+    kestal_hash_node_t node;
+    json_pair pair;
 };
 
 // In read-only storage: nothing may write to them, their counts included.
@@ -134,42 +140,75 @@ int32_t order(T a, T b)
 
 // --- members
 
-void __kestal_json_free_pair(json_pair *pair)
+json_member *__kestal_json_new_pair(uint32_t key_hash, const void *key, uint64_t key_size)
 {
-    kestal_free(pair);
+    if (key_size > SIZE_MAX - sizeof(json_member))
+        return nullptr;
+    json_member *member = static_cast<json_member *>(kestal_alloc(sizeof(json_member) + key_size));
+    if (member == nullptr)
+        return nullptr;
+    *member = {};
+    member->node.m_key = key_hash;
+    member->node.m_data = &member->pair;
+    member->pair.key_size = key_size;
+    member->pair.key = reinterpret_cast<char *>(member + 1);
+    memcpy(member->pair.key, key, static_cast<size_t>(key_size));
+    return member;
 }
 
-json_pair *__kestal_json_new_pair(const void *key, uint64_t key_size)
+// The table's data destructor.
+void *__kestal_json_free_pair(void *data)
 {
-    if (key_size > SIZE_MAX - sizeof(json_pair))
-        return nullptr;
-    json_pair *pair = static_cast<json_pair *>(kestal_alloc(sizeof(json_pair) + key_size));
-    if (pair == nullptr)
-        return nullptr;
-    *pair = {key_size, reinterpret_cast<char *>(pair + 1), nullptr};
-    memcpy(pair->key, key, static_cast<size_t>(key_size));
-    return pair;
-}
-
-void *release_pair(void *data)
-{
-    json_pair *pair = static_cast<json_pair *>(data);
-    if (pair == nullptr)
-        return nullptr;
-    kestal_free_json(pair->value);
-    __kestal_json_free_pair(pair);
+    if (data != nullptr)
+        kestal_free_json(static_cast<json_pair *>(data)->value);
     return nullptr;
+}
+
+// Adds a member under a key that the object does not have yet, with a reference to the value.
+int32_t add_member(kestal_hash_t *hash, uint32_t key_hash, const void *key, uint64_t key_size, kestal_json_t *value)
+{
+    kestal_json_reference_get(value);
+    json_member *member = __kestal_json_new_pair(key_hash, key, key_size);
+    if (member == nullptr) {
+        kestal_free_json(value);
+        return -1;
+    }
+    member->pair.value = value;
+    kestal_add_hash_node_to_tail(hash, &member->node);
+    return 0;
+}
+
+uint64_t word_at(const char *bytes)
+{
+    uint64_t word;
+    memcpy(&word, bytes, sizeof word);
+    return word;
+}
+
+// Most keys are short: two words that may overlap cover them without a call.
+bool is_same_key(const json_pair *pair, const void *key, uint64_t key_size)
+{
+    if (pair->key_size != key_size)
+        return false;
+    const size_t size = static_cast<size_t>(key_size);
+    const char *other = static_cast<const char *>(key);
+    if (size < sizeof(uint64_t) || size > 2 * sizeof(uint64_t))
+        return memcmp(pair->key, other, size) == 0;
+    const size_t last = size - sizeof(uint64_t);
+    return word_at(pair->key) == word_at(other) && word_at(pair->key + last) == word_at(other + last);
 }
 
 kestal_hash_node_t *find_member(kestal_hash_t *hash, uint32_t key_hash, const void *key, uint64_t key_size,
                                 const char *function)
 {
-    kestal_hash_node_t *node = nullptr;
-    while ((node = kestal_search_hash_node(hash, node, key_hash)) != nullptr) {
+    kestal_hash_node_t *node = hash->m_buckets[kestal_hash_index(hash, key_hash)];
+    for (; node != nullptr; node = node->m_bucket_next) {
+        if (node->m_key != key_hash)
+            continue;
         const json_pair *pair = static_cast<const json_pair *>(node->m_data);
         if (pair == nullptr)
             report(function, __LINE__, "hash vector is null");
-        else if (pair->key_size == key_size && memcmp(pair->key, key, static_cast<size_t>(key_size)) == 0)
+        else if (is_same_key(pair, key, key_size))
             return node;
     }
     return nullptr;
@@ -265,7 +304,7 @@ kestal_json_t *copy_object(const json_object *object, int32_t deep)
     for (const kestal_hash_node_t *node = object->hash->m_head; node != nullptr; node = node->m_next) {
         const json_pair *pair = pair_of(node);
         const auto store = [&](kestal_json_t *value) {
-            return kestal_json_object_set_value(copy, pair->key, pair->key_size, value);
+            return add_member(as<json_object>(copy)->hash, node->m_key, pair->key, pair->key_size, value);
         };
         if (pair != nullptr && !store_copy(pair->value, deep, store))
             return kestal_free_json(copy);
@@ -367,7 +406,7 @@ kestal_json_t *kestal_new_json(uint32_t type)
         kestal::owned_block<json_object> object(new_record<json_object>(), __func__);
         if (!object)
             return nullptr;
-        object->hash = kestal_open_hash(object_buckets, release_pair);
+        object->hash = kestal_open_hash(object_buckets, __kestal_json_free_pair);
         return object->hash == nullptr ? nullptr : head_of(object.release());
     }
     case KESTAL_JSON_ARRAY:
@@ -544,24 +583,12 @@ int32_t kestal_json_object_set_value(kestal_json_t *object, const void *key, uin
     if (record == nullptr || key == nullptr || value == nullptr || value == object)
         return -1;
 
-    kestal_json_reference_get(value);
     const uint32_t key_hash = hash_of(key, key_size);
-    if (kestal_hash_node_t *node = find_member(record->hash, key_hash, key, key_size, __func__)) {
-        kestal_free_json(std::exchange(pair_of(node)->value, value));
-        return 0;
-    }
-
-    json_pair *pair = __kestal_json_new_pair(key, key_size);
-    if (pair == nullptr) {
-        kestal_free_json(value);
-        return -1;
-    }
-    if (kestal_create_hash_node_to_tail(record->hash, key_hash, pair) == nullptr) {
-        kestal_free_json(value);
-        __kestal_json_free_pair(pair);
-        return -1;
-    }
-    pair->value = value;
+    kestal_hash_node_t *node = find_member(record->hash, key_hash, key, key_size, __func__);
+    if (node == nullptr)
+        return add_member(record->hash, key_hash, key, key_size, value);
+    kestal_json_reference_get(value);
+    kestal_free_json(std::exchange(pair_of(node)->value, value));
     return 0;
 }
 

@@ -76,8 +76,8 @@ constexpr auto spread_boxes = make_spread_boxes();
 
 uint32_t mix(uint32_t word)
 {
-    return spread_boxes[0][word & 255u] ^ spread_boxes[1][word >> 8 & 255u] ^ spread_boxes[2][word >> 16 & 255u] ^
-           spread_boxes[3][word >> 24];
+    return (spread_boxes[0][word & 255u] ^ spread_boxes[1][word >> 8 & 255u]) ^
+           (spread_boxes[2][word >> 16 & 255u] ^ spread_boxes[3][word >> 24]);
 }
 
 // --- the key schedule
@@ -171,7 +171,8 @@ private:
         state states[Blocks];
         for (size_t i = 0; i < Blocks; ++i) {
             const uint8_t *block = blocks + i * block_bytes;
-            states[i] = {{load_big_32(block), load_big_32(block + 4)}, {load_big_32(block + 8), load_big_32(block + 12)}};
+            states[i] = {{load_big_32(block), load_big_32(block + 4)},
+                         {load_big_32(block + 8), load_big_32(block + 12)}};
         }
         for (size_t round = 0; round < Rounds; round += 2) {
             for (state &each : states)

@@ -44,16 +44,23 @@ struct cipher {
     const char *openssl[3]; // ECB, CBC, CFB-8, where OpenSSL has the same
 };
 
-#define CIPHER(NAME, KEY, BLOCK, TYPE, ...)                                                                            \
-    {                                                                                                                  \
-#NAME, KEY, BLOCK,                                                                                             \
-            [](void *round_key, const void *key) {                                                                     \
-                kestal_make_round_key_##NAME(static_cast<TYPE *>(round_key), key);                                     \
-            },                                                                                                         \
-            {kestal_encrypt_##NAME##_ecb, kestal_decrypt_##NAME##_ecb},                                                \
-            {kestal_encrypt_##NAME##_cbc, kestal_decrypt_##NAME##_cbc},                                                \
-            {kestal_encrypt_##NAME##_cfb8, kestal_decrypt_##NAME##_cfb8},                                              \
-            {kestal_encrypt_##NAME##_ofb8, kestal_decrypt_##NAME##_ofb8}, {__VA_ARGS__}                                \
+#define CIPHER(NAME, KEY, BLOCK, TYPE, ...)                                                                                      \
+    {                                                                                                                            \
+#NAME, KEY, BLOCK,                                                                                                       \
+            [](void *round_key,                                                                                                  \
+               const void *                                                                                                      \
+                   key) { kestal_make_round_key_##NAME(static_cast<TYPE *>(round_key), key); },                                  \
+                                                                                             {kestal_encrypt_##NAME##_ecb,       \
+                                                                                              kestal_decrypt_##NAME##_ecb },     \
+                                                                                              {kestal_encrypt_##NAME##_cbc,      \
+                                                                                               kestal_decrypt_##NAME##_cbc },    \
+                                                                                               {kestal_encrypt_##NAME##_cfb8,    \
+                                                                                                kestal_decrypt_##NAME##_cfb8 },  \
+                                                                                                {kestal_encrypt_##NAME##_ofb8,   \
+                                                                                                 kestal_decrypt_##NAME##_ofb8 }, \
+        {                                                                                                                        \
+            __VA_ARGS__                                                                                                          \
+        }                                                                                                                        \
     }
 
 const cipher ciphers[] = {
@@ -193,9 +200,10 @@ TEST_P(ciphers_test, agree_with_openssl_on_random_data)
             const round_key expanded(which, key);
             for (int direction : {0, 1}) {
                 const auto same = [&](int mode, const bytes &result) {
-                    if (which.openssl[mode] != nullptr)
-                        EXPECT_EQ(result, openssl(which.openssl[mode], direction == 0, key, iv, data))
-                            << which.openssl[mode] << ' ' << blocks << ' ' << direction;
+                    if (which.openssl[mode] == nullptr)
+                        return;
+                    EXPECT_EQ(result, openssl(which.openssl[mode], direction == 0, key, iv, data))
+                        << which.openssl[mode] << ' ' << blocks << ' ' << direction;
                 };
                 same(0, run_ecb(which, direction, key, data));
                 same(1, run_mode(which.cbc[direction], expanded, iv, data, blocks / 2 * which.block_size));
@@ -385,7 +393,8 @@ TEST(cipher, round_key_dumps_overlap)
     const auto line = [&](const std::string &head, size_t key_number, size_t round) {
         std::string text = head;
         for (size_t i = 0; i < 48; ++i)
-            text += std::string(1, static_cast<char>('0' + key.m_keys[key_number].m_bits[round + i])) + (i % 8 == 7 ? "b " : "");
+            text += std::string(1, static_cast<char>('0' + key.m_keys[key_number].m_bits[round + i])) +
+                    (i % 8 == 7 ? "b " : "");
         return text + "\n";
     };
     const auto number = [](size_t n) { return (n < 10 ? " " : "") + std::to_string(n); };

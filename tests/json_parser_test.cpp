@@ -158,7 +158,7 @@ TEST_F(json, arrays_grow_by_doubling_then_by_1025)
         append(array, kestal_new_json_integer(i));
         room_at.emplace(kestal_json_array_get_room_count(array), static_cast<uint64_t>(i) + 1);
     }
-    const std::map<uint64_t, uint64_t> expected{{8, 1},     {16, 9},    {32, 17},     {64, 33},    {128, 65},
+    const std::map<uint64_t, uint64_t> expected{{8, 1},     {16, 9},    {32, 17},    {64, 33},     {128, 65},
                                                 {256, 129}, {512, 257}, {1024, 513}, {2049, 1025}, {3074, 2050}};
     EXPECT_EQ(room_at, expected);
     EXPECT_EQ(kestal_json_array_clear(array), 0);
@@ -326,7 +326,8 @@ TEST_F(json, agrees_with_a_plain_model)
         ASSERT_EQ(kestal_json_object_get_count(object), members.size());
         ASSERT_EQ(get(object, key), members.contains(key) ? members[key] : nullptr);
         ASSERT_EQ(kestal_json_array_get_count(array), elements.size());
-        ASSERT_TRUE(elements.empty() || std::equal(elements.begin(), elements.end(), kestal_json_array_get_table(array)));
+        ASSERT_TRUE(elements.empty() ||
+                    std::equal(elements.begin(), elements.end(), kestal_json_array_get_table(array)));
         for (size_t i = 0; i + 1 < pool.size(); ++i) {
             auto held = std::count(elements.begin(), elements.end(), pool[i]);
             for (const auto &member : members)

@@ -1,0 +1,62 @@
+#!/bin/sh
+# kestal-crypt beside openssl enc, both ways and through files and pipes; bad input ends with status 1 and no output.
+# usage: kestal-crypt.sh PROGRAM
+set -eu
+crypt=$1
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+fail() {
+    echo "FAILED: $*" >&2
+    exit 1
+}
+
+iv=000102030405060708090a0b0c0d0e0f
+long=00112233445566778899aabbccddeeff0123456789abcdeffedcba9876543210
+printf '\000\021\042\063\104\125\146\167\210\231\252\273\314\335\356\377' >key.bin
+
+# Around the block and the chunk: where padding goes wrong.
+for size in 0 1 15 16 17 65535 65536 65537 1000003; do
+    head -c "$size" /dev/urandom >plain
+    for bits in 128 192 256; do
+        key=$(echo $long | cut -c "1-$((bits / 4))")
+        "$crypt" encrypt --cipher "aes$bits" --key "$key" --iv $iv -o ours plain
+        openssl enc -aes-$bits-cbc -K "$key" -iv $iv -in plain -out theirs
+        cmp -s ours theirs || fail "aes$bits cbc of $size bytes"
+        "$crypt" decrypt --cipher "aes$bits" --key "$key" --iv $iv <theirs | cmp -s - plain || fail "back from openssl"
+    done
+    for mode in ecb cfb8 ofb8; do
+        for cipher in des 3des seed128; do
+            key=$(echo $long | cut -c 1-32)
+            [ $cipher = des ] && key=$(echo $long | cut -c 1-16)
+            [ $cipher = 3des ] && key=$(echo $long | cut -c 1-48)
+            vector=$(echo $iv | cut -c 1-16)
+            [ $cipher = seed128 ] && vector=$iv
+            "$crypt" encrypt --cipher $cipher --mode $mode --key "$key" --iv "$vector" plain |
+                "$crypt" decrypt --cipher $cipher --mode $mode --key "$key" --iv "$vector" - |
+                cmp -s - plain || fail "$cipher $mode of $size bytes"
+        done
+    done
+done
+
+refused() {
+    if "$crypt" "$@" >out.txt 2>message.txt </dev/null; then
+        fail "accepted: $*"
+    fi
+    [ -s message.txt ] || fail "no message: $*"
+    [ ! -e result ] || fail "left a file behind: $*"
+}
+
+"$crypt" encrypt --cipher aes128 --key-file key.bin --iv $iv -o good plain
+refused decrypt --cipher aes128 --key $(echo $long | cut -c 33-64) --iv $iv -o result good
+refused decrypt --cipher aes128 --key-file key.bin --iv $iv -o result plain
+refused encrypt --cipher aes256 --key-file key.bin --iv $iv -o result plain
+refused encrypt --cipher aes128 --key xyz --iv $iv plain
+refused encrypt --cipher aes128 --key-file key.bin plain
+refused encrypt --cipher rot13 --key-file key.bin --iv $iv plain
+refused encrypt --cipher aes128 --key-file key.bin --iv $iv missing
+refused encrypt --cipher aes128 --key-file key.bin --iv $iv -o /nonexistent/result plain
+refused sign
+"$crypt" --help | grep -q 'nothing is authenticated' || fail "no warning in the help"
+echo "kestal-crypt agrees with openssl enc"

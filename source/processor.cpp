@@ -53,6 +53,8 @@ uint32_t detect()
         found |= avx2;
     if (shuffles && all_of(basic.c, 1u << 1))
         found |= pclmul;
+    if (shuffles && all_of(basic.c, 1u << 25))
+        found |= aes;
     if (shuffles && all_of(extended.b, 1u << 29))
         found |= sha;
     if (shuffles && widest && all_of(basic.c, 1u << 1) && all_of(extended.c, 1u << 10))
@@ -66,6 +68,8 @@ uint32_t detect()
 {
     const unsigned long present = getauxval(AT_HWCAP);
     uint32_t found = 0;
+    if ((present & 1u << 3) != 0)
+        found |= arm_aes;
     if ((present & 1u << 4) != 0)
         found |= arm_pmull;
     if ((present & 1u << 5) != 0)

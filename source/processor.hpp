@@ -17,6 +17,8 @@ enum feature : uint32_t {
     arm_pmull = 1u << 5, // AArch64: carry-less multiplication
     arm_sha1 = 1u << 6,  // AArch64: SHA-1 rounds
     arm_sha2 = 1u << 7,  // AArch64: SHA-256 rounds
+    aes = 1u << 8,       // x86: AES rounds, with SSE4.1
+    arm_aes = 1u << 9,   // AArch64: AES rounds
 };
 
 constexpr uint32_t every_feature = ~(1u << 31);

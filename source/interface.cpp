@@ -256,11 +256,6 @@ int32_t ask_database(uint32_t id, uint32_t code, Record &record)
 
 // --- fetching a location whole
 
-bool is_line_end(char character)
-{
-    return character == '\n' || character == '\r';
-}
-
 bool add_headers(uint32_t id, const char *headers)
 {
     const char *line = text_or_empty(headers);
@@ -269,8 +264,7 @@ bool add_headers(uint32_t id, const char *headers)
         if (length > 0 && kestal_ctx_set_option(id, 0, "httpheader", line, length) != 0)
             return false;
         line += length;
-        while (is_line_end(*line))
-            ++line;
+        line += strspn(line, "\r\n");
     }
     return true;
 }

@@ -13,7 +13,8 @@
  * answers an unknown id with its failure value. Every context keeps the built-in plugin loaded while it lives.
  *
  * A context has no lock: one thread at a time uses it, different threads use different ones. The plugins' registry is
- * held while a plugin's open runs, so an open must not create or destroy contexts, nor may a plugin's initialize.
+ * held while a plugin's open runs, so an open must not create or destroy contexts, nor may a plugin's initialize; and
+ * while a slow location opens, other threads wait to create contexts.
  */
 #ifndef KESTAL_ULX_INTERFACE_H
 #define KESTAL_ULX_INTERFACE_H

@@ -42,6 +42,7 @@
 #include <kestal_ulx/percent.h>
 #include <kestal_ulx/text.h>
 #include <kestal_ulx/uri.h>
+#include <kestal_ulx/utf8.h>
 
 /* digests and ciphers */
 #include <kestal_ulx/adler32.h>
@@ -58,6 +59,13 @@
 /* pictures */
 #include <kestal_ulx/bitmap_font.h>
 #include <kestal_ulx/color.h>
+#include <kestal_ulx/fbmap.h>
+#include <kestal_ulx/fbmap_draw.h>
+#include <kestal_ulx/fbmap_get.h>
+#include <kestal_ulx/fbmap_record.h>
+#include <kestal_ulx/fbmap_update.h>
+#include <kestal_ulx/geometry.h>
+#include <kestal_ulx/raw_bitmap.h>
 
 /* streams and values */
 #include <kestal_ulx/builtin_plugin.h>

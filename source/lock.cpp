@@ -387,21 +387,22 @@ int32_t wait_in_line(kestal_lock_t &lock, uint64_t thread_id, uint32_t timeout, 
     timer due(endless ? deadline_of(lock) : timeout);
     for (;;) {
         const wake outcome = pipe.wait(due.remaining(slice_ms));
-        bool warn = false;
+        bool late = false;
         standing seen{};
         {
+            // Held from the look at the clock to the leaving of the line: no wake-up goes to a waiter that has left.
             const lock_lists guard(lock);
             if (try_take_turn(lock, self))
                 return 0;
-            const bool expired = due.expired();
-            if (expired && !endless) {
+            late = due.expired();
+            if (late && !endless) {
                 waiters(lock).remove(&self);
                 return -1;
             }
-            if ((warn = expired))
+            if (late)
                 seen = look(lock);
         }
-        if (warn) {
+        if (late) {
             warn_of_dead_lock(lock, seen, due.elapsed(), caller);
             due.push(report_step_ms);
         }

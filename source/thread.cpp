@@ -25,8 +25,6 @@ constexpr uint64_t smallest_default_stack = 16384;
 constexpr uint64_t report_after_ms = 59999;
 constexpr uint64_t report_interval_ms = 1000;
 
-struct kestal_thread_pool;
-
 struct job {
     kestal_thread_function_t function; // null tells the worker to end
     void *argument;
@@ -36,20 +34,18 @@ struct job {
 
 // A thread of the library. On the ready list it is the pool's; whoever takes it off may store a job and call it, which
 // writes a byte into its pipe: a call is not lost on a worker that is only about to wait.
-struct kestal_thread_worker_t {
-    kestal_thread_worker_t *m_prev; // on the pool's ready list
-    kestal_thread_worker_t *m_next;
+struct worker {
+    worker *m_prev; // on the ready list
+    worker *m_next;
     int32_t m_pipe[2];
     uint32_t m_called;
-    kestal_thread_pool *m_pool; // null: runs one job and ends
+    bool m_pooled; // otherwise it runs one job and ends
     uint32_t m_serial;
     job m_job;
     uint64_t m_stack_size;
 };
 
-using worker = kestal_thread_worker_t;
-
-struct kestal_thread_pool {
+struct thread_pool {
     kestal_lock_t m_lock = KESTAL_LOCK_INITIALIZER("kestal_thread_pool", 0);
     uint64_t m_ready_target = 0;
     uint64_t m_ready_limit = 0;
@@ -62,7 +58,7 @@ struct kestal_thread_pool {
     uint64_t m_max = 0;
 };
 
-constinit kestal_thread_pool pool;
+constinit thread_pool pool;
 
 kestal::doubly_linked_list ready_list()
 {
@@ -71,14 +67,13 @@ kestal::doubly_linked_list ready_list()
 
 // --- one worker
 
-// A worker without a pipe cannot be called, so it has no pool either.
+// Without a pipe a worker cannot be called: it is none of the pool's then.
 worker *new_worker(bool pooled, uint64_t stack_size, const job &first)
 {
     auto *fresh = static_cast<worker *>(kestal_calloc_tag(1, sizeof(worker), "kestal_new_thread_worker", __LINE__));
     if (fresh == nullptr)
         return nullptr;
-    if (pooled && pipe2(fresh->m_pipe, O_CLOEXEC) == 0)
-        fresh->m_pool = &pool;
+    fresh->m_pooled = pooled && pipe2(fresh->m_pipe, O_CLOEXEC) == 0;
     fresh->m_serial = std::atomic_ref(pool.m_serial).fetch_add(1, std::memory_order_relaxed);
     fresh->m_job = first;
     fresh->m_stack_size = stack_size;
@@ -91,7 +86,7 @@ void free_worker(worker *ended)
         kestal_assert_fail_tag(source, __func__, __LINE__,
                                "(s_worker->m_prev == ((kestal_thread_worker_t *)0)) && "
                                "(s_worker->m_next == ((kestal_thread_worker_t *)0))");
-    if (ended->m_pool != nullptr) {
+    if (ended->m_pooled) {
         close(ended->m_pipe[0]);
         close(ended->m_pipe[1]);
     }
@@ -162,7 +157,7 @@ void *run_worker(void *argument)
     auto *self = static_cast<worker *>(argument);
     while (self->m_job.function != nullptr) {
         const job given = std::exchange(self->m_job, {});
-        if (self->m_pool == nullptr)
+        if (!self->m_pooled)
             free_worker(std::exchange(self, nullptr));
         given.function(given.argument);
         const bool stays = finish_job(self);
@@ -263,7 +258,7 @@ void add_spare_worker(uint64_t stack_size)
     worker *spare = new_worker(true, stack_size, {});
     if (spare == nullptr)
         return;
-    if (spare->m_pool == nullptr || !start_thread(run_spare_worker, *spare)) {
+    if (!spare->m_pooled || !start_thread(run_spare_worker, *spare)) {
         free_worker(spare);
         return;
     }

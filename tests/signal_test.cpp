@@ -100,10 +100,10 @@ TEST_F(signal, restoring_detaches_everything_and_counts_are_reset_apart)
 
 TEST_F(signal, bad_arguments_are_refused)
 {
-    EXPECT_EQ(kestal_add_signal(65, note, &one_), nullptr);
-    EXPECT_EQ(kestal_add_signal(SIGUSR1, nullptr, &one_), nullptr);
-    EXPECT_EQ(kestal_add_signal(SIGKILL, note, &one_), nullptr);
+    for (const uint32_t number : {65u, uint32_t{SIGKILL}, 0u})
+        EXPECT_EQ(kestal_add_signal(number, note, &one_), nullptr);
     EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(kestal_add_signal(SIGUSR1, nullptr, &one_), nullptr);
     EXPECT_EQ(kestal_del_signal(nullptr), -1);
     EXPECT_EQ(kestal_get_signal_count(65), 0u);
     EXPECT_EQ(kestal_reset_signal_count(65), -1);
@@ -141,7 +141,7 @@ TEST_F(signal, handlers_come_and_go_while_signals_arrive_everywhere)
     std::atomic<int> delivered{0};
     const auto count = [](int32_t, void *argument) { ++*static_cast<std::atomic<int> *>(argument); };
     kestal_add_signal(SIGUSR1, count, &delivered);
-    std::vector<std::thread> targets, changers;
+    std::vector<std::jthread> targets, changers;
     for (int t = 0; t < 4; ++t)
         targets.emplace_back([&] { kestal_test::wait_until([&] { return stop.load(); }); });
     for (int t = 0; t < 3; ++t)
@@ -157,11 +157,9 @@ TEST_F(signal, handlers_come_and_go_while_signals_arrive_everywhere)
         });
     for (int i = 0; i < 3000; ++i)
         pthread_kill(targets[static_cast<size_t>(i) % 4].native_handle(), SIGUSR1);
-    for (std::thread &changer : changers)
-        changer.join();
+    changers.clear();
     stop = true;
-    for (std::thread &target : targets)
-        target.join();
+    targets.clear();
     EXPECT_GE(delivered, 900);
     EXPECT_EQ(kestal_get_signal_count(SIGUSR1), static_cast<uint32_t>(delivered.load()));
 }

@@ -72,7 +72,7 @@ TEST_F(spin_lock, null_is_reported_or_ignored)
 TEST_F(spin_lock, many_readers_never_see_a_writer_at_work)
 {
     int left = 0, right = 0;
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int t = 0; t < 8; ++t)
         threads.emplace_back([&, writes = t < 3] {
             for (int i = 0; i < 200; ++i) {
@@ -87,8 +87,7 @@ TEST_F(spin_lock, many_readers_never_see_a_writer_at_work)
                 kestal_spin_unlock(&lock_);
             }
         });
-    for (std::thread &thread : threads)
-        thread.join();
+    threads.clear();
     EXPECT_EQ(left, 600);
     EXPECT_EQ(kestal_try_spin_lock(&lock_), 1);
 }

@@ -151,14 +151,13 @@ TEST_F(thread, waiting_reports_when_asked)
     EXPECT_EQ(text,
               "kestal_thread_pool_wait_ex: [debug] thread-pool wait timeout ! (timeout=N/20 msec, threads=1/0)\n");
 
-    std::thread waiting([] { EXPECT_EQ(kestal_thread_pool_wait_ex(0, -1, 1), 0); });
+    std::jthread waiting([] { EXPECT_EQ(kestal_thread_pool_wait_ex(0, -1, 1), 0); });
     const std::string line = "kestal_thread_pool_wait_ex: [DEBUG] thread-pool waiting... (timeout=";
     while (errors.text().find(line) == std::string::npos)
         kestal_test::advance_clock(60000);
     errors.wait_for(line, 3); // from the first minute on, a line in every pass
     EXPECT_NE(errors.text().find("/-1 msec, threads=1/0)\n"), std::string::npos);
     running.finish();
-    waiting.join();
 }
 
 TEST_F(thread, dumps_show_the_threads)
@@ -173,7 +172,7 @@ TEST_F(thread, dumps_show_the_threads)
 TEST_F(thread, many_threads_start_many_jobs)
 {
     std::atomic<int> done{0};
-    std::vector<std::thread> starters;
+    std::vector<std::jthread> starters;
     for (int t = 0; t < 6; ++t)
         starters.emplace_back([&, t] {
             for (int i = 0; i < 200; ++i) {
@@ -183,8 +182,7 @@ TEST_F(thread, many_threads_start_many_jobs)
                 EXPECT_EQ(kestal_detached_thread_ex(run, &done, i % 2 == 0 ? 0 : 1 << 18), 0);
             }
         });
-    for (std::thread &starter : starters)
-        starter.join();
+    starters.clear();
     EXPECT_EQ(kestal_thread_pool_wait(60000), 0);
     EXPECT_EQ(done, 1200);
 }

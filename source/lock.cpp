@@ -83,11 +83,16 @@ public:
             poll(&entry, 1, static_cast<int>(is_open() ? milliseconds : std::min(milliseconds, pipeless_slice_ms)));
         if (ready <= 0)
             return ready == 0 ? wake::time_out : wake::error;
+        if ((entry.revents & POLLIN) != 0)
+            return wake::byte;
+        return (entry.revents & POLLHUP) != 0 ? wake::end : wake::error;
+    }
+
+    // Takes the byte out, for one more wait.
+    void clear() const
+    {
         char byte = 0;
-        const ssize_t got = read(ends_[0], &byte, 1);
-        if (got < 0)
-            return errno == EAGAIN ? wake::time_out : wake::error;
-        return got == 0 ? wake::end : wake::byte;
+        [[maybe_unused]] const ssize_t got = read(ends_[0], &byte, 1);
     }
 
     // Writes the byte. Also true when the pipe is full of bytes, and for a waiter without a pipe.
@@ -406,6 +411,8 @@ int32_t wait_in_line(kestal_lock_t &lock, uint64_t thread_id, uint32_t timeout, 
             warn_of_dead_lock(lock, seen, due.elapsed(), caller);
             due.push(report_step_ms);
         }
+        if (outcome == wake::byte)
+            pipe.clear();
         if (outcome == wake::error || outcome == wake::end) {
             warn_of_read(lock, outcome == wake::end ? "broken pipe" : "interrupted or error", caller);
             kestal_load_balance_short();

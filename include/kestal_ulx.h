@@ -56,6 +56,14 @@
 #include <kestal_ulx/sha1.h>
 #include <kestal_ulx/sha256.h>
 
+/* network */
+#include <kestal_ulx/address.h>
+#include <kestal_ulx/multicast.h>
+#include <kestal_ulx/network_interface.h>
+#include <kestal_ulx/resolver.h>
+#include <kestal_ulx/socket.h>
+#include <kestal_ulx/socket_opener.h>
+
 /* pictures */
 #include <kestal_ulx/bitmap_font.h>
 #include <kestal_ulx/color.h>

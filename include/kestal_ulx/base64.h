@@ -24,7 +24,7 @@ typedef struct kestal_base64 {
     uint32_t m_ignore_invalid;      /**< Decoding: foreign characters are skipped instead of ending the input. */
     uint32_t m_alphabet;            /**< 0: standard ("+/"), else URL-safe ("-_"). */
     uint64_t m_column;              /**< Encoding: the characters of the line so far. */
-    uint32_t m_finished;            /**< The end was marked, or met. */
+    uint32_t m_finished;            /**< 0 until the end was marked or met, or memory ran short. */
     struct kestal_buffer *m_input;  /**< Input that waits for the rest of its group, or for room in the output. */
     struct kestal_buffer *m_output; /**< Output that was not taken yet. */
 } kestal_base64_t;
@@ -65,11 +65,12 @@ KESTAL_API int32_t kestal_set_base64_alphabet(kestal_base64_t *context, uint32_t
 
 /**
  * Encodes `size` bytes behind those pushed before; a size of 0 marks the end, which pads the last group. Returns 0; or
- * -1 when the context is null, the data are null and `size` is not 0, data come after the end, or memory is short, and
- * at a limit:
+ * -1 when the context is null, the data are null and `size` is not 0, data come after the end, at a limit, or when
+ * memory is short:
  *  - where the input limit would be exceeded, nothing of this push is taken;
- *  - where the output has no room for 4 more characters, the push is taken all the same, and its rest waits: get the
- *    output and go on with the next push, or mark the end (again) until that returns 0. Newlines do not count.
+ *  - where the output has no room for 4 more characters (newlines do not ask for any), the push is taken all the same,
+ *    and its rest waits: get the output and go on with the next push, or mark the end again until that returns 0;
+ *  - when memory ran short, the conversion is lost: all further calls but kestal_close_base64 fail.
  */
 KESTAL_API int32_t kestal_push_encode_base64(kestal_base64_t *context, const void *data, uint64_t size);
 
@@ -83,8 +84,8 @@ KESTAL_API int32_t kestal_push_decode_base64(kestal_base64_t *context, const voi
 
 /**
  * Takes all output produced so far as a new NUL-terminated block, empty when there is none; its length without the
- * terminator goes to `out_size`, which may be null. Null (and length 0) when the context is null or memory is short;
- * the output then stays.
+ * terminator goes to `out_size`, which may be null. Null, and length 0, when the context is null, memory is short (the
+ * output then stays), or was in a push.
  */
 KESTAL_API char *kestal_get_base64(kestal_base64_t *context, uint64_t *out_size);
 

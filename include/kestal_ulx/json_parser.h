@@ -127,8 +127,7 @@ KESTAL_API int32_t kestal_json_object_set_value(kestal_json_t *object, const voi
                                                 kestal_json_t *value);
 
 /** The value (lent) under a key, or null. */
-KESTAL_API kestal_json_t *kestal_json_object_get_value(const kestal_json_t *object, const void *key,
-                                                       uint64_t key_size);
+KESTAL_API kestal_json_t *kestal_json_object_get_value(const kestal_json_t *object, const void *key, uint64_t key_size);
 
 /** Removes a key and its value. 0 also when the key is absent; -1 for another type or a null key. */
 KESTAL_API int32_t kestal_json_object_delete_value(kestal_json_t *object, const void *key, uint64_t key_size);

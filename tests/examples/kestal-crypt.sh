@@ -49,7 +49,7 @@ refused() {
 }
 
 "$crypt" encrypt --cipher aes128 --key-file key.bin --iv $iv -o good plain
-refused decrypt --cipher aes128 --key $(echo $long | cut -c 33-64) --iv $iv -o result good
+refused decrypt --cipher aes128 --key "$(echo $long | cut -c 33-64)" --iv $iv -o result good
 refused decrypt --cipher aes128 --key-file key.bin --iv $iv -o result plain
 refused encrypt --cipher aes256 --key-file key.bin --iv $iv -o result plain
 refused encrypt --cipher aes128 --key xyz --iv $iv plain

@@ -113,10 +113,13 @@ uint32_t look_up_last(const byte_table &table, uint32_t a, uint32_t b, uint32_t 
            uint32_t{table[c >> 8 & 255u]} << 8 | table[d & 255u];
 }
 
+constexpr size_t most_rounds = 14;
+
 // Runs blocks through all rounds, side by side to hide the latency of the look-ups. The rows are shifted by one, two
 // and three columns, forwards or backwards: Step is 1 or 3.
-template <size_t Rounds, size_t Step, size_t Blocks>
-void transform_together(uint8_t *blocks, const uint32_t *keys, const word_tables &tables, const byte_table &last)
+template <size_t Step, size_t Blocks>
+void transform_together(uint8_t *blocks, const uint32_t *keys, size_t rounds, const word_tables &tables,
+                        const byte_table &last)
 {
     struct columns {
         uint32_t words[4];
@@ -127,7 +130,7 @@ void transform_together(uint8_t *blocks, const uint32_t *keys, const word_tables
         for (size_t i = 0; i < 4; ++i)
             states[block].words[i] = load_big_32(blocks + block_bytes * block + 4 * i) ^ keys[i];
     }
-    for (size_t round = 1; round < Rounds; ++round) {
+    for (size_t round = 1; round < rounds; ++round) {
         keys += 4;
         for (columns &state : states) {
             columns next;
@@ -147,55 +150,54 @@ void transform_together(uint8_t *blocks, const uint32_t *keys, const word_tables
     }
 }
 
-template <size_t Rounds, size_t Step>
-void transform_all(uint8_t *blocks, size_t count, const uint32_t *keys, const word_tables &tables,
+template <size_t Step>
+void transform_all(uint8_t *blocks, size_t count, const uint32_t *keys, size_t rounds, const word_tables &tables,
                    const byte_table &last)
 {
     for (; count >= 2; count -= 2, blocks += 2 * block_bytes)
-        transform_together<Rounds, Step, 2>(blocks, keys, tables, last);
+        transform_together<Step, 2>(blocks, keys, rounds, tables, last);
     if (count > 0)
-        transform_together<Rounds, Step, 1>(blocks, keys, tables, last);
+        transform_together<Step, 1>(blocks, keys, rounds, tables, last);
 }
 
-template <size_t Rounds>
 class table_forward {
 public:
     static constexpr size_t block_size = block_bytes;
 
-    explicit table_forward(const uint8_t *round_key)
+    table_forward(const uint8_t *round_key, size_t rounds) : rounds_(rounds)
     {
-        for (size_t i = 0; i < 4 * (Rounds + 1); ++i)
+        for (size_t i = 0; i < 4 * (rounds + 1); ++i)
             keys_[i] = load_big_32(round_key + 4 * i);
     }
 
-    void transform(uint8_t *blocks, size_t count) const
+    [[gnu::noinline]] void transform(uint8_t *blocks, size_t count) const
     {
-        transform_all<Rounds, 1>(blocks, count, keys_, forward_tables, box);
+        transform_all<1>(blocks, count, keys_, rounds_, forward_tables, box);
     }
 
 private:
-    uint32_t keys_[4 * (Rounds + 1)];
+    size_t rounds_;
+    uint32_t keys_[4 * (most_rounds + 1)];
 };
 
 // The equivalent inverse cipher: the round keys backwards, the inner ones through the inverse column mix.
-template <size_t Rounds>
 class table_inverse {
 public:
     static constexpr size_t block_size = block_bytes;
 
-    explicit table_inverse(const uint8_t *round_key)
+    table_inverse(const uint8_t *round_key, size_t rounds) : rounds_(rounds)
     {
-        for (size_t round = 0; round <= Rounds; ++round) {
+        for (size_t round = 0; round <= rounds; ++round) {
             for (size_t i = 0; i < 4; ++i) {
-                const uint32_t word = load_big_32(round_key + 16 * (Rounds - round) + 4 * i);
-                keys_[4 * round + i] = round == 0 || round == Rounds ? word : inverse_mix(word);
+                const uint32_t word = load_big_32(round_key + 16 * (rounds - round) + 4 * i);
+                keys_[4 * round + i] = round == 0 || round == rounds ? word : inverse_mix(word);
             }
         }
     }
 
-    void transform(uint8_t *blocks, size_t count) const
+    [[gnu::noinline]] void transform(uint8_t *blocks, size_t count) const
     {
-        transform_all<Rounds, 3>(blocks, count, keys_, inverse_tables, inverse_box);
+        transform_all<3>(blocks, count, keys_, rounds_, inverse_tables, inverse_box);
     }
 
 private:
@@ -205,7 +207,8 @@ private:
                inverse_tables[2][box[word >> 8 & 255u]] ^ inverse_tables[3][box[word & 255u]];
     }
 
-    uint32_t keys_[4 * (Rounds + 1)];
+    size_t rounds_;
+    uint32_t keys_[4 * (most_rounds + 1)];
 };
 
 // --- the choice between the processor's instructions and the tables
@@ -236,7 +239,7 @@ void ecb(const aes_forward<Rounds> &key, uint8_t *data, uint64_t size)
     if (aes_hardware::is_available())
         aes_hardware::modes<Rounds>::ecb_encrypt(data, static_cast<size_t>(size / block_bytes), key.round_key);
     else
-        ecb(table_forward<Rounds>(key.round_key), data, size);
+        ecb(table_forward(key.round_key, Rounds), data, size);
 }
 
 template <size_t Rounds>
@@ -245,7 +248,7 @@ void ecb(const aes_inverse<Rounds> &key, uint8_t *data, uint64_t size)
     if (aes_hardware::is_available())
         aes_hardware::modes<Rounds>::ecb_decrypt(data, static_cast<size_t>(size / block_bytes), key.round_key);
     else
-        ecb(table_inverse<Rounds>(key.round_key), data, size);
+        ecb(table_inverse(key.round_key, Rounds), data, size);
 }
 
 template <size_t Rounds>
@@ -254,7 +257,7 @@ void cbc_encrypt(const aes_forward<Rounds> &key, uint8_t *data, uint64_t size, u
     if (aes_hardware::is_available())
         aes_hardware::modes<Rounds>::cbc_encrypt(data, whole_blocks<aes_key>(size), iv, key.round_key);
     else
-        cbc_encrypt(table_forward<Rounds>(key.round_key), data, size, iv);
+        cbc_encrypt(table_forward(key.round_key, Rounds), data, size, iv);
 }
 
 template <size_t Rounds>
@@ -263,7 +266,7 @@ void cbc_decrypt(const aes_inverse<Rounds> &key, uint8_t *data, uint64_t size, u
     if (aes_hardware::is_available())
         aes_hardware::modes<Rounds>::cbc_decrypt(data, whole_blocks<aes_key>(size), iv, key.round_key);
     else
-        cbc_decrypt(table_inverse<Rounds>(key.round_key), data, size, iv);
+        cbc_decrypt(table_inverse(key.round_key, Rounds), data, size, iv);
 }
 
 template <size_t Rounds>
@@ -272,7 +275,7 @@ void cfb8_encrypt(const aes_forward<Rounds> &key, uint8_t *data, uint64_t size, 
     if (aes_hardware::is_available())
         aes_hardware::modes<Rounds>::cfb8_encrypt(data, size, iv, key.round_key);
     else
-        cfb8_encrypt(table_forward<Rounds>(key.round_key), data, size, iv);
+        cfb8_encrypt(table_forward(key.round_key, Rounds), data, size, iv);
 }
 
 template <size_t Rounds>
@@ -281,7 +284,7 @@ void cfb8_decrypt(const aes_forward<Rounds> &key, uint8_t *data, uint64_t size, 
     if (aes_hardware::is_available())
         aes_hardware::modes<Rounds>::cfb8_decrypt(data, size, iv, key.round_key);
     else
-        cfb8_decrypt(table_forward<Rounds>(key.round_key), data, size, iv);
+        cfb8_decrypt(table_forward(key.round_key, Rounds), data, size, iv);
 }
 
 template <size_t Rounds>
@@ -290,7 +293,7 @@ void ofb8(const aes_forward<Rounds> &key, uint8_t *data, uint64_t size, uint8_t 
     if (aes_hardware::is_available())
         aes_hardware::modes<Rounds>::ofb8(data, size, iv, key.round_key);
     else
-        ofb8(table_forward<Rounds>(key.round_key), data, size, iv);
+        ofb8(table_forward(key.round_key, Rounds), data, size, iv);
 }
 
 } // namespace kestal::mode

@@ -1,7 +1,7 @@
 // The modes of operation as templates over an engine: a cipher in one direction under one round key.
 //
 // An engine is made from the address of a round-key object, states its `block_size`, and transforms `count` blocks in
-// a row with transform(blocks, count).
+// a row with transform(blocks, count), which is kept out of line so that the modes share it.
 #pragma once
 
 #include <algorithm>

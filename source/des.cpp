@@ -147,7 +147,7 @@ class des_engine {
 public:
     static constexpr size_t block_size = block_bytes;
 
-    void transform(uint8_t *blocks, size_t count) const
+    [[gnu::noinline]] void transform(uint8_t *blocks, size_t count) const
     {
         for (; count >= 3; count -= 3, blocks += 3 * block_bytes)
             transform_together<3>(blocks);
@@ -187,7 +187,7 @@ private:
 template <size_t Keys>
 class des_forward : public des_engine<Keys> {
 public:
-    explicit des_forward(const void *round_key)
+    [[gnu::noinline]] explicit des_forward(const void *round_key)
     {
         const uint8_t *bits = static_cast<const uint8_t *>(round_key);
         for (size_t i = 0; i < Keys * rounds; ++i)
@@ -198,7 +198,7 @@ public:
 template <size_t Keys>
 class des_inverse : public des_engine<Keys> {
 public:
-    explicit des_inverse(const void *round_key)
+    [[gnu::noinline]] explicit des_inverse(const void *round_key)
     {
         const uint8_t *bits = static_cast<const uint8_t *>(round_key);
         for (size_t i = 0; i < Keys * rounds; ++i)

@@ -146,14 +146,11 @@ void apply_round(uint32_t (&target)[2], const uint32_t (&half)[2], const uint32_
 }
 
 // In one direction: decryption takes the round keys from the last to the first.
-template <size_t Rounds, bool Backwards>
-class seed_engine {
+class seed_cipher {
 public:
     static constexpr size_t block_size = block_bytes;
 
-    explicit seed_engine(const void *round_key) : keys_(static_cast<const uint32_t *>(round_key)) {}
-
-    void transform(uint8_t *blocks, size_t count) const
+    [[gnu::noinline]] void transform(uint8_t *blocks, size_t count) const
     {
         for (; count >= 3; count -= 3, blocks += 3 * block_bytes)
             transform_together<3>(blocks);
@@ -161,9 +158,12 @@ public:
             transform_together<1>(blocks);
     }
 
-private:
-    const uint32_t *round_key(size_t round) const { return keys_ + 2 * (Backwards ? Rounds - 1 - round : round); }
+protected:
+    seed_cipher(const uint32_t *first_key, ptrdiff_t step, size_t rounds)
+        : first_key_(first_key), step_(step), rounds_(rounds)
+    {}
 
+private:
     // Independent blocks side by side hide the latency of the table look-ups.
     template <size_t Blocks>
     void transform_together(uint8_t *blocks) const
@@ -174,11 +174,12 @@ private:
             states[i] = {{load_big_32(block), load_big_32(block + 4)},
                          {load_big_32(block + 8), load_big_32(block + 12)}};
         }
-        for (size_t round = 0; round < Rounds; round += 2) {
+        for (size_t round = 0; round < rounds_; round += 2) {
+            const uint32_t *key = first_key_ + static_cast<ptrdiff_t>(round) * step_;
             for (state &each : states)
-                apply_round(each.left, each.right, round_key(round));
+                apply_round(each.left, each.right, key);
             for (state &each : states)
-                apply_round(each.right, each.left, round_key(round + 1));
+                apply_round(each.right, each.left, key + step_);
         }
         for (size_t i = 0; i < Blocks; ++i) { // the last round does not swap the halves
             uint8_t *block = blocks + i * block_bytes;
@@ -189,7 +190,18 @@ private:
         }
     }
 
-    const uint32_t *keys_;
+    const uint32_t *first_key_;
+    ptrdiff_t step_;
+    size_t rounds_;
+};
+
+template <size_t Rounds, bool Backwards>
+class seed_engine : public seed_cipher {
+public:
+    explicit seed_engine(const void *round_key)
+        : seed_cipher(static_cast<const uint32_t *>(round_key) + (Backwards ? 2 * (Rounds - 1) : 0), Backwards ? -2 : 2,
+                      Rounds)
+    {}
 };
 
 using seed128_forward = seed_engine<16, false>;

@@ -17,7 +17,7 @@ long=00112233445566778899aabbccddeeff0123456789abcdeffedcba9876543210
 printf '\000\021\042\063\104\125\146\167\210\231\252\273\314\335\356\377' >key.bin
 
 # Around the block and the chunk: where padding goes wrong.
-for size in 0 1 15 16 17 65535 65536 65537 1000003; do
+for size in 0 15 16 17 65536 200003; do
     head -c "$size" /dev/urandom >plain
     for bits in 128 192 256; do
         key=$(echo $long | cut -c "1-$((bits / 4))")

@@ -58,6 +58,8 @@
 
 /* network */
 #include <kestal_ulx/address.h>
+#include <kestal_ulx/event.h>
+#include <kestal_ulx/event_buffer.h>
 #include <kestal_ulx/multicast.h>
 #include <kestal_ulx/network_interface.h>
 #include <kestal_ulx/resolver.h>

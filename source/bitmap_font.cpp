@@ -51,11 +51,26 @@ bool is_open(uint32_t initial)
     return initial == 0 || initial == 15;
 }
 
-void lay(uint8_t *buffer, const uint8_t *glyph)
-{
-    for (size_t i = 0; i < wide_size; i++)
-        buffer[i] |= glyph[i];
-}
+// A glyph in the making, in as few words as hold it.
+class laid_letters {
+public:
+    void lay(const uint8_t *glyph)
+    {
+        uint64_t letter[word_count];
+        memcpy(letter, glyph, wide_size);
+        for (size_t i = 0; i < word_count; i++)
+            words_[i] |= letter[i];
+    }
+
+    const uint8_t *handed_out(uint8_t *buffer) const
+    {
+        return static_cast<uint8_t *>(memcpy(buffer, words_, wide_size));
+    }
+
+private:
+    static constexpr size_t word_count = wide_size / sizeof(uint64_t);
+    uint64_t words_[word_count] = {};
+};
 
 const uint8_t *compose(uint8_t *buffer, const uint8_t *font, uint32_t syllable)
 {
@@ -66,12 +81,12 @@ const uint8_t *compose(uint8_t *buffer, const uint8_t *font, uint32_t syllable)
     const uint32_t initial_shape = (has_final ? initial_shape_over_final : initial_shape_alone)[medial];
     const uint32_t medial_shape = (has_final ? 2u : 0u) + (is_open(initial) ? 0u : 1u);
 
-    memset(buffer, 0, wide_size);
-    lay(buffer, hangul_glyph(font, initial_shape * initial_count + initial));
-    lay(buffer, hangul_glyph(font, first_medial + medial_shape * medial_count + medial));
+    laid_letters letters;
+    letters.lay(hangul_glyph(font, initial_shape * initial_count + initial));
+    letters.lay(hangul_glyph(font, first_medial + medial_shape * medial_count + medial));
     if (has_final)
-        lay(buffer, hangul_glyph(font, first_final + final_shape[medial] * final_count + final));
-    return buffer;
+        letters.lay(hangul_glyph(font, first_final + final_shape[medial] * final_count + final));
+    return letters.handed_out(buffer);
 }
 
 const uint8_t *handed_out(uint8_t *buffer, const uint8_t *glyph, size_t size)

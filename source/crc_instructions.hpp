@@ -59,8 +59,7 @@ inline bool usable()
     return _mm_xor_si128(_mm_xor_si128(first, last), onto);
 }
 
-// The register behind a lane that no other follows: its first half is moved onto the second, and the quotient of that
-// comes from a multiplication by the reciprocal (Barrett).
+// The register behind a lane that no other follows.
 [[gnu::target("pclmul,sse4.1"), gnu::always_inline]] inline uint64_t divide(__m128i lane, const factors &by)
 {
     const __m128i moved = _mm_clmulepi64_si128(lane, _mm_cvtsi64_si128(static_cast<int64_t>(by.by_64)), 0x00);

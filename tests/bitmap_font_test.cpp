@@ -1,5 +1,6 @@
 #include "support.hpp"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <set>
@@ -8,7 +9,7 @@ namespace {
 
 using glyph = std::array<uint8_t, KESTAL_BITMAP_FONT_GLYPH_SIZE>;
 
-constexpr uint32_t first_syllable = 0xAC00, last_syllable = 0xD7A3;
+constexpr uint32_t first_syllable = 0xAC00, last_syllable = 0xD7A3, none = UINT32_MAX;
 
 glyph looked_up(uint32_t code_point, const uint8_t *font = nullptr)
 {
@@ -31,20 +32,13 @@ std::vector<uint8_t> telling_table()
     return table;
 }
 
-TEST(bitmap_font, sizes_are_told_by_code_point)
-{
-    for (const uint32_t code_point : {0u, 65u, 127u, 128u, 255u, 256u, 0x3131u, 0xAC00u, 0x1F600u, UINT32_MAX}) {
-        uint32_t width = 0, height = 0;
-        EXPECT_NE(kestal_get_bitmap_font(&width, &height, nullptr, nullptr, code_point), nullptr);
-        EXPECT_EQ(width, code_point < 256 ? 8u : 16u) << code_point;
-        EXPECT_EQ(height, 16u);
-    }
-}
-
 TEST(bitmap_font, ascii_glyphs_are_copied_or_pointed_to)
 {
     const uint8_t *font = kestal_get_default_bitmap_font_8x16_en_entry();
-    EXPECT_EQ(kestal_get_bitmap_font(nullptr, nullptr, nullptr, nullptr, 'A'), font + 'A' * 16);
+    uint32_t width = 0, height = 0;
+    EXPECT_EQ(kestal_get_bitmap_font(&width, &height, nullptr, nullptr, 'A'), font + 'A' * 16);
+    EXPECT_EQ(width, 8u);
+    EXPECT_EQ(height, 16u);
     glyph buffer;
     buffer.fill(0xEE);
     kestal_get_bitmap_font(nullptr, nullptr, buffer.data(), nullptr, 'A');
@@ -70,7 +64,9 @@ TEST(bitmap_font, letters_of_hangul_have_glyphs_of_their_own)
     const auto pointed_to = [&](uint32_t code_point) {
         return kestal_get_bitmap_font(nullptr, nullptr, nullptr, nullptr, code_point);
     };
-    EXPECT_EQ(pointed_to(0x3131), font);
+    uint32_t width = 0;
+    EXPECT_EQ(kestal_get_bitmap_font(&width, nullptr, nullptr, nullptr, 0x3131), font);
+    EXPECT_EQ(width, 16u);
     EXPECT_EQ(pointed_to(0x3132), font + 32);
     EXPECT_EQ(pointed_to(0x3141), font + 6 * 32);
     EXPECT_EQ(pointed_to(0x314E), font + 18 * 32);
@@ -95,39 +91,62 @@ TEST(bitmap_font, syllables_are_composed_of_shapes_that_fit)
 {
     const std::vector<uint8_t> table = telling_table();
     const struct {
-        uint32_t code_point, initial_shape, initial, medial_shape, medial, final_shape, final; // final -1: none
+        uint32_t code_point, initial_shape, initial, medial_shape, medial, final_shape, final;
     } cases[] = {
-        {0xAC00, 0, 0, 0, 0, 0, UINT32_MAX},   // ga
-        {0xB098, 0, 2, 1, 0, 0, UINT32_MAX},   // na
-        {0xCF54, 1, 15, 0, 8, 0, UINT32_MAX},  // ko
-        {0xADF8, 1, 0, 0, 18, 0, UINT32_MAX},  // geu
-        {0xC6B0, 2, 11, 1, 13, 0, UINT32_MAX}, // u
-        {0xC65C, 3, 11, 1, 10, 0, UINT32_MAX}, // wae
-        {0xC704, 4, 11, 1, 16, 0, UINT32_MAX}, // wi
-        {0xD55C, 5, 18, 3, 0, 0, 3},           // han
-        {0xAC12, 5, 0, 2, 0, 0, 17},           // gap, bieup and siot
-        {0xBC31, 5, 7, 3, 1, 2, 0},            // baek
-        {0xC815, 5, 12, 3, 4, 1, 20},          // jeong
-        {0xAE00, 6, 0, 2, 18, 3, 7},           // geul
-        {0xAD75, 6, 0, 2, 13, 3, 8},           // gulg, rieul and giyeok
-        {0xBDC1, 7, 7, 3, 15, 2, 8},           // bwelg
-        {0xC6D0, 7, 11, 3, 14, 1, 3},          // won
-        {0xAD11, 7, 0, 2, 9, 0, 20},           // gwang
-        {0xC549, 5, 11, 3, 0, 0, 4},           // anj
-        {0xBC2D, 5, 7, 3, 0, 0, 24},           // bat
-        {0xC55E, 5, 11, 3, 0, 0, 26},          // ap: the glyph behind its own
-        {0xC88B, 1, 12, 1, 8, 0, UINT32_MAX},  // joh: as without a final
-        {last_syllable, 0, 18, 1, 20, 0, UINT32_MAX},
-    };
+        {U'가', 0, 0, 0, 0, 0, none},   {U'나', 0, 2, 1, 0, 0, none},   {U'코', 1, 15, 0, 8, 0, none},
+        {U'그', 1, 0, 0, 18, 0, none},  {U'우', 2, 11, 1, 13, 0, none}, {U'왜', 3, 11, 1, 10, 0, none},
+        {U'위', 4, 11, 1, 16, 0, none}, {U'한', 5, 18, 3, 0, 0, 3},     {U'값', 5, 0, 2, 0, 0, 17},
+        {U'백', 5, 7, 3, 1, 2, 0},      {U'정', 5, 12, 3, 4, 1, 20},    {U'글', 6, 0, 2, 18, 3, 7},
+        {U'굵', 6, 0, 2, 13, 3, 8},     {U'뷁', 7, 7, 3, 15, 2, 8},     {U'원', 7, 11, 3, 14, 1, 3},
+        {U'광', 7, 0, 2, 9, 0, 20},     {U'앉', 5, 11, 3, 0, 0, 4},     {U'밭', 5, 7, 3, 0, 0, 24},
+        {U'앞', 5, 11, 3, 0, 0, 26},    {U'좋', 1, 12, 1, 8, 0, none},  {last_syllable, 0, 18, 1, 20, 0, none}};
     for (const auto &each : cases) {
         glyph buffer;
         buffer.fill(0xEE);
         kestal_get_bitmap_font(nullptr, nullptr, buffer.data(), table.data(), each.code_point);
         EXPECT_EQ(buffer[0], each.initial_shape * 19 + each.initial) << std::hex << each.code_point;
         EXPECT_EQ(buffer[1], each.medial_shape * 21 + each.medial) << std::hex << each.code_point;
-        EXPECT_EQ(buffer[31], each.final == UINT32_MAX ? 0 : each.final_shape * 27 + each.final + 1)
+        EXPECT_EQ(buffer[31], each.final == none ? 0 : each.final_shape * 27 + each.final + 1)
             << std::hex << each.code_point;
     }
+}
+
+// The letters that a table's glyphs from `begin` to `end` draw, and nothing else.
+std::vector<uint8_t> letters_between(uint32_t begin, uint32_t end)
+{
+    const uint8_t *font = kestal_get_default_bitmap_font_16x16_ko_entry();
+    std::vector<uint8_t> table(KESTAL_BITMAP_FONT_16X16_KO_SIZE);
+    std::copy(font + begin * 32, font + end * 32, table.begin() + begin * 32);
+    return table;
+}
+
+// Whether a pixel of one is a pixel of the other, or next to one.
+bool touch(const glyph &one, const glyph &other)
+{
+    const auto row = [](const glyph &of, size_t y) { return y > 15 ? 0 : of[2 * y] << 8 | of[2 * y + 1]; };
+    for (size_t y = 0; y < 16; y++) {
+        const int near = row(other, y - 1) | row(other, y) | row(other, y + 1); // above the first row there is nothing
+        if ((row(one, y) & (near | near << 1 | near >> 1)) != 0)
+            return true;
+    }
+    return false;
+}
+
+TEST(bitmap_font, all_syllables_are_told_apart_and_their_letters_do_not_touch)
+{
+    const std::vector<uint8_t> initials = letters_between(0, 152), medials = letters_between(152, 236),
+                               finals = letters_between(236, 344);
+    std::set<glyph> shapes;
+    for (uint32_t code_point = first_syllable; code_point <= last_syllable; code_point++) {
+        const glyph initial = looked_up(code_point, initials.data()), medial = looked_up(code_point, medials.data()),
+                    final = looked_up(code_point, finals.data()), whole = looked_up(code_point);
+        ASSERT_FALSE(touch(initial, medial) || touch(initial, final) || touch(medial, final)) << std::hex << code_point;
+        for (size_t y = 0; y < 16; y++)
+            ASSERT_EQ(whole[2 * y + 1] & 1, 0) << "last column, " << std::hex << code_point;
+        ASSERT_EQ(whole[30] | whole[31], 0) << "last row, " << std::hex << code_point;
+        shapes.insert(whole);
+    }
+    EXPECT_EQ(shapes.size(), 11172u - 399u) << "all but those whose final is not drawn";
 }
 
 } // namespace

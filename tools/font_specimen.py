@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
-"""Specimen sheets of the built-in bitmap fonts, to judge them by looking: font_specimen.py LIBRARY FOLDER [SCALE]
+"""Specimen sheets of the built-in bitmap fonts, to judge them by looking: font_specimen.py LIBRARY FOLDER [SCALE [LINE...]]
 
-Asks LIBRARY (libkestal_ulx.so) for every glyph and writes FOLDER/*.png, each pixel as SCALE x SCALE (2) pixels.
+Asks LIBRARY (libkestal_ulx.so) for every glyph and writes FOLDER/*.png, each pixel as SCALE x SCALE (2) pixels; with
+lines of text, FOLDER/text.png with these.
 """
 import ctypes
 import struct
@@ -92,6 +93,8 @@ def main():
         "dense": [" ".join(syllable(i, (0, 1, 5, 8, 9, 10, 13, 14, 15, 16, 19)[(i + f) % 11], f) for f in dense)
                   for i in range(INITIALS)],
     }
+    if len(sys.argv) > 4:
+        sheets = {"text": sys.argv[4:]}
     folder.mkdir(parents=True, exist_ok=True)
     for name, text in sheets.items():
         write_png(folder / f"{name}.png", list(font.lines(text)), scale)

@@ -63,8 +63,8 @@ KESTAL_API int32_t kestal_fbmap_draw_printf(kestal_fbmap_t *map, const char *for
 
 /**
  * Draws a ruler into the box at (x, y): a cross at its centre, lines inset by the margins with ticks every 5 pixels and
- * numbers every 50, their diagonals, and a circle. The circle's centre is (width / 2, height / 2) of the map, wherever
- * the box is. The brush is set for the numbers and stays so. -1 when the width or height is 0.
+ * numbers every 50, their diagonals, and a circle around the centre of the map. The brush is set for the numbers and stays
+ * so. -1 when the width or height is 0.
  */
 KESTAL_API int32_t kestal_fbmap_draw_ruler(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y, uint32_t width,
                                            uint32_t height, uint32_t x_margin, uint32_t y_margin);

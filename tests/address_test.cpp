@@ -1,0 +1,349 @@
+#include "support.hpp"
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <random>
+#include <sstream>
+#include <sys/un.h>
+
+namespace {
+
+class addresses : public kestal_test::counted {};
+
+// The address read from a text with default port 80, as "FAMILY TEXT PORT"; "-" when it is refused.
+std::string reading(int32_t family, const std::string &text)
+{
+    sockaddr_storage address;
+    memset(&address, 0xEE, sizeof address);
+    if (kestal_inet_ptos(family, text.c_str(), 80, &address, sizeof address) != 0)
+        return address.ss_family == 0 ? "-" : "not cleared";
+    char written[KESTAL_ADDRESS_TEXT_SIZE];
+    uint32_t port = 7;
+    kestal_inet_stopp(&address, written, sizeof written, &port);
+    return std::to_string(address.ss_family) + " " + written + " " + std::to_string(port);
+}
+
+TEST_F(addresses, reads_and_writes_address_strings)
+{
+    const struct {
+        std::string result;             // of family 0
+        std::vector<std::string> texts; // what reads so
+    } cases[] = {
+        // IPv4: frame, prefix and port
+        {"2 1.2.3.4 80",
+         {"1.2.3.4", "001.002.003.004", "1.2.3.4.", "[1.2.3.4]", "[1.2.3.4", "1.2.3.4/24", "[1.2.3.4/0]"}},
+        {"2 1.2.3.4 80", {"1.2.3.4/32", "1.2.3.4/00", "1.2.3.4:80", "[1.2.3.4.]:00080", "1.2.3.4/7:80", "[1.2.3.4:80"}},
+        {"2 1.2.3.4 0", {"1.2.3.4:0", "[1.2.3.4]:0", "1.2.3.4:00000"}},
+        {"2 192.168.0.1 8080", {"192.168.0.1:8080", "[192.168.0.1]:8080", "[192.168.0.1/16]:8080"}},
+        {"2 255.255.255.255 65535", {"255.255.255.255:65535", "[255.255.255.255]:65535"}},
+        {"2 0.0.0.0 80", {"0.0.0.0", "000.0.00.0"}},
+        {"-",
+         {"1.2.3.256", "1.2.3", "1.2.3.", "1.2.3.4.5", "1.2.3.4]", "1.2.3.4 ", " 1.2.3.4", "1.2.3.0004", "1..2.3.4"}},
+        {"-",
+         {"1.2.3.4:", "1.2.3.4:65536", "1.2.3.4:000080", "1.2.3.4:-1", "1.2.3.4:http", "1.2.3.4:80/24", "1.2.3.4.."}},
+        {"-", {"1.2.3.4/", "1.2.3.4/024", "1.2.3.4/a", "[1.2.3.4]/24", "[[1.2.3.4]]", "[]", "a.b.c.d", "1,2,3,4"}},
+        {"-", {"-1.2.3.4", "+1.2.3.4", "1.2.3.4x", "0x1.2.3.4", "12345678", "1.2", "1.2.3.4\n", "1.2.3.1e1"}},
+        // IPv6: groups
+        {"10 :: 80", {"::", "[::]", "::0", "0::0", "0:0:0:0:0:0:0:0", "::/0", "[::]:80", "0000::", "::0.0.0.0"}},
+        {"10 ::1 80",
+         {"::1", "[::1]", "::0001", "0:0:0:0:0:0:0:1", "[::1]:80", "::1/64", "[::1/64]:80", "0::1", "::0.0.0.1"}},
+        {"10 1:: 80", {"1::", "0001::", "1:0:0:0:0:0:0:0", "1:0::", "[1::]", "[1::]:80", "1::/64"}},
+        {"10 2001:db8::1:0:0:1 80", {"2001:db8:0:0:1:0:0:1", "2001:DB8::1:0:0:1", "2001:0db8:0000::0001:0:0:01"}},
+        {"10 1::2:3:4:5:6:7 80", {"1:0:2:3:4:5:6:7", "1::2:3:4:5:6:7"}},
+        {"10 1:2:3:4:5:6:7:8 80", {"1:2:3:4:5:6:7:8", "[1:2:3:4:5:6:7:8]:80", ":1:2:3:4:5:6:7:8", "1:2:3:4:5:6:7::8"}},
+        {"10 1:2:3:4:5:6:7:8 90", {"[1:2:3:4:5:6:7:8]:90", "1:2:3:4:5:6:7:8:90", "[1:2:3:4:5:6:7:8:90"}},
+        {"10 1:2:3:4:5:6:7:: 80", {"1:2:3:4:5:6:7::", "1:2:3:4:5:6:7:0"}},
+        {"10 ::2:3:4:5:6:7:8 80", {"::2:3:4:5:6:7:8", "0:2:3:4:5:6:7:8"}},
+        {"10 ::0.1.128.128 80", {"::1:8080"}},
+        {"10 ::1 8080", {"[::1]:8080", "[::1/64]:8080"}},
+        {"10 ::0.1.0.144 80", {"[::1:90", "[::1:90]"}},
+        {"10 1::2 80", {"1::2:", "1::2"}}, // the colon stands before a group that does not come
+        {"10 1:: 2", {"1:::2"}},           // the third one before a port
+        {"10 2001:db8:ffff:ffff:ffff:ffff:ffff:ffff 65535", {"[2001:db8:ffff:ffff:ffff:ffff:ffff:ffff]:65535"}},
+        // IPv6: IPv4 at the end
+        {"10 ::ffff:1.2.3.4 80", {"::ffff:1.2.3.4", "::FFFF:102:304", "[::ffff:1.2.3.4]:80", "0:0:0:0:0:ffff:1.2.3.4"}},
+        {"10 ::ffff:1.2.3.4 80", {"::ffff:1.2.3.4.", "::ffff:1.2.3.4/96"}},
+        {"10 ::ffff:1.2.3.4 9", {"::ffff:1.2.3.4:9", "[::ffff:1.2.3.4]:9"}},
+        {"10 ::ffff:0.0.0.0 80", {"::ffff:0.0.0.0", "::ffff:0:0"}},
+        {"10 ::1.2.3.4 80", {"::1.2.3.4", "::102:304", "::0:1.2.3.4", "0:0:0:0:0:0:1.2.3.4"}},
+        {"10 ::1.2.3.4%1 80", {"1.2.3.4%1"}}, // dotted alone is IPv6 too, where IPv4 refuses
+        {"10 ::1.2.3.4 80", {"1.2.3.4/33"}},
+        {"10 ::0.0.3.4 80", {"::0.0.3.4", "::304"}},
+        {"10 ::0.0.0.2 80", {"::2", "::0.0.0.2"}},
+        {"10 1:2:3:4:5:6:102:304 80", {"1:2:3:4:5:6:1.2.3.4", "1:2:3:4:5:6::1.2.3.4"}},
+        {"10 1::102:304 80", {"1::1.2.3.4", "1:1.2.3.4"}},
+        {"10 64:ff9b::102:304 80", {"64:ff9b::1.2.3.4", "[64:ff9b::1.2.3.4/96]"}},
+        // IPv6: scopes
+        {"10 fe80::1%1 80",
+         {"fe80::1%1", "fe80::1%lo", "[fe80::1%lo]", "[fe80::1%lo]:80", "[fe80::1%1/64]:80", "fe80::1%lo/64"}},
+        {"10 fe80::1%4294967295 80", {"fe80::1%4294967295", "fe80::1%" + std::string(54, '0') + "4294967295"}},
+        {"10 fe80::1 80",
+         {"fe80::1", "fe80::1%0", "fe80::1%nosuch", "fe80::1%nosuch:80", "fe80::1% ", "fe80::1%-1", "fe80::1/64"}},
+        {"10 fe80::1%1 1900", {"fe80::1%1:1900", "[fe80::1%lo]:1900"}},
+        {"10 ::1%7 80", {"::1%7"}},
+        {"-",
+         {"1::2::3", "::1::", ":::1::", "1:2:3:4:5:6:7", "1:2:3", "1", ":", ":1", "12345::", "::12345", "::1g",
+          "g::1"}},
+        {"-",
+         {"1:2:3:4:5:6:7:1.2.3.4", "::1:2:3:4:5:6:7:1.2.3.4", "::1.2.3", "::1.2.3.256", "::ffff:1.2.3.4.5",
+          "::.1.2.3"}},
+        {"-",
+         {"fe80::1/128", "fe80::1/129", "::/", "::/064", "::1]", "[::1]]", "[::1]:", "[::1]:65536", "[::1]x",
+          "1:2:3:4:5:6:7:8:"}},
+        {"-", {"fe80::1%", "[fe80::1%]", "fe80::1%/64", "fe80::1%1a", "fe80::1%4294967296", "1:2:3:4:5:6:7:8::"}},
+        {"-",
+         {"fe80::1%" + std::string(64, '0') + "1", "[::1]%1", "::1 ", " ::1", "::1/64/64", "localhost", "abc.def"}},
+        // unix
+        {"1 /var/run/x 0", {"/var/run/x", "  /var/run/x"}},
+        {"1 ./a 0", {"./a"}},
+        {"1 ../a 0", {" ../a"}},
+        {"1 ~/a 0", {"~/a"}},
+        {"1 / 0", {"/"}},
+        {"1  0", {"", "   "}},
+        {"1 /" + std::string(106, 'x') + " 0", {"/" + std::string(106, 'x'), "/" + std::string(300, 'x')}},
+        {"-", {"run/x", ".", "..", "~", ".x/y", "~user/x", "...", "\t/x", "x"}},
+    };
+    int texts = 0;
+    for (const auto &[result, list] : cases)
+        for (const std::string &text : list) {
+            ++texts;
+            EXPECT_EQ(reading(0, text), result) << text;
+            // The family named says the same; another refuses, but for a dotted text, which IPv6 reads too.
+            for (const int32_t family : {AF_INET, AF_INET6, AF_UNIX}) {
+                const bool is_named = std::stoi(result == "-" ? "0" : result) == family;
+                if (!is_named && family == AF_INET6)
+                    continue;
+                EXPECT_EQ(reading(family, text), is_named ? result : "-") << text << " as " << family;
+                EXPECT_EQ(kestal_inet_pton(family, text.c_str(), nullptr), is_named ? 0 : -1) << text;
+            }
+        }
+    EXPECT_GE(texts, 150);
+    EXPECT_EQ(reading(AF_INET6, "1.2.3.4"), "10 ::1.2.3.4 80");
+    EXPECT_EQ(reading(AF_APPLETALK, "1.2.3.4"), "-");
+}
+
+TEST_F(addresses, agrees_with_the_system_on_random_addresses)
+{
+    std::mt19937 random(4291);
+    char own[KESTAL_ADDRESS_TEXT_SIZE];
+    char system[INET6_ADDRSTRLEN];
+    for (int round = 0; round < 20000; ++round) {
+        uint16_t groups[8];
+        for (uint16_t &group : groups) // many zeros, and short groups
+            group = static_cast<uint16_t>(random() % 3 == 0 ? 0 : random() >> random() % 32);
+        const bool is_v4 = round % 4 == 0;
+        if (round % 7 == 0)
+            memset(groups, 0, 12);
+        const int family = is_v4 ? AF_INET : AF_INET6;
+        const size_t size = is_v4 ? 4 : 16;
+        uint8_t back[16] = {};
+        inet_ntop(family, groups, system, sizeof system);
+        ASSERT_EQ(kestal_inet_ntop(family, groups, own, sizeof own), own);
+        // The system's text is read, the system reads ours, and both mean the same.
+        ASSERT_EQ(kestal_inet_pton(family, system, back), 0) << system;
+        ASSERT_EQ(memcmp(back, groups, size), 0) << system;
+        memset(back, 0xEE, sizeof back);
+        ASSERT_EQ(inet_pton(family, own, back), 1) << own;
+        ASSERT_EQ(memcmp(back, groups, size), 0) << own;
+        // The texts differ by design for a lone zero group and for small compatible addresses only.
+        if (is_v4 || (strstr(system, ":0") == nullptr && strncmp(system, "0:", 2) != 0 && groups[6] != 0)) {
+            ASSERT_STREQ(own, system);
+        }
+    }
+}
+
+TEST_F(addresses, leaves_outputs_that_cannot_be_filled_cleared)
+{
+    char address[200];
+    for (const auto &[text, size] : {std::pair("1.2.3.4", 15), {"::1", 27}, {"/x", 109}}) {
+        memset(address, 1, sizeof address);
+        EXPECT_EQ(kestal_inet_ptos(0, text, 80, address, static_cast<uint64_t>(size)), -1) << text;
+        EXPECT_EQ(address[0] + address[size - 1], 0);
+        EXPECT_EQ(address[size], 1);
+        EXPECT_EQ(kestal_inet_ptos(0, text, 80, address, static_cast<uint64_t>(size) + 1), 0) << text;
+        EXPECT_EQ(kestal_inet_ptos(0, text, 80, nullptr, 0), 0);
+    }
+    EXPECT_EQ(kestal_inet_ptos(0, nullptr, 80, address, sizeof address), -1);
+    EXPECT_EQ(kestal_inet_ptos(0, "1.2.3.4", 65536, address, sizeof address), -1);
+    EXPECT_EQ(kestal_inet_ptos(0, "1.2.3.4:5", 65536, address, sizeof address), 0);
+
+    char text[8] = "x";
+    uint32_t port = 0;
+    EXPECT_EQ(kestal_inet_stopp(address, nullptr, 8, &port), nullptr);
+    EXPECT_EQ(port, 5u);
+    EXPECT_EQ(kestal_inet_stop(address, text, 0), nullptr);
+    EXPECT_EQ(kestal_inet_stop(address, text, 4), text);
+    EXPECT_STREQ(text, "1.2");
+    EXPECT_EQ(kestal_inet_stop(nullptr, text, sizeof text), nullptr);
+    EXPECT_STREQ(text, "");
+    sockaddr_un local = {};
+    EXPECT_STREQ(kestal_inet_stop(&local, text, sizeof text), "?UNSPEC");
+    local.sun_family = AF_APPLETALK;
+    EXPECT_EQ(kestal_inet_stop(&local, text, sizeof text), nullptr);
+    EXPECT_STREQ(text, "");
+    local.sun_family = AF_UNIX;
+    memset(local.sun_path, 'p', sizeof local.sun_path); // no NUL
+    char path[KESTAL_ADDRESS_TEXT_SIZE];
+    EXPECT_EQ(strlen(kestal_inet_stop(&local, path, sizeof path)), 108u);
+    local.sun_path[0] = '\0';
+    EXPECT_EQ(strlen(kestal_inet_stop(&local, path, sizeof path)), 107u);
+
+    EXPECT_STREQ(kestal_inet_ntop(AF_INET, nullptr, path, sizeof path), "0.0.0.0");
+    EXPECT_STREQ(kestal_inet_ntop(AF_INET6, nullptr, path, sizeof path), "::");
+    EXPECT_STREQ(kestal_inet_ntop(AF_UNIX, "\0name", path, sizeof path), "name");
+    EXPECT_EQ(kestal_inet_ntop(0, "x", path, sizeof path), nullptr);
+    EXPECT_STREQ(path, "");
+}
+
+sockaddr_storage address_of(const char *text)
+{
+    sockaddr_storage address;
+    EXPECT_EQ(kestal_inet_ptos(0, text, 0, &address, sizeof address), 0) << text;
+    return address;
+}
+
+TEST_F(addresses, tells_scopes_and_kinds)
+{
+    const std::pair<int32_t, std::vector<const char *>> scopes[] = {
+        {-1, {"0.0.0.0", "::", "/x"}},
+        {1, {"127.0.0.1", "127.255.255.255", "::1"}},
+        {2, {"169.254.0.1", "fe80::1", "febf::"}},
+        {5, {"10.0.0.0", "172.16.0.1", "172.31.255.255", "192.168.1.1", "255.255.255.255", "fec0::1", "feff::"}},
+        {14,
+         {"9.255.255.255", "11.0.0.0", "172.15.0.1", "172.32.0.0", "192.169.0.1", "240.0.0.1", "2001:db8::1",
+          "fc00::"}},
+        {0xFF01, {"::ffff:127.0.0.1"}},
+        {0xFF02, {"::1.2.3.4", "::2"}},
+        {0xFF03, {"224.0.0.0", "239.255.255.255", "ff02::1", "ffff::"}},
+    };
+    for (const auto &[scope, texts] : scopes)
+        for (const char *text : texts) {
+            const sockaddr_storage address = address_of(text);
+            EXPECT_EQ(kestal_sockaddr_scope(&address), scope) << text;
+            EXPECT_EQ(kestal_is_multicast(&address), scope == 0xFF03) << text;
+        }
+    EXPECT_EQ(kestal_sockaddr_scope(nullptr), -1);
+    std::string names;
+    for (const int32_t scope : {-1, 1, 2, 5, 14, 0xFF01, 0xFF02, 0xFF03})
+        names += std::string(kestal_sockaddr_scope_name(scope)) + " ";
+    EXPECT_EQ(names, "Unknown Host Link Site Global Mapped Compat Multicast ");
+
+    // In this order, one letter each; upper case where it is so.
+    const std::pair<char, int32_t (*)(const void *)> kinds[] = {{'u', kestal_in6addr_is_unspecified},
+                                                                {'h', kestal_in6addr_is_loopback},
+                                                                {'l', kestal_in6addr_is_link_local},
+                                                                {'s', kestal_in6addr_is_site_local},
+                                                                {'a', kestal_in6addr_is_v4_mapped},
+                                                                {'c', kestal_in6addr_is_v4_compatible},
+                                                                {'m', kestal_in6addr_is_multicast},
+                                                                {'n', kestal_in6addr_is_multicast_node_local},
+                                                                {'i', kestal_in6addr_is_multicast_link_local},
+                                                                {'t', kestal_in6addr_is_multicast_site_local},
+                                                                {'o', kestal_in6addr_is_multicast_org_local},
+                                                                {'g', kestal_in6addr_is_multicast_global},
+                                                                {'k', kestal_in6addr_is_scope_link_local},
+                                                                {'e', kestal_in6addr_is_scope_embeddable}};
+    for (const auto &[text, expected] : {std::pair("::", "U"),
+                                         {"::1", "H"},
+                                         {"fe80::", "LKE"},
+                                         {"febf::1", "LKE"},
+                                         {"fec0::", "S"},
+                                         {"fe7f::", ""},
+                                         {"::ffff:0.0.0.1", "A"},
+                                         {"::0.0.0.2", "C"},
+                                         {"::1:0:0:1", ""},
+                                         {"ff01::1", "MNE"},
+                                         {"ff12::1", "MIKE"},
+                                         {"ff05::1", "MT"},
+                                         {"ff08::1", "MO"},
+                                         {"ff0e::1", "MG"},
+                                         {"ff03::1", "M"},
+                                         {"2001::", ""}}) {
+        uint8_t raw[16];
+        ASSERT_EQ(kestal_inet_pton(AF_INET6, text, raw), 0);
+        std::string found;
+        for (const auto &[letter, is_kind] : kinds) {
+            EXPECT_EQ(is_kind(nullptr), 0);
+            if (is_kind(raw) == 1)
+                found += static_cast<char>(toupper(letter));
+        }
+        EXPECT_EQ(found, expected) << text;
+        uint8_t copy[16] = {9};
+        EXPECT_EQ(kestal_in6addr_compare(raw, copy), 0);
+        EXPECT_EQ(kestal_in6addr_copy(copy, raw), 1);
+        EXPECT_EQ(kestal_in6addr_compare(raw, copy), 1);
+        EXPECT_EQ(kestal_in6addr_multicast_scope(raw), raw[1] & 15);
+    }
+}
+
+TEST_F(addresses, compares_and_masks)
+{
+    sockaddr_storage a = address_of("[fe80::1%1]:5");
+    const sockaddr_storage b = address_of("[fe80::1%2]:6");
+    const sockaddr_storage c = address_of("1.2.3.4:1");
+    const sockaddr_storage d = address_of("1.2.3.4:2");
+    const sockaddr_storage path = address_of("/x");
+    EXPECT_EQ(kestal_compare_sockaddr_address(&a, &b), 0);
+    EXPECT_EQ(kestal_compare_sockaddr_address(&c, &d), 0);
+    EXPECT_EQ(kestal_compare_sockaddr_address(nullptr, nullptr), 0);
+    EXPECT_EQ(kestal_compare_sockaddr_address(&c, &a), -1);
+    EXPECT_EQ(kestal_compare_sockaddr_address(&path, &path), -1);
+    EXPECT_EQ(kestal_compare_sockaddr_address(&a, nullptr), -1);
+    EXPECT_EQ(kestal_sockaddr_set_port(&a, 65536), -1);
+    EXPECT_EQ(kestal_sockaddr_set_port(&a, 65535), 0);
+    EXPECT_EQ(kestal_sockaddr_get_port(&a), 65535u);
+    const sockaddr_storage none = {};
+    const sockaddr_storage *all[] = {&a, &c, &path, &none, nullptr};
+    std::ostringstream sizes;
+    for (const sockaddr_storage *each : all)
+        sizes << kestal_sockaddr_domain(each) << ":" << kestal_sockaddr_size(each) << " ";
+    EXPECT_EQ(sizes.str(), "10:28 2:16 1:110 0:0 0:0 ");
+
+    for (const auto &[text, bits, mask, network] :
+         {std::tuple("192.168.1.77", 24u, "255.255.255.0", "192.168.1.255"),
+          {"10.1.2.3", 0u, "0.0.0.0", "255.255.255.255"},
+          {"10.1.2.3", 13u, "255.248.0.0", "10.7.255.255"},
+          {"10.1.2.3", 99u, "255.255.255.255", "10.1.2.3"},
+          {"fe80::1", 10u, "ffc0::", "?UNSPEC"},
+          {"fe80::1", 999u, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "?UNSPEC"}}) {
+        const sockaddr_storage address = address_of(text);
+        sockaddr_storage outputs[2];
+        memset(outputs, 0xEE, sizeof outputs);
+        EXPECT_EQ(kestal_prefix_sockaddr(&address, bits, &outputs[0], &outputs[1]), 0);
+        char texts[2][KESTAL_ADDRESS_TEXT_SIZE];
+        EXPECT_STREQ(kestal_inet_stop(&outputs[0], texts[0], sizeof texts[0]), mask);
+        EXPECT_STREQ(kestal_inet_stop(&outputs[1], texts[1], sizeof texts[1]), network);
+        EXPECT_EQ(kestal_prefix_sockaddr(&path, bits, &outputs[0], &outputs[1]), -1);
+        EXPECT_EQ(outputs[0].ss_family + outputs[1].ss_family, 0);
+    }
+    EXPECT_EQ(kestal_interface_name_to_index("lo"), if_nametoindex("lo"));
+    EXPECT_EQ(kestal_interface_name_to_index(nullptr), 0u);
+    EXPECT_EQ(kestal_be16_order(kestal_be16_order(0x1234)), 0x1234);
+    EXPECT_EQ(kestal_be32_order(0x12345678), htonl(0x12345678));
+}
+
+TEST_F(addresses, sums_as_the_internet_does)
+{
+    std::mt19937 random(1071);
+    std::vector<uint8_t> data(70000);
+    for (uint8_t &byte : data)
+        byte = static_cast<uint8_t>(random() % 4 == 0 ? 0xFF : random());
+    for (const size_t size : std::vector<size_t>{0, 1, 2, 3, 7, 8, 9, 20, 1500, 69999, 70000}) {
+        uint64_t sum = 0;
+        for (size_t i = 0; i + 1 < size; i += 2) {
+            uint16_t word;
+            memcpy(&word, &data[i], 2);
+            sum += word;
+        }
+        if (size % 2 != 0)
+            sum += data[size - 1];
+        while (sum >> 16 != 0)
+            sum = (sum >> 16) + (sum & 0xFFFF);
+        EXPECT_EQ(kestal_rfc1071_checksum(data.data(), size), static_cast<uint16_t>(~sum)) << size;
+    }
+    EXPECT_EQ(kestal_rfc1071_checksum(nullptr, 4), 0xFFFF);
+}
+
+} // namespace

@@ -1,0 +1,157 @@
+#include "support.hpp"
+
+#include "namespaces.hpp"
+
+#include <cstring>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <set>
+
+using kestal_test::in_own_network;
+using kestal_test::run;
+
+namespace {
+
+class network_interface : public kestal_test::counted {};
+
+// The list as "NAME:MARKS ..." with the addresses and their marks behind each interface: "+ADDRESS/PREFIX:MARKS".
+std::string shown(const kestal_network_interface_t *list, bool mark_seen = true)
+{
+    std::string text;
+    const auto marks = [](uint32_t change) {
+        std::string letters;
+        for (const auto &[bit, letter] : {std::pair(KESTAL_NETWORK_CHANGE_NEW, 'N'),
+                                          {KESTAL_NETWORK_CHANGE_REMOVED, 'R'},
+                                          {KESTAL_NETWORK_CHANGE_CHANGED, 'C'},
+                                          {KESTAL_NETWORK_CHANGE_SEEN, 's'}})
+            if ((change & bit) != 0)
+                letters += letter;
+        return letters;
+    };
+    for (; list != nullptr; list = list->m_next) {
+        text += list->m_name + (":" + marks(list->m_change));
+        if (mark_seen)
+            const_cast<kestal_network_interface_t *>(list)->m_change |= KESTAL_NETWORK_CHANGE_SEEN;
+        for (auto *address = list->m_address_head; address != nullptr; address = address->m_next) {
+            char written[KESTAL_ADDRESS_TEXT_SIZE];
+            if (address->m_scope == KESTAL_SCOPE_LINK) // the system's own, which come when they please
+                continue;
+            text += std::string("+") + kestal_inet_stop(address->m_address, written, sizeof written) + "/" +
+                    std::to_string(address->m_prefix_length) + ":" + marks(address->m_change);
+            if (mark_seen)
+                address->m_change |= KESTAL_NETWORK_CHANGE_SEEN;
+        }
+        text += " ";
+    }
+    return text;
+}
+
+TEST_F(network_interface, lists_what_the_system_lists)
+{
+    std::multiset<std::string> own;
+    std::multiset<std::string> system;
+    char text[KESTAL_ADDRESS_TEXT_SIZE];
+    kestal_network_interface_t *list = kestal_get_network_interface();
+    for (const auto *each = list; each != nullptr; each = each->m_next) {
+        EXPECT_EQ(each->m_index, if_nametoindex(each->m_name));
+        EXPECT_EQ(each->m_flags & 0x45u, 0x45u) << each->m_name;
+        own.insert(each->m_name);
+        bool has[2] = {};
+        for (const auto *address = each->m_address_head; address != nullptr; address = address->m_next) {
+            own.insert(std::string(each->m_name) + kestal_inet_stop(address->m_address, text, sizeof text));
+            EXPECT_EQ(address->m_scope, kestal_sockaddr_scope(address->m_address));
+            EXPECT_EQ(kestal_sockaddr_domain(address->m_netmask), address->m_family);
+            has[address->m_family == AF_INET6] = true;
+        }
+        EXPECT_EQ((each->m_flags & KESTAL_NETWORK_INTERFACE_IPV4) != 0, has[0]);
+        EXPECT_EQ((each->m_flags & KESTAL_NETWORK_INTERFACE_IPV6) != 0, has[1]);
+    }
+    ifaddrs *entries = nullptr;
+    ASSERT_EQ(getifaddrs(&entries), 0);
+    for (const ifaddrs *entry = entries; entry != nullptr; entry = entry->ifa_next)
+        if (entry->ifa_addr != nullptr && entry->ifa_addr->sa_family == AF_PACKET)
+            system.insert(entry->ifa_name);
+        else if (kestal_sockaddr_domain(entry->ifa_addr) != 0)
+            system.insert(std::string(entry->ifa_name) + kestal_inet_stop(entry->ifa_addr, text, sizeof text));
+    freeifaddrs(entries);
+    EXPECT_EQ(own, system);
+    EXPECT_EQ(kestal_free_network_interface(list), nullptr);
+
+    list = kestal_get_network_interface_ex(KESTAL_NETWORK_UPDATE_IPV4, "LO|nosuch*");
+    EXPECT_EQ(shown(list), "lo:N+127.0.0.1/8:N ");
+    EXPECT_EQ(list->m_flags & KESTAL_NETWORK_INTERFACE_COUNTERS, 0u);
+    kestal_free_network_interface(list);
+    EXPECT_EQ(kestal_get_network_interface_ex(0, nullptr), nullptr);
+    EXPECT_EQ(kestal_update_network_interface(nullptr, KESTAL_NETWORK_UPDATE_ALL), -1);
+}
+
+TEST_F(network_interface, finds_by_the_first_pattern_that_matches)
+{
+    kestal_network_interface_t records[4] = {};
+    const char *names[] = {"lo", "wlan0", "eth1", "eth0"};
+    for (int i = 0; i < 4; ++i) {
+        records[i].m_name = names[i];
+        records[i].m_next = i < 3 ? &records[i + 1] : nullptr;
+    }
+    for (const auto &[pattern, name] : {std::pair<const char *, const char *>(nullptr, "eth1"),
+                                        {"bond*|wlan*|*", "wlan0"},
+                                        {"*", "lo"},
+                                        {"eth0|eth1", "eth0"},
+                                        {"en*", nullptr},
+                                        {"", nullptr}}) {
+        const kestal_network_interface_t *found = kestal_search_network_interface(records, pattern);
+        EXPECT_STREQ(found == nullptr ? nullptr : found->m_name, name) << pattern;
+    }
+    EXPECT_EQ(kestal_search_network_interface(nullptr, nullptr), nullptr);
+}
+
+TEST_F(network_interface, marks_what_changed)
+{
+    const char *reason = in_own_network([] {
+        run("ip link set lo up && ip link add eth0 type veth peer name eth1 && ip addr add 10.0.0.1/24 dev eth0");
+        run("sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1");
+        kestal_network_interface_t *list = nullptr;
+        const auto update = [&list](uint32_t flags) {
+            EXPECT_EQ(kestal_update_network_interface(&list, flags), 0);
+            return shown(list);
+        };
+        constexpr uint32_t marking = KESTAL_NETWORK_UPDATE_ALL & ~KESTAL_NETWORK_UPDATE_DROP;
+        EXPECT_EQ(update(marking), "lo:N+127.0.0.1/8:N eth1:N eth0:N+10.0.0.1/24:N ");
+        EXPECT_EQ(update(marking), "lo:s+127.0.0.1/8:s eth1:s eth0:s+10.0.0.1/24:s ");
+        run("ip addr add 10.0.0.2/30 dev eth0 label eth0:x && ip link set eth1 address 02:00:00:00:00:01");
+        EXPECT_EQ(update(0xC00D), "lo:s+127.0.0.1/8:s eth1:C eth0:C+10.0.0.1/24:s+10.0.0.2/30:N ");
+        run("ip addr del 10.0.0.1/24 dev eth0");
+        EXPECT_EQ(update(marking), "lo:s+127.0.0.1/8:s eth1:s eth0:C+10.0.0.2/30:s+10.0.0.1/24:R ");
+        EXPECT_EQ(update(marking), "lo:s+127.0.0.1/8:s eth1:s eth0:s+10.0.0.2/30:s ");
+        run("ip link set eth0 up");
+        EXPECT_EQ(kestal_update_network_interface(&list, marking), 0);
+        EXPECT_EQ(kestal_update_network_interface(&list, marking), 0); // marks stay until they are seen
+        EXPECT_EQ(shown(list), "lo:s+127.0.0.1/8:s eth1:s eth0:C+10.0.0.2/30:s ");
+        run("ip link del eth0");
+        EXPECT_EQ(update(marking), "lo:s+127.0.0.1/8:s eth1:R eth0:R+10.0.0.2/30:s ");
+        EXPECT_EQ(kestal_search_network_interface(list, nullptr), list);
+        EXPECT_EQ(update(marking), "lo:s+127.0.0.1/8:s ");
+        run("ip link set lo down");
+        EXPECT_EQ(update(0), "");
+        EXPECT_EQ(update(KESTAL_NETWORK_UPDATE_INTERFACES), "lo:N ");
+        kestal_free_network_interface(list);
+    });
+    if (reason != nullptr)
+        GTEST_SKIP() << reason;
+}
+
+TEST_F(network_interface, survives_failing_allocations)
+{
+    EXPECT_GE(kestal_test::with_each_allocation_failing([] {
+                  kestal_network_interface_t *list = nullptr;
+                  kestal_update_network_interface(&list, KESTAL_NETWORK_UPDATE_ALL);
+                  const std::string before = shown(list, false);
+                  if (kestal_update_network_interface(&list, KESTAL_NETWORK_UPDATE_ALL) != 0) {
+                      EXPECT_EQ(shown(list, false), before);
+                  }
+                  kestal_free_network_interface(list);
+              }),
+              4u);
+}
+
+} // namespace

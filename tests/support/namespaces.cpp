@@ -1,0 +1,102 @@
+#include "namespaces.hpp"
+
+#include "support.hpp"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace kestal_test {
+
+namespace {
+
+constexpr int failed = 1;
+constexpr int lacking = 77;
+
+// Runs the work in a child process: its exit status, failed when anything failed in it.
+int in_child(const std::function<int()> &work)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        const int status = work();
+        fflush(nullptr);
+        _exit(status != 0 ? status : testing::Test::HasFailure() ? failed : 0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : failed;
+}
+
+bool enter_namespaces()
+{
+    return unshare(CLONE_NEWNET | CLONE_NEWNS) == 0 &&
+           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("sysfs", "/sys", "sysfs", 0, nullptr) == 0 && system("ip link show >/dev/null 2>&1") == 0;
+}
+
+} // namespace
+
+const char *in_own_network(const std::function<void()> &scenario)
+{
+    const int status = in_child([&] {
+        if (!enter_namespaces())
+            return lacking;
+        const uint64_t before = kestal_get_alloc_count();
+        scenario();
+        EXPECT_EQ(kestal_get_alloc_count(), before) << "live blocks left behind";
+        return 0;
+    });
+    if (status == lacking)
+        return "needs ip(8) and the privilege to make network and mount namespaces";
+    EXPECT_EQ(status, 0) << "see the failures above";
+    return nullptr;
+}
+
+other_network::other_network()
+{
+    int ready[2];
+    int end[2];
+    if (pipe2(ready, O_CLOEXEC) != 0 || pipe2(end, O_CLOEXEC) != 0)
+        abort();
+    process_ = fork();
+    if (process_ == 0) {
+        char byte = 0;
+        close(end[1]);
+        const bool is_ready = unshare(CLONE_NEWNET) == 0 && write(ready[1], &byte, 1) == 1;
+        _exit(is_ready && read(end[0], &byte, 1) == 0 ? 0 : failed);
+    }
+    char byte = 0;
+    EXPECT_EQ(read(ready[0], &byte, 1), 1);
+    close(ready[0]);
+    close(ready[1]);
+    close(end[0]);
+    end_ = end[1];
+}
+
+other_network::~other_network()
+{
+    close(end_);
+    waitpid(process_, nullptr, 0);
+}
+
+void other_network::run(const std::function<void()> &work) const
+{
+    EXPECT_EQ(in_child([&] {
+                  const int network = open(("/proc/" + process() + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC);
+                  EXPECT_EQ(setns(network, CLONE_NEWNET), 0);
+                  work();
+                  return 0;
+              }),
+              0);
+}
+
+void run(const std::string &command)
+{
+    EXPECT_EQ(system(command.c_str()), 0) << command;
+}
+
+} // namespace kestal_test

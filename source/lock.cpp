@@ -136,7 +136,9 @@ uint64_t count(const claim *first)
 }
 
 // What the guard word says of a lock whose guard is free. In the two simple states the list of holders is not kept up,
-// so that one step on the word ends the only hold.
+// so that one step on the word ends the only hold. Whoever takes the guard, or with it the lock, acquires; whoever gives
+// either back releases: so each holder sees what the one before it did, whichever of the two ways either of them went.
+// A newcomer finds `unheld` only when nobody waits: with a waiter in line the word is `queued`, held or not.
 constexpr uint32_t unheld = 0; // neither holder nor waiter
 constexpr uint32_t held = 2;   // the first hold and no waiter
 constexpr uint32_t queued = 3; // as the lists say

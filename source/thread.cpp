@@ -12,9 +12,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <errno.h>
-#include <fcntl.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <unistd.h>
 #include <utility>
 
@@ -32,13 +31,12 @@ struct job {
     uint64_t line;
 };
 
-// A thread of the library. On the ready list it is the pool's; whoever takes it off may store a job and call it, which
-// writes a byte into its pipe: a call is not lost on a worker that is only about to wait.
+// A thread of the library. On the ready list it is the pool's; whoever takes it off may store a job and call it. The
+// semaphore keeps the call for a worker that is only about to wait.
 struct worker {
     worker *m_prev; // on the ready list
     worker *m_next;
-    int32_t m_pipe[2];
-    uint32_t m_called;
+    sem_t m_call;
     bool m_pooled; // otherwise it runs one job and ends
     uint32_t m_serial;
     job m_job;
@@ -67,13 +65,13 @@ kestal::doubly_linked_list ready_list()
 
 // --- one worker
 
-// Without a pipe a worker cannot be called: it is none of the pool's then.
 worker *new_worker(bool pooled, uint64_t stack_size, const job &first)
 {
     auto *fresh = static_cast<worker *>(kestal_calloc_tag(1, sizeof(worker), "kestal_new_thread_worker", __LINE__));
     if (fresh == nullptr)
         return nullptr;
-    fresh->m_pooled = pooled && pipe2(fresh->m_pipe, O_CLOEXEC) == 0;
+    sem_init(&fresh->m_call, 0, 0);
+    fresh->m_pooled = pooled;
     fresh->m_serial = std::atomic_ref(pool.m_serial).fetch_add(1, std::memory_order_relaxed);
     fresh->m_job = first;
     fresh->m_stack_size = stack_size;
@@ -86,32 +84,21 @@ void free_worker(worker *ended)
         kestal_assert_fail_tag(source, __func__, __LINE__,
                                "(s_worker->m_prev == ((kestal_thread_worker_t *)0)) && "
                                "(s_worker->m_next == ((kestal_thread_worker_t *)0))");
-    if (ended->m_pooled) {
-        close(ended->m_pipe[0]);
-        close(ended->m_pipe[1]);
-    }
+    sem_destroy(&ended->m_call);
     kestal_free_tag(ended, "kestal_free_thread_worker", __LINE__);
 }
 
 // Gives a worker that is off the ready list its next job. It may be gone when the call is back.
 void call_worker(worker &idle, const job &next)
 {
-    const int32_t wake = idle.m_pipe[1];
     idle.m_job = next;
-    std::atomic_ref(idle.m_called).store(1, std::memory_order_release);
-    while (write(wake, "", 1) < 0 && errno == EINTR)
-        ;
+    sem_post(&idle.m_call);
 }
 
-// Should somebody have closed the pipe, the worker looks for itself.
 void wait_for_call(worker &self)
 {
-    const std::atomic_ref called(self.m_called);
-    do {
-        char byte = 0;
-        if (read(self.m_pipe[0], &byte, 1) != 1 && errno != EINTR)
-            kestal_load_balance();
-    } while (called.exchange(0, std::memory_order_acquire) == 0);
+    while (sem_wait(&self.m_call) != 0)
+        ; // a signal came
 }
 
 // --- the thread
@@ -258,7 +245,7 @@ void add_spare_worker(uint64_t stack_size)
     worker *spare = new_worker(true, stack_size, {});
     if (spare == nullptr)
         return;
-    if (!spare->m_pooled || !start_thread(run_spare_worker, *spare)) {
+    if (!start_thread(run_spare_worker, *spare)) {
         free_worker(spare);
         return;
     }

@@ -41,7 +41,7 @@ typedef struct kestal_lock {
     uint32_t m_flags;
     uint32_t m_default_timeout;    /**< ms before an endless wait warns of a dead-lock; all ones: 1,800,000 */
     kestal_short_lock_t m_guard;   /**< guards the lists; its value also stands for the simplest of them */
-    kestal_lock_claim_t *m_holder; /**< most recent first */
+    kestal_lock_claim_t *m_holder; /**< most recent first; kept up only while it says more than m_guard does */
     kestal_lock_claim_t *m_waiter_head;
     kestal_lock_claim_t *m_waiter_tail;
     const char *m_name; /**< tag of the initialiser */

@@ -56,6 +56,14 @@ struct kestal_service {
     uint32_t m_users;        /**< private: closer and thread; the last to leave releases the memory */
 };
 
+#if KESTAL_POINTER_IS_64_BIT
+KESTAL_STATIC_ASSERT(offsetof(kestal_service_t, m_lock_flags) ==
+                         sizeof(kestal_lock_t) + sizeof(kestal_lock_condition_t) + 4,
+                     "layout of kestal_service_t");
+KESTAL_STATIC_ASSERT(offsetof(kestal_service_t, m_user_data) == offsetof(kestal_service_t, m_name) + 48,
+                     "layout of kestal_service_t");
+#endif
+
 /**
  * Starts function(service, argument) as a background job and waits until it has acknowledged. `name`, which is copied,
  * may be null; `stack_size` is in bytes, 0 for the default. There is no start time-out; a start that takes long is
@@ -91,8 +99,8 @@ KESTAL_API int32_t kestal_check_service(kestal_service_t *service);
 KESTAL_API int32_t kestal_break_service(kestal_service_t *service);
 
 /**
- * Registers what the closer calls, with `argument`, after each of its waits (each as long as the close's own time-out,
- * 60 seconds when that is negative) while it is registered. It is dropped when called, unless it returns -1. A null
+ * Registers what the closer calls, with `argument`, after each of its waits: once the close's own time-out has passed, or
+ * without one after 60 seconds and then every 4, and whenever the service's status changes meanwhile. It is dropped when called, unless it returns -1. A null
  * handler takes the registration back. Returns 0, or -1 for a null service.
  */
 KESTAL_API int32_t kestal_service_register_close_notify_handler(kestal_service_t *service,

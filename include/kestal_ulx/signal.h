@@ -35,6 +35,12 @@ struct kestal_signal_node {
     kestal_signal_handler_t m_handler;
     void *m_argument;
 };
+#if KESTAL_POINTER_IS_64_BIT
+KESTAL_STATIC_ASSERT(offsetof(kestal_signal_node_t, m_number) == 16, "layout of kestal_signal_node_t");
+KESTAL_STATIC_ASSERT(offsetof(kestal_signal_node_t, m_handler) ==
+                         offsetof(kestal_signal_node_t, m_action) + sizeof(struct sigaction),
+                     "layout of kestal_signal_node_t");
+#endif
 #endif
 
 /**

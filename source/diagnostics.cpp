@@ -50,7 +50,7 @@ uint64_t ratio(uint64_t part, uint64_t whole, uint64_t scale)
 {
     if (part == whole)
         return scale;
-    for (; whole > UINT32_MAX; whole >>= 1)
+    for (; whole > UINT64_MAX / scale; whole >>= 1)
         part >>= 1;
     return part * scale / whole;
 }
@@ -88,14 +88,21 @@ void draw_bar(char *end, uint64_t width, uint64_t filled, std::string_view text)
     *end = '\0';
 }
 
-void put_backtrace_line(int32_t flags, int priority, const char *line)
+// The same words to every destination; symbols may be long.
+void put_backtrace_line(int32_t flags, int priority, const char *format, ...)
 {
+    va_list list;
+    va_start(list, format);
+    const owned_text line(kestal_alloc_vsprintf(format, list), __func__);
+    va_end(list);
+    if (!line)
+        return;
     if (flags & KESTAL_BACKTRACE_STANDARD_ERROR)
-        kestal_error_printf("%s\n", line);
+        kestal_error_printf("%s\n", line.get());
     if (flags & KESTAL_BACKTRACE_STANDARD_OUTPUT)
-        kestal_printf("%s\n", line);
+        kestal_printf("%s\n", line.get());
     if (flags & KESTAL_BACKTRACE_SYSTEM_LOG)
-        syslog(priority, "%s", line);
+        syslog(priority, "%s", line.get());
 }
 
 } // namespace
@@ -170,13 +177,9 @@ void kestal_dump_backtrace(int32_t flags, uint32_t priority)
     char **symbols = backtrace_symbols(addresses, count);
     const int log_priority = priority == UINT32_MAX ? LOG_DEBUG : static_cast<int>(priority);
 
-    char line[1024];
-    kestal_snprintf(line, sizeof line, "backtrace() returned %d addresses", count);
-    put_backtrace_line(flags, log_priority, line);
-    for (int i = 0; i < count; ++i) {
-        const char *symbol = symbols == nullptr ? "<unknown symbol>" : symbols[i];
-        kestal_snprintf(line, sizeof line, "%02d - %p - %s", i + 1, addresses[i], symbol);
-        put_backtrace_line(flags, log_priority, line);
-    }
+    put_backtrace_line(flags, log_priority, "backtrace() returned %d addresses", count);
+    for (int i = 0; i < count; ++i)
+        put_backtrace_line(flags, log_priority, "%02d - %p - %s", i + 1, addresses[i],
+                           symbols == nullptr ? "<unknown symbol>" : symbols[i]);
     free(symbols);
 }

@@ -1,10 +1,14 @@
 #include <kestal_ulx/time_stamp.h>
 
+#include <stdio.h>
+#include <string.h>
 #include <time.h>
 
 namespace {
 
-constexpr const char *styles[] = {"%a %b %e %H:%M:%S %Y", "%Y-%m-%d %H:%M:%S", "%Y%m%d%H%M%S"};
+constexpr char days[] = "SunMonTueWedThuFriSat";
+constexpr char months[] = "JanFebMarAprMayJunJulAugSepOctNovDec";
+constexpr const char *styles[] = {"%e %H:%M:%S %Y", "%Y-%m-%d %H:%M:%S", "%Y%m%d%H%M%S"};
 
 timespec monotonic_now()
 {
@@ -39,7 +43,11 @@ char *kestal_asctime(char *buffer, uint64_t size, int32_t style, int64_t when)
     tm local{};
     if (localtime_r(&seconds, &local) == nullptr)
         return nullptr;
-    if (strftime(buffer, static_cast<size_t>(size), styles[style], &local) == 0) {
+    char format[32] = "";
+    if (style == 0) // the names stand in the format, since strftime would take those of the locale
+        snprintf(format, sizeof format, "%.3s %.3s ", days + 3 * local.tm_wday, months + 3 * local.tm_mon);
+    strcat(format, styles[style]);
+    if (strftime(buffer, static_cast<size_t>(size), format, &local) == 0) {
         buffer[0] = '\0';
         return nullptr;
     }

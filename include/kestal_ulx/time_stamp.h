@@ -17,8 +17,8 @@ KESTAL_API uint64_t kestal_time_stamp_msec(void);
 KESTAL_API uint64_t kestal_time_stamp_nsec(void);
 
 /**
- * Writes local time as text and returns `buffer`; null when `buffer` is null, `size` is 0, the style is unknown or the
- * text does not fit (the buffer then holds an empty text).
+ * Writes local time as text, in English whatever the locale, and returns `buffer`; null when `buffer` is null, `size`
+ * is 0, the style is unknown or the text does not fit (the buffer then holds an empty text).
  *
  * `when` counts seconds since 1970-01-01 00:00:00 UTC; a negative value means now. The styles:
  *   0  "Sat Nov 21 08:42:00 2026" (24 characters)

@@ -150,6 +150,7 @@ uint64_t append(kestal_buffer_t &buffer, const char *data, uint64_t length, uint
         kestal_buffer_node_t &tail = *buffer.m_tail;
         queued = std::min(length, tail.m_capacity - tail.m_fill);
         fill_node(tail, data, queued);
+        tail.m_flags |= flags & KESTAL_BUFFER_WIPE;
     }
     if (queued < length && append_node(buffer, data == nullptr ? nullptr : data + queued, length - queued, flags))
         queued = length;

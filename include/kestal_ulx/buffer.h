@@ -25,7 +25,7 @@ KESTAL_BEGIN_DECLS
 /** Buffer flag: nodes that copy are as large as the data; otherwise they have room for at least 4096 bytes. */
 #define KESTAL_BUFFER_EXACT 0x08u
 
-/** Line state, while a line is searched: the previous byte was 0x80 or above, so the next one ends no line. */
+/** Line state: the previous byte was 0x80 or above, so the next one ends no line. Begins anew with every search. */
 #define KESTAL_BUFFER_HIGH_BYTE 0x1000u
 /** Line state: the last line ended with LF; a CR that follows belongs to it. */
 #define KESTAL_BUFFER_LF 0x2000u
@@ -37,7 +37,7 @@ KESTAL_BEGIN_DECLS
 /** One link of the chain: a header with its room behind it, or with the caller's memory beside it. */
 typedef struct kestal_buffer_node {
     struct kestal_buffer_node *m_next; /**< the next node, or null */
-    uint32_t m_flags;                  /**< the buffer's flags and those of the push that made the node */
+    uint32_t m_flags;                  /**< the buffer's and those of the push that made it; wipe also of later ones */
     uint64_t m_capacity;               /**< room in bytes */
     uint64_t m_fill;                   /**< bytes stored */
     uint64_t m_read_position;          /**< bytes of those already taken */

@@ -1,52 +1,31 @@
-// The small modules that everything stands on: short lock, time stamps, assertion reports, destroy stack, break flag.
+// What everything stands on: short lock, time stamps, assertion reports, allocation, exception tags, destroy stack and
+// break flag.
 #include "support.hpp"
 
-#include <chrono>
-#include <cstdlib>
-#include <ctime>
-#include <thread>
+#include "../source/exception.hpp"
 
+#include <cstdlib>
+#include <cstring>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using kestal_test::caught_assertions;
+using kestal_test::failing_allocation;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
+using texts = std::vector<std::string>;
 
 namespace {
 
 class ground : public kestal_test::counted {};
 
-TEST_F(ground, a_short_lock_is_taken_once)
+TEST_F(ground, a_short_lock_excludes_threads)
 {
     kestal_short_lock_t lock = 7;
     EXPECT_EQ(kestal_init_short_lock(&lock), &lock);
-    EXPECT_EQ(lock, 0u);
     EXPECT_EQ(kestal_try_short_lock(&lock), 1);
     EXPECT_EQ(kestal_try_short_lock(&lock), 0);
     EXPECT_EQ(kestal_atomic_exchange(&lock, 5), 1u);
-
-    std::atomic<bool> taken{false};
-    std::thread waiter([&] {
-        kestal_short_lock(&lock);
-        taken = true;
-        kestal_short_unlock(&lock);
-    });
-    kestal_load_balance();
-    EXPECT_FALSE(taken);
-    kestal_short_unlock(&lock);
-    waiter.join();
-    EXPECT_TRUE(taken);
-    EXPECT_EQ(lock, 0u);
-    EXPECT_EQ(kestal_uninit_short_lock(&lock), 0);
-
-    const kestal_test::caught_assertions caught;
-    EXPECT_EQ(kestal_init_short_lock(nullptr), nullptr);
-    EXPECT_EQ(kestal_try_short_lock(nullptr), 0);
-    kestal_short_lock(nullptr);
-    kestal_short_unlock(nullptr);
-    EXPECT_EQ(caught.messages(), std::vector<std::string>{"s_short_lock != ((kestal_short_lock_t *)0)"});
-}
-
-TEST_F(ground, a_short_lock_excludes_threads)
-{
-    kestal_short_lock_t lock = 0;
     uint64_t sum = 0;
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
@@ -57,9 +36,21 @@ TEST_F(ground, a_short_lock_excludes_threads)
                 kestal_short_unlock(&lock);
             }
         });
+    kestal_load_balance();
+    EXPECT_EQ(sum, 0u);
+    kestal_short_unlock(&lock);
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(sum, 20000u);
+    EXPECT_EQ(lock, 0u);
+    EXPECT_EQ(kestal_uninit_short_lock(&lock), 0);
+
+    const caught_assertions caught;
+    EXPECT_EQ(kestal_init_short_lock(nullptr), nullptr);
+    EXPECT_EQ(kestal_try_short_lock(nullptr), 0);
+    kestal_short_lock(nullptr);
+    kestal_short_unlock(nullptr);
+    EXPECT_EQ(caught.messages(), texts{"s_short_lock != ((kestal_short_lock_t *)0)"});
 }
 
 TEST_F(ground, sleeps_are_whole_milliseconds)
@@ -75,9 +66,9 @@ TEST_F(ground, sleeps_are_whole_milliseconds)
 TEST_F(ground, calendar_texts)
 {
     setenv("TZ", "UTC", 1);
-    tzset();
     char buffer[32];
     EXPECT_STREQ(kestal_asctime(buffer, sizeof buffer, 0, 1000000000), "Sun Sep  9 01:46:40 2001");
+    EXPECT_STREQ(kestal_asctime(buffer, sizeof buffer, 0, 1072915199), "Wed Dec 31 23:59:59 2003");
     EXPECT_STREQ(kestal_asctime(buffer, sizeof buffer, 1, 1000000000), "2001-09-09 01:46:40");
     EXPECT_STREQ(kestal_asctime(buffer, 15, 2, 1000000000), "20010909014640");
     EXPECT_EQ(kestal_asctime(buffer, 14, 2, 0), nullptr);
@@ -89,21 +80,24 @@ TEST_F(ground, calendar_texts)
 
 TEST_F(ground, assertion_reports_go_to_standard_error_and_carry_on)
 {
+    const struct {
+        const char *file, *function, *line, *message;
+    } reports[] = {{"file.c", "function", "7", "message"},
+                   {"UNKNOWN", "UNKNOWN", "18446744073709551615", "NO_MESSAGE"},
+                   {"file.c", "function", "7", "number   5"},
+                   {"file.c", "function", "7", "%70000d"}, // too long to be formatted
+                   {"file.c", "function", "7", "NO_MESSAGE"}};
     CaptureStderr();
     kestal_assert_fail_tag("file.c", "function", 7, "message");
     kestal_assert_fail_tag(nullptr, nullptr, UINT64_MAX, nullptr);
     kestal_assertf_fail_tag("file.c", "function", 7, "%s %.3d", "number", 5);
-    kestal_assertf_fail_tag("file.c", "function", 7, "%70000d", 1); // too long to be formatted
+    kestal_assertf_fail_tag("file.c", "function", 7, "%70000d", 1);
     kestal_assertf_fail_tag("file.c", "function", 7, nullptr);
-    const std::string got = kestal_test::numbers_masked(GetCapturedStderr(), "> ");
-    const auto report = [](const std::string &file, const char *function, const char *line, const char *message) {
-        return "kestal [\033[1;31mASSERT\033[0m:\033[1;34m" + file + "\033[0m:\033[1;32m" + function +
-               "\033[0m:\033[1;37m" + line + "\033[0m] <\033[1;31m" + message + "\033[0m> N\n";
-    };
-    EXPECT_EQ(got, report("file.c", "function", "7", "message") +
-                       report("UNKNOWN", "UNKNOWN", "18446744073709551615", "NO_MESSAGE") +
-                       report("file.c", "function", "7", "number   5") + report("file.c", "function", "7", "%70000d") +
-                       report("file.c", "function", "7", "NO_MESSAGE"));
+    std::string expected;
+    for (const auto &[file, function, line, message] : reports)
+        expected += std::string("kestal [\033[1;31mASSERT\033[0m:\033[1;34m") + file + "\033[0m:\033[1;32m" + function +
+                    "\033[0m:\033[1;37m" + line + "\033[0m] <\033[1;31m" + message + "\033[0m> N\n";
+    EXPECT_EQ(kestal_test::numbers_masked(GetCapturedStderr(), "> "), expected);
 }
 
 TEST_F(ground, destroy_stack_undoes_from_the_top)
@@ -113,21 +107,19 @@ TEST_F(ground, destroy_stack_undoes_from_the_top)
         seen.push_back(reinterpret_cast<intptr_t>(argument));
         return static_cast<char *>(argument) + 10;
     };
-    kestal_destroy_stack_t *top = nullptr;
-    top = kestal_add_destroy_stack(top, count_up, reinterpret_cast<void *>(1));
+    kestal_destroy_stack_t *top = kestal_add_destroy_stack(nullptr, count_up, reinterpret_cast<void *>(1));
     top = kestal_add_destroy_stack(top, nullptr, kestal_alloc(8));
     top = kestal_add_destroy_stack(top, count_up, reinterpret_cast<void *>(2));
     {
-        const kestal_test::failing_allocation failing(1);
+        const failing_allocation failing(1);
         EXPECT_EQ(kestal_add_destroy_stack(top, count_up, nullptr), top);
     }
-    EXPECT_EQ(kestal_call_destroy_stack(top), 0);
+    for (int call = 0; call < 2; ++call)
+        EXPECT_EQ(kestal_call_destroy_stack(top), 0);
     EXPECT_EQ(top->m_next->m_argument, nullptr);
-    EXPECT_EQ(kestal_call_destroy_stack(top), 0);
     EXPECT_EQ(seen, (std::vector<intptr_t>{2, 1, 12, 11}));
     EXPECT_EQ(kestal_free_destroy_stack(top), 0);
-    EXPECT_EQ(kestal_call_destroy_stack(nullptr), 0);
-    EXPECT_EQ(kestal_free_destroy_stack(nullptr), 0);
+    EXPECT_EQ(kestal_call_destroy_stack(nullptr) + kestal_free_destroy_stack(nullptr), 0);
 }
 
 TEST_F(ground, global_break_is_one_flag)
@@ -138,6 +130,157 @@ TEST_F(ground, global_break_is_one_flag)
     EXPECT_EQ(kestal_clear_global_break(), 0);
     EXPECT_EQ(kestal_get_global_break(), 0u);
     EXPECT_STREQ(kestal_get_ulx_version_string(), KESTAL_ULX_VERSION_STRING);
+}
+
+constexpr auto live = kestal_get_alloc_count;
+
+TEST_F(ground, counts_live_blocks)
+{
+    const uint64_t start = live();
+    void *blocks[3] = {kestal_alloc(1), kestal_alloc(0), kestal_calloc(3, 5)};
+    EXPECT_EQ(live(), start + 3);
+    EXPECT_EQ(std::memcmp(blocks[2], "\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 15), 0);
+    EXPECT_GE(__kestal_malloc_usable_size(blocks[2]), 15u);
+    EXPECT_EQ(kestal_free(blocks[0]), nullptr);
+    uint64_t count = 0, size = 1, peak = 1;
+    EXPECT_EQ(kestal_get_alloc_info(&count, &size, &peak), 0);
+    EXPECT_TRUE(count == start + 2 && size == 0 && peak == 0);
+    EXPECT_EQ(kestal_get_alloc_info(nullptr, nullptr, nullptr), 0);
+
+    blocks[1] = kestal_realloc(blocks[1], 100);
+    EXPECT_EQ(live(), start + 2);
+    EXPECT_EQ(kestal_realloc(blocks[1], 0), nullptr);
+    EXPECT_EQ(kestal_heap_notag(blocks[2], 0), nullptr);
+    EXPECT_EQ(live(), start);
+
+    char *block = static_cast<char *>(kestal_realloc(nullptr, 4));
+    std::memcpy(block, "abc", 4);
+    EXPECT_EQ(live(), start + 1);
+    EXPECT_EQ(kestal_alloc(UINT64_MAX), nullptr);
+    EXPECT_EQ(kestal_realloc(block, UINT64_MAX), nullptr);
+    EXPECT_EQ(live(), start) << "a failing resize counts down";
+    EXPECT_STREQ(block, "abc");
+    std::free(kestal_alloc(1)); // counted down already, in the block's place
+    kestal_free(block);
+}
+
+TEST_F(ground, null_frees_are_reported_unless_expected)
+{
+    CaptureStderr();
+    for (const char *name : {"f", static_cast<const char *>(nullptr), "operator delete"})
+        EXPECT_EQ(kestal_free_tag(nullptr, name, 7), nullptr);
+    EXPECT_EQ(kestal_check_free(nullptr), nullptr);
+    EXPECT_EQ(GetCapturedStderr(), "null pointer free ? (at \"f\":7)\nnull pointer free ? (at \"\":7)\n");
+}
+
+TEST_F(ground, texts_are_duplicated)
+{
+    char *text = kestal_realloc_strdup(kestal_strdup(nullptr), "hello");
+    text = kestal_realloc_strdup(text, text + 1); // the source may lie inside the old block
+    EXPECT_STREQ(text, "ello");
+    for (const auto &[limit, copy] : {std::pair(uint64_t{3}, "abc"), {UINT64_MAX, "abcdef"}, {0, ""}}) {
+        text = kestal_realloc_strndup(text, "abcdef", limit);
+        EXPECT_STREQ(text, copy);
+    }
+    const failing_allocation failing(1);
+    EXPECT_EQ(kestal_realloc_strdup(text, "lost"), nullptr); // the old block is gone all the same
+}
+
+TEST_F(ground, counts_stay_exact_across_threads_and_forks)
+{
+    constexpr size_t each = 5000;
+    const uint64_t start = live();
+    std::vector<void *> blocks[4];
+    std::vector<std::thread> threads;
+    for (auto &mine : blocks)
+        threads.emplace_back([&] {
+            while (mine.size() < each)
+                mine.push_back(kestal_alloc(16));
+        });
+    const pid_t child = fork();
+    if (child == 0) {
+        const uint64_t inherited = live();
+        kestal_free(kestal_alloc(1));
+        _exit(live() == inherited ? 0 : 1);
+    }
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(live(), start + 4 * each);
+    std::thread([&] { // gives back what others took
+        for (const auto &theirs : blocks)
+            for (void *block : theirs)
+                kestal_free(block);
+    })
+        .join();
+}
+
+std::string dumped(int32_t force)
+{
+    CaptureStderr();
+    kestal_dump_exception_tag(force, "file.c", "function", 12);
+    return kestal_test::numbers_masked(GetCapturedStderr(), " (-");
+}
+
+TEST_F(ground, a_dump_tells_sections_blocks_and_threads)
+{
+    const std::string head = "CONSOLE # dump exception at file.c:function:12 (section=";
+    EXPECT_EQ(dumped(0), "");
+    EXPECT_EQ(dumped(1), head + "0, heap size/count/peak=0/0/0, active/ready/threads/max=0/0/0/0).\n");
+
+    kestal::register_thread_counters([](uint64_t *active, uint64_t *ready, uint64_t *max) -> uint64_t {
+        *active = 1, *ready = 2, *max = 4;
+        return 3;
+    });
+    void *block = kestal_alloc(1);
+    kestal_exception_t *outer = kestal_add_exception_tag("a.c", "outer", 1);
+    kestal_exception_t *inner = kestal_add_exception_tag("b.c", nullptr, 2);
+    kestal_exception_t *last = kestal_add_exception_tag("c.c", "last", 3);
+    EXPECT_EQ(kestal_del_exception_tag(inner), 0);
+    const std::string whole = head + "2, heap size/count/peak=0/1/0, active/ready/threads/max=1/2/3/4) {\n"
+                                     "CONSOLE #     c.c:last():3 (-N msec)\nCONSOLE #     a.c:outer():1 (-N msec)\n"
+                                     "CONSOLE # }\n";
+    EXPECT_EQ(dumped(0), whole);
+    kestal_set_force_dump_exception(0);
+    EXPECT_EQ(dumped(1), "");
+    kestal_set_force_dump_exception(UINT32_MAX);
+    {
+        const caught_assertions caught;
+        outer->m_older = outer;
+        EXPECT_EQ(dumped(0), whole);
+        outer->m_older = nullptr;
+        EXPECT_EQ(caught.messages(), texts{"broken exception node"});
+    }
+    kestal_del_exception_tag(last);
+    kestal_del_exception_tag(outer);
+    kestal_free(block);
+    EXPECT_NE(dumped(0), "") << "threads alone are worth a dump";
+    kestal::register_thread_counters(nullptr);
+}
+
+TEST_F(ground, misuse_and_excess_are_reported)
+{
+    const caught_assertions caught;
+    EXPECT_EQ(kestal_del_exception_tag(nullptr), 0);
+    {
+        const failing_allocation failing(1);
+        EXPECT_EQ(kestal_add_exception(), nullptr);
+    }
+    std::vector<kestal_exception_t *> records(4097);
+    for (auto &record : records)
+        record = kestal_add_exception();
+    EXPECT_EQ(caught.messages(), (texts{"invalid argument", "not enough memory", "too many exception entry"}));
+    EXPECT_NE(records.back(), nullptr);
+    const auto delete_some = [&](size_t first) { // each thread every second one
+        for (size_t i = first; i < records.size(); i += 2)
+            kestal_del_exception(records[i]);
+    };
+    std::thread other(delete_some, 0);
+    delete_some(1);
+    other.join();
+    EXPECT_EQ(dumped(0), "");
 }
 
 } // namespace

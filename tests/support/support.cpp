@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
@@ -182,6 +183,18 @@ void caught_errors::wait_for(const std::string &part, int times) const
 {
     std::unique_lock guard(errors_mutex);
     errors_changed.wait(guard, [&] { return occurrences(errors, part) >= times; });
+}
+
+std::string owned(char *text)
+{
+    return text == nullptr ? "<null>" : owned(text, strlen(text));
+}
+
+std::string owned(void *block, uint64_t length)
+{
+    const std::string bytes(static_cast<char *>(block), block == nullptr ? 0 : length);
+    kestal_check_free(block);
+    return bytes;
 }
 
 void advance_clock(uint64_t milliseconds)

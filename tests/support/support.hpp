@@ -74,6 +74,10 @@ private:
     kestal_puts_handler_t previous_ = nullptr;
 };
 
+// What a block of the library holds, which is released: a text, or so many bytes of it; "<null>" for a null text.
+std::string owned(char *text);
+std::string owned(void *block, uint64_t length);
+
 // From now on the library's clock is ahead by so much more: time-outs come without the wait.
 void advance_clock(uint64_t milliseconds);
 

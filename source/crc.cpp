@@ -22,7 +22,7 @@ public:
             return look_up(start, data, size);
         const size_t tail = size % lane_size;
         const Word value = static_cast<Word>(kestal::crc_instructions::update(start, data, size, by));
-        return look_up(value, data + (size - tail), tail);
+        return tail == 0 ? value : look_up(value, data + (size - tail), tail);
     }
 
 private:

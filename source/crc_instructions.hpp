@@ -78,8 +78,10 @@ template <size_t count>
 [[gnu::target("pclmul,sse4.1"), gnu::always_inline]] inline __m128i fold_together(__m128i (&lanes)[count],
                                                                                   const factors &by)
 {
+#pragma GCC unroll 3
     for (size_t step = 0; 1u << step < count; ++step) {
         const size_t distance = size_t{1} << step;
+#pragma GCC unroll 4
         for (size_t i = 2 * distance - 1; i < count; i += 2 * distance)
             lanes[i] = fold_lane(lanes[i - distance], by.by_lanes[step], lanes[i]);
     }
@@ -102,11 +104,13 @@ template <size_t steps>
 {
     constexpr size_t count = size_t{1} << steps;
     __m128i lanes[count];
+#pragma GCC unroll 8
     for (size_t i = 0; i < count; ++i)
         lanes[i] = load_lane(data + i * lane_size);
     lanes[0] = _mm_xor_si128(lanes[0], _mm_cvtsi64_si128(static_cast<int64_t>(start)));
     data += count * lane_size;
     for (; static_cast<size_t>(end - data) >= count * lane_size; data += count * lane_size) {
+#pragma GCC unroll 8
         for (size_t i = 0; i < count; ++i)
             lanes[i] = fold_lane(lanes[i], by.by_lanes[steps], load_lane(data + i * lane_size));
     }
@@ -116,8 +120,8 @@ template <size_t steps>
 [[gnu::target("avx512f,vpclmulqdq"), gnu::always_inline]] inline __m512i
 fold_lanes(__m512i lanes, const fold_factors &by, __m512i onto)
 {
-    const long long f = static_cast<long long>(by.first), l = static_cast<long long>(by.last);
-    const __m512i both = _mm512_set_epi64(l, f, l, f, l, f, l, f);
+    const __m128i pair = _mm_loadu_si128(reinterpret_cast<const __m128i *>(&by));
+    const __m512i both = _mm512_maskz_broadcast_i32x4(0xFFFF, pair);
     const __m512i first = _mm512_clmulepi64_epi128(lanes, both, 0x00);
     const __m512i last = _mm512_clmulepi64_epi128(lanes, both, 0x11);
     return _mm512_ternarylogic_epi64(first, last, onto, 0x96); // the exclusive or of all three
@@ -128,15 +132,18 @@ fold_lanes(__m512i lanes, const fold_factors &by, __m512i onto)
 {
     constexpr size_t count = 4;
     __m512i lanes[count];
+#pragma GCC unroll 8
     for (size_t i = 0; i < count; ++i)
         lanes[i] = _mm512_loadu_si512(data + i * 64);
     const __m128i initial = _mm_cvtsi64_si128(static_cast<int64_t>(start));
     lanes[0] = _mm512_xor_si512(lanes[0], _mm512_zextsi128_si512(initial));
     data += count * 64;
     for (; static_cast<size_t>(end - data) >= count * 64; data += count * 64) {
+#pragma GCC unroll 8
         for (size_t i = 0; i < count; ++i)
             lanes[i] = fold_lanes(lanes[i], by.by_lanes[4], _mm512_loadu_si512(data + i * 64));
     }
+#pragma GCC unroll 8
     for (size_t i = 1; i < count; ++i)
         lanes[i] = fold_lanes(lanes[i - 1], by.by_lanes[2], lanes[i]);
     __m512i folded = lanes[count - 1];
@@ -146,6 +153,7 @@ fold_lanes(__m512i lanes, const fold_factors &by, __m512i onto)
     uint8_t apart[4 * lane_size];
     _mm512_storeu_si512(apart, folded);
     __m128i last[4];
+#pragma GCC unroll 8
     for (size_t i = 0; i < 4; ++i)
         last[i] = load_lane(apart + i * lane_size);
     return finish(fold_together(last, by), data, end, by);
@@ -195,14 +203,17 @@ inline bool usable()
     constexpr size_t count = 4;
     const uint8_t *end = data + size / lane_size * lane_size;
     uint64x2_t lanes[count];
+#pragma GCC unroll 8
     for (size_t i = 0; i < count; ++i)
         lanes[i] = load_lane(data + i * lane_size);
     lanes[0] = veorq_u64(lanes[0], vcombine_u64(vcreate_u64(start), vcreate_u64(0)));
     data += count * lane_size;
     for (; static_cast<size_t>(end - data) >= count * lane_size; data += count * lane_size) {
+#pragma GCC unroll 8
         for (size_t i = 0; i < count; ++i)
             lanes[i] = fold_lane(lanes[i], by.by_lanes[2], load_lane(data + i * lane_size));
     }
+#pragma GCC unroll 8
     for (size_t i = 1; i < count; ++i)
         lanes[i] = fold_lane(lanes[i - 1], by.by_lanes[0], lanes[i]);
     uint64x2_t folded = lanes[count - 1];

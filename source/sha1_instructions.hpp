@@ -43,6 +43,7 @@ template <size_t group>
     }
     const __m128i added = group == 0 ? _mm_add_epi32(state.e, message) : _mm_sha1nexte_epu32(state.e, message);
     state.e = state.abcd;
+    __asm__("" : "+x"(state.e)); // the copy is e, not abcd, which the next instruction waits for
     state.abcd = _mm_sha1rnds4_epu32(state.abcd, added, group / 5);
 }
 

@@ -157,9 +157,6 @@ progress pack(const uint8_t *sextets, size_t size, uint8_t *bytes, size_t room, 
     }
 }
 
-// Beyond this, the sizes worked out from an input's might not fit their type.
-constexpr uint64_t most_at_once = UINT64_MAX / 2;
-
 // --- streams
 
 // As much input as is worked on at a time: whole groups, and whole vectors of them.
@@ -318,6 +315,12 @@ int32_t decode_pending(kestal_base64_t &context)
         [&context](const uint8_t *out, size_t size) { return push_all(context, context.m_output, out, size); });
 }
 
+// --- results
+
+// Beyond this, the size worked out for the result might not fit its type.
+constexpr uint64_t most_at_once = UINT64_MAX / 2;
+
+// Ends a result, which may be null, and tells its size.
 char *give(char *block, uint64_t size, uint64_t *out_size)
 {
     if (block != nullptr)
@@ -459,7 +462,7 @@ char *kestal_encode_base64(const void *data, uint64_t size, uint64_t *out_size)
     char *text = static_cast<char *>(kestal_alloc(length + 1));
     if (text == nullptr)
         return give(nullptr, 0, out_size);
-    const size_t rest = size % 3;
+    const size_t rest = static_cast<size_t>(size % 3);
     const size_t whole = static_cast<size_t>(size) - rest;
     encode_groups(bytes, whole, text, false);
     if (rest > 0)

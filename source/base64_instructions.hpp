@@ -64,7 +64,7 @@ struct character_table {
     explicit constexpr character_table(const base64_alphabet &alphabet)
     {
         for (int value = 63; value >= 0; --value) {
-            const int character = alphabet[value], row = character / 16;
+            const uint8_t character = static_cast<uint8_t>(alphabet[value]), row = character / 16;
             bit_of_row[row] = static_cast<uint8_t>(1 << row);
             rows_in_column[character % 16] |= bit_of_row[row];
             if (value < 63)

@@ -59,7 +59,8 @@ inline bool usable()
     return _mm_xor_si128(_mm_xor_si128(first, last), onto);
 }
 
-// The register behind a lane that no other follows.
+// The register behind a lane that no other follows: its first half is moved onto the second, and the quotient of that
+// comes from a multiplication by the reciprocal (Barrett).
 [[gnu::target("pclmul,sse4.1"), gnu::always_inline]] inline uint64_t divide(__m128i lane, const factors &by)
 {
     const __m128i moved = _mm_clmulepi64_si128(lane, _mm_cvtsi64_si128(static_cast<int64_t>(by.by_64)), 0x00);
@@ -78,9 +79,9 @@ template <size_t count>
 [[gnu::target("pclmul,sse4.1"), gnu::always_inline]] inline __m128i fold_together(__m128i (&lanes)[count],
                                                                                   const factors &by)
 {
+    size_t step = 0;
 #pragma GCC unroll 3
-    for (size_t step = 0; 1u << step < count; ++step) {
-        const size_t distance = size_t{1} << step;
+    for (size_t distance = 1; distance < count; distance *= 2, ++step) {
 #pragma GCC unroll 4
         for (size_t i = 2 * distance - 1; i < count; i += 2 * distance)
             lanes[i] = fold_lane(lanes[i - distance], by.by_lanes[step], lanes[i]);

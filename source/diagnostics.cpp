@@ -72,7 +72,7 @@ char *append(char *end, std::string_view text)
 char *append_cells(char *end, uint64_t from, uint64_t to, std::string_view text, char filler)
 {
     for (uint64_t cell = from; cell < to; ++cell)
-        *end++ = cell < text.size() ? text[cell] : filler;
+        *end++ = cell < text.size() ? text[static_cast<size_t>(cell)] : filler;
     return end;
 }
 

@@ -187,7 +187,7 @@ char *write_decimal(char *end, uint64_t value)
 {
     while (value > UINT32_MAX) {
         end -= 2;
-        memcpy(end, &digit_pairs[value % 100 * 2], 2);
+        memcpy(end, &digit_pairs[static_cast<size_t>(value % 100 * 2)], 2);
         value /= 100;
     }
     uint32_t rest = static_cast<uint32_t>(value);

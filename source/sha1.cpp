@@ -92,6 +92,8 @@ int32_t kestal_sha1_push(kestal_sha1_t *context, const void *data, uint64_t size
 {
     if (context == nullptr || (data == nullptr && size != 0))
         return -1;
+    if (size == 0)
+        return 0;
     const size_t buffered = context->m_byte_count % kestal::digest_block_size;
     context->m_byte_count += size;
     context->m_text[0] = '\0';

@@ -106,6 +106,8 @@ int32_t kestal_sha256_push(kestal_sha256_t *context, const void *data, uint64_t 
 {
     if (context == nullptr || (data == nullptr && size != 0))
         return -1;
+    if (size == 0)
+        return 0;
     context->m_byte_count += size;
     context->m_text[0] = '\0';
     context->m_buffered = static_cast<uint32_t>(kestal::feed_blocks(

@@ -95,8 +95,10 @@ std::string bit_by_bit(const std::string &data, bool url_safe)
     std::string text;
     for (size_t bit = 0; bit < data.size() * 8; bit += 6) {
         size_t value = 0;
-        for (size_t i = bit; i < bit + 6; ++i)
-            value = value << 1 | (i / 8 < data.size() ? static_cast<uint8_t>(data[i / 8]) >> (7 - i % 8) & 1u : 0u);
+        for (size_t i = bit; i < bit + 6; ++i) {
+            const unsigned byte = i / 8 < data.size() ? static_cast<uint8_t>(data[i / 8]) : 0u;
+            value = value << 1 | (byte >> (7 - i % 8) & 1u);
+        }
         text += alphabet[value];
     }
     while (text.size() % 4 != 0)

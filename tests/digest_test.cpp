@@ -189,6 +189,7 @@ void expect_padded_by_its_digest()
     uint8_t first[Sha::size], second[Sha::size];
     Sha::push(Sha::init(&context), "abc", 3);
     EXPECT_STREQ(Sha::digest(&context, first), Sha::abc);
+    EXPECT_EQ(Sha::push(&context, "", 0), 0);
     EXPECT_STREQ(Sha::digest(&context, second), Sha::abc);
     EXPECT_TRUE(std::ranges::equal(first, second));
     Sha::push(&context, "def", 3);

@@ -1,6 +1,6 @@
 // The block ciphers beside OpenSSL, nettle, mbedTLS and libgcrypt: 16 bytes, 1 KiB and 1 MiB in place, key schedule
-// outside the loop. Built twice: as cipher_bench with all that the processor has, and as cipher_portable_bench, where
-// the library, OpenSSL and nettle do without its instructions (the others cannot be told to).
+// outside the loop. cipher_portable_bench.cpp makes a second program of it (mbedTLS and libgcrypt cannot be told to leave
+// the processor's instructions alone, and are left out there).
 
 #include <kestal_ulx.h>
 

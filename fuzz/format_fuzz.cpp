@@ -1,52 +1,22 @@
-// The formatter with any conversion and an argument that fits it, behind any text, into buffers of any size. The input
-// is the buffer's size in fives, a byte of flags, one of the conversion, the text and its end, width, precision, argument.
+// The formatter with any conversion and an argument that fits it, behind any text, into buffers of any size.
 #include <kestal_ulx.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <string>
-#include <vector>
+#include <fuzzer/FuzzedDataProvider.h>
 
 namespace {
-
-struct input {
-    const uint8_t *data;
-    size_t size;
-
-    template <typename T>
-    T number()
-    {
-        T value{};
-        const size_t length = std::min(sizeof value, size);
-        std::memcpy(&value, data, length);
-        data += length;
-        size -= length;
-        return value;
-    }
-    std::string text()
-    {
-        std::string result;
-        while (const char next = number<char>())
-            result += next;
-        return result;
-    }
-};
-
-void require(bool condition)
-{
-    if (!condition)
-        abort();
-}
 
 template <typename... Arguments>
 void format(const std::string &pattern, uint64_t size, Arguments... arguments)
 {
     std::vector<char> buffer(size); // exactly: the sanitizer watches its end
     const uint64_t stored = kestal_snprintf(buffer.data(), size, pattern.c_str(), arguments...);
-    require(size == 0 ? stored == 0 : stored < size && buffer[stored] == '\0');
     char *whole = kestal_alloc_sprintf(pattern.c_str(), arguments...);
-    require(whole == nullptr || stored == 0 || std::memcmp(whole, buffer.data(), stored) == 0);
+    if (size == 0 ? stored != 0 : stored >= size || buffer[stored] != '\0')
+        abort();
+    if (whole != nullptr && stored > 0 && std::memcmp(whole, buffer.data(), stored) != 0)
+        abort();
     kestal_check_free(whole);
 }
 
@@ -54,35 +24,35 @@ void format(const std::string &pattern, uint64_t size, Arguments... arguments)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    input bytes{data, size};
-    const uint64_t room = bytes.number<uint8_t>() * uint64_t{5};
-    const uint32_t flags = bytes.number<uint8_t>(), longs = flags >> 6;
-    const char conversion = "diuoxXcspPf"[bytes.number<uint8_t>() % 11];
-
+    FuzzedDataProvider input(data, size);
     std::string pattern;
-    for (const char letter : bytes.text()) // whatever takes no argument of its own
+    for (const char letter : input.ConsumeRandomLengthString(40)) // whatever takes no argument of its own
         if (std::strchr("diuoxXcspPf*", letter) == nullptr)
             pattern += letter;
     pattern += '%';
-    for (int i = 0; i < 4; ++i)
-        if ((flags >> i & 1) != 0)
-            pattern += "#-.0"[i];
-    const int32_t width = bytes.number<int32_t>() % 70000;
-    const bool star = (flags & 16) != 0;
+    for (const char flag : {'#', '-', '.', '0'})
+        if (input.ConsumeBool())
+            pattern += flag;
+    const int32_t width = input.ConsumeIntegralInRange(-70000, 70000);
+    const bool star = input.ConsumeBool();
     pattern += star ? "*" : width >= 0 ? std::to_string(width) : "";
-    if ((flags & 32) != 0)
-        pattern += "." + std::to_string(bytes.number<uint8_t>());
+    if (input.ConsumeBool())
+        pattern += "." + std::to_string(input.ConsumeIntegral<uint8_t>());
+    const size_t longs = input.ConsumeIntegralInRange(0u, 3u);
+    const char conversion = input.PickValueInArray({'d', 'i', 'u', 'o', 'x', 'X', 'c', 's', 'p', 'P', 'f'});
     pattern += std::string(longs, 'l') + conversion;
 
+    const uint64_t room = input.ConsumeIntegralInRange(0u, 1300u);
     const auto format_with = [&](auto argument) {
         star ? format(pattern, room, width, argument) : format(pattern, room, argument);
     };
     if (std::strchr("spP", conversion) != nullptr)
-        format_with(bytes.text().c_str());
+        format_with(input.ConsumeRandomLengthString().c_str());
     else if (conversion != 'f')
-        longs == 0 ? format_with(bytes.number<uint32_t>()) : format_with(bytes.number<uint64_t>());
+        longs == 0 ? format_with(input.ConsumeIntegral<uint32_t>()) : format_with(input.ConsumeIntegral<uint64_t>());
+    else if (const double real = input.ConsumeFloatingPoint<double>(); longs == 0)
+        format_with(real);
     else
-        longs == 0 ? format_with(bytes.number<double>())
-                   : format_with(static_cast<long double>(bytes.number<double>()));
+        format_with(static_cast<long double>(real));
     return 0;
 }

@@ -1,73 +1,50 @@
-// The first byte seeds how the rest is split into pushes, and of which kind they are. The lines that come out must be
-// those of a plain reading of the whole text.
+// The lines that come out, however a text is split into pushes and of which kind they are, must be those of one push.
 #include <kestal_ulx.h>
 
 #include <cstdlib>
-#include <random>
-#include <string>
-#include <vector>
+#include <fuzzer/FuzzedDataProvider.h>
 
 namespace {
 
-using texts = std::vector<std::string>;
-
-// The lines, and behind them what is left.
-texts read_plainly(const std::string &text)
+void pop_lines(kestal_buffer_t *buffer, std::vector<std::string> &lines)
 {
-    texts result;
-    size_t begin = 0;
-    for (size_t at = 0; at < text.size(); ++at) {
-        if (static_cast<unsigned char>(text[at]) >= 0x80) {
-            ++at;
-            continue;
-        }
-        if (text[at] != '\r' && text[at] != '\n')
-            continue;
-        result.push_back(text.substr(begin, at - begin));
-        if (at + 1 < text.size() && text[at + 1] == (text[at] == '\r' ? '\n' : '\r'))
-            ++at;
-        begin = at + 1;
+    while (char *line = kestal_pop_buffer_line(buffer)) {
+        lines.emplace_back(line);
+        kestal_free(line);
     }
-    result.push_back(text.substr(begin));
-    return result;
 }
 
-bool pop_line(kestal_buffer_t *buffer, texts &result)
+// What is left in a buffer, which is closed.
+std::string close(kestal_buffer_t *buffer)
 {
-    char *line = kestal_pop_buffer_line(buffer);
-    if (line != nullptr)
-        result.emplace_back(line);
-    kestal_check_free(line);
-    return line != nullptr;
+    std::string rest(kestal_get_buffer_size(buffer), '\0');
+    kestal_pop_buffer_ex(buffer, rest.data(), rest.size(), 1);
+    kestal_close_buffer(buffer);
+    return rest;
 }
 
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    if (size == 0)
-        return 0;
-    std::minstd_rand random(data[0] + 1u);
-    std::string text(reinterpret_cast<const char *>(data) + 1, size - 1);
-    for (char &byte : text)
-        byte = byte == '\0' ? '0' : byte; // so that lines compare as texts
-    kestal_buffer_t *buffer = kestal_open_buffer_ex(0);
-    texts result;
-    for (size_t at = 0; at < text.size();) {
-        const std::string piece = text.substr(at, 1 + random() % (random() % 8 == 0 ? 5000 : 9));
-        constexpr uint32_t kinds[] = {0, KESTAL_BUFFER_EXACT, KESTAL_BUFFER_ADOPT};
-        const uint32_t kind = kinds[random() % 3];
-        kestal_push_puts_ex(buffer, kind == KESTAL_BUFFER_ADOPT ? kestal_strdup(piece.c_str()) : piece.c_str(), kind);
-        at += piece.size();
-        while (random() % 4 != 0 && pop_line(buffer, result))
-            ;
+    FuzzedDataProvider input(data, size);
+    kestal_buffer_t *split = kestal_open_buffer_ex(0), *whole = kestal_open_buffer_ex(KESTAL_BUFFER_EXACT);
+    std::vector<std::string> lines, expected;
+    std::string text;
+    while (input.remaining_bytes() > 0) {
+        const std::string piece = input.ConsumeRandomLengthString(input.ConsumeBool() ? 9 : 5000).c_str();
+        const uint32_t kind = input.PickValueInArray({0u, KESTAL_BUFFER_EXACT, KESTAL_BUFFER_ADOPT});
+        char *bytes = kestal_strdup(piece.c_str());
+        if (kestal_push_puts_ex(split, bytes, kind) == 0 || kind != KESTAL_BUFFER_ADOPT)
+            kestal_free(bytes);
+        text += piece;
+        if (input.ConsumeBool())
+            pop_lines(split, lines);
     }
-    while (pop_line(buffer, result))
-        ;
-    result.emplace_back(kestal_get_buffer_size(buffer), '\0');
-    kestal_pop_buffer_ex(buffer, result.back().data(), result.back().size(), 1);
-    kestal_close_buffer(buffer);
-    if (result != read_plainly(text))
+    pop_lines(split, lines);
+    kestal_push_puts_ex(whole, text.c_str(), 0);
+    pop_lines(whole, expected);
+    if (lines != expected || close(split) != close(whole))
         abort();
     return 0;
 }

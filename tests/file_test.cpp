@@ -18,17 +18,13 @@ TEST(file, modes_are_read_as_fopen_reads_them)
                              "w8", "w06b", "r ", "w99999999999"})
         EXPECT_EQ(kestal_parse_file_mode(mode, &flags, &permission), -1) << (mode == nullptr ? "<null>" : mode);
     EXPECT_TRUE(flags == 77 && permission == 77);
-    for (const auto &[mode, expected] : {std::pair("r", r),
-                                         {"rb", r | image},
-                                         {"rb+e", r | w | image},
-                                         {"rn0666", r | n},
-                                         {"w", w | c | t},
-                                         {"w+t", r | w | c | t | as_text},
-                                         {"wx", w | c | t | x},
-                                         {"a", w | c | a}}) {
+    const std::pair<const char *, uint32_t> good[] = {
+        {"r", r},          {"rb", r | image},    {"rb+e", r | w | image},
+        {"rn0666", r | n}, {"w", w | c | t},     {"w+t", r | w | c | t | as_text},
+        {"a", w | c | a},  {"wx", w | c | t | x}};
+    for (const auto &[mode, expected] : good) {
         EXPECT_EQ(kestal_parse_file_mode(mode, &flags, &permission), 0) << mode;
-        EXPECT_EQ(flags, expected) << mode;
-        EXPECT_EQ(permission, 0666u) << mode;
+        EXPECT_TRUE(flags == expected && permission == 0666) << mode;
     }
     for (const auto &[mode, expected] : {std::pair("w0", 0u), {"wx0600", 0600u}, {"r7777", 07777u}}) {
         EXPECT_EQ(kestal_parse_file_mode(mode, nullptr, &permission), 0) << mode;

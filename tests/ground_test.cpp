@@ -11,6 +11,7 @@
 
 using kestal_test::caught_assertions;
 using kestal_test::failing_allocation;
+using kestal_test::on_threads;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 using texts = std::vector<std::string>;
@@ -27,27 +28,23 @@ TEST_F(ground, a_short_lock_excludes_threads)
     EXPECT_EQ(kestal_try_short_lock(&lock), 0);
     EXPECT_EQ(kestal_atomic_exchange(&lock, 5), 1u);
     uint64_t sum = 0;
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&] {
-            for (int i = 0; i < 5000; ++i) {
-                kestal_short_lock(&lock);
-                ++sum;
-                kestal_short_unlock(&lock);
-            }
-        });
-    kestal_load_balance();
-    EXPECT_EQ(sum, 0u);
-    kestal_short_unlock(&lock);
-    for (std::thread &thread : threads)
-        thread.join();
-    EXPECT_EQ(sum, 20000u);
-    EXPECT_EQ(lock, 0u);
+    on_threads(5, [&](size_t thread) {
+        if (thread == 0) { // the holder
+            kestal_load_balance();
+            EXPECT_EQ(sum, 0u);
+            kestal_short_unlock(&lock);
+        }
+        for (int i = 0; i < 4000; ++i) {
+            kestal_short_lock(&lock);
+            ++sum;
+            kestal_short_unlock(&lock);
+        }
+    });
+    EXPECT_TRUE(sum == 20000 && lock == 0);
     EXPECT_EQ(kestal_uninit_short_lock(&lock), 0);
 
     const caught_assertions caught;
-    EXPECT_EQ(kestal_init_short_lock(nullptr), nullptr);
-    EXPECT_EQ(kestal_try_short_lock(nullptr), 0);
+    EXPECT_TRUE(kestal_init_short_lock(nullptr) == nullptr && kestal_try_short_lock(nullptr) == 0);
     kestal_short_lock(nullptr);
     kestal_short_unlock(nullptr);
     EXPECT_EQ(caught.messages(), texts{"s_short_lock != ((kestal_short_lock_t *)0)"});
@@ -125,10 +122,10 @@ TEST_F(ground, destroy_stack_undoes_from_the_top)
 TEST_F(ground, global_break_is_one_flag)
 {
     EXPECT_EQ(kestal_get_global_break(), 0u);
-    EXPECT_EQ(kestal_set_global_break(), 0);
-    EXPECT_EQ(kestal_get_global_break(), 1u);
-    EXPECT_EQ(kestal_clear_global_break(), 0);
-    EXPECT_EQ(kestal_get_global_break(), 0u);
+    for (const uint32_t flag : {1u, 0u}) {
+        EXPECT_EQ(flag == 1 ? kestal_set_global_break() : kestal_clear_global_break(), 0);
+        EXPECT_EQ(kestal_get_global_break(), flag);
+    }
     EXPECT_STREQ(kestal_get_ulx_version_string(), KESTAL_ULX_VERSION_STRING);
 }
 
@@ -191,30 +188,26 @@ TEST_F(ground, counts_stay_exact_across_threads_and_forks)
     constexpr size_t each = 5000;
     const uint64_t start = live();
     std::vector<void *> blocks[4];
-    std::vector<std::thread> threads;
-    for (auto &mine : blocks)
-        threads.emplace_back([&] {
-            while (mine.size() < each)
-                mine.push_back(kestal_alloc(16));
-        });
-    const pid_t child = fork();
-    if (child == 0) {
-        const uint64_t inherited = live();
-        kestal_free(kestal_alloc(1));
-        _exit(live() == inherited ? 0 : 1);
-    }
-    int status = -1;
-    EXPECT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
-    for (std::thread &thread : threads)
-        thread.join();
+    on_threads(5, [&](size_t thread) {
+        while (thread < 4 && blocks[thread].size() < each)
+            blocks[thread].push_back(kestal_alloc(16));
+        if (thread < 4)
+            return;
+        const pid_t child = fork(); // in the midst of it
+        if (child == 0) {
+            const uint64_t inherited = live();
+            kestal_free(kestal_alloc(1));
+            _exit(live() == inherited ? 0 : 1);
+        }
+        int status = -1;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    });
     EXPECT_EQ(live(), start + 4 * each);
-    std::thread([&] { // gives back what others took
-        for (const auto &theirs : blocks)
-            for (void *block : theirs)
-                kestal_free(block);
-    })
-        .join();
+    on_threads(4, [&](size_t thread) {
+        for (void *block : blocks[3 - thread]) // another thread's
+            kestal_free(block);
+    });
 }
 
 std::string dumped(int32_t force)
@@ -273,13 +266,10 @@ TEST_F(ground, misuse_and_excess_are_reported)
         record = kestal_add_exception();
     EXPECT_EQ(caught.messages(), (texts{"invalid argument", "not enough memory", "too many exception entry"}));
     EXPECT_NE(records.back(), nullptr);
-    const auto delete_some = [&](size_t first) { // each thread every second one
-        for (size_t i = first; i < records.size(); i += 2)
+    on_threads(2, [&](size_t thread) {
+        for (size_t i = thread; i < records.size(); i += 2)
             kestal_del_exception(records[i]);
-    };
-    std::thread other(delete_some, 0);
-    delete_some(1);
-    other.join();
+    });
     EXPECT_EQ(dumped(0), "");
 }
 

@@ -80,7 +80,7 @@ void draw_on_the_terminal()
     kestal_set_puts_handler(keep, nullptr);
     const std::string green = "\033[1;32m", white = "\033[1;37m", red = "\033[0;31m", reset = "\033[0m";
     const std::string done = reset + " [" + green, next = white + ">" + red, end = reset + "]";
-    const std::string wide(31, 'p'), gap(10, ' ');
+    const std::string wide(31, 'p'), gap(10, ' '), full = white + "100%" + done + std::string(30, '=') + end + " ";
     constexpr uint64_t large = uint64_t{1} << 32;
     const struct {
         uint64_t done, total;
@@ -93,9 +93,9 @@ void draw_on_the_terminal()
         {UINT64_MAX / 2, UINT64_MAX, "file", "0123456789abcdef", "1 KB/s",
          "file" + white + " 49%" + done + "0123456789" + next + "bcdef     " + end + "1 KB/s"},
         {large, large + 1, "", nullptr, nullptr, white + " 99%" + done + std::string(29, '=') + next + end + " "},
-        {7, 7, "", nullptr, nullptr, white + "100%" + done + std::string(30, '=') + end + " "},
-        {8, 7, "", nullptr, nullptr, white + "100%" + done + std::string(30, '=') + end + " "},
-        {0, 0, "", nullptr, nullptr, white + "100%" + done + std::string(30, '=') + end + " "},
+        {7, 7, "", nullptr, nullptr, full},
+        {8, 7, "", nullptr, nullptr, full},
+        {0, 0, "", nullptr, nullptr, full},
         {1, 3, wide.c_str(), nullptr, "", wide + white + " 33%" + reset},
     };
     for (const auto &[part, total, prefix, bar_text, suffix, line] : cases) {

@@ -96,13 +96,12 @@ TEST_F(uri, options_are_parsed_and_found)
              {option->m_option, option->m_name, option->m_value, option->m_decoded_name, option->m_decoded_value})
             all += part + std::string(";");
     EXPECT_EQ(all, "a=1;a;1;a;1;b;b;;b;;c=x%20y;c;x%20y;c;x y;%44=+=;%44;+=;D;+=;a+b=c+d;a+b;c+d;a b;c d;");
-    EXPECT_STREQ(kestal_search_uri_option_value(list, "x|C"), "x%20y");
-    EXPECT_STREQ(kestal_search_uri_option_decode_value(list, "x|C"), "x y");
-    EXPECT_STREQ(kestal_search_uri_option_value(list, "d"), "+=");
-    EXPECT_STREQ(kestal_search_uri_option_value(list, "a?b"), "c+d");
-    EXPECT_EQ(kestal_search_uri_option_value(list, "e"), nullptr);
-    EXPECT_EQ(kestal_search_uri_option_decode_value(list, nullptr), nullptr);
-    EXPECT_EQ(kestal_search_uri_option_node(nullptr, "*"), nullptr);
+    for (const auto &[pattern, value, decoded] :
+         {std::tuple("x|C", "x%20y", "x y"), {"d", "+=", "+="}, {"a?b", "c+d", "c d"}, {"e", nullptr, nullptr}}) {
+        EXPECT_STREQ(kestal_search_uri_option_value(list, pattern), value);
+        EXPECT_STREQ(kestal_search_uri_option_decode_value(list, pattern), decoded);
+    }
+    EXPECT_EQ(kestal_search_uri_option_node(list, nullptr), nullptr);
     EXPECT_EQ(kestal_free_uri_option(list), 0);
 }
 

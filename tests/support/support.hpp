@@ -81,6 +81,17 @@ std::string owned(void *block, uint64_t length);
 // From now on the library's clock is ahead by so much more: time-outs come without the wait.
 void advance_clock(uint64_t milliseconds);
 
+// Runs body(0), body(1) ... on threads of their own and waits for all of them.
+template <typename Body>
+void on_threads(size_t count, Body body)
+{
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < count; ++i)
+        threads.emplace_back(body, i);
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
 // Waits for what no event tells of.
 template <typename Condition>
 void wait_until(Condition condition)

@@ -13,12 +13,6 @@ using notice = std::function<int32_t()>;
 
 class service : public kestal_test::counted {
 protected:
-    void TearDown() override
-    {
-        EXPECT_EQ(kestal_thread_pool_wait(60000), 0);
-        counted::TearDown();
-    }
-
     static kestal_service_t *open(const char *name, const body &run, uint64_t stack_size = 0)
     {
         const auto call = [](kestal_service_t *self, void *given) { (*static_cast<const body *>(given))(self); };
@@ -28,12 +22,6 @@ protected:
     {
         const auto call = [](void *given) { return (*static_cast<const notice *>(given))(); };
         EXPECT_EQ(kestal_service_register_close_notify_handler(opened, call, const_cast<notice *>(&tell)), 0);
-    }
-    static void expect_warning(const caught_errors &errors, const std::string &of)
-    {
-        const std::string frame = "\n-=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=-\n";
-        const std::string text = numbers_masked(numbers_masked(errors.text(), "\", "), "N.");
-        EXPECT_TRUE(text.starts_with(frame + "kestal_ulx: [WARNING] wait for " + of + "\", N.N sec)" + frame)) << text;
     }
 };
 
@@ -53,14 +41,20 @@ TEST_F(service, runs_between_its_two_handshakes)
         stage = 2;
     };
     char name[] = "worker bee";
-    kestal_service_t *opened = open(name, run, 65536);
-    ASSERT_NE(opened, nullptr);
+    kestal_service_t *opened = open(name, run);
     name[0] = 'W';
     EXPECT_STREQ(opened->m_name, "worker bee");
     EXPECT_EQ(stage, 1);
     EXPECT_EQ(kestal_check_service(opened), 1);
     EXPECT_EQ(kestal_break_service(opened) + kestal_close_service(opened), 0);
     EXPECT_EQ(stage, 2);
+
+    opened = open(nullptr, kestal_ack_service); // one that has finished was started all the same
+    EXPECT_STREQ(opened->m_name, "no service name");
+    wait_until([&] { return kestal_check_service(opened) == 0; });
+    const notice unwanted = [] { return ADD_FAILURE(), 0; };
+    notify(opened, unwanted);
+    EXPECT_EQ(kestal_close_service(opened), 0); // at once
 }
 
 TEST_F(service, a_start_that_fails_gives_null)
@@ -82,23 +76,7 @@ TEST_F(service, a_start_that_fails_gives_null)
     const kestal_test::caught_assertions reports;
     EXPECT_EQ(open("too large", until_break, UINT64_MAX), nullptr);
     EXPECT_EQ(reports.messages(), std::vector<std::string>{"pthread_create failed !"});
-    const auto scenario = [] {
-        kestal_close_service(open(nullptr, until_break));
-        EXPECT_EQ(kestal_thread_pool_wait(60000), 0);
-    };
-    EXPECT_EQ(kestal_test::with_each_allocation_failing(scenario), 2u);
-}
-
-TEST_F(service, one_that_has_finished_was_started_and_closes_at_once)
-{
-    const body ack_only = kestal_ack_service;
-    kestal_service_t *opened = open(nullptr, ack_only);
-    ASSERT_NE(opened, nullptr);
-    EXPECT_STREQ(opened->m_name, "no service name");
-    wait_until([&] { return kestal_check_service(opened) == 0; });
-    const notice unwanted = [] { return ADD_FAILURE(), 0; };
-    notify(opened, unwanted);
-    EXPECT_EQ(kestal_close_service(opened), 0);
+    EXPECT_EQ(kestal_test::with_each_allocation_failing([] { kestal_close_service(open(nullptr, until_break)); }), 2u);
 }
 
 TEST_F(service, a_close_with_a_limit_leaves_a_stubborn_one_behind)
@@ -113,7 +91,6 @@ TEST_F(service, a_close_with_a_limit_leaves_a_stubborn_one_behind)
     };
     for (const int32_t limit : {0, 20}) {
         kestal_service_t *opened = open("stubborn", stubborn);
-        ASSERT_NE(opened, nullptr);
         notify(opened, count);
         EXPECT_EQ(kestal_close_service_ex(opened, limit), 0);
     }
@@ -122,49 +99,37 @@ TEST_F(service, a_close_with_a_limit_leaves_a_stubborn_one_behind)
     EXPECT_EQ(kestal_thread_pool_wait(60000), 0);
 }
 
-TEST_F(service, the_close_notify_handler_is_called_after_each_wait_until_it_is_content)
+TEST_F(service, slow_starts_and_stops_are_reported_and_the_closer_notifies_until_it_is_heard)
 {
     const caught_errors errors;
     std::atomic<int> calls{0};
     const notice third_time = [&] { return ++calls < 3 ? -1 : 0; };
-    const body blocked = [&](kestal_service_t *self) {
-        kestal_ack_service(self);
-        wait_until([&] { return kestal_break_service(self) == 1; });
+    // Makes a minute go by, and ends the other side's waits until something has come of it.
+    const auto keep_waiting = [](kestal_service_t *self, const std::function<bool()> &enough) {
         kestal_test::advance_clock(60000);
-        wait_until([&] {
-            kestal_ack_service(self); // ends the closer's wait
-            return calls == 3;
-        });
+        wait_until([&] { return kestal_lock_condition_wakeup(&self->m_lock_condition), enough(); });
     };
-    kestal_service_t *opened = open("blocked", blocked);
-    ASSERT_NE(opened, nullptr);
+    const body slow = [&](kestal_service_t *self) {
+        keep_waiting(self, [&] { return !errors.text().empty(); });
+        until_break(self);
+        keep_waiting(self, [&] { return calls == 3; });
+    };
+    kestal_service_t *opened = open("slow", slow);
     notify(opened, third_time);
     EXPECT_EQ(kestal_close_service(opened), 0);
     EXPECT_EQ(calls, 3);
-    expect_warning(errors, "stop service (name=\"blocked");
+    const std::string frame = "\n-=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=- -=*=-\n";
+    const std::string text = numbers_masked(numbers_masked(errors.text(), "\", "), "N.");
+    for (const std::string event : {"start", "stop"})
+        EXPECT_NE(
+            text.find(frame + "kestal_ulx: [WARNING] wait for " + event + " service (name=\"slow\", N.N sec)" + frame),
+            std::string::npos)
+            << text;
 }
 
-TEST_F(service, a_slow_start_is_reported_and_waited_for)
-{
-    const caught_errors errors;
-    const body slow = [&](kestal_service_t *self) {
-        kestal_test::advance_clock(60000);
-        wait_until([&] {
-            kestal_lock_condition_wakeup(&self->m_lock_condition);
-            return !errors.text().empty();
-        });
-        until_break(self);
-    };
-    kestal_service_t *opened = open("slow", slow);
-    ASSERT_NE(opened, nullptr);
-    expect_warning(errors, "start service (name=\"slow");
-    EXPECT_EQ(kestal_close_service(opened), 0);
-}
-
-TEST_F(service, carries_flags_and_data_for_its_users)
+TEST_F(service, carries_flags_and_data_for_its_users_and_null_is_refused)
 {
     kestal_service_t *opened = open("flags", until_break);
-    ASSERT_NE(opened, nullptr);
     EXPECT_EQ(kestal_get_lock_flags_service(opened), 0u);
     EXPECT_EQ(kestal_set_lock_flags_service(opened, 0xF0), 0xF0u);
     EXPECT_EQ(kestal_clear_lock_flags_service(opened, 0x30), 0xC0u);
@@ -180,20 +145,16 @@ TEST_F(service, carries_flags_and_data_for_its_users)
     EXPECT_EQ(kestal_set_user_data_service(opened, &opened), 0);
     EXPECT_EQ(kestal_get_user_data_service(opened), &opened);
     EXPECT_EQ(kestal_close_service_ex(opened, 60000), 0);
-}
 
-TEST_F(service, null_is_refused)
-{
     for (auto *call : {kestal_close_service, kestal_check_service, kestal_break_service, kestal_try_lock_flags_service,
                        kestal_lock_flags_service, kestal_unlock_flags_service})
         EXPECT_EQ(call(nullptr), -1);
-    kestal_ack_service(nullptr);
-    kestal_error_service(nullptr);
+    for (auto *call : {kestal_ack_service, kestal_error_service})
+        call(nullptr);
     EXPECT_EQ(kestal_service_register_close_notify_handler(nullptr, nullptr, nullptr), -1);
-    EXPECT_EQ(kestal_get_lock_flags_service(nullptr) + kestal_set_lock_flags_service(nullptr, 1), 0u);
-    EXPECT_EQ(kestal_get_lock_flags_ptr_service(nullptr), nullptr);
-    EXPECT_EQ(kestal_get_user_data_service(nullptr), nullptr);
     EXPECT_EQ(kestal_set_user_data_service(nullptr, nullptr), -1);
+    EXPECT_EQ(kestal_get_lock_flags_service(nullptr) + kestal_set_lock_flags_service(nullptr, 1), 0u);
+    EXPECT_EQ(kestal_get_lock_flags_ptr_service(nullptr), kestal_get_user_data_service(nullptr));
 }
 
 TEST_F(service, many_open_and_close_at_once)
@@ -201,11 +162,8 @@ TEST_F(service, many_open_and_close_at_once)
     std::vector<std::jthread> threads;
     for (int t = 0; t < 6; ++t)
         threads.emplace_back([limit = t % 2 == 0 ? -1 : 0] {
-            for (int i = 0; i < 50; ++i) {
-                kestal_service_t *opened = open("one of many", until_break);
-                ASSERT_NE(opened, nullptr);
-                EXPECT_EQ(kestal_close_service_ex(opened, limit), 0);
-            }
+            for (int i = 0; i < 50; ++i)
+                EXPECT_EQ(kestal_close_service_ex(open("one of many", until_break), limit), 0);
         });
 }
 

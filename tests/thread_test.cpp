@@ -9,16 +9,9 @@ using kestal_test::wait_until;
 
 namespace {
 
-struct counters {
-    uint64_t threads, active, ready, max;
+struct now {
+    uint64_t active = 0, ready = 0, max = 0, threads = kestal_get_thread_count(&active, &ready, &max);
 };
-
-counters read()
-{
-    counters now{};
-    now.threads = kestal_get_thread_count(&now.active, &now.ready, &now.max);
-    return now;
-}
 
 // A job that tells its thread and then waits to be let go.
 struct job {
@@ -48,45 +41,45 @@ struct job {
 // Lets a job end and waits until its worker is idle.
 void finish_and_stay(job &ending)
 {
-    const uint64_t ready = read().ready;
+    const uint64_t ready = now().ready;
     ending.finish();
-    wait_until([&] { return read().ready == ready + 1; });
+    wait_until([&] { return now().ready == ready + 1; });
 }
 
 class thread : public kestal_test::counted {
 protected:
     void TearDown() override
     {
-        EXPECT_EQ(kestal_thread_pool_wait(60000), 0);
-        EXPECT_EQ(read().threads + read().active + read().ready, 0u);
+        counted::TearDown(); // waits for the threads
+        EXPECT_EQ(now().threads + now().active + now().ready, 0u);
         kestal_set_thread_pool(0, 0);
-        counted::TearDown();
     }
 };
 
 TEST_F(thread, without_a_pool_every_job_has_a_thread_of_its_own)
 {
-    job first, second;
+    job first, second(1); // a stack of the least size that the system allows
     EXPECT_NE(first.thread_id, second.thread_id);
     EXPECT_NE(first.thread_id, kestal_get_thread_id());
-    EXPECT_EQ(read().threads + read().active, 4u);
-    EXPECT_GE(read().max, 2u);
+    EXPECT_EQ(now().threads + now().active, 4u);
+    EXPECT_GE(now().max, 2u);
     first.finish();
     EXPECT_EQ(kestal_thread_pool_wait_ex(1, 60000, 1), 0);
-    EXPECT_EQ(kestal_get_thread_count(nullptr, nullptr, nullptr), 1u);
-    EXPECT_EQ(read().ready, 0u);
+    EXPECT_EQ(kestal_get_thread_count(nullptr, nullptr, nullptr) + now().ready, 1u);
     second.finish();
-    EXPECT_EQ(kestal_detached_thread(nullptr, nullptr), -1);
 }
 
 TEST_F(thread, target_and_limit_say_how_many_workers_stay_idle_while_a_job_runs)
 {
     kestal_set_thread_pool(2, 0);
     {
-        job only;
-        EXPECT_EQ(read().threads, 2u);
-        EXPECT_EQ(read().ready, 1u);
-        only.finish();
+        job first;
+        EXPECT_EQ(now().threads, 2u);
+        EXPECT_EQ(now().ready, 1u);
+        job second; // takes the idle one; two jobs need no spare
+        EXPECT_EQ(now().threads, 2u);
+        first.finish();
+        second.finish();
         EXPECT_EQ(kestal_thread_pool_wait(60000), 0); // with no job left the idle ones go
     }
     kestal_set_thread_pool(0, 1);
@@ -94,7 +87,7 @@ TEST_F(thread, target_and_limit_say_how_many_workers_stay_idle_while_a_job_runs)
     finish_and_stay(first);
     second.finish();
     EXPECT_EQ(kestal_thread_pool_wait_ex(2, 60000, 0), 0);
-    EXPECT_EQ(read().ready, 1u);
+    EXPECT_EQ(now().ready, 1u);
     keeper.finish();
 }
 
@@ -102,18 +95,17 @@ TEST_F(thread, idle_workers_are_reused_by_stack_size_last_in_first_out)
 {
     kestal_set_thread_pool(0, 8);
     job keeper, first, second, large(1 << 20);
-    finish_and_stay(first);
-    finish_and_stay(large);
-    finish_and_stay(second);
-    EXPECT_EQ(read().threads, 4u);
+    for (job *ending : {&first, &large, &second})
+        finish_and_stay(*ending);
+    EXPECT_EQ(now().threads, 4u);
     job third;
     EXPECT_EQ(third.thread_id, second.thread_id);
     job fourth;
     EXPECT_EQ(fourth.thread_id, first.thread_id);
     job larger(1 << 21), again(1 << 20);
     EXPECT_EQ(again.thread_id, large.thread_id);
-    EXPECT_EQ(read().threads, 5u); // no idle one had the larger stack
-    EXPECT_EQ(read().ready, 0u);
+    EXPECT_EQ(now().threads, 5u); // no idle one had the larger stack
+    EXPECT_EQ(now().ready, 0u);
     for (job *ending : {&third, &fourth, &larger, &again, &keeper})
         ending->finish();
 }
@@ -133,8 +125,7 @@ TEST_F(thread, jobs_that_cannot_be_started_are_refused)
     const kestal_test::caught_assertions reports;
     EXPECT_EQ(kestal_detached_thread_ex([](void *) { ADD_FAILURE(); }, nullptr, UINT64_MAX), -1);
     EXPECT_EQ(reports.messages(), std::vector<std::string>{"pthread_create failed !"});
-    job tiny(1); // the least that the system allows
-    tiny.finish();
+    EXPECT_EQ(kestal_detached_thread(nullptr, nullptr), -1);
 }
 
 TEST_F(thread, waiting_reports_when_asked_and_dumps_show_the_threads)

@@ -4,9 +4,10 @@
  * first come, first served. A newcomer never passes a waiter.
  *
  * The memory is the caller's (made ready by kestal_init_lock or KESTAL_LOCK_INITIALIZER) or comes from
- * kestal_new_lock; it must not move while in use. Any thread may call anything, and any thread may unlock. Tags name
- * the code that initialised, holds or waits, for the diagnostics; the name is not copied and must stay valid. A lock
- * says nothing about its troubles unless its owner sets the message bits in `m_flags`; they go to the error sink.
+ * kestal_new_lock; it must not move while in use. Any thread may call anything, and any thread may unlock; a thread must
+ * not be cancelled while it waits. Tags name the code that initialised, holds or waits, for the diagnostics; the name is
+ * not copied and must stay valid. A lock says nothing about its troubles unless its owner sets the message bits in
+ * `m_flags`; they go to the error sink.
  */
 #ifndef KESTAL_ULX_LOCK_H
 #define KESTAL_ULX_LOCK_H

@@ -52,8 +52,8 @@ KESTAL_API kestal_signal_node_t *kestal_add_signal(uint32_t number, kestal_signa
 
 /**
  * Detaches a handler and releases its node. When it was the signal's last, the prior action is put back, and the
- * signal's count starts again at 0. Once the call is back, the handler neither runs nor will run: the call waits for
- * other threads that are in it. Returns 0, or -1 for null.
+ * signal's count starts again at 0. Once the call is back, the handler neither runs nor will run: the call waits for a
+ * moment at which no thread is in any dispatched handler. Returns 0, or -1 for null.
  */
 KESTAL_API int32_t kestal_del_signal(kestal_signal_node_t *node);
 

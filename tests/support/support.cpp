@@ -124,6 +124,7 @@ uint64_t with_each_allocation_failing(const std::function<void()> &scenario, uin
             scenario();
             failed = failing.happened();
         }
+        EXPECT_EQ(kestal_thread_pool_wait(60000), 0) << "threads left behind";
         EXPECT_EQ(kestal_get_alloc_count(), before) << "blocks left behind when allocation " << nth << " failed";
         if (!failed)
             return nth - 1;

@@ -15,11 +15,15 @@
 
 namespace kestal_test {
 
-// A test whose live-block count must end where it began.
+// A test whose live-block count must end where it began, once its threads are gone.
 class counted : public testing::Test {
 protected:
     void SetUp() override { blocks_ = kestal_get_alloc_count(); }
-    void TearDown() override { EXPECT_EQ(kestal_get_alloc_count(), blocks_) << "live blocks left behind"; }
+    void TearDown() override
+    {
+        EXPECT_EQ(kestal_thread_pool_wait(60000), 0) << "threads left behind";
+        EXPECT_EQ(kestal_get_alloc_count(), blocks_) << "live blocks left behind";
+    }
 
 private:
     uint64_t blocks_ = 0;
@@ -37,8 +41,8 @@ public:
     bool happened() const;
 };
 
-// Runs the scenario with the 1st, 2nd, 3rd ... allocation failing, until one run meets no failure. After each run the
-// live-block count must be where it was. Returns the number of failures met, so that a test can ask for at least one.
+// Runs the scenario with the 1st, 2nd, 3rd ... allocation failing, until one run meets no failure. After each run, once
+// its threads are gone, the live-block count must be where it was. Returns the number of failures met, so that a test can ask for at least one.
 uint64_t with_each_allocation_failing(const std::function<void()> &scenario, uint64_t most = 10000);
 
 // While it lives, assertion reports are kept here instead of being printed.

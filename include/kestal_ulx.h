@@ -72,7 +72,9 @@
 #include <kestal_ulx/fbmap.h>
 #include <kestal_ulx/fbmap_draw.h>
 #include <kestal_ulx/fbmap_get.h>
+#include <kestal_ulx/fbmap_pattern.h>
 #include <kestal_ulx/fbmap_record.h>
+#include <kestal_ulx/fbmap_text.h>
 #include <kestal_ulx/fbmap_update.h>
 #include <kestal_ulx/geometry.h>
 #include <kestal_ulx/raw_bitmap.h>

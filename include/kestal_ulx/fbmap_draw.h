@@ -1,7 +1,7 @@
 /**
  * @file
- * Drawing into a frame-buffer map's own pixels: pixels, lines, boxes, circles, floods, text with the map's brush, and two
- * test patterns, at 8, 16, 24 and 32 bits per pixel; another depth reports "not supported" and gives -1.
+ * Drawing into a frame-buffer map's own pixels: pixels, lines, boxes, circles and floods, at 8, 16, 24 and 32 bits per
+ * pixel; another depth reports "not supported" and gives -1. Text stands in fbmap_text.h, patterns in fbmap_pattern.h.
  *
  * Coordinates are pixels of the map, and may lie anywhere: what is outside the map is left out. Colours are in the map's
  * format; kestal_fbmap_convert_color brings others there. Nothing reaches the display: a shown map notes what was drawn,
@@ -47,34 +47,6 @@ KESTAL_API int32_t kestal_fbmap_draw_circle(kestal_fbmap_t *map, uint32_t color,
  * below, the new colour. 0 also when it has that colour already. -1 also when memory runs out; part is then flooded.
  */
 KESTAL_API int32_t kestal_fbmap_draw_fill(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y);
-
-/**
- * Draws a UTF-8 text with the map's brush at its cursor, which moves on. Lines that reach the map's right edge wrap. A line
- * feed starts a new line, a carriage return goes to the line's begin, a backspace goes 8 pixels (and the interval) back.
- * Returns the number of characters processed; malformed UTF-8 ends the text. 0 for a null map.
- */
-KESTAL_API int32_t kestal_fbmap_draw_puts(kestal_fbmap_t *map, const char *text);
-
-/** Formats (format.h) and draws as kestal_fbmap_draw_puts. 0 when memory is short. The list is used up. */
-KESTAL_API int32_t kestal_fbmap_draw_vprintf(kestal_fbmap_t *map, const char *format, va_list list);
-
-/** kestal_fbmap_draw_vprintf with the arguments themselves. */
-KESTAL_API int32_t kestal_fbmap_draw_printf(kestal_fbmap_t *map, const char *format, ...);
-
-/**
- * Draws a ruler into the box at (x, y): a cross at its centre, lines inset by the margins with ticks every 5 pixels and
- * numbers every 50, their diagonals, and a circle around the centre of the map. The brush is set for the numbers and stays
- * so. -1 when the width or height is 0.
- */
-KESTAL_API int32_t kestal_fbmap_draw_ruler(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y, uint32_t width,
-                                           uint32_t height, uint32_t x_margin, uint32_t y_margin);
-
-/**
- * Draws a colour bar of the given alpha (0 to 255) into the box at (x, y): seven vertical bars, white, yellow, cyan, green,
- * magenta, red, blue; in mode 1 with two rows more below them. -1 when the width or height is 0.
- */
-KESTAL_API int32_t kestal_fbmap_draw_color_bar(kestal_fbmap_t *map, uint32_t mode, uint32_t alpha, int32_t x, int32_t y,
-                                               uint32_t width, uint32_t height);
 
 KESTAL_END_DECLS
 

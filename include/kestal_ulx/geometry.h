@@ -2,8 +2,8 @@
  * @file
  * Rectangles and angles in whole pixels: what the picture modules place, split and turn with.
  *
- * A rectangle covers m_x to m_x + m_width - 1 and m_y to m_y + m_height - 1; it may reach beyond 32 bits, and is empty when
- * its width or height is 0. y grows downwards. All calls are pure: any thread may make them at any time.
+ * A rectangle covers m_x to m_x + m_width - 1 and m_y to m_y + m_height - 1; it is empty when its width or height is 0.
+ * Parts beyond 2147483647 do not count. y grows downwards. All calls are pure: any thread may make them at any time.
  */
 #ifndef KESTAL_ULX_GEOMETRY_H
 #define KESTAL_ULX_GEOMETRY_H

@@ -1,0 +1,335 @@
+#include "support.hpp"
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+
+using kestal_test::caught_assertions;
+using kestal_test::caught_errors;
+using kestal_test::counted;
+using kestal_test::with_each_allocation_failing;
+
+namespace {
+
+class fbmap_update : public counted {};
+
+uint32_t pixel_of(const kestal_raw_bitmap_t &bitmap, uint32_t bytes, int64_t x, int64_t y)
+{
+    uint32_t value = 0;
+    memcpy(&value, static_cast<uint8_t *>(bitmap.m_pixels) + y * static_cast<int64_t>(bitmap.m_line_length) + x * bytes,
+           bytes);
+    return value;
+}
+
+uint32_t pixel_of(const kestal_fbmap_t *map, int64_t x, int64_t y)
+{
+    return pixel_of(map->m_bitmap, map->m_bits_per_pixel / 8, x, y);
+}
+
+bool is_palette(uint32_t code)
+{
+    return code == KESTAL_COLOR_DDDP0008;
+}
+
+// One pixel of a map over one of the root, as the settings say, at 8 bits a channel.
+uint32_t painted(const kestal_fbmap_t *map, uint32_t over, uint32_t root_code, uint32_t under)
+{
+    const uint32_t code = map->m_bitmap.m_color_interface;
+    uint32_t bits = map->m_bits_per_pixel;
+    const uint32_t key = bits == 32 ? map->m_ccolor : map->m_ccolor & ((1u << bits) - 1);
+    if ((map->m_flags & KESTAL_FBMAP_CCOLOR) != 0 && over == key)
+        return under;
+    const bool window = (map->m_flags & KESTAL_FBMAP_ALPHA_WINDOW) != 0;
+    const bool pixel = (map->m_flags & KESTAL_FBMAP_ALPHA_PIXEL) != 0 && code == KESTAL_COLOR_ARGB8888;
+    const bool opaque = (map->m_flags & KESTAL_FBMAP_NO_ALPHA_TRANSFER) != 0;
+    double alpha = window ? std::min(map->m_alpha_window, 255u) : 255;
+    if (pixel)
+        alpha = std::floor(alpha * (over >> 24) / 255 + 0.5);
+    const uint32_t same = kestal_convert_color(root_code, code, over);
+    if (is_palette(root_code))
+        return alpha >= 128 ? same : under;
+    uint32_t above = kestal_convert_color(KESTAL_COLOR_ARGB8888, code, over);
+    if ((pixel || opaque) && root_code == KESTAL_COLOR_ARGB8888)
+        above |= 0xFF000000u;
+    if (alpha == 255)
+        return kestal_convert_color(root_code, KESTAL_COLOR_ARGB8888, above);
+    const uint32_t below = kestal_convert_color(KESTAL_COLOR_ARGB8888, root_code, under);
+    uint32_t mixed = 0;
+    for (uint32_t shift = 0; shift < 32; shift += 8) {
+        const double sum = (above >> shift & 255u) * alpha + (below >> shift & 255u) * (255 - alpha);
+        mixed |= static_cast<uint32_t>(sum / 255 + 0.5) << shift;
+    }
+    return kestal_convert_color(root_code, KESTAL_COLOR_ARGB8888, mixed);
+}
+
+// A root with a tree of maps over it, an opaque one as large as the root at the back, and the picture that a painter
+// makes of it, who paints every map whole, from the back to the front.
+class scene {
+public:
+    static constexpr int64_t width = 61;
+    static constexpr int64_t height = 47;
+
+    scene(uint32_t code, uint32_t seed) : code_(code), random_(seed)
+    {
+        root_ = kestal_new_fbmap(nullptr, KESTAL_FBMAP_OWN_MEMORY, code, 0, 0, width, height, 0, "_master");
+        back_ = kestal_new_fbmap(root_, KESTAL_FBMAP_OWN_MEMORY, 0, 0, 0, 0, 0, 0, nullptr);
+        root_->m_operations.m_transfer = end_of_redraw;
+        back_->m_operations.m_get_box = watched_get_box;
+        scribble(back_);
+        kestal_fbmap_update(back_);
+        for (uint32_t i = 1; i <= 9; ++i)
+            add(i);
+    }
+    ~scene() { kestal_free_fbmap(root_); }
+
+    // One random change. Then the root must show the painter's picture, and only what could have changed is written.
+    void step()
+    {
+        const std::vector<uint32_t> before = painting();
+        kestal_fbmap_t *map = maps_[below(maps_.size())];
+        seen_region_.assign(static_cast<size_t>(width * height), false);
+        mark_region(map);
+        invert_root();
+        const std::string what = change(map);
+        mark_region(map);
+        const std::vector<uint32_t> after = painting();
+        for (int64_t y = 0; y < height; ++y)
+            for (int64_t x = 0; x < width; ++x)
+                check(what, x, y, before[place(x, y)], after[place(x, y)]);
+        restore(after);
+    }
+
+private:
+    static size_t place(int64_t x, int64_t y) { return static_cast<size_t>(y * width + x); }
+    uint32_t below(size_t limit) { return static_cast<uint32_t>(random_() % limit); }
+    int32_t between(int32_t least, int32_t most)
+    {
+        return least + static_cast<int32_t>(below(static_cast<size_t>(most - least + 1)));
+    }
+    uint32_t mask() const
+    {
+        return code_ == 0 ? 0 : root_->m_bits_per_pixel == 32 ? UINT32_MAX : (1u << root_->m_bits_per_pixel) - 1;
+    }
+
+    void add(uint32_t identifier)
+    {
+        kestal_fbmap_t *parent = maps_.empty() || below(2) == 0 ? root_ : maps_[below(maps_.size())];
+        const uint32_t codes[] = {0, 0, KESTAL_COLOR_ARGB8888, KESTAL_COLOR_DRGB0565};
+        const uint32_t code = is_palette(code_) ? 0 : codes[below(code_ == KESTAL_COLOR_DRGB0233 ? 3 : 4)];
+        uint32_t flags = KESTAL_FBMAP_OWN_MEMORY | KESTAL_FBMAP_HIDDEN;
+        kestal_fbmap_t *map = kestal_new_fbmap(parent, flags, code, between(-20, 55), between(-20, 40), 1 + below(60),
+                                               1 + below(50), identifier, "%d", identifier);
+        map->m_operations.m_get_box = watched_get_box;
+        scribble(map);
+        maps_.push_back(map);
+    }
+
+    void scribble(kestal_fbmap_t *map)
+    {
+        auto *row = static_cast<uint8_t *>(map->m_bitmap.m_pixels);
+        // Few colours, so that keys and full and no alpha come up.
+        const uint32_t palette[] = {0xFF102030u, 0x80FF00FFu, 0x00C0FFEEu, 0xFFFFFFFFu, 0x3D7A5C91u};
+        const uint32_t bytes = map->m_bits_per_pixel / 8;
+        for (uint32_t i = 0; i < map->m_bitmap.m_width * map->m_bitmap.m_height; ++i)
+            memcpy(row + i * bytes, &palette[below(std::size(palette))], bytes);
+        if ((map->m_flags & KESTAL_FBMAP_HIDDEN) == 0)
+            map->m_update = {0, 0, map->m_bitmap.m_width, map->m_bitmap.m_height};
+    }
+
+    std::string change(kestal_fbmap_t *map)
+    {
+        const auto name = [&](const char *what) { return what + std::string(" ") + map->m_name; };
+        switch (below(11)) {
+        case 0:
+        case 1:
+            EXPECT_EQ(kestal_fbmap_show(map), 0);
+            return name("show");
+        case 2:
+            EXPECT_EQ(kestal_fbmap_hide(map), 0);
+            return name("hide");
+        case 3:
+        case 4:
+            EXPECT_EQ(kestal_fbmap_move(map, between(-30, 60), between(-30, 50)), 0);
+            return name("move");
+        case 5:
+            EXPECT_EQ(kestal_fbmap_resize(map, between(-9, 30), between(-9, 30), 1 + below(60), 1 + below(50)), 0);
+            return name("resize");
+        case 6:
+            scribble(map);
+            EXPECT_EQ(kestal_fbmap_update(map), 0);
+            return name("draw");
+        case 7:
+            EXPECT_EQ(kestal_fbmap_set_ccolor(map, pixel_of(map, 0, 0)), 0);
+            EXPECT_EQ(kestal_fbmap_use_ccolor(map, below(2)), 0);
+            return name("colour key");
+        case 8:
+            EXPECT_EQ(kestal_fbmap_set_alpha_window(map, below(3) == 0 ? 255 : below(300)), 0);
+            EXPECT_EQ(kestal_fbmap_use_alpha_window(map, below(2)), 0);
+            return name("window alpha");
+        case 9:
+            EXPECT_EQ(kestal_fbmap_use_alpha_pixel(map, below(2)), 0);
+            return name("alpha of pixels");
+        default:
+            EXPECT_EQ(kestal_fbmap_use_alpha_transfer(map, below(2)), 0);
+            return name("alpha transfer");
+        }
+    }
+
+    // Where a map and its children are seen.
+    void mark_region(const kestal_fbmap_t *map)
+    {
+        int64_t left = 0, top = 0, right = map->m_bitmap.m_width, bottom = map->m_bitmap.m_height;
+        for (const kestal_fbmap_t *at = map; at->m_parent != nullptr; at = at->m_parent) {
+            left = std::max<int64_t>(left + at->m_x, 0);
+            top = std::max<int64_t>(top + at->m_y, 0);
+            right = std::min<int64_t>(right + at->m_x, at->m_parent->m_bitmap.m_width);
+            bottom = std::min<int64_t>(bottom + at->m_y, at->m_parent->m_bitmap.m_height);
+        }
+        for (int64_t y = top; y < bottom; ++y)
+            for (int64_t x = left; x < right; ++x)
+                seen_region_[place(x, y)] = true;
+    }
+
+    struct clip {
+        int64_t left, top, right, bottom;
+    };
+
+    void paint(std::vector<uint32_t> &canvas, const kestal_fbmap_t *map, int64_t x, int64_t y, clip inside) const
+    {
+        if (map == nullptr)
+            return;
+        paint(canvas, map->m_next, x, y, inside);
+        const int64_t left = x + map->m_x, top = y + map->m_y;
+        const clip seen = {std::max(inside.left, left), std::max(inside.top, top),
+                           std::min(inside.right, left + map->m_bitmap.m_width),
+                           std::min(inside.bottom, top + map->m_bitmap.m_height)};
+        if ((map->m_flags & KESTAL_FBMAP_HIDDEN) == 0)
+            for (int64_t row = seen.top; row < seen.bottom; ++row)
+                for (int64_t column = seen.left; column < seen.right; ++column) {
+                    uint32_t &at = canvas[place(column, row)];
+                    at = painted(map, pixel_of(map, column - left, row - top), code_, at);
+                }
+        paint(canvas, map->m_child, left, top, seen);
+    }
+
+    std::vector<uint32_t> painting() const
+    {
+        std::vector<uint32_t> canvas(static_cast<size_t>(width * height));
+        paint(canvas, root_->m_child, 0, 0, {0, 0, width, height});
+        return canvas;
+    }
+
+    void check(const std::string &what, int64_t x, int64_t y, uint32_t before, uint32_t after)
+    {
+        const uint32_t shown = pixel_of(root_, x, y);
+        if (shown != (~before & mask())) {
+            ASSERT_EQ(shown, after) << what << " at " << x << ", " << y;
+            ASSERT_TRUE(seen_region_[place(x, y)]) << what << " wrote " << x << ", " << y;
+        } else if (shown != after) {
+            ASSERT_EQ(before, after) << what << " forgot " << x << ", " << y;
+        }
+    }
+
+    void invert_root()
+    {
+        auto *pixels = static_cast<uint8_t *>(root_->m_bitmap.m_pixels);
+        for (uint64_t i = 0; i < root_->m_bitmap.m_size; ++i)
+            pixels[i] = static_cast<uint8_t>(~pixels[i]);
+    }
+
+    void restore(const std::vector<uint32_t> &picture)
+    {
+        auto *pixels = static_cast<uint8_t *>(root_->m_bitmap.m_pixels);
+        const uint32_t bytes = root_->m_bits_per_pixel / 8;
+        for (size_t i = 0; i < picture.size(); ++i)
+            memcpy(pixels + i * bytes, &picture[i], bytes);
+    }
+
+    // In one redraw a map draws each pixel at most once, and one opaque map at most draws there.
+    static int32_t watched_get_box(kestal_fbmap_t *map, const kestal_raw_bitmap_t *target, int32_t x, int32_t y,
+                                   const kestal_rectangle_t *rectangle, uint32_t blend)
+    {
+        const bool opaque = (map->m_flags & KESTAL_FBMAP_COMPOSED) == 0;
+        for (uint32_t row = 0; row < rectangle->m_height; ++row)
+            for (uint32_t column = 0; column < rectangle->m_width; ++column) {
+                const auto at = place(int64_t{x} + column, int64_t{y} + row);
+                EXPECT_TRUE(drawn_.insert({opaque ? nullptr : map, at}).second);
+            }
+        map->m_operations.m_get_box = nullptr;
+        const int32_t result = kestal_fbmap_get_box(map, target, x, y, rectangle, blend);
+        map->m_operations.m_get_box = watched_get_box;
+        return result;
+    }
+
+    static int32_t end_of_redraw(kestal_fbmap_t *)
+    {
+        drawn_.clear();
+        return 0;
+    }
+
+    uint32_t code_;
+    std::mt19937 random_;
+    kestal_fbmap_t *root_ = nullptr;
+    kestal_fbmap_t *back_ = nullptr;
+    std::vector<kestal_fbmap_t *> maps_;
+    std::vector<bool> seen_region_;
+    static inline std::set<std::pair<const kestal_fbmap_t *, size_t>> drawn_;
+};
+
+TEST_F(fbmap_update, the_root_shows_what_a_painter_would_paint)
+{
+    for (const uint32_t code : {KESTAL_COLOR_DDDP0008, KESTAL_COLOR_DRGB0233, KESTAL_COLOR_DRGB0565,
+                                KESTAL_COLOR_DRGB0888, KESTAL_COLOR_ARGB8888})
+        for (uint32_t seed = 0; seed < 3; ++seed) {
+            scene tree(code, seed);
+            for (int step = 0; step < 150 && !HasFatalFailure(); ++step)
+                tree.step();
+        }
+}
+
+kestal_fbmap_t *window(kestal_fbmap_t *parent, int32_t x, int32_t y, uint32_t width, uint32_t height, uint32_t color)
+{
+    kestal_fbmap_t *map =
+        kestal_new_fbmap(parent, KESTAL_FBMAP_OWN_MEMORY, KESTAL_COLOR_ARGB8888, x, y, width, height, 0, nullptr);
+    if (map != nullptr)
+        for (uint32_t i = 0; i < width * height; ++i)
+            static_cast<uint32_t *>(map->m_bitmap.m_pixels)[i] = color;
+    return map;
+}
+
+TEST_F(fbmap_update, failing_allocations_leave_the_tree_whole)
+{
+    const uint64_t failures = with_each_allocation_failing([] {
+        const caught_assertions reports;
+        kestal_fbmap_t *root = window(nullptr, 0, 0, 40, 40, 0);
+        kestal_fbmap_t *back = root == nullptr ? nullptr : window(root, 0, 0, 40, 40, 1);
+        kestal_fbmap_t *middle = back == nullptr ? nullptr : window(root, 5, 5, 20, 20, 2);
+        kestal_fbmap_t *front = middle == nullptr ? nullptr : window(middle, 3, 3, 30, 9, 0x80000003u);
+        bool complete = front != nullptr;
+        for (kestal_fbmap_t *map : {back, middle, front}) {
+            if (map == nullptr)
+                break;
+            const uint32_t color = pixel_of(map, 0, 0);
+            map->m_update = {0, 0, 40, 40};
+            complete = kestal_fbmap_update(map) == 0 && complete;
+            complete = kestal_fbmap_use_alpha_pixel(map, map == front) == 0 && complete;
+            const bool resized = kestal_fbmap_resize(map, 4, 4, 25, 26) == 0;
+            EXPECT_TRUE(map->m_bitmap.m_width == 25 || !resized);
+            EXPECT_EQ(map->m_bitmap.m_size, 4u * map->m_bitmap.m_width * map->m_bitmap.m_height);
+            EXPECT_EQ(pixel_of(map, 0, 0), color);
+            complete = resized && complete;
+        }
+        if (complete) {
+            EXPECT_EQ(pixel_of(root, 4, 4), 2u);
+            EXPECT_EQ(pixel_of(root, 8, 8), 0x80000003u);
+        }
+        if (root != nullptr)
+            kestal_free_fbmap(root);
+    });
+    EXPECT_GT(failures, 15u);
+}
+
+} // namespace

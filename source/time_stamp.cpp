@@ -1,7 +1,6 @@
 #include <kestal_ulx/time_stamp.h>
 
 #include <stdio.h>
-#include <string.h>
 #include <time.h>
 
 namespace {
@@ -43,10 +42,12 @@ char *kestal_asctime(char *buffer, uint64_t size, int32_t style, int64_t when)
     tm local{};
     if (localtime_r(&seconds, &local) == nullptr)
         return nullptr;
-    char format[32] = "";
-    if (style == 0) // the names stand in the format, since strftime would take those of the locale
-        snprintf(format, sizeof format, "%.3s %.3s ", days + 3 * local.tm_wday, months + 3 * local.tm_mon);
-    strcat(format, styles[style]);
+    const char *format = styles[style];
+    char named[32];
+    if (style == 0) { // strftime would take the names of the locale
+        snprintf(named, sizeof named, "%.3s %.3s %s", days + 3 * local.tm_wday, months + 3 * local.tm_mon, format);
+        format = named;
+    }
     if (strftime(buffer, static_cast<size_t>(size), format, &local) == 0) {
         buffer[0] = '\0';
         return nullptr;

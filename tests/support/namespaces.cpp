@@ -20,11 +20,12 @@ constexpr int lacking = 77;
 // Runs the work in a child process: its exit status, failed when anything failed in it.
 int in_child(const std::function<int()> &work)
 {
+    const bool had_failed = testing::Test::HasFailure();
     const pid_t child = fork();
     if (child == 0) {
         const int status = work();
         fflush(nullptr);
-        _exit(status != 0 ? status : testing::Test::HasFailure() ? failed : 0);
+        _exit(status != 0 ? status : testing::Test::HasFailure() && !had_failed ? failed : 0);
     }
     int status = 0;
     waitpid(child, &status, 0);

@@ -173,6 +173,15 @@ settings parse_command_line(int argc, char **argv)
     return wanted;
 }
 
+// A file that is opened must not take the place of a standard stream that the starter closed: each gets a stand-in that
+// fails when it is used.
+void occupy_standard_descriptors()
+{
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (fcntl(descriptor, F_GETFD) < 0 && open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY) < 0)
+            fail_with_errno("/dev/null");
+}
+
 void load_plugins(const settings &wanted)
 {
     for (const std::string &path : wanted.plugins) {
@@ -522,7 +531,7 @@ public:
             const uint64_t most = wanted_.bytes ? *wanted_.bytes - done_ + to_be_skipped : UINT64_MAX;
             const size_t length = source_.read(chunk_, most);
             if (length == 0) {
-                check_end();
+                check_end(to_be_skipped);
                 break;
             }
             last_arrival = now;
@@ -569,8 +578,10 @@ private:
         done_ += size;
     }
 
-    void check_end() const
+    void check_end(uint64_t still_to_be_skipped) const
     {
+        if (still_to_be_skipped > 0)
+            fail(source_.name(), "ends before the offset");
         if (source_.has_certain_end() || !whole_)
             return;
         if (done_ < *whole_)
@@ -593,6 +604,7 @@ private:
 
 void run(int argc, char **argv)
 {
+    occupy_standard_descriptors();
     const settings wanted = parse_command_line(argc, argv);
     if (wanted.writes_to_standard_output())
         kestal_set_puts_handler(kestal_error_puts, nullptr);

@@ -36,6 +36,15 @@ kestal_ctx_t *find_ctx(uint32_t id)
     return static_cast<kestal_ctx_t *>(kestal::find_ginstance(id, ctx_type));
 }
 
+// The same for a call on its options, which clears the last error.
+kestal_ctx_t *find_ctx_for_options(uint32_t id)
+{
+    kestal_ctx_t *ctx = find_ctx(id);
+    if (ctx != nullptr)
+        ctx->m_last_error = KESTAL_CTX_ERROR_NONE;
+    return ctx;
+}
+
 bool is_initialized(const kestal_plugin_t &plugin)
 {
     return (plugin.m_flags & KESTAL_PLUGIN_INITIALIZED) != 0;
@@ -441,10 +450,9 @@ const char *kestal_get_ctx_error_text(uint32_t code)
 
 int32_t kestal_ctx_set_option(uint32_t id, uint32_t replace, const char *name, const void *value, uint64_t size)
 {
-    kestal_ctx_t *ctx = find_ctx(id);
+    kestal_ctx_t *ctx = find_ctx_for_options(id);
     if (ctx == nullptr)
         return -1;
-    ctx->m_last_error = KESTAL_CTX_ERROR_NONE;
     if (name == nullptr && replace == all_ones && value == nullptr && size == 0) {
         free_options(*ctx);
         return 0;
@@ -480,8 +488,10 @@ int32_t kestal_ctx_set_option_vfstring(uint32_t id, uint32_t replace, const char
 {
     const owned_block<char> text(kestal_alloc_vsprintf(format, arguments), __func__);
     // Success although nothing was set: callers rely on the option being left alone.
-    if (!text)
+    if (!text) {
+        find_ctx_for_options(id);
         return 0;
+    }
     return kestal_ctx_set_option_string(id, replace, name, text.get());
 }
 
@@ -494,11 +504,8 @@ int32_t kestal_ctx_set_option_int_string(uint32_t id, uint32_t replace, const ch
 
 const kestal_ctx_option_t *kestal_ctx_get_option(uint32_t id, const char *name)
 {
-    kestal_ctx_t *ctx = find_ctx(id);
-    if (ctx == nullptr)
-        return nullptr;
-    ctx->m_last_error = KESTAL_CTX_ERROR_NONE;
-    const kestal_ctx_option_t *option = ctx->m_option_head;
+    const kestal_ctx_t *ctx = find_ctx_for_options(id);
+    const kestal_ctx_option_t *option = ctx == nullptr ? nullptr : ctx->m_option_head;
     while (option != nullptr && !has_name(*option, name))
         option = option->m_next;
     return option;

@@ -1,10 +1,8 @@
-#include "plugins/probe.h"
-#include "support.hpp"
+#include "plugins/probe.hpp"
 
 #include <cstring>
 #include <dlfcn.h>
 #include <filesystem>
-#include <thread>
 
 namespace {
 
@@ -12,71 +10,41 @@ constexpr uint32_t none = KESTAL_INVALID_ID;
 constexpr const char *plugins = KESTAL_TEST_PLUGINS;
 const std::string probe_path = std::string(plugins) + "/probe.so";
 
-uint32_t load(const char *path)
-{
-    return kestal_load_plugin_ex(path, plugins, nullptr, nullptr);
-}
-
 kestal_plugin_t *record(uint32_t id)
 {
     return static_cast<kestal_plugin_t *>(kestal_ginstance_search(id, nullptr));
 }
 
-// Runs in several threads at once, to the end of them all.
 constexpr int crowd = 8;
-void in_threads(const std::function<void(int)> &work)
-{
-    std::vector<std::thread> threads;
-    for (int t = 0; t < crowd; ++t)
-        threads.emplace_back(work, t);
-    for (std::thread &thread : threads)
-        thread.join();
-}
 
-// Keeps two probes in memory, so that they can be set before they are loaded and read after.
 class plugin : public kestal_test::counted {
 protected:
     void SetUp() override
     {
         counted::SetUp();
-        *(probe_ = open("probe.so", libraries_[0])) = {};
-        *(second_ = open("second_probe.so", libraries_[1])) = {};
-        table_ = {};
-        table_.m_base.m_version = table_.m_base.m_revision = 1;
-        table_.m_base.m_size = sizeof table_;
-        probe_->m_interface = &table_.m_base;
-        probe_->m_interface_size = sizeof table_;
+        table_ = empty_table();
+        probe_ = set_probe("probe.so", table_.m_base, nullptr);
+        second_ = set_probe("second_probe.so", table_.m_base, nullptr);
     }
-
     void TearDown() override
     {
         EXPECT_EQ(kestal_get_plugin_info()->m_head, nullptr);
         EXPECT_EQ(kestal_ginstance_alloc_count(nullptr), 0u);
-        for (void *library : libraries_)
-            kestal_close_dynamic_library(library);
         counted::TearDown();
     }
 
     static inline probe_t *probe_, *second_;
     kestal_ctx0_v1_interface_t table_;
-
-private:
-    static probe_t *open(const char *name, void *&library)
-    {
-        library = kestal_open_dynamic_library(name, plugins, KESTAL_DYNAMIC_LIBRARY_NOW);
-        return static_cast<probe_t *>(kestal_import_dynamic_library(library, "probe"));
-    }
-
-    void *libraries_[2];
 };
 
 TEST_F(plugin, is_initialised_once_and_counted)
 {
     probe_->m_hint = "test/probe*";
-    const uint32_t id = load("probe.so");
-    ASSERT_NE(id, none);
+    const uint32_t stranger = kestal_ginstance_new_ex(this, "application/ulx_base_ctx", nullptr);
+    const uint32_t id = load_probe("probe.so");
+    ASSERT_EQ(id, stranger + 1);
+    EXPECT_EQ(load_probe("probe.so"), id);
     EXPECT_EQ(kestal_load_plugin(probe_path.c_str(), nullptr, nullptr), id);
-    EXPECT_EQ(load("probe.so"), id);
     EXPECT_EQ(probe_->m_initialized, 1);
     EXPECT_STREQ(kestal_plugin_get_name(id), "probe.so");
     EXPECT_STREQ(kestal_plugin_get_mime_type_hint(id), "test/probe*");
@@ -84,41 +52,47 @@ TEST_F(plugin, is_initialised_once_and_counted)
     EXPECT_STREQ(kestal_ginstance_get_mime_type(id), "application/ulx_base_plugin");
     EXPECT_EQ(std::memcmp(record(id)->m_magic, "WULP", 4), 0);
 
-    const uint32_t other = load("second_probe.so");
+    const uint32_t other = load_probe("second_probe.so");
     EXPECT_EQ(kestal_get_plugin_info()->m_head, record(other)) << "the newest comes first";
     EXPECT_EQ(record(other)->m_next, record(id));
     for (const int32_t unloaded : {0, 0, 1}) {
         EXPECT_EQ(kestal_unload_plugin(id), none);
         EXPECT_EQ(probe_->m_uninitialized, unloaded);
     }
-    EXPECT_EQ(load("probe.so"), id) << "the smallest free id comes first";
+    EXPECT_EQ(load_probe("probe.so"), id) << "the smallest free id comes first";
     EXPECT_EQ(kestal_unload_all_plugin(), 0);
     EXPECT_EQ(probe_->m_uninitialized, 2);
     EXPECT_EQ(second_->m_uninitialized, 1);
+    for (const uint32_t unknown : {stranger, id, none}) {
+        EXPECT_EQ(kestal_unload_plugin(unknown), none);
+        EXPECT_EQ(kestal_plugin_get_name(unknown), nullptr);
+        EXPECT_EQ(kestal_plugin_get_mime_type_hint(unknown), nullptr);
+        EXPECT_EQ(kestal_plugin_execute_main(unknown, 0, nullptr), 1);
+    }
+    EXPECT_EQ(kestal_ginstance_search(stranger, nullptr), this);
+    kestal_ginstance_delete(stranger);
 }
 
 TEST_F(plugin, is_the_same_by_handle_or_base_name)
 {
     const kestal_test::temporary_directory directory;
-    const std::string copy = directory.path("probe.so"), alias = directory.path("alias.so");
-    const std::string other = directory.path("other.so");
+    const std::string copy = directory.path("probe.so"), alias = directory.path("alias.so"),
+                      other = directory.path("other.so");
     std::filesystem::copy(probe_path, copy);
     std::filesystem::create_symlink(probe_path, alias);
     std::filesystem::copy(probe_path, other);
-    const uint32_t id = load("probe.so");
-    EXPECT_EQ(load(copy.c_str()), id);
-    EXPECT_EQ(load(alias.c_str()), id);
+    const uint32_t id = load_probe("probe.so");
+    EXPECT_EQ(load_probe(copy.c_str()), id);
+    EXPECT_EQ(load_probe(alias.c_str()), id);
     EXPECT_EQ(probe_->m_initialized, 1);
-
-    const uint32_t other_id = load(other.c_str());
-    EXPECT_NE(other_id, id);
-    kestal_unload_plugin(other_id);
+    kestal_unload_plugin(load_probe(other.c_str()));
+    EXPECT_NE(record(id), nullptr);
     for (const std::string &path : {copy, other})
         EXPECT_EQ(dlopen(path.c_str(), RTLD_NOW | RTLD_NOLOAD), nullptr) << path << " is still in memory";
     kestal_unload_all_plugin();
 
     const uint32_t built_in = kestal_load_plugin(nullptr, "ignored", "ignored");
-    EXPECT_EQ(load(""), built_in);
+    EXPECT_EQ(load_probe(""), built_in);
     EXPECT_EQ(record(built_in)->m_flags,
               KESTAL_PLUGIN_INITIALIZED | KESTAL_PLUGIN_BUILTIN | KESTAL_PLUGIN_INTERFACE_VALID);
     EXPECT_STREQ(kestal_plugin_get_name(built_in), "");
@@ -161,57 +135,34 @@ TEST_F(plugin, tables_are_judged_by_version_revision_and_size)
         uint32_t version, revision;
         uint64_t size;
         bool valid, given;
+        int main_result;
     } cases[] = {
-        {1, 0, base, true, true},      {1, 0, base - 1, false, true},     {1, 1, extended, true, true},
-        {1, 2, extended, false, true}, {1, 1, extended - 1, false, true}, {0, 0, extended, false, true},
-        {1, 0, 16, false, true},       {1, 0, 15, false, false},
+        {1, 0, base, true, true, 1},           {1, 0, base - 1, false, true, 1}, {1, 1, extended, true, true, 42},
+        {1, 2, extended, false, true, 42},     {0, 0, extended, false, true, 1}, {1, 0, 16, false, true, 1},
+        {1, 1, extended - 1, false, true, 42}, {1, 1, 15, false, false, 1},
     };
-    for (const auto &c : cases) {
-        table_.m_base.m_version = c.version;
-        table_.m_base.m_revision = c.revision;
-        probe_->m_interface_size = c.size;
-        const uint32_t id = load("probe.so");
-        ASSERT_NE(id, none);
-        EXPECT_EQ((record(id)->m_flags & KESTAL_PLUGIN_INTERFACE_VALID) != 0, c.valid) << c.size;
-        EXPECT_EQ(kestal_plugin_get_interface(id) != nullptr, c.given) << c.size;
-        kestal_unload_plugin(id);
-    }
-}
-
-TEST_F(plugin, with_a_main_entry_is_a_program)
-{
     table_.m_base.m_main = [](int argc, char **argv) { return argc + std::atoi(argv[0]); };
     char number[] = "40";
     char *arguments[] = {number, nullptr};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.version << " " << c.revision << " " << c.size);
+        table_.m_base.m_version = c.version;
+        table_.m_base.m_revision = c.revision;
+        probe_->m_interface_size = c.size;
+        const uint32_t id = load_probe("probe.so");
+        EXPECT_EQ((record(id)->m_flags & KESTAL_PLUGIN_INTERFACE_VALID) != 0, c.valid);
+        EXPECT_EQ(kestal_plugin_get_interface(id) != nullptr, c.given);
+        EXPECT_EQ(kestal_plugin_is_executable_main(id), c.main_result == 1 ? -1 : 0);
+        EXPECT_EQ(kestal_plugin_execute_main(id, 2, arguments), c.main_result);
+        kestal_unload_plugin(id);
+    }
+    probe_->m_interface_size = extended;
+    table_.m_base.m_size = base; // reported, and run all the same
+    const kestal_test::caught_assertions caught;
     EXPECT_EQ(kestal_plugin_execute_main_by_plugin_name(probe_path.c_str(), 2, arguments), 42);
     EXPECT_EQ(kestal_plugin_execute_main_by_plugin_name("missing.so", 2, arguments), 1);
-    EXPECT_EQ(probe_->m_uninitialized, 1);
-
-    const kestal_test::caught_assertions caught;
-    const uint32_t id = load("probe.so");
-    EXPECT_EQ(kestal_plugin_is_executable_main(id), 0);
-    EXPECT_TRUE(caught.messages().empty());
-    table_.m_base.m_size = sizeof(kestal_ctx0_v0_interface_t);
-    EXPECT_EQ(kestal_plugin_execute_main(id, 2, arguments), 42) << "reported, and run all the same";
     EXPECT_EQ(caught.messages(),
               std::vector<std::string>{"s_interface_header->m_size >= sizeof(kestal_ctx0_v1_interface_t)"});
-    table_.m_base.m_revision = 0;
-    EXPECT_EQ(kestal_plugin_is_executable_main(id), -1);
-    EXPECT_EQ(kestal_plugin_execute_main(id, 2, arguments), 1);
-    kestal_unload_plugin(id);
-}
-
-TEST_F(plugin, ids_of_others_are_refused)
-{
-    const uint32_t stranger = kestal_ginstance_new_ex(this, "application/ulx_base_ctx", nullptr);
-    for (const uint32_t id : {stranger, stranger + 1, none}) {
-        EXPECT_EQ(kestal_unload_plugin(id), none);
-        EXPECT_EQ(kestal_plugin_get_name(id), nullptr);
-        EXPECT_EQ(kestal_plugin_get_mime_type_hint(id), nullptr);
-        EXPECT_EQ(kestal_plugin_execute_main(id, 0, nullptr), 1);
-    }
-    EXPECT_EQ(kestal_ginstance_search(stranger, nullptr), this);
-    kestal_ginstance_delete(stranger);
 }
 
 TEST_F(plugin, is_initialised_by_one_of_many_loaders_while_the_others_wait)
@@ -228,7 +179,7 @@ TEST_F(plugin, is_initialised_by_one_of_many_loaders_while_the_others_wait)
     };
     for (const int32_t expected : {0, -1}) {
         result = expected;
-        in_threads([](int) { EXPECT_EQ(load("probe.so"), result == 0 ? 0u : none); });
+        kestal_test::in_threads(crowd, [](int) { EXPECT_EQ(load_probe("probe.so"), result == 0 ? 0u : none); });
         EXPECT_EQ(probe_->m_uninitialized, 0);
         for (int i = 0; i < crowd && result == 0; ++i)
             kestal_unload_plugin(0);
@@ -242,21 +193,21 @@ TEST_F(plugin, entry_points_may_load_and_unload_others_but_not_their_own)
     const kestal_test::caught_assertions caught;
     static uint32_t preloaded;
     probe_->m_on_initialize = [] {
-        preloaded = load("second_probe.so");
-        return load("probe.so") == none ? 0 : -1;
+        preloaded = load_probe("second_probe.so");
+        return load_probe("probe.so") == none ? 0 : -1;
     };
     probe_->m_on_uninitialize = [] {
-        EXPECT_EQ(load("probe.so"), none);
+        EXPECT_EQ(load_probe("probe.so"), none);
         preloaded = kestal_unload_plugin(preloaded);
     };
-    kestal_unload_plugin(load("probe.so"));
+    kestal_unload_plugin(load_probe("probe.so"));
     EXPECT_EQ(kestal_get_plugin_info()->m_head, nullptr);
 
     // All at once: the plugin and the one that it loaded end once each, whichever comes first.
-    EXPECT_NE(load("probe.so"), none);
+    EXPECT_NE(load_probe("probe.so"), none);
     kestal_unload_all_plugin();
-    EXPECT_NE(load("second_probe.so"), none);
-    EXPECT_NE(load("probe.so"), none);
+    EXPECT_NE(load_probe("second_probe.so"), none);
+    EXPECT_NE(load_probe("probe.so"), none);
     kestal_unload_all_plugin();
     EXPECT_EQ(probe_->m_uninitialized, 3);
     EXPECT_EQ(second_->m_uninitialized, 3);
@@ -264,7 +215,7 @@ TEST_F(plugin, entry_points_may_load_and_unload_others_but_not_their_own)
     // Unloaded by its own initialize: the load fails, and what did initialise is uninitialised.
     probe_->m_on_uninitialize = nullptr;
     probe_->m_on_initialize = kestal_unload_all_plugin;
-    EXPECT_EQ(load("probe.so"), none);
+    EXPECT_EQ(load_probe("probe.so"), none);
     EXPECT_EQ(probe_->m_uninitialized, 4);
     EXPECT_TRUE(caught.messages().empty());
 }
@@ -275,13 +226,13 @@ TEST_F(plugin, is_loaded_anew_only_when_it_has_left)
     probe_->m_on_uninitialize = [] {
         probe_->m_on_uninitialize = nullptr;
         const uint64_t blocks = kestal_get_alloc_count();
-        loader = std::thread([] { load("probe.so"); });
+        loader = std::thread([] { load_probe("probe.so"); });
         while (kestal_get_alloc_count() == blocks) // until the loader has a record of its own
             std::this_thread::yield();
         kestal_load_balance();
         EXPECT_EQ(probe_->m_initialized, 1);
     };
-    kestal_unload_plugin(load("probe.so"));
+    kestal_unload_plugin(load_probe("probe.so"));
     loader.join();
     EXPECT_EQ(probe_->m_initialized, 2);
     kestal_unload_all_plugin();
@@ -289,16 +240,16 @@ TEST_F(plugin, is_loaded_anew_only_when_it_has_left)
 
 TEST_F(plugin, comes_and_goes_in_many_threads_and_without_memory)
 {
-    in_threads([](int t) {
+    kestal_test::in_threads(crowd, [](int t) {
         for (int i = 0; i < 50; ++i) {
-            const uint32_t id = load((i + t) % 3 == 0 ? "second_probe.so" : "probe.so");
+            const uint32_t id = load_probe((i + t) % 3 == 0 ? "second_probe.so" : "probe.so");
             EXPECT_EQ(record(id)->m_id, id);
             kestal_unload_plugin(id);
         }
     });
     const auto scenario = [] {
-        const uint32_t first = load("probe.so");
-        kestal_unload_plugin(load("probe.so"));
+        const uint32_t first = load_probe("probe.so");
+        kestal_unload_plugin(load_probe("probe.so"));
         kestal_unload_plugin(first);
         EXPECT_EQ(kestal_get_plugin_info()->m_head, nullptr);
     };

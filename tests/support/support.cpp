@@ -163,6 +163,15 @@ std::string numbers_masked(std::string text, const std::string &before)
     return text;
 }
 
+void in_threads(int count, const std::function<void(int)> &work)
+{
+    std::vector<std::thread> threads;
+    for (int t = 0; t < count; ++t)
+        threads.emplace_back(work, t);
+    for (std::thread &thread : threads)
+        thread.join();
+}
+
 caught_errors::caught_errors()
 {
     errors.clear();

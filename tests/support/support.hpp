@@ -104,6 +104,9 @@ void wait_until(Condition condition)
         std::this_thread::yield();
 }
 
+// Runs in so many threads at once, each with its number, to the end of them all.
+void in_threads(int count, const std::function<void(int)> &work);
+
 // A directory of the test's own, removed with all in it.
 class temporary_directory {
 public:

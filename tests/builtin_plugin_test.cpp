@@ -1,8 +1,6 @@
 #include "support.hpp"
 
 #include <cerrno>
-#include <filesystem>
-#include <thread>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -63,27 +61,24 @@ protected:
     uint32_t id_ = none;
 };
 
-TEST_F(builtin_plugin, offers_an_extended_table_and_counts_its_uses)
+TEST_F(builtin_plugin, offers_an_extended_table_without_a_word)
 {
     const char *hint = nullptr;
     const kestal_ctx0_v0_interface_t *table = nullptr;
     uint64_t size = 0;
     EXPECT_EQ(kestal_plugin_initialize_builtin_plugin(&hint, nullptr, &size), -1);
     EXPECT_EQ(kestal_plugin_initialize_builtin_plugin(&hint, &table, nullptr), -1);
-    ASSERT_EQ(kestal_plugin_initialize_builtin_plugin(&hint, &table, &size), 0);
-    EXPECT_STREQ(hint, "application/ulx_base;application/ulx_stream*;application/ulx_fb;application/ulx_linuxfb;"
-                       "application/ulx_windows_dib;application/ulx_multicall*");
-    EXPECT_EQ(table->m_version, 1u);
-    EXPECT_EQ(table->m_revision, 1u);
-    EXPECT_EQ(table->m_size, sizeof(kestal_ctx0_v1_interface_t));
-    EXPECT_EQ(kestal_plugin_uninitialize_builtin_plugin(), 0);
-
     // The library that it would bring along is not there, and nobody says so.
     testing::internal::CaptureStderr();
-    kestal_destroy_ctx(id_);
-    EXPECT_EQ(kestal_get_plugin_info()->m_head, nullptr);
-    id_ = kestal_new_ctx();
+    EXPECT_EQ(kestal_plugin_initialize_builtin_plugin(&hint, &table, &size), 0);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_STREQ(hint, "application/ulx_base;application/ulx_stream*;application/ulx_fb;application/ulx_linuxfb;"
+                       "application/ulx_windows_dib;application/ulx_multicall*");
+    EXPECT_EQ(table->m_version * table->m_revision, 1u);
+    EXPECT_EQ(table->m_size, sizeof(kestal_ctx0_v1_interface_t));
+    EXPECT_EQ(kestal_plugin_uninitialize_builtin_plugin(), 0);
+    EXPECT_EQ(kestal_destroy_ctx(id_), none);
+    EXPECT_EQ(kestal_get_plugin_info()->m_head, nullptr);
 }
 
 TEST_F(builtin_plugin, picks_the_kind_by_type_and_scheme)
@@ -159,16 +154,14 @@ TEST_F(builtin_plugin, reads_writes_and_seeks_files)
     EXPECT_EQ(read_all(), "23456789abc");
 
     uint64_t value[2] = {7, 7};
-    const std::vector<int32_t> refused = {kestal_ctx_control(id_, size_code, nullptr, word),
-                                          kestal_ctx_get_last_error(id_),
-                                          kestal_ctx_control(id_, size_code, value, word - 1),
-                                          kestal_ctx_get_last_error(id_),
-                                          kestal_ctx_control(id_, 0, value, word),
-                                          kestal_ctx_get_last_error(id_)};
-    EXPECT_EQ(refused, (std::vector<int32_t>{-1, 4, -1, 4, -1, 3}));
+    const auto error_of = [this](int32_t result) { return result == 0 ? 0 : kestal_ctx_get_last_error(id_); };
     const caught_assertions reports;
-    EXPECT_EQ(kestal_ctx_control(id_, size_code, value, word), 0);
-    EXPECT_EQ(kestal_ctx_control(id_, size_code, value, word * 2), 0);
+    EXPECT_EQ(error_of(kestal_ctx_control(id_, size_code, nullptr, word)), 4);
+    EXPECT_EQ(error_of(kestal_ctx_control(id_, size_code, value, word - 1)), 4);
+    EXPECT_EQ(error_of(kestal_ctx_control(id_, 0, value, word)), 3);
+    EXPECT_EQ(error_of(kestal_ctx_control(id_, size_code, value, word)), 0);
+    EXPECT_TRUE(reports.messages().empty());
+    EXPECT_EQ(error_of(kestal_ctx_control(id_, size_code, value, word * 2)), 0);
     EXPECT_EQ(reports.messages(), std::vector<std::string>{"s_arg_size == sizeof(*s_arg)"});
     EXPECT_EQ(value[0], 13u);
     EXPECT_EQ(value[1], 7u);
@@ -206,7 +199,7 @@ TEST_F(builtin_plugin, leaves_given_descriptors_and_standard_streams_open)
         dup2(kept, descriptor);
         close(kept);
         kestal_close_ctx(id_);
-        EXPECT_EQ((std::vector<int32_t>{kind, before, after}), (std::vector<int32_t>{104, 1, -1})) << mode;
+        EXPECT_TRUE(kind == 104 && before == 1 && after == -1) << mode;
         EXPECT_NE(fcntl(descriptor, F_GETFD), -1);
     }
 }
@@ -216,21 +209,14 @@ TEST_F(builtin_plugin, serves_plain_contexts_without_a_stream)
     ASSERT_EQ(open("application/ulx_base", ""), 0);
     char byte = 0;
     uint64_t size = 1;
-    const std::vector<int64_t> results = {kestal_ctx_is_readable(id_, 0),
-                                          kestal_ctx_is_writable(id_, 0),
-                                          kestal_ctx_set_last_error(id_, 9),
-                                          kestal_ctx_get_last_error(id_),
-                                          kestal_ctx_execute_main(id_, 0, nullptr),
-                                          kestal_ctx_read(id_, &byte, 1),
-                                          kestal_ctx_write(id_, &byte, 1),
-                                          kestal_ctx_seek(id_, 0, 0),
-                                          kestal_ctx_sync(id_),
-                                          kestal_ctx_set_env(id_, 0, 0, 0, 0),
-                                          kestal_ctx_bcontrol(id_, 0, nullptr, uint64_t{0}),
-                                          kestal_ctx_xcontrol(id_, 0, nullptr, uint64_t{0}),
-                                          kestal_ctx_control(id_, size_code, &size, word),
-                                          kestal_ctx_get_last_error(id_)};
-    EXPECT_EQ(results, (std::vector<int64_t>{1, 1, 0, 9, 1, -1, -1, -1, -1, -1, -1, -1, -1, 3}));
+    EXPECT_EQ(kestal_ctx_is_readable(id_, 0) & kestal_ctx_is_writable(id_, 0), 1);
+    EXPECT_EQ(kestal_ctx_set_last_error(id_, 9), 0);
+    EXPECT_EQ(kestal_ctx_get_last_error(id_), 9);
+    EXPECT_EQ(kestal_ctx_execute_main(id_, 0, nullptr), 1);
+    EXPECT_EQ(kestal_ctx_read(id_, &byte, 1) & kestal_ctx_write(id_, &byte, 1) & kestal_ctx_seek(id_, 0, 0), -1);
+    EXPECT_EQ(kestal_ctx_sync(id_) & kestal_ctx_set_env(id_, 0, 0, 0, 0) & kestal_ctx_bcontrol(id_, 0), -1);
+    EXPECT_EQ(kestal_ctx_xcontrol(id_, 0) & kestal_ctx_control(id_, size_code, &size, word), -1);
+    EXPECT_EQ(kestal_ctx_get_last_error(id_), 3);
     EXPECT_EQ(kestal_ctx_get_env(id_, 0, 0, &size), nullptr);
     EXPECT_EQ(size, 0u);
 }
@@ -240,19 +226,15 @@ TEST_F(builtin_plugin, serves_many_threads)
     const temporary_directory directory;
     const std::string path = directory.file("file", "content");
     kestal_destroy_ctx(id_); // so that the plugin itself comes and goes
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 6; ++t)
-        threads.emplace_back([&path] {
-            for (int i = 0; i < 50; ++i) {
-                const uint32_t stream = kestal_open_ctx_stream(path.c_str(), "rb", 0);
-                char text[8] = {};
-                EXPECT_EQ(kestal_ctx_read(stream, text, 7), 7);
-                EXPECT_STREQ(text, "content");
-                kestal_destroy_ctx(stream);
-            }
-        });
-    for (std::thread &thread : threads)
-        thread.join();
+    kestal_test::in_threads(6, [&path](int) {
+        for (int i = 0; i < 50; ++i) {
+            const uint32_t stream = kestal_open_ctx_stream(path.c_str(), "rb", 0);
+            char text[8] = {};
+            EXPECT_EQ(kestal_ctx_read(stream, text, 7), 7);
+            EXPECT_STREQ(text, "content");
+            kestal_destroy_ctx(stream);
+        }
+    });
     EXPECT_EQ(kestal_ginstance_alloc_count(nullptr), 0u);
 }
 

@@ -2,6 +2,8 @@
 
 #include <kestal_ulx/memory.h>
 
+#include "select.hpp"
+
 #include <bit>
 #include <errno.h>
 #include <limits.h>
@@ -181,6 +183,24 @@ int32_t wait_for_high_one(int32_t descriptor, uint32_t mask, int32_t timeout_ms)
 }
 
 } // namespace
+
+kestal::ready_descriptor kestal::next_ready(const kestal_select_t &set, int32_t from)
+{
+    uint64_t descriptor = static_cast<uint64_t>(from);
+    for (; set.m_highest >= 0 && descriptor <= static_cast<uint64_t>(set.m_highest);
+         descriptor = (descriptor / word_bits + 1) * word_bits) {
+        word any = 0;
+        for (unsigned condition = 0; condition < 3; ++condition)
+            any |= words(set, first_result + condition)[descriptor / word_bits];
+        any &= ~word{0} << descriptor % word_bits;
+        if (any == 0)
+            continue;
+        const auto found =
+            static_cast<int32_t>(descriptor / word_bits * word_bits + static_cast<uint64_t>(std::countr_zero(any)));
+        return {found, marked_conditions(set, first_result, found)};
+    }
+    return {-1, 0};
+}
 
 kestal_select_t *kestal_open_select(void)
 {

@@ -1,0 +1,292 @@
+#include "readiness.hpp"
+
+#include <kestal_ulx/memory.h>
+
+#include <algorithm>
+#include <bit>
+#include <errno.h>
+#include <string.h>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+constexpr int32_t few = 8;          // descriptors up to which select costs no more than a list
+constexpr int32_t low_number = 256; // and how far their numbers may reach
+constexpr int32_t first_room = 64;
+constexpr int32_t no_descriptor = -1;
+
+// Descriptors in the list are looked at again in passing, so many at a time: a list forgets closed ones without a word.
+constexpr int32_t check_step_ms = 100;
+constexpr int32_t check_size = 256;
+
+uint32_t as_list_bits(uint32_t mask)
+{
+    return ((mask & KESTAL_SELECT_READ) != 0 ? uint32_t{EPOLLIN} : 0) |
+           ((mask & KESTAL_SELECT_WRITE) != 0 ? uint32_t{EPOLLOUT} : 0) |
+           ((mask & KESTAL_SELECT_EXCEPTION) != 0 ? uint32_t{EPOLLPRI} : 0);
+}
+
+// The conditions under which select would have found the descriptor ready.
+uint32_t as_conditions(uint32_t list_bits)
+{
+    return ((list_bits & (EPOLLIN | EPOLLHUP | EPOLLERR)) != 0 ? KESTAL_SELECT_READ : 0) |
+           ((list_bits & (EPOLLOUT | EPOLLERR)) != 0 ? KESTAL_SELECT_WRITE : 0) |
+           ((list_bits & EPOLLPRI) != 0 ? KESTAL_SELECT_EXCEPTION : 0);
+}
+
+// A block of `count` elements with what the old one held; the old one goes. Null, and the old one stays, without memory.
+template <typename T>
+T *grown(T *old, int32_t old_count, int32_t count)
+{
+    void *block = kestal_calloc(static_cast<uint64_t>(count), sizeof(T));
+    if (block != nullptr && old != nullptr)
+        memcpy(block, old, sizeof(T) * static_cast<size_t>(old_count));
+    if (block != nullptr)
+        kestal_check_free(old);
+    return static_cast<T *>(block);
+}
+
+} // namespace
+
+void kestal::readiness::open(kestal_select_t *set)
+{
+    set_ = set;
+    list_ = -1;
+    first_changed_ = no_descriptor;
+}
+
+void kestal::readiness::close()
+{
+    if (set_ == nullptr)
+        return;
+    stop_list();
+    kestal_check_free(reports_);
+    kestal_check_free(watches_);
+}
+
+bool kestal::readiness::make_room(int32_t descriptor)
+{
+    if (descriptor < room_)
+        return true;
+    if (descriptor > INT32_MAX / 2)
+        return false;
+    const int32_t room = std::max({first_room, room_ * 2, descriptor + 1});
+    watch *watches = grown(watches_, room_, room);
+    if (watches == nullptr)
+        return false;
+    watches_ = watches;
+    room_ = room;
+    return true;
+}
+
+bool kestal::readiness::set(int32_t descriptor, uint32_t mask)
+{
+    if (mask != 0 && !make_room(descriptor))
+        return false;
+    const uint32_t before = kestal_get_select_flags(set_, descriptor);
+    if (kestal_set_select(set_, descriptor, mask) != 0)
+        return false;
+    count_ += (mask != 0 ? 1 : 0) - (before != 0 ? 1 : 0);
+    if (list_ >= 0 && mask != before) {
+        mark_changed(descriptor);
+        if (mask == 0)
+            watches_[descriptor].is_doubtful = 1;
+    }
+    return true;
+}
+
+int32_t kestal::readiness::wait(int32_t timeout_ms, uint64_t now)
+{
+    if (list_ < 0 && is_worth_a_list())
+        start_list();
+    if (list_ >= 0) {
+        unchecked_ = room_;
+        const bool is_time = now - checked_at_ >= check_step_ms;
+        if (is_time)
+            checked_at_ = now;
+        const int32_t found = (is_time && !check_some()) || !apply_changes() ? -1 : wait_by_list(timeout_ms);
+        if (list_ >= 0)
+            return found;
+    }
+    return kestal_select_dispatch(set_, timeout_ms);
+}
+
+bool kestal::readiness::is_worth_a_list() const
+{
+    return !is_refused_ && (count_ > few || (count_ > 0 && kestal_get_select_highest(set_) >= low_number));
+}
+
+// --- the list
+
+void kestal::readiness::start_list()
+{
+    list_ = epoll_create1(EPOLL_CLOEXEC);
+    if (list_ < 0)
+        return;
+    const int32_t highest = kestal_get_select_highest(set_);
+    for (int32_t descriptor = 0; descriptor <= highest; ++descriptor)
+        if (kestal_get_select_flags(set_, descriptor) != 0)
+            mark_changed(descriptor);
+}
+
+void kestal::readiness::stop_list()
+{
+    if (list_ < 0)
+        return;
+    ::close(std::exchange(list_, -1));
+    found_ = 0;
+    first_changed_ = no_descriptor;
+    for (int32_t descriptor = 0; descriptor < room_; ++descriptor)
+        watches_[descriptor].listed = watches_[descriptor].is_changed = watches_[descriptor].is_doubtful = 0;
+}
+
+// A new list, without what the old one could not be made to forget.
+bool kestal::readiness::restart_list()
+{
+    stop_list();
+    start_list();
+    return list_ >= 0 && apply_changes();
+}
+
+void kestal::readiness::mark_changed(int32_t descriptor)
+{
+    watch &changed = watches_[descriptor];
+    if (changed.is_changed != 0)
+        return;
+    changed.is_changed = 1;
+    changed.next_changed = std::exchange(first_changed_, descriptor);
+}
+
+// Brings the list up to date. False with errno EBADF for a closed descriptor, which stays to be applied; also false,
+// with the list gone, when it cannot watch what is wanted.
+bool kestal::readiness::apply_changes()
+{
+    while (first_changed_ != no_descriptor) {
+        watch &changed = watches_[first_changed_];
+        if (!apply(first_changed_))
+            return false;
+        changed.is_changed = changed.is_doubtful = 0;
+        first_changed_ = changed.next_changed;
+    }
+    return true;
+}
+
+bool kestal::readiness::apply(int32_t descriptor)
+{
+    watch &changed = watches_[descriptor];
+    const uint32_t wanted = as_list_bits(kestal_get_select_flags(set_, descriptor));
+    if (wanted == changed.listed && changed.is_doubtful == 0)
+        return true;
+    if (wanted != 0)
+        return enter(descriptor, wanted);
+    if (changed.listed != 0)
+        epoll_ctl(list_, EPOLL_CTL_DEL, descriptor, nullptr); // the caller may have closed it before
+    changed.listed = 0;
+    return true;
+}
+
+// Makes the list watch the file that the descriptor names now.
+bool kestal::readiness::enter(int32_t descriptor, uint32_t wanted)
+{
+    watch &entered = watches_[descriptor];
+    int operation = entered.listed != 0 ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+    for (int tries = 0; tries < 2; ++tries) {
+        if (operation == EPOLL_CTL_ADD)
+            ++entered.generation;
+        epoll_event entry{};
+        entry.events = wanted;
+        entry.data.u64 = static_cast<uint64_t>(entered.generation) << 32 | static_cast<uint32_t>(descriptor);
+        if (epoll_ctl(list_, operation, descriptor, &entry) == 0) {
+            entered.listed = wanted;
+            return true;
+        }
+        if (errno != ENOENT && errno != EEXIST)
+            break;
+        operation = errno == ENOENT ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
+    }
+    if (errno == EBADF)
+        return false;
+    is_refused_ = true;
+    stop_list();
+    return false;
+}
+
+// Looks at the next few descriptors: whether they are open, and name the files that the list knows.
+bool kestal::readiness::check_some()
+{
+    for (int32_t i = 0; i < check_size && i < room_; ++i) {
+        if (cursor_ >= room_)
+            cursor_ = 0;
+        const uint32_t listed = watches_[cursor_].listed;
+        if (listed != 0 && watches_[cursor_].is_changed == 0 && !enter(cursor_, listed)) {
+            if (list_ >= 0) {
+                mark_changed(cursor_); // fails every wait until it is not watched any more
+                watches_[cursor_].is_doubtful = 1;
+            }
+            return false;
+        }
+        ++cursor_;
+    }
+    unchecked_ -= check_size;
+    return true;
+}
+
+// Waits in short steps, with a check after each, until all were checked; then for the rest of the time.
+int32_t kestal::readiness::wait_by_list(int32_t timeout_ms)
+{
+    if (report_room_ < count_) {
+        const int32_t room = std::max({first_room, report_room_ * 2, count_});
+        if (epoll_event *reports = grown(reports_, 0, room)) {
+            reports_ = reports;
+            report_room_ = room;
+        }
+    }
+    if (report_room_ == 0) {
+        stop_list();
+        return -1;
+    }
+    for (;;) {
+        const bool in_steps = unchecked_ > 0 && (timeout_ms < 0 || timeout_ms > check_step_ms);
+        found_ = epoll_wait(list_, reports_, report_room_, in_steps ? check_step_ms : timeout_ms);
+        if (found_ > 0)
+            return collect();
+        if (found_ < 0 || !in_steps)
+            return std::exchange(found_, 0);
+        if (timeout_ms > 0)
+            timeout_ms -= check_step_ms;
+        if (!check_some())
+            return -1;
+    }
+}
+
+// Turns the reports into conditions of interest, and returns how many there are.
+int32_t kestal::readiness::collect()
+{
+    int32_t conditions = 0;
+    bool has_strangers = false;
+    for (int32_t i = 0; i < found_; ++i) {
+        epoll_event &report = reports_[i];
+        const auto descriptor = static_cast<int32_t>(static_cast<uint32_t>(report.data.u64));
+        const watch &watched = watches_[descriptor];
+        if (watched.listed == 0 || watched.generation != static_cast<uint32_t>(report.data.u64 >> 32)) {
+            has_strangers = true;
+            report.events = 0;
+            continue;
+        }
+        report.events = as_conditions(report.events) & kestal_get_select_flags(set_, descriptor);
+        conditions += std::popcount(uint32_t{report.events});
+        // A list reports hang-ups and errors unasked. What nobody waits for is to be reported when it changes only.
+        const uint32_t wanted = watched.listed & ~uint32_t{EPOLLET};
+        if (report.events == 0 && watched.listed == wanted)
+            enter(descriptor, wanted | EPOLLET);
+        else if (report.events != 0 && watched.listed != wanted)
+            enter(descriptor, wanted);
+        if (list_ < 0)
+            return 0;
+    }
+    if (!has_strangers)
+        return conditions;
+    // A file that lives on under another number is reported under the one it was closed under.
+    return restart_list() || list_ < 0 ? 0 : -1;
+}

@@ -6,13 +6,15 @@
  *
  * The library's ciphers work on bytes in place and pad nothing; the padding of PKCS#7 for ECB and CBC is done here.
  */
-#define _DEFAULT_SOURCE /* explicit_bzero */
+#define _DEFAULT_SOURCE      /* explicit_bzero */
+#define _FILE_OFFSET_BITS 64 /* files of any size on 32-bit machines too */
 #include <kestal_ulx.h>
 
 #include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 enum { CHUNK = 65536, LONGEST_KEY = 32, LONGEST_BLOCK = 16 };
@@ -262,29 +264,51 @@ static int run(job_t *job, const round_key_t *round_key, FILE *input, FILE *outp
     return 0;
 }
 
+/* Opening the output empties it: it must not be what is read. */
+static FILE *open_output(const char *path, FILE *input)
+{
+    struct stat from, to;
+    FILE *output;
+    if (path == NULL)
+        return stdout;
+    if (fstat(fileno(input), &from) == 0 && S_ISREG(from.st_mode) && stat(path, &to) == 0 && from.st_dev == to.st_dev &&
+        from.st_ino == to.st_ino) {
+        fail(path, "the input and the output are the same file");
+        return NULL;
+    }
+    output = fopen(path, "wb");
+    if (output == NULL)
+        fail(path, strerror(errno));
+    return output;
+}
+
+/* Half a result must not pass for a whole one; a device stays. */
+static int close_output(const char *path, FILE *output, int result)
+{
+    struct stat status;
+    const int is_file = fstat(fileno(output), &status) == 0 && S_ISREG(status.st_mode);
+    if (fclose(output) != 0 && result == 0)
+        result = fail(path, strerror(errno));
+    if (result != 0 && is_file)
+        unlink(path);
+    return result;
+}
+
 static int open_and_run(job_t *job, const round_key_t *round_key)
 {
     FILE *input = job->input != NULL ? fopen(job->input, "rb") : stdin;
     FILE *output;
-    int result;
+    int result = -1;
     if (input == NULL)
         return fail(job->input, strerror(errno));
-    output = job->output != NULL ? fopen(job->output, "wb") : stdout;
-    if (output == NULL) {
-        fail(job->output, strerror(errno));
-        if (input != stdin)
-            fclose(input);
-        return -1;
+    output = open_output(job->output, input);
+    if (output != NULL) {
+        result = run(job, round_key, input, output);
+        if (output != stdout)
+            result = close_output(job->output, output, result);
     }
-    result = run(job, round_key, input, output);
     if (input != stdin)
         fclose(input);
-    if (job->output != NULL) {
-        if (fclose(output) != 0 && result == 0)
-            result = fail(job->output, strerror(errno));
-        if (result != 0)
-            unlink(job->output); /* half a result must not pass for a whole one */
-    }
     return result;
 }
 

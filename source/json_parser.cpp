@@ -164,10 +164,10 @@ void *__kestal_json_free_pair(void *data)
     return nullptr;
 }
 
-// Adds a member under a key that the object does not have yet, with a reference to the value.
+// Adds a member under a key that the object does not have yet. It takes the caller's reference to the value over, also
+// when it fails.
 int32_t add_member(kestal_hash_t *hash, uint32_t key_hash, const void *key, uint64_t key_size, kestal_json_t *value)
 {
-    kestal_json_reference_get(value);
     json_member *member = __kestal_json_new_pair(key_hash, key, key_size);
     if (member == nullptr) {
         kestal_free_json(value);
@@ -304,6 +304,7 @@ kestal_json_t *copy_object(const json_object *object, int32_t deep)
     for (const kestal_hash_node_t *node = object->hash->m_head; node != nullptr; node = node->m_next) {
         const json_pair *pair = pair_of(node);
         const auto store = [&](kestal_json_t *value) {
+            kestal_json_reference_get(value);
             return add_member(as<json_object>(copy)->hash, node->m_key, pair->key, pair->key_size, value);
         };
         if (pair != nullptr && !store_copy(pair->value, deep, store))
@@ -334,7 +335,8 @@ int32_t compare_objects(const json_object *a, const json_object *b)
         const json_pair *mine = pair_of(node);
         if (mine == nullptr)
             continue;
-        const json_pair *other = pair_of(find_member(b->hash, node->m_key, mine->key, mine->key_size, __func__));
+        const json_pair *other =
+            pair_of(find_member(b->hash, node->m_key, mine->key, mine->key_size, "kestal_compare_json"));
         const int32_t result = kestal_compare_json(mine->value, other == nullptr ? nullptr : other->value);
         if (result != 0)
             return result;
@@ -583,11 +585,11 @@ int32_t kestal_json_object_set_value(kestal_json_t *object, const void *key, uin
     if (record == nullptr || key == nullptr || value == nullptr || value == object)
         return -1;
 
+    kestal_json_reference_get(value);
     const uint32_t key_hash = hash_of(key, key_size);
     kestal_hash_node_t *node = find_member(record->hash, key_hash, key, key_size, __func__);
     if (node == nullptr)
         return add_member(record->hash, key_hash, key, key_size, value);
-    kestal_json_reference_get(value);
     kestal_free_json(std::exchange(pair_of(node)->value, value));
     return 0;
 }

@@ -106,6 +106,8 @@ int32_t kestal_md5_push(kestal_md5_t *context, const void *data, uint64_t size)
 {
     if (context == nullptr || (data == nullptr && size != 0))
         return -1;
+    if (size == 0)
+        return 0;
     const size_t buffered = buffered_bytes(*context);
     const uint64_t bits = bit_count(*context) + size * 8;
     context->m_bit_count[0] = static_cast<uint32_t>(bits);

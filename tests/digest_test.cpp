@@ -166,6 +166,9 @@ TYPED_TEST(digest, refuses_nulls)
     EXPECT_EQ(TypeParam::push(&context, nullptr, 0), 0);
     EXPECT_EQ(TypeParam::push_file(&context, nullptr), -1);
     EXPECT_STREQ(TypeParam::digest(&context, nullptr), TypeParam::empty);
+    TypeParam::push(TypeParam::init(&context), "abc", 3);
+    EXPECT_EQ(TypeParam::push(&context, nullptr, 0), 0);
+    EXPECT_STREQ(TypeParam::digest(&context, nullptr), TypeParam::abc);
 }
 
 class digest_end : public counted {};

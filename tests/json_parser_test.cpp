@@ -86,6 +86,43 @@ TEST_F(json, references_report_as_they_always_did)
     EXPECT_EQ(kestal_json_type(constant), uint32_t{KESTAL_JSON_TRUE});
 }
 
+TEST_F(json, reports_name_the_module_and_the_function)
+{
+    static std::vector<std::string> sites;
+    sites.clear();
+    kestal_json_t *a = kestal_new_json_object(), *b = kestal_new_json_object(), *unknown = kestal_new_json_real(1);
+    const uint32_t key = kestal_update_adler32(1, "k", 1);
+    set(a, "k", kestal_new_json_integer(1));
+    kestal_create_hash_node_to_tail(kestal_json_object_get_hash(b), key, nullptr); // a node without a pair
+    unknown->m_type = 0x123;
+
+    kestal_set_assert_handler(
+        [](const char *file, const char *function, uint64_t, const char *message) {
+            sites.push_back(std::string(file) + ':' + function + ':' + message);
+        },
+        nullptr); // until the fixture's ends
+    EXPECT_EQ(get(b, "k"), nullptr);
+    EXPECT_EQ(kestal_compare_json(a, b), 1);
+    EXPECT_EQ(kestal_json_object_set_value(b, "k", 1, kestal_new_json_null()), 0);
+    EXPECT_EQ(kestal_json_object_delete_value(b, "k", 1), 0);
+    kestal_free_json(unknown);
+    kestal_new_json(0x123);
+    kestal_json_reference_put(kestal_new_json_true());
+    const std::string module = "./source/json_parser:";
+    const std::vector<std::string> expected{
+        module + "kestal_json_object_get_value:hash vector is null",
+        module + "kestal_compare_json:hash vector is null",
+        module + "kestal_json_reference_get:too many reference count",
+        module + "kestal_json_object_set_value:hash vector is null",
+        module + "kestal_json_reference_put:reference count incorrect (double put ?)",
+        module + "kestal_free_json:unknown json type",
+        module + "kestal_new_json:unknown json type",
+        module + "kestal_json_reference_put:reference count incorrect (double put ?)"};
+    EXPECT_EQ(sites, expected);
+    kestal_free_json(a);
+    kestal_free_json(b);
+}
+
 TEST_F(json, null_and_wrong_types_give_the_failure_value)
 {
     kestal_json_t *object = kestal_new_json_object(), *array = kestal_new_json_array();
@@ -270,6 +307,11 @@ TEST_F(json, failing_allocations_leave_everything_as_it_was)
         EXPECT_EQ(integers(full), before);
         EXPECT_EQ(value->m_reference_count, 1u);
     }
+    {
+        const failing_allocation failing(1);
+        EXPECT_EQ(kestal_json_string_set_puts(get(kept, "name"), "longer than before"), -1);
+        EXPECT_STREQ(kestal_json_string_get_value(get(kept, "name"), nullptr), "kestal");
+    }
     for (kestal_json_t *each : {kept, value, full})
         kestal_free_json(each);
 }
@@ -287,6 +329,7 @@ TEST_F(json, agrees_with_a_plain_model)
     kestal_json_t *object = kestal_new_json_object(), *array = kestal_new_json_array();
     std::map<std::string, kestal_json_t *> members;
     std::vector<kestal_json_t *> elements;
+    const uint64_t empty = kestal_get_alloc_count();
 
     for (int step = 0; step < 6000; ++step) {
         kestal_json_t *value = pool[below(pool.size())];
@@ -324,6 +367,7 @@ TEST_F(json, agrees_with_a_plain_model)
             break;
         }
         ASSERT_EQ(kestal_json_object_get_count(object), members.size());
+        ASSERT_EQ(kestal_get_alloc_count(), empty + members.size() + (kestal_json_array_get_table(array) != nullptr));
         ASSERT_EQ(get(object, key), members.contains(key) ? members[key] : nullptr);
         ASSERT_EQ(kestal_json_array_get_count(array), elements.size());
         ASSERT_TRUE(elements.empty() ||

@@ -37,7 +37,7 @@ KESTAL_STATIC_ASSERT(sizeof(kestal_aes256_round_key_t) == 240, "15 round keys of
 
 /* --- AES-128 */
 
-/** Fills `round_key` from a key; returns it, or null when either is null. */
+/** Fills `round_key` from a key of 16 bytes; returns it, or null when either is null. */
 KESTAL_API kestal_aes128_round_key_t *kestal_make_round_key_aes128(kestal_aes128_round_key_t *round_key,
                                                                    const void *key);
 
@@ -67,7 +67,7 @@ KESTAL_API void *kestal_decrypt_aes128_ofb8(void *data, uint64_t size, void *iv,
 
 /* --- AES-192 */
 
-/** Fills `round_key` from a key; returns it, or null when either is null. */
+/** Fills `round_key` from a key of 24 bytes; returns it, or null when either is null. */
 KESTAL_API kestal_aes192_round_key_t *kestal_make_round_key_aes192(kestal_aes192_round_key_t *round_key,
                                                                    const void *key);
 
@@ -97,7 +97,7 @@ KESTAL_API void *kestal_decrypt_aes192_ofb8(void *data, uint64_t size, void *iv,
 
 /* --- AES-256 */
 
-/** Fills `round_key` from a key; returns it, or null when either is null. */
+/** Fills `round_key` from a key of 32 bytes; returns it, or null when either is null. */
 KESTAL_API kestal_aes256_round_key_t *kestal_make_round_key_aes256(kestal_aes256_round_key_t *round_key,
                                                                    const void *key);
 

@@ -31,7 +31,7 @@ KESTAL_STATIC_ASSERT(sizeof(kestal_3des_round_key_t) == 2304, "three DES keys in
 
 /* --- DES */
 
-/** Fills `round_key` from a key; returns it, or null when either is null. */
+/** Fills `round_key` from a key of 8 bytes; returns it, or null when either is null. */
 KESTAL_API kestal_des_round_key_t *kestal_make_round_key_des(kestal_des_round_key_t *round_key, const void *key);
 
 /** Encrypts whole blocks one by one (DES, ECB); a partial last block is left alone. */
@@ -66,7 +66,7 @@ KESTAL_API void kestal_dump_round_key_des(const kestal_des_round_key_t *round_ke
 
 /* --- triple DES */
 
-/** Fills `round_key` from a key; returns it, or null when either is null. */
+/** Fills `round_key` from a key of 24 bytes; returns it, or null when either is null. */
 KESTAL_API kestal_3des_round_key_t *kestal_make_round_key_3des(kestal_3des_round_key_t *round_key, const void *key);
 
 /** Encrypts whole blocks one by one (triple DES, ECB); a partial last block is left alone. */

@@ -37,7 +37,7 @@ KESTAL_STATIC_ASSERT(sizeof(kestal_seed256_round_key_t) == 192, "24 pairs of wor
 
 /* --- SEED-128 */
 
-/** Fills `round_key` from a key; returns it, or null when either is null. */
+/** Fills `round_key` from a key of 16 bytes; returns it, or null when either is null. */
 KESTAL_API kestal_seed128_round_key_t *kestal_make_round_key_seed128(kestal_seed128_round_key_t *round_key,
                                                                      const void *key);
 
@@ -67,7 +67,7 @@ KESTAL_API void *kestal_decrypt_seed128_ofb8(void *data, uint64_t size, void *iv
 
 /* --- SEED */
 
-/** Fills `round_key` from a key; returns it, or null when either is null. */
+/** Fills `round_key` from a key of 16 bytes; returns it, or null when either is null. */
 KESTAL_API kestal_seed128_round_key_t *kestal_make_round_key_seed(kestal_seed128_round_key_t *round_key,
                                                                   const void *key);
 
@@ -97,7 +97,7 @@ KESTAL_API void *kestal_decrypt_seed_ofb8(void *data, uint64_t size, void *iv, c
 
 /* --- SEED-192 */
 
-/** Fills `round_key` from a key; returns it, or null when either is null. */
+/** Fills `round_key` from a key of 24 bytes; returns it, or null when either is null. */
 KESTAL_API kestal_seed192_round_key_t *kestal_make_round_key_seed192(kestal_seed192_round_key_t *round_key,
                                                                      const void *key);
 
@@ -127,7 +127,7 @@ KESTAL_API void *kestal_decrypt_seed192_ofb8(void *data, uint64_t size, void *iv
 
 /* --- SEED-256 */
 
-/** Fills `round_key` from a key; returns it, or null when either is null. */
+/** Fills `round_key` from a key of 32 bytes; returns it, or null when either is null. */
 KESTAL_API kestal_seed256_round_key_t *kestal_make_round_key_seed256(kestal_seed256_round_key_t *round_key,
                                                                      const void *key);
 

@@ -57,6 +57,9 @@ refused encrypt --cipher aes128 --key-file key.bin plain
 refused encrypt --cipher rot13 --key-file key.bin --iv $iv plain
 refused encrypt --cipher aes128 --key-file key.bin --iv $iv missing
 refused encrypt --cipher aes128 --key-file key.bin --iv $iv -o /nonexistent/result plain
+cp plain same
+refused encrypt --cipher aes128 --key-file key.bin --iv $iv -o same ./same
+cmp -s plain same || fail "the input was overwritten by the output"
 refused sign
 "$crypt" --help | grep -q 'nothing is authenticated' || fail "no warning in the help"
 echo "kestal-crypt agrees with openssl enc"

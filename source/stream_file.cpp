@@ -112,16 +112,6 @@ int32_t is_writable(kestal_ctx_t &ctx, int32_t timeout)
     return wait_for_descriptor(state_of(ctx).descriptor, POLLOUT, timeout);
 }
 
-template <typename Transfer>
-int64_t without_interruption(Transfer transfer)
-{
-    ssize_t count = 0;
-    do
-        count = transfer();
-    while (count < 0 && errno == EINTR);
-    return count;
-}
-
 int64_t read_some(kestal_ctx_t &ctx, void *buffer, uint64_t size)
 {
     const size_t length = static_cast<size_t>(std::min(size, largest_transfer));

@@ -1,6 +1,6 @@
 // The kinds of context that the built-in plugin serves: what each kind is asked for, and where a new one is entered.
 // A kind is one constant of type stream_kind, defined in the source file of its family (stream_file.cpp: files and
-// pipes) and listed in stream_kind.cpp; the plugin itself only passes calls on.
+// pipes; stream_socket.cpp: TCP and UDP) and listed in stream_kind.cpp; the plugin itself only passes calls on.
 #pragma once
 
 #include <kestal_ulx/assertion.h>
@@ -8,6 +8,7 @@
 #include <kestal_ulx/uri.h>
 
 #include <array>
+#include <errno.h>
 #include <utility>
 
 namespace kestal {
@@ -70,6 +71,8 @@ extern const stream_kind base_kind;
 extern const stream_kind multicall_kind;
 extern const stream_kind file_kind;
 extern const stream_kind pipe_kind;
+extern const stream_kind tcp_kind;
+extern const stream_kind udp_kind;
 
 // The kind of that code, type or scheme, or null.
 const stream_kind *find_kind(int32_t code);
@@ -85,6 +88,17 @@ int64_t get_option_number(const kestal_ctx_option_t *option, int64_t otherwise, 
 // Waits for `events` (of poll) or a hang-up: 1, 0 after `timeout` ms (negative: no limit), -1 on failure. Signals do
 // not end the wait.
 int32_t wait_for_descriptor(int descriptor, short events, int32_t timeout);
+
+// The transfer's result, made again as long as only a signal ends it.
+template <typename Transfer>
+int64_t without_interruption(Transfer transfer)
+{
+    int64_t count = 0;
+    do
+        count = transfer();
+    while (count < 0 && errno == EINTR);
+    return count;
+}
 
 // The record that a control call brings, or null with last error 4 when it is missing or too small.
 template <typename Record>

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -122,6 +123,36 @@ TEST_F(kestal_get, ends_streams_that_do_not)
               128 + SIGTERM);
     EXPECT_EQ(names(), "copy fifo\n");
     close(open_end);
+}
+
+TEST_F(kestal_get, fetches_from_sockets)
+{
+    const std::string bytes = random_bytes(3000000);
+    const int32_t listening = kestal_open_listen_socket("127.0.0.1", 0);
+    sockaddr_storage name;
+    uint32_t length = sizeof name;
+    ASSERT_EQ(kestal_getsockname(listening, &name, &length), 0);
+    const auto port = static_cast<int32_t>(kestal_sockaddr_get_port(&name));
+    std::thread server([&] {
+        const int32_t peer = kestal_accept(listening, nullptr, nullptr, 30000);
+        for (size_t sent = 0; sent < bytes.size();)
+            sent += static_cast<size_t>(kestal_send(peer, bytes.data() + sent, bytes.size() - sent, -1));
+        kestal_close_socket(peer);
+    });
+    EXPECT_EQ(run("$get -q tcp://127.0.0.1:" + std::to_string(port) + "/ -o copy"), 0) << err_;
+    server.join();
+    EXPECT_EQ(file("copy"), bytes);
+    kestal_close_socket(listening);
+
+    std::atomic<bool> is_done{false};
+    std::thread sender([&] {
+        while (!is_done)
+            kestal_send_udp_packet("127.0.0.1", port, "datagram", 8, 1000);
+    });
+    EXPECT_EQ(run("$get -q --bytes 24 udp://127.0.0.1:" + std::to_string(port)), 0) << err_;
+    is_done = true;
+    sender.join();
+    EXPECT_EQ(out_, "datagramdatagramdatagram");
 }
 
 TEST_F(kestal_get, says_what_went_wrong_and_leaves_the_old_file)

@@ -1,22 +1,27 @@
 /**
  * @file
- * The plugin that is built into the library and that every context keeps loaded: it serves files, pipes and open
- * descriptors as streams, and the plain types "application/ulx_base" and "application/ulx_multicall".
+ * The plugin that is built into the library and that every context keeps loaded: it serves files, pipes, TCP
+ * connections, UDP datagrams and open descriptors as streams, and the plain types "application/ulx_base" and "application/ulx_multicall".
  *
  * Applications reach it through stream contexts and need none of this; the two entry points are what the plugin loader
  * calls. What it understands:
  *
  *  - the types "application/ulx_base", "application/ulx_multicall", "application/ulx_multicall_builtin" (no state),
- *    "application/ulx_stream" (the source's scheme picks the kind), "application/ulx_stream_file" and
- *    "application/ulx_stream_pipe", compared with case;
+ *    "application/ulx_stream" (the source's scheme picks the kind), "application/ulx_stream_file",
+ *    "application/ulx_stream_pipe", "application/ulx_stream_tcp" and "application/ulx_stream_udp", compared with case;
  *  - the options "src" or "source" (the location), "fd" (an open descriptor in decimal, used instead of a source and
- *    not closed), "mode" (as of fopen; "rb" when there is none) and "debug" or "verbose" (a number; 1 without a value).
+ *    not closed), "mode" (as of fopen; "rb" when there is none), "debug" or "verbose" (a number; 1 without a value) and, for UDP, "missed_time" (below).
  *    Names compare without case, and of several options of one meaning the last counts;
  *  - the sources "NAME" (the whole text is the file's name, as it stands), "file://PATH" (percent-decoded), and "pipe://"
- *    (standard input for a mode that only reads, standard output for one that only writes, standard error for both).
+ *    (standard input for a mode that only reads, standard output for one that only writes, standard error for both);
+ *  - the sources "tcp://HOST:PORT/" (connected within 16 seconds, read to the peer's end, and written), and
+ *    "udp://HOST:PORT" (only read, one datagram at a time, the rest of a longer one is lost): HOST is a multicast group to
+ *    join on all interfaces, a local address to be bound to, or empty for any. A group that has been silent for
+ *    "missed_time" milliseconds (none: for ever) is joined again by the wait for data, since a membership is lost with
+ *    its interface; with debug on, such waits tell of the silence on the error sink.
  *
- * Any other type or scheme is refused with last error 3, so that another plugin may serve it; a file that cannot be
- * opened is refused with 1 and leaves errno as the system set it, as every failing operation does. A hang-up counts as
+ * Any other type or scheme is refused with last error 3, so that another plugin may serve it; a file or socket
+ * that cannot be opened is refused with 1 and leaves errno as the system set it, as every failing operation does. A hang-up counts as
  * readable. Only files can be sought and tell their size (KESTAL_CTX_CONTROL_GET_SIZE). main returns 1.
  */
 #ifndef KESTAL_ULX_BUILTIN_PLUGIN_H

@@ -117,10 +117,12 @@ struct told {
     {
         auto *self = static_cast<told *>(context);
         self->action(cache);
-        const std::lock_guard guard(self->mutex);
-        self->text +=
-            (name == nullptr ? "-" : name) + (":" + std::to_string(port)) + ":" + std::to_string(is_new) + " ";
-        ++self->calls;
+        {
+            const std::lock_guard guard(self->mutex);
+            self->text +=
+                (name == nullptr ? "-" : name) + (":" + std::to_string(port)) + ":" + std::to_string(is_new) + " ";
+        }
+        ++self->calls; // last: whoever waits for it may go
     }
 };
 
@@ -165,6 +167,7 @@ void fill(kestal_resolver_cache_t *cache, const char *name)
     EXPECT_NE(list, nullptr);
     kestal_close_resolver(list);
     wait_until([&] { return told.calls == 1; });
+    EXPECT_EQ(kestal_thread_pool_wait(-1), 0); // the thread of the look-up has gone too
 }
 
 TEST_F(resolver, forgets_what_nobody_asked_for)

@@ -90,7 +90,7 @@ bool kestal::readiness::set(int32_t descriptor, uint32_t mask)
     count_ += (mask != 0 ? 1 : 0) - (before != 0 ? 1 : 0);
     if (list_ >= 0 && mask != before) {
         mark_changed(descriptor);
-        if (mask == 0)
+        if (mask == 0 || before == 0)
             watches_[descriptor].is_doubtful = 1;
     }
     return true;
@@ -178,29 +178,28 @@ bool kestal::readiness::apply(int32_t descriptor)
     const uint32_t wanted = as_list_bits(kestal_get_select_flags(set_, descriptor));
     if (wanted == changed.listed && changed.is_doubtful == 0)
         return true;
-    if (wanted != 0)
-        return enter(descriptor, wanted);
-    if (changed.listed != 0)
-        epoll_ctl(list_, EPOLL_CTL_DEL, descriptor, nullptr); // the caller may have closed it before
-    changed.listed = 0;
-    return true;
+    // What nobody waits for any more is taken out when it is reported: it may be wanted again before.
+    return wanted == 0 || enter(descriptor, wanted);
 }
 
-// Makes the list watch the file that the descriptor names now.
+// Makes the list watch the file that the descriptor names now. Adding what is there already is refused at little cost.
 bool kestal::readiness::enter(int32_t descriptor, uint32_t wanted)
 {
     watch &entered = watches_[descriptor];
-    int operation = entered.listed != 0 ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
+    const bool is_as_wanted = entered.listed == wanted;
+    int operation = entered.listed == 0 || is_as_wanted ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
     for (int tries = 0; tries < 2; ++tries) {
-        if (operation == EPOLL_CTL_ADD)
-            ++entered.generation;
+        const uint32_t generation = entered.generation + (operation == EPOLL_CTL_ADD ? 1 : 0);
         epoll_event entry{};
         entry.events = wanted;
-        entry.data.u64 = static_cast<uint64_t>(entered.generation) << 32 | static_cast<uint32_t>(descriptor);
+        entry.data.u64 = static_cast<uint64_t>(generation) << 32 | static_cast<uint32_t>(descriptor);
         if (epoll_ctl(list_, operation, descriptor, &entry) == 0) {
+            entered.generation = generation;
             entered.listed = wanted;
             return true;
         }
+        if (errno == EEXIST && is_as_wanted)
+            return true;
         if (errno != ENOENT && errno != EEXIST)
             break;
         operation = errno == ENOENT ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
@@ -218,8 +217,8 @@ bool kestal::readiness::check_some()
     for (int32_t i = 0; i < check_size && i < room_; ++i) {
         if (cursor_ >= room_)
             cursor_ = 0;
-        const uint32_t listed = watches_[cursor_].listed;
-        if (listed != 0 && watches_[cursor_].is_changed == 0 && !enter(cursor_, listed)) {
+        const bool is_watched = kestal_get_select_flags(set_, cursor_) != 0 && watches_[cursor_].is_changed == 0;
+        if (is_watched && !enter(cursor_, watches_[cursor_].listed)) {
             if (list_ >= 0) {
                 mark_changed(cursor_); // fails every wait until it is not watched any more
                 watches_[cursor_].is_doubtful = 1;
@@ -268,13 +267,19 @@ int32_t kestal::readiness::collect()
     for (int32_t i = 0; i < found_; ++i) {
         epoll_event &report = reports_[i];
         const auto descriptor = static_cast<int32_t>(static_cast<uint32_t>(report.data.u64));
-        const watch &watched = watches_[descriptor];
-        if (watched.listed == 0 || watched.generation != static_cast<uint32_t>(report.data.u64 >> 32)) {
-            has_strangers = true;
+        watch &watched = watches_[descriptor];
+        const uint32_t interest = kestal_get_select_flags(set_, descriptor);
+        const bool is_stranger =
+            watched.listed == 0 || watched.generation != static_cast<uint32_t>(report.data.u64 >> 32);
+        if (is_stranger || interest == 0) {
             report.events = 0;
+            if (is_stranger || epoll_ctl(list_, EPOLL_CTL_DEL, descriptor, nullptr) != 0)
+                has_strangers = true;
+            else
+                watched.listed = 0;
             continue;
         }
-        report.events = as_conditions(report.events) & kestal_get_select_flags(set_, descriptor);
+        report.events = as_conditions(report.events) & interest;
         conditions += std::popcount(uint32_t{report.events});
         // A list reports hang-ups and errors unasked. What nobody waits for is to be reported when it changes only.
         const uint32_t wanted = watched.listed & ~uint32_t{EPOLLET};

@@ -47,7 +47,7 @@ public:
 private:
     struct watch {
         kestal_event *first;
-        uint32_t listed;     // what the list watches the descriptor for; 0: it is not in the list
+        uint32_t listed;     // what the list watches the descriptor for, which nobody may want any more; 0: not in it
         uint32_t generation; // of its entry in the list: tells reports of a file that had the number before
         int32_t next_changed;
         uint32_t is_changed;  // is in the chain of those whose entry may not be what it should be

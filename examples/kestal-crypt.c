@@ -84,16 +84,12 @@ typedef struct {
     chain_t cbc[2], cfb8[2], ofb8[2];
 } cipher_t;
 
-#define CIPHER(NAME, KEY_SIZE, BLOCK_SIZE)                                                                             \
-    {                                                                                                                  \
-#NAME, KEY_SIZE, BLOCK_SIZE, make_##NAME,                                                                      \
-            {kestal_encrypt_##NAME##_ecb, kestal_decrypt_##NAME##_ecb },                                               \
-             {kestal_encrypt_##NAME##_cbc, kestal_decrypt_##NAME##_cbc },                                              \
-              {kestal_encrypt_##NAME##_cfb8, kestal_decrypt_##NAME##_cfb8 },                                           \
-        {                                                                                                              \
-            kestal_encrypt_##NAME##_ofb8, kestal_decrypt_##NAME##_ofb8                                                 \
-        }                                                                                                              \
-    }
+/* clang-format off */
+#define PAIR(NAME, MODE) {kestal_encrypt_##NAME##_##MODE, kestal_decrypt_##NAME##_##MODE}
+#define CIPHER(NAME, KEY_SIZE, BLOCK_SIZE)                                                                            \
+    {#NAME, KEY_SIZE, BLOCK_SIZE, make_##NAME,                                                                        \
+     PAIR(NAME, ecb), PAIR(NAME, cbc), PAIR(NAME, cfb8), PAIR(NAME, ofb8)}
+/* clang-format on */
 
 static const cipher_t ciphers[] = {
     CIPHER(aes128, 16, 16), CIPHER(aes192, 24, 16),  CIPHER(aes256, 32, 16),  CIPHER(des, 8, 8),

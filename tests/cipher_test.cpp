@@ -44,24 +44,13 @@ struct cipher {
     const char *openssl[3]; // ECB, CBC, CFB-8, where OpenSSL has the same
 };
 
-#define CIPHER(NAME, KEY, BLOCK, TYPE, ...)                                                                                      \
-    {                                                                                                                            \
-#NAME, KEY, BLOCK,                                                                                                       \
-            [](void *round_key,                                                                                                  \
-               const void *                                                                                                      \
-                   key) { kestal_make_round_key_##NAME(static_cast<TYPE *>(round_key), key); },                                  \
-                                                                                             {kestal_encrypt_##NAME##_ecb,       \
-                                                                                              kestal_decrypt_##NAME##_ecb },     \
-                                                                                              {kestal_encrypt_##NAME##_cbc,      \
-                                                                                               kestal_decrypt_##NAME##_cbc },    \
-                                                                                               {kestal_encrypt_##NAME##_cfb8,    \
-                                                                                                kestal_decrypt_##NAME##_cfb8 },  \
-                                                                                                {kestal_encrypt_##NAME##_ofb8,   \
-                                                                                                 kestal_decrypt_##NAME##_ofb8 }, \
-        {                                                                                                                        \
-            __VA_ARGS__                                                                                                          \
-        }                                                                                                                        \
-    }
+// clang-format off
+#define PAIR(NAME, MODE) {kestal_encrypt_##NAME##_##MODE, kestal_decrypt_##NAME##_##MODE}
+#define CIPHER(NAME, KEY, BLOCK, TYPE, ...)                                                                           \
+    {#NAME, KEY, BLOCK,                                                                                               \
+     [](void *round_key, const void *key) { kestal_make_round_key_##NAME(static_cast<TYPE *>(round_key), key); },     \
+     PAIR(NAME, ecb), PAIR(NAME, cbc), PAIR(NAME, cfb8), PAIR(NAME, ofb8), {__VA_ARGS__}}
+// clang-format on
 
 const cipher ciphers[] = {
     CIPHER(aes128, 16, 16, kestal_aes128_round_key_t, "AES-128-ECB", "AES-128-CBC", "AES-128-CFB8"),

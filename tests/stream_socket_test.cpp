@@ -32,8 +32,9 @@ protected:
             kestal_ctx_set_option_string(id_, 1, "missed_time", missed_time);
         errno = 0;
         const auto *record = static_cast<const kestal_ctx_t *>(kestal_ginstance_search(id_, nullptr));
-        return kestal_open_ctx(id_, "application/ulx_stream") == 0 ? record->m_kind
-                                                                   : -1 - static_cast<int32_t>(record->m_last_error);
+        if (kestal_open_ctx(id_, "application/ulx_stream") == 0)
+            return record->m_kind;
+        return record == nullptr ? -1 : -1 - static_cast<int32_t>(record->m_last_error);
     }
 
     std::string read()

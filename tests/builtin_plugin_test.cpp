@@ -27,25 +27,22 @@ protected:
         counted::TearDown();
     }
 
-    // Opens the context anew with options NAME=VALUE between blanks; gives its kind, or -1 - last error.
-    int32_t open(const char *type, const std::string &options)
+    // Opens the context anew as "application/ulx_..." with these options; gives its kind, or -1 - last error.
+    int32_t open(const std::string &type, const std::vector<std::pair<const char *, std::string>> &options)
     {
         kestal_close_ctx(id_);
-        for (size_t begin = 0; begin < options.size();) {
-            const size_t end = std::min(options.find(' ', begin), options.size());
-            const size_t equals = options.find('=', begin);
-            kestal_ctx_set_option(id_, 0, options.substr(begin, equals - begin).c_str(), &options[equals + 1],
-                                  end - equals - 1);
-            begin = end + 1;
-        }
+        for (const auto &[name, value] : options)
+            kestal_ctx_set_option(id_, 0, name, value.data(), value.size());
         errno = 0;
         const auto *record = static_cast<const kestal_ctx_t *>(kestal_ginstance_search(id_, nullptr));
-        return kestal_open_ctx(id_, type) == 0 ? record->m_kind : -1 - static_cast<int32_t>(record->m_last_error);
+        return kestal_open_ctx(id_, ("application/ulx_" + type).c_str()) == 0
+                   ? record->m_kind
+                   : -1 - static_cast<int32_t>(record->m_last_error);
     }
 
     int32_t open_file(const std::string &path, const char *mode)
     {
-        return open("application/ulx_stream", "src=" + path + " mode=" + mode);
+        return open("stream", {{"src", path}, {"mode", mode}});
     }
 
     std::string read_all()
@@ -85,39 +82,36 @@ TEST_F(builtin_plugin, picks_the_kind_by_type_and_scheme)
 {
     const temporary_directory directory;
     const std::string path = directory.file("a%b", "x");
-    const std::string src = "src=" + path;
     const struct {
         const char *type;
-        std::string options;
+        std::vector<std::pair<const char *, std::string>> options;
         int32_t kind; // or -1 - last error
     } cases[] = {
-        {"application/ulx_base", "", 0},
-        {"application/ulx_multicall", "", 1},
-        {"application/ulx_multicall_builtin", "", 1},
-        {"application/ulx_stream", src + " mode=rb", 101},
-        {"application/ulx_stream", "SOURCE=" + path, 101},      // any case, and read without a mode
-        {"application/ulx_stream", "src=/nowhere " + src, 101}, // the last one counts
-        {"application/ulx_stream", "src=FILE://host" + directory.path("a%25b"), 101},
-        {"application/ulx_stream_file", src, 101},
-        {"application/ulx_stream", "src=pipe:// mode=r", 104},
-        {"application/ulx_stream_pipe", "src=any mode=w", 104},
-        {"application/ulx_stream", "fd=0", 101},
-        {"application/ulx_stream_pipe", "fd=0", 104},
-        {"application/ulx_stream", "", -4},
-        {"application/ulx_stream", "src=", -4},
-        {"application/ulx_stream", src + " mode=q", -4},
-        {"application/ulx_stream", "src=http://host/", -4},
-        {"application/ulx_stream", "src=/nowhere/at/all", -2},
-        {"application/ulx_stream", "fd=-1", -2},
-        {"application/ulx_stream", "fd=0x", -2},
-        {"application/ulx_stream", "fd=4294967296", -2},
-        {"APPLICATION/ULX_STREAM_FILE", src, -4}, // hints match in any case, types do not
-        {"application/ulx_stream_smoke", src, -4},
-        {"application/ulx_windows_dib", "", -4},
-        {nullptr, "", -4},
+        {"base", {}, 0},
+        {"multicall", {}, 1},
+        {"multicall_builtin", {}, 1},
+        {"stream", {{"SOURCE", path}}, 101},                                   // any case, and read without a mode
+        {"stream", {{"src", "/nowhere"}, {"src", path}, {"mode", "rb"}}, 101}, // the last one counts
+        {"stream", {{"src", "FILE://host" + directory.path("a%25b")}}, 101},
+        {"stream_file", {{"src", path}}, 101},
+        {"stream", {{"src", "pipe://"}, {"mode", "r"}}, 104},
+        {"stream_pipe", {{"src", "any"}, {"mode", "w"}}, 104},
+        {"stream", {{"fd", "0"}}, 101},
+        {"stream_pipe", {{"fd", "0"}}, 104},
+        {"stream", {}, -4},
+        {"stream", {{"src", ""}}, -4},
+        {"stream", {{"src", path}, {"mode", "q"}}, -4},
+        {"stream", {{"src", "http://host/"}}, -4},
+        {"stream", {{"src", "/nowhere/at/all"}}, -2},
+        {"stream", {{"fd", "-1"}}, -2},
+        {"stream", {{"fd", "0x"}}, -2},
+        {"stream", {{"fd", "4294967296"}}, -2},
+        {"STREAM_FILE", {{"src", path}}, -4}, // hints match in any case, types do not
+        {"stream_smoke", {{"src", path}}, -4},
+        {"windows_dib", {}, -4},
     };
     for (const auto &[type, options, kind] : cases)
-        EXPECT_EQ(open(type, options), kind) << (type ? type : "(null)") << " " << options;
+        EXPECT_EQ(open(type, options), kind) << type;
     EXPECT_EQ(kestal_open_ctx_stream("/nowhere/at/all", "rb", 0), none);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(kestal_open_ctx_stream_fd(1000000, "rb", 0), none);
@@ -171,7 +165,7 @@ TEST_F(builtin_plugin, leaves_given_descriptors_and_standard_streams_open)
 {
     int ends[2];
     ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    ASSERT_EQ(open("application/ulx_stream_pipe", "mode=rb fd=" + std::to_string(ends[0])), 104);
+    ASSERT_EQ(open("stream_pipe", {{"mode", "rb"}, {"fd", std::to_string(ends[0])}}), 104);
     EXPECT_EQ(kestal_ctx_is_readable(id_, 20), 0);
     EXPECT_EQ(kestal_ctx_sync(id_), 0);
     EXPECT_EQ(kestal_ctx_control(id_, size_code, nullptr, word), -1);
@@ -206,7 +200,7 @@ TEST_F(builtin_plugin, leaves_given_descriptors_and_standard_streams_open)
 
 TEST_F(builtin_plugin, serves_plain_contexts_without_a_stream)
 {
-    ASSERT_EQ(open("application/ulx_base", ""), 0);
+    ASSERT_EQ(open("base", {}), 0);
     char byte = 0;
     uint64_t size = 1;
     EXPECT_EQ(kestal_ctx_is_readable(id_, 0) & kestal_ctx_is_writable(id_, 0), 1);

@@ -45,7 +45,7 @@ TEST_F(hash_file, makes_an_entry_of_each_line)
     EXPECT_EQ(kestal_free_hash_file(nullptr), 0);
 }
 
-TEST_F(hash_file, reads_no_further_than_a_mebibyte)
+TEST_F(hash_file, reads_a_mebibyte_and_all_or_nothing)
 {
     const std::string line = "key-of-15-chars value-of-47-chars-xxxxxxxxxxxxxxxxxxxxxxxxxxxxx\n";
     std::string content;
@@ -54,10 +54,8 @@ TEST_F(hash_file, reads_no_further_than_a_mebibyte)
     // Chunks of 32,768 bytes up to the first that passes 1,048,576.
     const size_t lines = (1048576 + 32768) / line.size();
     EXPECT_EQ(load(content).size(), lines * line.size());
-}
 
-TEST_F(hash_file, gives_all_or_nothing_when_memory_is_short)
-{
+    // All or nothing when memory is short.
     const std::string path = directory_.file("hash", "a b\nc d\n# no\ne f\n");
     EXPECT_GT(with_each_allocation_failing([&] {
                   kestal_hash_file_t *head = kestal_load_hash_file(path.c_str());

@@ -8,7 +8,6 @@ using kestal_test::caught_assertions;
 namespace {
 
 constexpr uint32_t none = KESTAL_INVALID_ID;
-const int64_t large = int64_t{1} << 40;
 
 // What the operations below were called with, and what they answer.
 std::string calls;
@@ -32,7 +31,8 @@ int32_t note(const char *what, uint64_t number, int32_t answer)
     return answer;
 }
 
-// A table whose operations note what they are called with and answer with numbers of their own.
+// A table whose operations note what they are called with and answer with numbers of their own. What moves bytes is left
+// to the tests of the built-in plugin.
 kestal_ctx0_v1_interface_t noting_table()
 {
     using ctx_t = kestal_ctx_t;
@@ -44,14 +44,6 @@ kestal_ctx0_v1_interface_t noting_table()
     base.m_vxcontrol = [](ctx_t *, uint32_t code, va_list list) { return note("x", code, va_arg(list, int)); };
     base.m_vcontrol = [](ctx_t *, uint32_t code, va_list list) { return note("v", code, va_arg(list, int)); };
     base.m_is_readable = [](ctx_t *ctx, int32_t timeout) { return note("error", ctx->m_last_error, timeout); };
-    base.m_read = [](ctx_t *, void *buffer, uint64_t size) -> int64_t {
-        return *static_cast<char *>(buffer) = 'r', int64_t(size);
-    };
-    base.m_is_writable = [](ctx_t *, int32_t timeout) { return timeout; };
-    base.m_write = [](ctx_t *, const void *data, uint64_t size) {
-        return calls.append(static_cast<const char *>(data), size), large;
-    };
-    base.m_seek = [](ctx_t *, int64_t offset, uint32_t whence) { return offset + whence; };
     base.m_sync = [](ctx_t *ctx) { return ctx->m_last_error = 77, -1; };
     base.m_get_env = [](ctx_t *ctx, uint64_t a, uint64_t b, uint64_t *size) -> void * { return *size += a + b, ctx; };
     base.m_set_env = [](ctx_t *, uint64_t a, uint64_t b, uint64_t c, uint64_t d) { return int32_t(a + b + c + d); };
@@ -83,17 +75,11 @@ protected:
     kestal_ctx_t &record() const { return *static_cast<kestal_ctx_t *>(kestal_ginstance_search(id_, nullptr)); }
     uint32_t last_error() const { return record().m_last_error; }
 
-    uint32_t load(const char *hint)
+    uint32_t load(const char *name, const kestal_ctx0_v1_interface_t &table, const char *hint)
     {
-        set_probe("probe.so", table_.m_base, hint);
-        return load_probe("probe.so");
+        set_probe(name, table.m_base, hint);
+        return load_probe(name);
     }
-    void load_second(const char *hint)
-    {
-        set_probe("second_probe.so", second_table_.m_base, hint);
-        load_probe("second_probe.so");
-    }
-
     void every_call_fails(uint32_t id, int64_t error);
 
     uint32_t id_ = none;
@@ -155,8 +141,8 @@ TEST_F(context, keeps_options_in_order_and_replaces_the_first)
 
 TEST_F(context, opens_with_the_newest_willing_plugin)
 {
-    const uint32_t older = load("test/*");
-    load_second("test/both");
+    const uint32_t older = load("probe.so", table_, "test/*");
+    load("second_probe.so", second_table_, "test/both");
     const struct {
         const char *type;
         std::map<std::string, uint32_t> refusals;
@@ -222,23 +208,15 @@ TEST_F(context, opens_with_the_newest_willing_plugin)
 TEST_F(context, forwards_every_operation)
 {
     table_ = noting_table();
-    load("test/*");
+    load("probe.so", table_, "test/*");
     ASSERT_EQ(kestal_open_ctx(id_, "test/x"), 0);
-    char byte = 0;
     uint64_t size = 99;
     EXPECT_EQ(kestal_ctx_set_last_error(id_, 5), 14);
     EXPECT_EQ(kestal_ctx_get_last_error(id_), 1005) << "asked of the plugin, and nothing cleared";
     EXPECT_EQ(kestal_ctx_is_readable(id_, 21), 21);
-    EXPECT_EQ(kestal_ctx_is_writable(id_, 22), 22);
-    EXPECT_EQ(kestal_ctx_read(id_, &byte, UINT64_MAX / 2), INT64_MAX);
-    EXPECT_EQ(byte, 'r');
-    EXPECT_EQ(kestal_ctx_write(id_, "w;", 2) & kestal_ctx_puts(id_, nullptr) & kestal_ctx_printf(id_, "%03d;", 7),
-              large);
-    EXPECT_EQ(kestal_ctx_seek(id_, large, 2), large + 2);
     EXPECT_EQ(kestal_ctx_bcontrol(id_, 1, 11), 11);
     EXPECT_EQ(kestal_ctx_xcontrol(id_, UINT32_MAX, 12), 12);
     EXPECT_EQ(kestal_ctx_control(id_, 3, 13), 13);
-    EXPECT_EQ(kestal_ctx_rewind(id_), 0);
     EXPECT_EQ(kestal_ctx_set_env(id_, 1, 2, 3, 4), 10);
     EXPECT_EQ(kestal_ctx_get_env(id_, 3, 4, &size), kestal_get_valid_ctx(id_));
     EXPECT_EQ(size, 7u);
@@ -266,7 +244,7 @@ TEST_F(context, forwards_every_operation)
     EXPECT_EQ(kestal_ctx_xcontrol(id_, 7, 12), -1);
     EXPECT_EQ(last_error(), KESTAL_CTX_ERROR_NOT_SUPPORTED);
     EXPECT_EQ(kestal_close_ctx(id_), 0); // whatever the plugin's close returned
-    EXPECT_EQ(calls, "error0 w;007;b1 x4294967295 v3 v6 close0 ");
+    EXPECT_EQ(calls, "error0 b1 x4294967295 v3 v6 close0 ");
 }
 
 // `error` is what every call leaves as the last error of the context under test.
@@ -302,10 +280,10 @@ TEST_F(context, answers_failure_without_plugin_operation_or_context)
     table_ = noting_table();
     record().m_last_error = 55;
     every_call_fails(none, 55);
-    every_call_fails(load("full/*"), 55);
+    every_call_fails(load("probe.so", table_, "full/*"), 55);
     every_call_fails(id_, 55); // a closed context keeps its last error
 
-    load_second("bare/*");
+    load("second_probe.so", second_table_, "bare/*");
     ASSERT_EQ(kestal_open_ctx(id_, "bare/x"), 0);
     every_call_fails(id_, 3);
     kestal_close_ctx(id_);
@@ -338,7 +316,7 @@ TEST_F(context, asks_databases_by_record)
     if (!KESTAL_POINTER_IS_64_BIT)
         GTEST_SKIP() << "the records below are those of 64-bit pointers";
     table_.m_base.m_vbcontrol = table_.m_base.m_vxcontrol = database;
-    load("test/database");
+    load("probe.so", table_, "test/database");
     ASSERT_EQ(kestal_open_ctx(id_, "test/database"), 0);
     calls.clear();
     kestal_ctx_fbinfo_t info{};
@@ -394,7 +372,7 @@ TEST_F(context, fetches_a_page_whole_or_not_at_all)
         return ctx->m_reserved[0] < readable_until ? 1 : 0;
     };
     table_.m_base.m_read = read_page;
-    load("application/ulx_stream*");
+    load("probe.so", table_, "application/ulx_stream*");
     std::string whole;
     while (whole.size() < 5000)
         whole += static_cast<char>(whole.size() * 7);
@@ -402,28 +380,27 @@ TEST_F(context, fetches_a_page_whole_or_not_at_all)
     void *data = nullptr;
     uint64_t size = 0;
     const struct {
+        const char *url;
         size_t length, readable_until, broken_at;
         uint64_t limit;
         int32_t result;
-    } cases[] = {{5000, SIZE_MAX, SIZE_MAX, 0, 0},     {5000, SIZE_MAX, SIZE_MAX, 5001, 0},
-                 {5000, SIZE_MAX, SIZE_MAX, 5000, -1}, // reached is too much
-                 {5000, 4096, SIZE_MAX, 0, -1},        {5000, SIZE_MAX, 4096, 0, -1},
-                 {0, SIZE_MAX, SIZE_MAX, 0, 0}};
+    } cases[] = {
+        {"http://h/", 5000, SIZE_MAX, SIZE_MAX, 0, 0},     {"http://h/", 5000, SIZE_MAX, SIZE_MAX, 5001, 0},
+        {"http://h/", 5000, SIZE_MAX, SIZE_MAX, 5000, -1}, {"http://h/", 5000, 4096, SIZE_MAX, 0, -1},
+        {"http://h/", 5000, SIZE_MAX, 4096, 0, -1},        {"http://h/", 0, SIZE_MAX, SIZE_MAX, 0, 0},
+        {"gopher://h/", 5000, SIZE_MAX, SIZE_MAX, 0, -1},  {nullptr, 5000, SIZE_MAX, SIZE_MAX, 0, -1},
+    };
     for (const auto &expected : cases) {
         page = whole.substr(0, expected.length);
         readable_until = expected.readable_until;
         broken_at = expected.broken_at;
         data = &data;
         size = 1;
-        EXPECT_EQ(kestal_ctx_simple_http_get("http://h/", nullptr, expected.limit, 0, &data, &size), expected.result);
+        EXPECT_EQ(kestal_ctx_simple_http_get(expected.url, nullptr, expected.limit, 0, &data, &size), expected.result);
         const std::string fetched = data == nullptr ? "" : kestal_test::owned(data, size);
         EXPECT_TRUE(fetched == (expected.result == 0 ? page : "")) << "case " << &expected - cases;
         EXPECT_EQ(size, fetched.size());
     }
-    data = &data;
-    size = 1;
-    EXPECT_EQ(kestal_ctx_simple_http_get("gopher://h/", nullptr, 0, 0, &data, &size), -1);
-    EXPECT_TRUE(data == nullptr && size == 0);
     page = "x";
     EXPECT_EQ(kestal_ctx_simple_http_get("http://h/", "\r\nA: 1\r\n\nB: 2\rC", 0, 0, nullptr, nullptr), 0);
     const std::string options = "<src=http://h/><mode=rb><debug=0>";

@@ -12,6 +12,7 @@
 #include <kestal_ulx/thread.h>
 
 #include <string.h>
+#include <utility>
 
 namespace {
 
@@ -157,21 +158,16 @@ kestal_plugin_t *find_same(kestal_plugin_t *plugin, const kestal_plugin_t &fresh
     return plugin;
 }
 
-// Takes a plugin out of use, under its lock too. Its id leads nowhere from now on, but is not free before the record
-// is: who still has the number, like a plugin that loaded another, reaches no stranger with it.
+// Takes a plugin out of use, under its lock too. It is on record until it is uninitialised: a new load of it must wait
+// that long. Its id leads nowhere from now on, but is not free before the record is: who still has the number, like a
+// plugin that loaded another, reaches no stranger with it.
 void detach(kestal_plugin_t &plugin)
 {
     plugin.m_used_count = 0;
     take_off(registry.m_head, plugin);
+    put_on(registry.m_leaving, plugin);
     kestal_ginstance_set(plugin.m_id, nullptr, nullptr);
     --plugin.m_holders;
-}
-
-// A plugin that leaves is on record until it is uninitialised: a new load of it must wait that long.
-void begin_leaving(kestal_plugin_t &plugin)
-{
-    plugin.m_entry_thread = kestal_get_thread_id();
-    put_on(registry.m_leaving, plugin);
 }
 
 // True when nobody holds the detached plugin any more: the caller then finishes it, outside the locks.
@@ -179,22 +175,21 @@ bool claim_if_unheld(kestal_plugin_t &plugin)
 {
     if (plugin.m_holders != 0)
         return false;
-    if (is_initialized(plugin))
-        begin_leaving(plugin);
+    plugin.m_entry_thread = kestal_get_thread_id();
     return true;
 }
 
 void uninitialize(kestal_plugin_t &plugin)
 {
-    plugin.m_uninitialize();
+    if (is_initialized(plugin))
+        plugin.m_uninitialize();
     const exclusive_spin_guard guard(registry.m_lock);
     take_off(registry.m_leaving, plugin);
 }
 
 void finish(kestal_plugin_t &plugin)
 {
-    if (is_initialized(plugin))
-        uninitialize(plugin);
+    uninitialize(plugin);
     free_plugin(&plugin);
 }
 
@@ -248,7 +243,7 @@ kestal_plugin_t *enter(kestal_plugin_t &fresh, const load_request &request, uint
         if (leaving == nullptr)
             return add(fresh, request) ? &fresh : nullptr;
         if (leaving->m_entry_thread == kestal_get_thread_id()) {
-            report(request, "loaded by its own uninitialize");
+            report(request, "being unloaded in this thread");
             return nullptr;
         }
     }
@@ -308,6 +303,7 @@ uint32_t initialize(kestal_plugin_t &plugin, const load_request &request)
     {
         const exclusive_spin_guard guard(registry.m_lock);
         const exclusive_spin_guard plugin_guard(plugin.m_lock);
+        plugin.m_entry_thread = 0;
         if (result == 0) {
             plugin.m_mime_type_hint = hint;
             plugin.m_interface_size = size;
@@ -327,21 +323,22 @@ uint32_t initialize(kestal_plugin_t &plugin, const load_request &request)
     return id;
 }
 
-// Takes every plugin out of use. Returns those that no load holds, the newest first.
+// Takes every plugin out of use. Returns those that no load holds, chained from the newest on.
 kestal_plugin_t *detach_all()
 {
-    kestal_plugin_t *oldest = nullptr;
-    kestal_plugin_t *detached = nullptr;
+    kestal_plugin_t *newest = nullptr;
+    kestal_plugin_t **end = &newest;
     const exclusive_spin_guard guard(registry.m_lock);
     while (registry.m_head != nullptr) {
         kestal_plugin_t &plugin = *registry.m_head;
         const exclusive_spin_guard plugin_guard(plugin.m_lock);
         detach(plugin);
-        if (plugin.m_holders == 0)
-            kestal_doubly_linked_list_append(&detached, &oldest, &plugin,
-                                             KESTAL_LINKS(kestal_plugin_t, m_previous, m_next));
+        if (!claim_if_unheld(plugin))
+            continue;
+        *end = &plugin;
+        end = &plugin.m_next_to_finish;
     }
-    return detached;
+    return newest;
 }
 
 } // namespace
@@ -403,23 +400,11 @@ uint32_t kestal_unload_plugin(uint32_t id)
 int32_t kestal_unload_all_plugin(void)
 {
     kestal_plugin_t *detached = detach_all();
-    kestal_plugin_t *ended = nullptr;
-    while (detached != nullptr) {
-        kestal_plugin_t &plugin = *detached;
-        take_off(detached, plugin);
-        {
-            const exclusive_spin_guard guard(registry.m_lock);
-            begin_leaving(plugin);
-        }
-        uninitialize(plugin);
-        put_on(ended, plugin);
-    }
+    for (kestal_plugin_t *plugin = detached; plugin != nullptr; plugin = plugin->m_next_to_finish)
+        uninitialize(*plugin);
     // Only now: a plugin that unloads another one by its id must not meet a new owner of that id.
-    while (ended != nullptr) {
-        kestal_plugin_t &plugin = *ended;
-        take_off(ended, plugin);
-        free_plugin(&plugin);
-    }
+    while (detached != nullptr)
+        free_plugin(std::exchange(detached, detached->m_next_to_finish));
     return 0;
 }
 

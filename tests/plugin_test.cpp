@@ -240,13 +240,19 @@ TEST_F(plugin, is_loaded_anew_only_when_it_has_left)
 
 TEST_F(plugin, comes_and_goes_in_many_threads_and_without_memory)
 {
+    probe_->m_on_initialize = [] { return probe_->m_initialized % 3 == 0 ? -1 : 0; };
     kestal_test::in_threads(crowd, [](int t) {
-        for (int i = 0; i < 50; ++i) {
-            const uint32_t id = load_probe((i + t) % 3 == 0 ? "second_probe.so" : "probe.so");
-            EXPECT_EQ(record(id)->m_id, id);
-            kestal_unload_plugin(id);
-        }
+        for (int i = 0; i < 50; ++i)
+            if (t == 0)
+                kestal_unload_all_plugin();
+            else
+                kestal_unload_plugin(load_probe((i + t) % 3 == 0 ? "second_probe.so" : "probe.so"));
     });
+    kestal_unload_all_plugin();
+    EXPECT_EQ(probe_->m_initialized - probe_->m_initialized / 3, probe_->m_uninitialized);
+    EXPECT_EQ(second_->m_initialized, second_->m_uninitialized);
+    EXPECT_EQ(kestal_get_plugin_info()->m_leaving, nullptr);
+    probe_ = set_probe("probe.so", table_.m_base, nullptr);
     const auto scenario = [] {
         const uint32_t first = load_probe("probe.so");
         kestal_unload_plugin(load_probe("probe.so"));
@@ -255,7 +261,6 @@ TEST_F(plugin, comes_and_goes_in_many_threads_and_without_memory)
     };
     EXPECT_GT(kestal_test::with_each_allocation_failing(scenario), 6u);
     EXPECT_EQ(probe_->m_initialized, probe_->m_uninitialized);
-    EXPECT_EQ(second_->m_initialized, second_->m_uninitialized);
 }
 
 } // namespace

@@ -45,17 +45,18 @@ typedef struct kestal_plugin {
     const char *m_mime_type_hint; /**< this and the next two as initialize stored them */
     uint64_t m_interface_size;
     const kestal_ctx0_v0_interface_t *m_interface;
-    /* Private: how many of the list and of the threads in a load hold the record, the last of which releases it; and
-     * the thread that runs initialize or uninitialize. */
+    /* Private: how many of the list and of the threads in a load hold the record, the last of which releases it; the
+     * thread that runs initialize or uninitialize, or will; and the order in which all are unloaded. */
     uint64_t m_holders;
     uint64_t m_entry_thread;
+    struct kestal_plugin *m_next_to_finish;
 } kestal_plugin_t;
 
 /** The registry: loaded plugins, the newest first. Whoever holds both locks takes this one before a plugin's. */
 typedef struct kestal_plugin_info {
     kestal_spin_lock_t m_lock; /**< exclusive to load and unload, shared to walk the list */
     kestal_plugin_t *m_head;
-    kestal_plugin_t *m_leaving; /**< private: unlinked, and just being uninitialised */
+    kestal_plugin_t *m_leaving; /**< private: unlinked, and not yet uninitialised */
 } kestal_plugin_info_t;
 
 #if KESTAL_POINTER_IS_64_BIT

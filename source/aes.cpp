@@ -169,6 +169,9 @@ public:
         for (size_t i = 0; i < 4 * (rounds + 1); ++i)
             keys_[i] = load_big_32(round_key + 4 * i);
     }
+    ~table_forward() { explicit_bzero(keys_, sizeof keys_); }
+    table_forward(const table_forward &) = delete;
+    table_forward &operator=(const table_forward &) = delete;
 
     [[gnu::noinline]] void transform(uint8_t *blocks, size_t count) const
     {
@@ -194,6 +197,9 @@ public:
             }
         }
     }
+    ~table_inverse() { explicit_bzero(keys_, sizeof keys_); }
+    table_inverse(const table_inverse &) = delete;
+    table_inverse &operator=(const table_inverse &) = delete;
 
     [[gnu::noinline]] void transform(uint8_t *blocks, size_t count) const
     {

@@ -1,7 +1,8 @@
 // The modes of operation as templates over an engine: a cipher in one direction under one round key.
 //
 // An engine is made from the address of a round-key object, states its `block_size`, and transforms `count` blocks in
-// a row with transform(blocks, count), which is kept out of line so that the modes share it.
+// a row with transform(blocks, count), which is kept out of line so that the modes share it. What it copies of the keys,
+// and what the modes keep of the key stream, does not stay behind on the stack.
 #pragma once
 
 #include <algorithm>
@@ -93,6 +94,7 @@ void cfb8_encrypt(const Engine &forward, uint8_t *data, uint64_t size, uint8_t *
         data[i] = static_cast<uint8_t>(data[i] ^ scratch[0]);
         shift_in<block>(iv, data[i]);
     }
+    explicit_bzero(scratch, sizeof scratch);
 }
 
 // Every register is known beforehand here (it is ciphertext), so a batch of them goes through the cipher at once.
@@ -115,6 +117,7 @@ void cfb8_decrypt(const Engine &forward, uint8_t *data, uint64_t size, uint8_t *
         data += count;
         size -= count;
     }
+    explicit_bzero(scratch, sizeof scratch);
 }
 
 // The register is rotated, not shifted: data enciphered so must stay readable.

@@ -155,7 +155,12 @@ public:
             transform_together<1>(blocks);
     }
 
+    des_engine(const des_engine &) = delete;
+    des_engine &operator=(const des_engine &) = delete;
+
 protected:
+    des_engine() = default;
+    ~des_engine() { explicit_bzero(rounds_, sizeof rounds_); }
     void set_round(size_t position, const uint8_t *bits) { rounds_[position] = pack(bits); }
 
 private:

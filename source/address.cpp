@@ -245,6 +245,7 @@ private:
 
 void write_v4(writer &out, const uint8_t *bytes)
 {
+    // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): only called where the family is that of the bytes
     out.format("%u.%u.%u.%u", unsigned{bytes[0]}, unsigned{bytes[1]}, unsigned{bytes[2]}, unsigned{bytes[3]});
 }
 

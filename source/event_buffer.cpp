@@ -142,7 +142,7 @@ int32_t kestal_event_push_vprintf(kestal_event_t *event, uint32_t directions, co
         va_end(copy);
         const uint64_t queued = kestal_push_puts_ex(buffer, text, KESTAL_BUFFER_ADOPT);
         if (queued == 0)
-            kestal_check_free(text); // not adopted
+            kestal_check_free_tag(text, "kestal_event_push_vprintf", __LINE__); // not adopted
         return queued;
     });
 }

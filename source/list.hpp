@@ -28,6 +28,7 @@ public:
     {
         if (tail_ != nullptr && *tail_ != nullptr)
             return *tail_;
+        // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): what the head holds may be null, the head is not
         void *element = head_;
         while (element != nullptr && next(element) != nullptr)
             element = next(element);

@@ -13,7 +13,6 @@
 namespace {
 
 using kestal::family_of;
-using kestal::socket_address;
 
 int32_t level_of(int32_t family)
 {

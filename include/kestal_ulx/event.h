@@ -15,7 +15,7 @@
  * Threads: handlers run on the loop's thread, without any lock, and may call anything here, also delete or free their
  * own event and others. Any other thread may add, activate, delete and ask for events and break or exit the loop: it
  * wakes the loop if need be. It must not free or unassign an event whose handler may be running. A base is freed when
- * no loop runs on it.
+ * no loop runs on it. After a fork only one of the two processes may go on with a base whose loop has run.
  *
  * A signal that interrupts the wait ends the loop with -1 and errno EINTR; its event is found by the next loop. So
  * whoever drives a loop with signal events calls it again:

@@ -1,0 +1,322 @@
+// Bytes as operations on one base, between which and in whose handlers everything is compared with a small model that
+// walks all its events. Above some input sizes enough descriptors are watched for the kernel's list to wait.
+#include <kestal_ulx.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <deque>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr size_t event_count = 12;
+constexpr uint32_t level_count = 3;
+constexpr int32_t far_away_ms = 100000000;
+constexpr size_t most_calls = 64;
+constexpr uint32_t calls_of_assignment = KESTAL_EVENT_ASSIGNED | KESTAL_EVENT_UNASSIGNED;
+
+void require(bool holds)
+{
+    if (!holds)
+        std::abort();
+}
+
+struct call {
+    size_t event;
+    uint32_t what;
+    bool operator==(const call &) const = default;
+};
+
+// What a handler does: chosen by the input beforehand, so that model and library do the same.
+struct deed {
+    uint8_t kind = 0;
+    size_t target = 0;
+};
+
+struct model_event {
+    bool reads = false, persists = false, readable = false;
+    bool is_registered = false, is_active = false, is_timed = false;
+    int32_t timeout = -1;
+    uint32_t priority = level_count / 2, result = 0;
+    deed does;
+};
+
+// The base as it is described: lists, walked whole.
+class model {
+public:
+    std::array<model_event, event_count> events;
+    std::vector<call> calls;
+
+    void add(size_t i, int32_t timeout)
+    {
+        model_event &at = events[i];
+        at.timeout = at.reads || timeout >= 0 ? timeout : 0;
+        if (!at.is_registered && !at.is_active) {
+            at.is_registered = true;
+            order_.push_back(i);
+        }
+        at.is_timed = at.timeout >= 0;
+    }
+    void remove(size_t i)
+    {
+        model_event &at = events[i];
+        at.is_registered = at.is_active = at.is_timed = false;
+        std::erase(order_, i);
+        for (std::deque<size_t> &level : active_)
+            std::erase(level, i);
+    }
+    void activate(size_t i, uint32_t what)
+    {
+        model_event &at = events[i];
+        if (at.is_active) {
+            at.result |= what;
+            return;
+        }
+        at.result = what;
+        append(i);
+        at.is_timed = at.timeout >= 0;
+    }
+    bool set_priority(size_t i, uint32_t priority)
+    {
+        if (events[i].is_active || priority >= level_count)
+            return false;
+        events[i].priority = priority;
+        return true;
+    }
+    uint32_t pending(size_t i) const
+    {
+        const model_event &at = events[i];
+        return (at.is_registered && at.reads ? KESTAL_EVENT_READ : 0) | (at.is_timed ? KESTAL_EVENT_TIMEOUT : 0) |
+               (at.is_active ? at.result : 0);
+    }
+    size_t registered() const { return order_.size(); }
+    void assign(size_t i, bool reads, bool persists)
+    {
+        remove(i);
+        const bool readable = events[i].readable;
+        const deed does = events[i].does;
+        events[i] = {};
+        events[i].reads = reads;
+        events[i].persists = persists;
+        events[i].readable = readable;
+        events[i].does = does;
+    }
+    void loop()
+    {
+        for (must_break_ = false;;) {
+            if (must_break_)
+                return;
+            look();
+            const auto level = std::find_if(active_.begin(), active_.end(), [](const auto &at) { return !at.empty(); });
+            if (level == active_.end())
+                return;
+            serve(*level);
+            if (std::all_of(active_.begin(), active_.end(), [](const auto &at) { return at.empty(); }))
+                return;
+        }
+    }
+
+private:
+    void append(size_t i)
+    {
+        events[i].is_active = true;
+        active_[events[i].priority].push_back(i);
+    }
+    void look()
+    {
+        for (const size_t i : order_) {
+            model_event &at = events[i];
+            if (!at.is_active)
+                at.result = 0;
+            if (at.reads && at.readable)
+                at.result |= KESTAL_EVENT_READ;
+            if (at.result == 0 && at.timeout == 0)
+                at.result = KESTAL_EVENT_TIMEOUT;
+            if (at.result != 0 && !at.is_active)
+                append(i);
+        }
+    }
+    void serve(std::deque<size_t> &level)
+    {
+        while (!level.empty() && !must_break_) {
+            const size_t i = level.front();
+            const uint32_t what = events[i].result;
+            if (events[i].persists) {
+                level.pop_front();
+                events[i].is_active = false;
+                events[i].is_timed = events[i].is_registered && events[i].timeout >= 0;
+            } else {
+                remove(i);
+            }
+            calls.push_back({i, what});
+            act(events[i].does);
+            if (calls.size() >= most_calls)
+                must_break_ = true;
+        }
+    }
+    void act(const deed &does)
+    {
+        switch (does.kind) {
+        case 1:
+            remove(does.target);
+            break;
+        case 2:
+            add(does.target, 0);
+            break;
+        case 3:
+            activate(does.target, KESTAL_EVENT_WRITE);
+            break;
+        case 4:
+            must_break_ = true;
+            break;
+        default:
+            break;
+        }
+    }
+
+    std::vector<size_t> order_;
+    std::array<std::deque<size_t>, level_count> active_;
+    bool must_break_ = false;
+};
+
+// The library's side.
+class real {
+public:
+    explicit real(const model &other) : other_(other), base_(kestal_new_event_base())
+    {
+        require(kestal_event_base_init_priority(base_, level_count) == 0);
+        for (size_t i = 0; i < event_count; ++i) {
+            require(socketpair(AF_UNIX, SOCK_STREAM, 0, ends_[i].data()) == 0);
+            assign(i, false, false);
+        }
+    }
+    ~real()
+    {
+        for (size_t i = 0; i < event_count; i += 2)
+            kestal_unassign_event(&events_[i]);
+        kestal_free_event_base(base_); // with what is in it
+        for (const auto &pair : ends_) {
+            close(pair[0]);
+            close(pair[1]);
+        }
+    }
+    void assign(size_t i, bool reads, bool persists)
+    {
+        if ((events_[i].m_flags & KESTAL_EVENT_INITIALIZED) != 0)
+            kestal_unassign_event(&events_[i]);
+        require(kestal_assign_event(base_, &events_[i], reads ? ends_[i][0] : -1,
+                                    (reads ? KESTAL_EVENT_READ : 0) | (persists ? KESTAL_EVENT_PERSIST : 0), handle,
+                                    this) == 0);
+    }
+    void set_readable(size_t i, bool readable)
+    {
+        char byte = 0;
+        require((readable ? write(ends_[i][1], "x", 1) : read(ends_[i][0], &byte, 1)) == 1);
+    }
+    void loop() { require(kestal_event_base_loop(base_, KESTAL_EVENT_LOOP_ONCE | KESTAL_EVENT_LOOP_NON_BLOCK) == 0); }
+    kestal_event_t *event(size_t i) { return &events_[i]; }
+    uint64_t registered() const { return base_->m_event_count - 1; }
+    uint64_t active() const { return base_->m_active_event_count; }
+
+    std::vector<call> calls;
+
+private:
+    static void handle(kestal_event_t *event, int32_t, uint32_t what, void *context)
+    {
+        if ((what & calls_of_assignment) != 0)
+            return;
+        real &self = *static_cast<real *>(context);
+        const auto i = static_cast<size_t>(event - self.events_.data());
+        self.calls.push_back({i, what});
+        const deed does = self.other_.events[i].does;
+        switch (does.kind) {
+        case 1:
+            require(kestal_del_event(&self.events_[does.target]) == 0);
+            break;
+        case 2:
+            require(kestal_add_event(&self.events_[does.target], 0) == 0);
+            break;
+        case 3:
+            require(kestal_active_event(&self.events_[does.target], KESTAL_EVENT_WRITE) == 0);
+            break;
+        case 4:
+            kestal_event_base_break_loop(self.base_);
+            break;
+        default:
+            break;
+        }
+        if (self.calls.size() >= most_calls)
+            kestal_event_base_break_loop(self.base_);
+    }
+
+    const model &other_;
+    kestal_event_base_t *base_;
+    std::array<kestal_event_t, event_count> events_{};
+    std::array<std::array<int, 2>, event_count> ends_{};
+};
+
+void operate(model &expected, real &actual, const uint8_t *input)
+{
+    const size_t i = input[1] % event_count;
+    switch (input[0] % 8) {
+    case 0: {
+        const int32_t timeouts[] = {-1, 0, far_away_ms};
+        expected.add(i, timeouts[input[2] % 3]);
+        require(kestal_add_event(actual.event(i), timeouts[input[2] % 3]) == 0);
+        break;
+    }
+    case 1:
+        expected.remove(i);
+        require(kestal_del_event(actual.event(i)) == 0);
+        break;
+    case 2:
+        expected.activate(i, input[2] & 7u);
+        require(kestal_active_event(actual.event(i), input[2] & 7u) == 0);
+        break;
+    case 3: {
+        const bool is_set = expected.set_priority(i, input[2] % (level_count + 1));
+        require((kestal_event_set_priority(actual.event(i), input[2] % (level_count + 1)) == 0) == is_set);
+        break;
+    }
+    case 4:
+        expected.events[i].readable = !expected.events[i].readable;
+        actual.set_readable(i, expected.events[i].readable);
+        break;
+    case 5:
+        expected.assign(i, (input[2] & 1) != 0, (input[2] & 2) != 0);
+        actual.assign(i, (input[2] & 1) != 0, (input[2] & 2) != 0);
+        break;
+    case 6:
+        expected.events[i].does = {static_cast<uint8_t>(input[2] % 5), input[2] / 5 % event_count};
+        break;
+    default:
+        expected.calls.clear();
+        actual.calls.clear();
+        expected.loop();
+        actual.loop();
+        require(expected.calls == actual.calls);
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const uint64_t blocks = kestal_get_alloc_count();
+    kestal_set_error_puts_handler(kestal_quiet_puts, nullptr);
+    {
+        model expected;
+        real actual(expected);
+        for (; size >= 3; size -= 3, data += 3) {
+            operate(expected, actual, data);
+            require(actual.registered() == expected.registered());
+            for (size_t i = 0; i < event_count; ++i)
+                require(kestal_event_pending(actual.event(i), 0xFFFF, nullptr) == expected.pending(i));
+        }
+    }
+    require(kestal_get_alloc_count() == blocks);
+    return 0;
+}

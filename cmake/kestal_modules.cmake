@@ -11,8 +11,8 @@ set(KESTAL_FLOOR_7 address network_interface socket resolver multicast socket_op
     event_loop event_service event_buffer)
 set(KESTAL_FLOOR_8 color bitmap_font geometry raw_bitmap blend fbmap_record fbmap_get fbmap_update fbmap fbmap_draw
     fbmap_text fbmap_pattern)
-set(KESTAL_FLOOR_9 dynamic_library instance plugin interface stream_kind stream_file stream_socket builtin_plugin simple_digest
-    hash_file json_parser)
+set(KESTAL_FLOOR_9 dynamic_library instance plugin interface stream_kind stream_file stream_socket stream_fb
+    builtin_plugin simple_digest hash_file json_parser)
 
 set(KESTAL_MODULES)
 foreach(floor 1 2 3 4 5 6 7 8 9)

@@ -73,6 +73,7 @@ extern const stream_kind file_kind;
 extern const stream_kind pipe_kind;
 extern const stream_kind tcp_kind;
 extern const stream_kind udp_kind;
+extern const stream_kind fb_kind;
 
 // The kind of that code, type or scheme, or null.
 const stream_kind *find_kind(int32_t code);

@@ -1,7 +1,8 @@
 /**
  * @file
  * The plugin that is built into the library and that every context keeps loaded: it serves files, pipes, TCP
- * connections, UDP datagrams and open descriptors as streams, and the plain types "application/ulx_base" and "application/ulx_multicall".
+ * connections, UDP datagrams and open descriptors as streams, frame-buffer devices, and the plain types
+ * "application/ulx_base" and "application/ulx_multicall".
  *
  * Applications reach it through stream contexts and need none of this; the two entry points are what the plugin loader
  * calls. What it understands:
@@ -19,6 +20,14 @@
  *    join on all interfaces, a local address to be bound to, or empty for any. A group that has been silent for
  *    "missed_time" milliseconds (none: for ever) is joined again by the wait for data, since a membership is lost with
  *    its interface; with debug on, such waits tell of the silence on the error sink.
+ *
+ * "application/ulx_fb" and "application/ulx_linuxfb" open a frame-buffer device: the first of the paths in "src", parted
+ * by "|" (without it the usual names under /dev), that is a character device of major number 29, opens for reading and
+ * writing, and has 8, 16, 24 or 32 bits per pixel. Its visible part lies under the map "_master", which
+ * kestal_ctx_get_fbinfo tells of and which ends with the context; the path there is empty for a device given by "fd".
+ * With "debug" what the device says of itself is printed on the output sink. At 8 bits pixels are palette indexes
+ * (color.h): the device's colour map is saved, for the application to set its own, and put back when the context
+ * closes. Without a device that can be used the refusal is 1.
  *
  * Any other type or scheme is refused with last error 3, so that another plugin may serve it; a file or socket
  * that cannot be opened is refused with 1 and leaves errno as the system set it, as every failing operation does. A hang-up counts as

@@ -9,8 +9,8 @@ set(KESTAL_FLOOR_5 text utf8 file buffer percent uri)
 set(KESTAL_FLOOR_6 processor md5 sha1 sha256 crc adler32 base64 aes_hardware aes des seed cipher_mode)
 set(KESTAL_FLOOR_7 address network_interface socket resolver multicast socket_opener readiness event event_connect
     event_loop event_service event_buffer)
-set(KESTAL_FLOOR_8 color bitmap_font geometry raw_bitmap blend fbmap_record fbmap_get fbmap_update fbmap fbmap_draw
-    fbmap_text fbmap_pattern)
+set(KESTAL_FLOOR_8 color bitmap_font geometry raw_bitmap fill blend fbmap_record fbmap_get fbmap_update fbmap
+    fbmap_draw fbmap_text fbmap_pattern)
 set(KESTAL_FLOOR_9 dynamic_library instance plugin interface stream_kind stream_file stream_socket stream_fb
     builtin_plugin simple_digest hash_file json_parser)
 

@@ -82,36 +82,30 @@ uint32_t divided_by_255(uint32_t product)
 
 // --- four channels of a byte each, eight pixels at once
 
-struct direct_mix {
-    uint32_t alpha_shift;
-    bool pixel_alpha;
-    bool keyed;
-    uint32_t key;
-    uint32_t window_alpha;
-    uint32_t set_bits; // the alpha channel, where the source's is not handed on
-};
-
 typedef uint32_t pixels_of_32_bits __attribute__((vector_size(32)));
 typedef uint16_t halves_of_16_bits __attribute__((vector_size(32)));
 
 constexpr size_t pixels_at_once = sizeof(pixels_of_32_bits) / sizeof(uint32_t);
 
-// A channel and its neighbour but one share a pixel's halves: two multiplications of halves mix all four.
-template <bool pixel_alpha, bool keyed>
-[[gnu::always_inline]] inline void mix_at_once(uint8_t *target, const uint8_t *source, const direct_mix &mix)
+// What the alpha of a pixel is made of.
+enum class weighing { window, pixel, both };
+
+// Lays eight pixels over eight others. A channel and its neighbour but one share a pixel's halves: two multiplications
+// of halves mix all four.
+template <weighing by>
+[[gnu::always_inline]] inline void mix_at_once(uint8_t *mixed, const uint8_t *target, const uint8_t *source,
+                                               const direct_mix &mix)
 {
     pixels_of_32_bits over, under;
     memcpy(&over, source, sizeof over);
     memcpy(&under, target, sizeof under);
 
     pixels_of_32_bits cover = pixels_of_32_bits{} + mix.window_alpha;
-    if constexpr (pixel_alpha) {
+    if constexpr (by != weighing::window) {
         const pixels_of_32_bits own = over >> mix.alpha_shift & 0xFFu;
         const auto product = (halves_of_16_bits)own * (halves_of_16_bits)cover + uint16_t{128};
-        cover = (pixels_of_32_bits)((product + (product >> 8)) >> 8);
+        cover = by == weighing::pixel ? own : (pixels_of_32_bits)((product + (product >> 8)) >> 8);
     }
-    if constexpr (keyed)
-        cover &= (pixels_of_32_bits)(over != mix.key);
     const auto weight = (halves_of_16_bits)(cover | cover << 16);
 
     over |= mix.set_bits;
@@ -121,66 +115,82 @@ template <bool pixel_alpha, bool keyed>
     const auto high_under = (halves_of_16_bits)under >> 8;
     const auto low = (low_over - low_under) * weight + (low_under << 8) - low_under + uint16_t{128};
     const auto high = (high_over - high_under) * weight + (high_under << 8) - high_under + uint16_t{128};
-    const auto mixed = ((low + (low >> 8)) >> 8) | ((high + (high >> 8)) & uint16_t{0xFF00});
-    memcpy(target, &mixed, sizeof mixed);
+    const auto all = ((low + (low >> 8)) >> 8) | ((high + (high >> 8)) & uint16_t{0xFF00});
+    memcpy(mixed, &all, sizeof all);
 }
 
-template <bool pixel_alpha, bool keyed>
-[[gnu::always_inline]] inline void mix_all(uint8_t *target, const uint8_t *source, size_t count, const direct_mix &mix)
+// Rows of eight pixels or more. The last ones of a row overlap those before, and so are mixed while what lies below them
+// is still as it was.
+template <weighing by>
+[[gnu::always_inline]] inline void mix_rows(const direct_box &box, const direct_mix mix)
 {
-    const size_t whole = count - count % pixels_at_once;
-    for (size_t i = 0; i < whole; i += pixels_at_once)
-        mix_at_once<pixel_alpha, keyed>(target + 4 * i, source + 4 * i, mix);
-    if (whole == count)
-        return;
-    uint8_t last_target[sizeof(pixels_of_32_bits)] = {};
-    uint8_t last_source[sizeof(pixels_of_32_bits)] = {};
-    const size_t rest = 4 * (count - whole);
-    memcpy(last_target, target + 4 * whole, rest);
-    memcpy(last_source, source + 4 * whole, rest);
-    mix_at_once<pixel_alpha, keyed>(last_target, last_source, mix);
-    memcpy(target + 4 * whole, last_target, rest);
+    const size_t last_place = 4 * (box.width - pixels_at_once);
+    for (size_t row = 0; row < box.height; ++row) {
+        uint8_t *target = box.target + row * box.target_stride;
+        const uint8_t *source = box.source + row * box.source_stride;
+        uint8_t last[sizeof(pixels_of_32_bits)];
+        mix_at_once<by>(last, target + last_place, source + last_place, mix);
+        for (size_t at = 0; at < last_place; at += sizeof last)
+            mix_at_once<by>(target + at, target + at, source + at, mix);
+        memcpy(target + last_place, last, sizeof last);
+    }
 }
 
-[[gnu::always_inline]] inline void mix_by_kind(uint8_t *target, const uint8_t *source, size_t count,
-                                               const direct_mix &mix)
+// Shorter rows are filled up to eight.
+template <weighing by>
+void mix_narrow_rows(const direct_box &box, const direct_mix &mix)
 {
-    if (mix.pixel_alpha)
-        mix.keyed ? mix_all<true, true>(target, source, count, mix) : mix_all<true, false>(target, source, count, mix);
-    else
-        mix.keyed ? mix_all<false, true>(target, source, count, mix)
-                  : mix_all<false, false>(target, source, count, mix);
+    for (size_t row = 0; row < box.height; ++row) {
+        uint8_t *target = box.target + row * box.target_stride;
+        uint8_t below[sizeof(pixels_of_32_bits)] = {};
+        uint8_t above[sizeof(pixels_of_32_bits)] = {};
+        memcpy(below, target, 4 * box.width);
+        memcpy(above, box.source + row * box.source_stride, 4 * box.width);
+        mix_at_once<by>(below, below, above, mix);
+        memcpy(target, below, 4 * box.width);
+    }
 }
 
-void mix_direct_portable(uint8_t *target, const uint8_t *source, size_t count, const direct_mix &mix)
+template <weighing by>
+void mix_portable(const direct_box &box, const direct_mix &mix)
 {
-    mix_by_kind(target, source, count, mix);
+    box.width < pixels_at_once ? mix_narrow_rows<by>(box, mix) : mix_rows<by>(box, mix);
 }
 
 #if defined(__x86_64__)
-[[gnu::target("avx2")]] void mix_direct_avx2(uint8_t *target, const uint8_t *source, size_t count,
-                                             const direct_mix &mix)
+template <weighing by>
+[[gnu::target("avx2")]] void mix_avx2(const direct_box &box, const direct_mix &mix)
 {
-    mix_by_kind(target, source, count, mix);
+    box.width < pixels_at_once ? mix_narrow_rows<by>(box, mix) : mix_rows<by>(box, mix);
 }
 #endif
 
-void mix_direct(uint8_t *target, const uint8_t *source, size_t count, uint32_t code, const blend_rule &rule)
+template <weighing by>
+direct_mixer mixer()
+{
+#if defined(__x86_64__)
+    if (processor::has(processor::avx2))
+        return mix_avx2<by>;
+#endif
+    return mix_portable<by>;
+}
+
+direct_mixer mixer_for(const direct_mix &mix)
+{
+    if (!mix.pixel_alpha)
+        return mixer<weighing::window>();
+    return mix.window_alpha == 255 ? mixer<weighing::pixel>() : mixer<weighing::both>();
+}
+
+direct_mix direct_mix_of(uint32_t code, const blend_rule &rule)
 {
     const uint32_t mask = alpha_mask(code);
-    const direct_mix mix = {
+    return {
         .alpha_shift = mask != 0 ? static_cast<uint32_t>(std::countr_zero(mask)) : 0,
         .pixel_alpha = rule.pixel_alpha && mask != 0,
-        .keyed = rule.keyed,
-        .key = rule.key,
         .window_alpha = rule.window_alpha,
         .set_bits = rule.pixel_alpha || rule.opaque ? mask : 0,
     };
-#if defined(__x86_64__)
-    if (processor::has(processor::avx2))
-        return mix_direct_avx2(target, source, count, mix);
-#endif
-    mix_direct_portable(target, source, count, mix);
 }
 
 // --- copies without the pixels of one colour
@@ -232,6 +242,10 @@ row_blender::row_blender(uint32_t target_code, uint32_t source_code, const blend
     if (source_bytes_ < 4)
         rule_.key &= (1u << 8 * source_bytes_) - 1;
     way_ = choose();
+    if (way_ != way::direct && way_ != way::by_channels)
+        return;
+    mix_ = direct_mix_of(way_ == way::direct ? target_code_ : KESTAL_COLOR_ARGB8888, rule_);
+    mixer_ = mixer_for(mix_);
 }
 
 row_blender::way row_blender::choose() const
@@ -252,7 +266,7 @@ void row_blender::operator()(uint8_t *target, const uint8_t *source, size_t coun
 {
     if (way_ == way::select)
         return select_row(target, source, count, source_bytes_, rule_.key);
-    if (!rule_.keyed || way_ == way::direct)
+    if (!rule_.keyed)
         return blend_run(target, source, count);
     const auto is_key = [&](size_t i) { return load_pixel(source + i * source_bytes_, source_bytes_) == rule_.key; };
     for (size_t first = 0; first < count;) {
@@ -263,6 +277,19 @@ void row_blender::operator()(uint8_t *target, const uint8_t *source, size_t coun
             blend_run(target + first * target_bytes_, source + first * source_bytes_, last - first);
         first = last + 1;
     }
+}
+
+void row_blender::box(uint8_t *target, uint64_t target_stride, const uint8_t *source, uint64_t source_stride,
+                      size_t width, size_t height) const
+{
+    if (width * target_bytes_ == target_stride && width * source_bytes_ == source_stride) {
+        width *= height;
+        height = 1;
+    }
+    if (way_ == way::direct && !rule_.keyed)
+        return mixer_({target, target_stride, source, source_stride, width, height}, mix_);
+    for (size_t row = 0; row < height; ++row)
+        (*this)(target + row * target_stride, source + row * source_stride, width);
 }
 
 void row_blender::blend_run(uint8_t *target, const uint8_t *source, size_t count) const
@@ -276,7 +303,7 @@ void row_blender::blend_run(uint8_t *target, const uint8_t *source, size_t count
         convert_color_row(target_code_, target, source_code_, source, count);
         return;
     case way::direct:
-        return mix_direct(target, source, count, target_code_, rule_);
+        return mixer_({target, 0, source, 0, count, 1}, mix_);
     case way::by_channels:
         return mix_channels(target, source, count);
     case way::by_fields:
@@ -291,14 +318,12 @@ void row_blender::mix_channels(uint8_t *target, const uint8_t *source, size_t co
     constexpr uint32_t argb = KESTAL_COLOR_ARGB8888;
     alignas(32) uint8_t over[4 * part];
     alignas(32) uint8_t under[4 * part];
-    blend_rule rule = rule_;
-    rule.keyed = false;
     for (size_t done = 0; done < count; done += part) {
         const size_t now = std::min(part, count - done);
         uint8_t *at = target + done * target_bytes_;
         convert_color_row(argb, over, source_code_, source + done * source_bytes_, now);
         convert_color_row(argb, under, target_code_, at, now);
-        mix_direct(under, over, now, argb, rule);
+        mixer_({under, 0, over, 0, now, 1}, mix_);
         convert_color_row(target_code_, at, argb, under, now);
     }
 }

@@ -5,6 +5,7 @@
 
 #include "fbmap_draw.hpp"
 #include "fbmap_record.hpp"
+#include "fill.hpp"
 #include "pixel.hpp"
 #include "raw_bitmap.hpp"
 
@@ -18,17 +19,6 @@ using operations = kestal_fbmap_operations_t;
 
 // --- areas
 
-template <size_t bytes>
-void fill_row(uint8_t *row, uint32_t color, size_t count)
-{
-    if constexpr (bytes == 1) {
-        memset(row, static_cast<int>(color & 0xFFu), count);
-    } else {
-        for (size_t i = 0; i < count; ++i)
-            store_pixel<bytes>(row + i * bytes, color);
-    }
-}
-
 // Fills what lies in the map, and notes it. False when nothing does.
 template <size_t bytes>
 bool fill(kestal_fbmap_t &map, uint32_t color, const area &asked)
@@ -36,11 +26,10 @@ bool fill(kestal_fbmap_t &map, uint32_t color, const area &asked)
     const area inside = asked.cut_to(whole_of(map.m_bitmap));
     if (inside.empty() || map.m_bitmap.m_pixels == nullptr)
         return false;
-    const auto width = static_cast<size_t>(inside.width());
     uint8_t *first =
         pixel_at(map.m_bitmap, bytes, static_cast<uint64_t>(inside.left), static_cast<uint64_t>(inside.top));
-    for (int64_t row = 0; row < inside.height(); ++row)
-        fill_row<bytes>(first + static_cast<uint64_t>(row) * map.m_bitmap.m_line_length, color, width);
+    fill_rows<bytes>(first, map.m_bitmap.m_line_length, color, static_cast<size_t>(inside.width()),
+                     static_cast<size_t>(inside.height()));
     note_change(map, inside);
     return true;
 }
@@ -103,6 +92,43 @@ int32_t draw_box(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y, uint
     for (const area &edge : edges)
         drawn = fill<bytes>(*map, color, edge) || drawn;
     return result_of(drawn);
+}
+
+// --- bits
+
+// The bits of a row that lie in a map of this width.
+uint32_t columns_inside(int64_t x, int64_t width)
+{
+    const int64_t first = std::clamp<int64_t>(-x, 0, 32);
+    const int64_t last = std::clamp<int64_t>(width - x, 0, 32);
+    const auto from = [](int64_t column) { return static_cast<uint32_t>(UINT64_C(0xFFFFFFFF) >> column); };
+    return from(first) & ~from(last);
+}
+
+template <size_t bytes>
+void put_bits(kestal_fbmap_t &map, uint32_t color, int64_t x, int64_t y, std::span<const uint32_t> rows)
+{
+    const kestal_raw_bitmap_t &bitmap = map.m_bitmap;
+    const uint32_t inside = columns_inside(x, bitmap.m_width);
+    uint32_t columns = 0;
+    area drawn = {0, INT64_MAX, 0, INT64_MIN};
+    for (const uint32_t row : rows) {
+        uint32_t bits = y >= 0 && y < bitmap.m_height ? row & inside : 0;
+        if (bits != 0) {
+            columns |= bits;
+            drawn.top = std::min(drawn.top, y);
+            drawn.bottom = y + 1;
+            uint8_t *line = static_cast<uint8_t *>(bitmap.m_pixels) + static_cast<uint64_t>(y) * bitmap.m_line_length;
+            for (; bits != 0; bits &= bits - 1)
+                store_pixel<bytes>(line + (x + 31 - std::countr_zero(bits)) * int64_t{bytes}, color);
+        }
+        ++y;
+    }
+    if (columns == 0)
+        return;
+    drawn.left = x + std::countl_zero(columns);
+    drawn.right = x + 32 - std::countr_zero(columns);
+    note_change(map, drawn);
 }
 
 // --- lines
@@ -432,6 +458,16 @@ bool kestal::fill_area(kestal_fbmap_t &map, uint32_t color, const area &asked)
     const kestal_rectangle_t inside = asked.cut_to(whole_of(map.m_bitmap)).rectangle();
     return inside.m_width != 0 &&
            box_operation.run(map, color, inside.m_x, inside.m_y, inside.m_width, inside.m_height, 1) == 0;
+}
+
+bool kestal::draw_bits(kestal_fbmap_t &map, uint32_t color, int64_t x, int64_t y, std::span<const uint32_t> rows)
+{
+    constexpr decltype(&put_bits<1>) routines[] = {put_bits<1>, put_bits<2>, put_bits<3>, put_bits<4>};
+    if (!box_operation.is_built_in(map))
+        return false;
+    if (map.m_bitmap.m_pixels != nullptr)
+        routines[map.m_bits_per_pixel / 8 - 1](map, color, x, y, rows);
+    return true;
 }
 
 uint32_t kestal_fbmap_convert_color(kestal_fbmap_t *map, uint32_t target, uint32_t source, uint32_t color)

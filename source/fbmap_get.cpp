@@ -54,8 +54,15 @@ int32_t get_box(kestal_fbmap_t *map, const kestal_raw_bitmap_t *target, int32_t 
     if (!is_target(target, source, to) || !place_copy(to, source, x, y, rectangle, placed))
         return -1;
     const blend_rule rule = target == &map->m_bitmap ? blend_rule{} : rule_of(*map, blend == 1);
-    for_each_row(to, bytes_per_pixel(to.m_color_interface), source, bytes_per_pixel(source.m_color_interface), placed,
-                 row_blender(to.m_color_interface, source.m_color_interface, rule));
+    const row_blender blender(to.m_color_interface, source.m_color_interface, rule);
+    const uint32_t to_bytes = bytes_per_pixel(to.m_color_interface);
+    const uint32_t from_bytes = bytes_per_pixel(source.m_color_interface);
+    if (to.m_pixels == source.m_pixels)
+        for_each_row(to, to_bytes, source, from_bytes, placed, blender);
+    else
+        blender.box(pixel_at(to, to_bytes, placed.to_x, placed.to_y), to.m_line_length,
+                    pixel_at(source, from_bytes, placed.from_x, placed.from_y), source.m_line_length,
+                    static_cast<size_t>(placed.width), static_cast<size_t>(placed.height));
     return 0;
 }
 

@@ -63,6 +63,13 @@ public:
         return choose(map, caller) != nullptr;
     }
 
+    // Whether the map's operation is the library's own: then who knows a faster way may take it.
+    bool is_built_in(kestal_fbmap_t &map) const
+    {
+        const uint32_t index = map.m_bits_per_pixel / 8 - 1;
+        return serves(map) && index < 4 && map.m_operations.*slot_ == routines_[index];
+    }
+
     // Runs the map's operation, under the lock.
     Result run(kestal_fbmap_t &map, Arguments... arguments, const char *caller = __builtin_FUNCTION()) const
     {

@@ -104,6 +104,12 @@ public:
 
 private:
     int64_t advance(uint32_t width) const { return int64_t{margin_} + width + brush_.m_x_interval; }
+    bool is_unscaled() const
+    {
+        return brush_.m_x_scale_numerator == brush_.m_x_scale_denominator &&
+               brush_.m_y_scale_numerator == brush_.m_y_scale_denominator && brush_.m_x_scale_numerator != 0 &&
+               brush_.m_y_scale_numerator != 0;
+    }
     int64_t x_of(int64_t x) const { return scaled(x, brush_.m_x_scale_numerator, brush_.m_x_scale_denominator); }
     int64_t y_of(int64_t y) const { return scaled(y, brush_.m_y_scale_numerator, brush_.m_y_scale_denominator); }
 
@@ -128,9 +134,13 @@ private:
         brush_.m_cursor_x = limited(brush_.m_cursor_x + width);
     }
 
-    // Draws the runs of set bits.
+    // Draws the set bits: those of a row that stand together at once.
     void draw_glyph(uint32_t color, const glyph &letter)
     {
+        if (brush_.m_angle == 0 && is_unscaled() &&
+            draw_bits(map_, color, int64_t{brush_.m_x} + brush_.m_cursor_x, int64_t{brush_.m_y} + brush_.m_cursor_y,
+                      {letter.rows, letter.height + margin_}))
+            return;
         for (int32_t row = 0; row < static_cast<int32_t>(glyph::most_rows); ++row) {
             uint32_t bits = letter.rows[row];
             for (int32_t x = 0; bits != 0;) {

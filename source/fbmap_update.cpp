@@ -47,8 +47,9 @@ absolute_region absolute_region_of(kestal_fbmap_t &map, const area &part)
 
 struct rectangle_node {
     enum : uint32_t {
-        more_layers = 1u,  // to be blended: there are layers above or below
-        layer_behind = 2u, // a map further back has claimed the same rectangle
+        more_layers = 1u,    // to be blended: there are layers above or below
+        layer_behind = 2u,   // a map further back has claimed the same rectangle
+        layer_in_front = 4u, // the rectangle was claimed behind another, which covers it
     };
 
     rectangle_node *previous;
@@ -188,7 +189,7 @@ void redraw::give(rectangle_node *node, kestal_fbmap_t &map)
         list().prepend(node);
         return;
     }
-    add_behind(nullptr, {nullptr, nullptr, node->flags, &map, node->rectangle});
+    add_behind(nullptr, {nullptr, nullptr, node->flags | rectangle_node::layer_in_front, &map, node->rectangle});
     node->flags |= rectangle_node::layer_behind;
 }
 
@@ -221,7 +222,7 @@ bool redraw::draw(rectangle_node &node)
     const absolute_region owner = absolute_region_of(*node.owner, {});
     const kestal_rectangle_t local = area::of(node.rectangle).moved(-owner.x, -owner.y).rectangle();
     get_box_operation.run(*node.owner, &target, node.rectangle.m_x, node.rectangle.m_y, &local, composes ? 1 : 0);
-    if (composes && !is_composed(*node.owner))
+    if ((node.flags & rectangle_node::layer_in_front) != 0)
         return false;
     note_change(root_, area::of(node.rectangle));
     node.owner = &root_;

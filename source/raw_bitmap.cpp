@@ -146,13 +146,11 @@ template <typename Rows>
 void copy_rows(const copy_job &job, uint32_t source_code, Rows for_each)
 {
     if (job.converts)
-        for_each([&](uint8_t *to, const uint8_t *from, uint64_t count) {
-            convert_color_row(job.target_code, to, source_code, from, static_cast<size_t>(count));
+        for_each([&](uint8_t *to, const uint8_t *from, size_t count) {
+            convert_color_row(job.target_code, to, source_code, from, count);
         });
     else
-        for_each([&](uint8_t *to, const uint8_t *from, uint64_t count) {
-            memmove(to, from, static_cast<size_t>(count * job.source_bytes));
-        });
+        for_each([&](uint8_t *to, const uint8_t *from, size_t count) { memmove(to, from, count * job.source_bytes); });
 }
 
 } // namespace

@@ -96,11 +96,11 @@ void for_each_row(const kestal_raw_bitmap_t &target, uint64_t target_bytes, cons
     const uint8_t *from = pixel_at(source, source_bytes, placed.from_x, placed.from_y);
     uint8_t *to = pixel_at(target, target_bytes, placed.to_x, placed.to_y);
     if (placed.width * target_bytes == target.m_line_length && placed.width * source_bytes == source.m_line_length)
-        return write(to, from, placed.width * placed.height);
+        return write(to, from, static_cast<size_t>(placed.width * placed.height));
     const bool upwards = to > from && to < from + placed.height * source.m_line_length;
     for (uint64_t i = 0; i < placed.height; ++i) {
         const uint64_t row = upwards ? placed.height - 1 - i : i;
-        write(to + row * target.m_line_length, from + row * source.m_line_length, placed.width);
+        write(to + row * target.m_line_length, from + row * source.m_line_length, static_cast<size_t>(placed.width));
     }
 }
 
@@ -122,7 +122,7 @@ void for_each_scaled_row(const kestal_raw_bitmap_t &target, uint64_t target_byte
         for (uint64_t done = 0; done < x.count(); done += part) {
             const uint64_t count = std::min(part, x.count() - done);
             gather_pixels(gathered, from, source_bytes, x, count);
-            write(to + done * target_bytes, gathered, count);
+            write(to + done * target_bytes, gathered, static_cast<size_t>(count));
         }
     }
 }

@@ -1,5 +1,7 @@
 #include "support.hpp"
 
+#include "../source/pixel.hpp"
+
 #include <cstring>
 #include <random>
 
@@ -15,20 +17,12 @@ struct bitmap {
         raw = {memory.size(), memory.data(), code, width, height, 0, width * bytes + 3};
     }
 
-    uint32_t at(int64_t x, int64_t y) const
+    size_t place(int64_t x, int64_t y) const
     {
-        uint32_t value = 0;
-        memcpy(&value, memory.data() + static_cast<size_t>(y) * raw.m_line_length + static_cast<size_t>(x) * bytes,
-               bytes);
-        return value;
+        return static_cast<size_t>(y) * static_cast<size_t>(raw.m_line_length) + static_cast<size_t>(x) * bytes;
     }
-
-    void set(int64_t x, int64_t y, uint32_t value)
-    {
-        memcpy(memory.data() + static_cast<size_t>(y) * raw.m_line_length + static_cast<size_t>(x) * bytes, &value,
-               bytes);
-    }
-
+    uint32_t at(int64_t x, int64_t y) const { return kestal::load_pixel(memory.data() + place(x, y), bytes); }
+    void set(int64_t x, int64_t y, uint32_t value) { kestal::store_pixel(memory.data() + place(x, y), bytes, value); }
     bool has(int64_t x, int64_t y) const { return x >= 0 && y >= 0 && x < raw.m_width && y < raw.m_height; }
 
     uint32_t bytes;

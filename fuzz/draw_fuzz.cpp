@@ -1,0 +1,243 @@
+// Draws, copies and redraws what any bytes say, over a tree of maps: no write may leave its bitmap, and a text ends where its
+// bytes do. The first byte picks what is done: 0 text, 1 raw bitmap copies, else a sequence of operations on maps.
+#include <kestal_ulx.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+void require(bool holds)
+{
+    if (!holds)
+        abort();
+}
+
+// The bytes, taken as numbers; zeros when there are no more.
+class input {
+public:
+    input(const uint8_t *data, size_t size) : data_(data), size_(size) {}
+
+    bool empty() const { return size_ == 0; }
+
+    template <typename Number>
+    Number take()
+    {
+        Number number = 0;
+        const size_t count = std::min(sizeof number, size_);
+        memcpy(&number, data_, count);
+        data_ += count;
+        size_ -= count;
+        return number;
+    }
+
+    // Mostly small, now and then any.
+    int32_t coordinate()
+    {
+        const auto small = take<int8_t>();
+        return small == INT8_MIN ? take<int32_t>() : small;
+    }
+
+    uint32_t length()
+    {
+        const auto small = take<uint8_t>();
+        return small == UINT8_MAX ? take<uint32_t>() : small;
+    }
+
+    kestal_rectangle_t rectangle()
+    {
+        const int32_t x = coordinate(), y = coordinate();
+        const uint32_t width = length(), height = length();
+        return {x, y, width, height};
+    }
+
+    uint32_t format()
+    {
+        constexpr uint32_t formats[] = {KESTAL_COLOR_DDDP0008,
+                                        KESTAL_COLOR_DRGB0233,
+                                        KESTAL_COLOR_DRGB0565,
+                                        KESTAL_COLOR_DRGB0888,
+                                        KESTAL_COLOR_ARGB8888,
+                                        KESTAL_COLOR_ABGR8888,
+                                        0x00788898u};
+        return formats[take<uint8_t>() % std::size(formats)];
+    }
+
+    std::string rest() const { return std::string(reinterpret_cast<const char *>(data_), size_); }
+
+private:
+    const uint8_t *data_;
+    size_t size_;
+};
+
+void set_brush(kestal_fbmap_t *map, input &from)
+{
+    const auto flags = from.take<uint8_t>();
+    kestal_fbmap_use_brush_color(map, flags & 1u, flags & 2u, flags & 4u);
+    if ((flags & 8u) != 0) {
+        const uint32_t x = from.length(), x_part = from.length(), y = from.length(), y_part = from.length();
+        kestal_fbmap_set_brush_xy_scale(map, x, x_part, y, y_part);
+    }
+    if ((flags & 16u) != 0)
+        kestal_fbmap_set_brush_angle(map, from.take<int32_t>());
+    if ((flags & 32u) != 0) {
+        const int32_t x = from.coordinate(), y = from.coordinate();
+        kestal_fbmap_set_brush_xy_interval(map, x, y);
+    }
+    const int32_t x = from.coordinate(), y = from.coordinate();
+    kestal_fbmap_set_brush_xy(map, x, y);
+}
+
+void draw_text(input from)
+{
+    kestal_fbmap_t *map =
+        kestal_new_fbmap(nullptr, KESTAL_FBMAP_OWN_MEMORY, from.format(), 0, 0, from.take<uint8_t>() % 100u + 1u,
+                         from.take<uint8_t>() % 60u + 1u, 0, nullptr);
+    set_brush(map, from);
+    const std::string text = from.rest().substr(0, 64);
+    const int32_t count = kestal_fbmap_draw_puts(map, text.c_str());
+    require(count >= 0 && static_cast<size_t>(count) <= strlen(text.c_str()));
+    const kestal_rectangle_t &update = map->m_update;
+    require(update.m_width == 0 || (update.m_x >= 0 && update.m_y >= 0 &&
+                                    static_cast<uint32_t>(update.m_x) + update.m_width <= map->m_bitmap.m_width &&
+                                    static_cast<uint32_t>(update.m_y) + update.m_height <= map->m_bitmap.m_height));
+    kestal_free_fbmap(map);
+}
+
+void copy_bitmaps(input from)
+{
+    std::vector<uint8_t> memory[2];
+    kestal_raw_bitmap_t bitmaps[2];
+    for (int i = 0; i < 2; ++i) {
+        const uint32_t code = from.format();
+        const uint32_t width = from.take<uint8_t>() % 40u, height = from.take<uint8_t>() % 20u;
+        const uint32_t line = kestal_color_interface_to_bits_per_pixel(code) / 8 * width + from.take<uint8_t>() % 5u;
+        memory[i].resize(size_t{line} * height);
+        bitmaps[i] = {memory[i].size(), memory[i].data(), code, width, height, 0, line};
+    }
+    while (!from.empty()) {
+        const kestal_rectangle_t source = from.rectangle(), target = from.rectangle();
+        kestal_copy_raw_bitmap(&bitmaps[0], &bitmaps[1], target.m_x, target.m_y, &source);
+        kestal_copy_raw_bitmap(&bitmaps[1], &bitmaps[1], target.m_x, target.m_y, &source);
+        kestal_copy_raw_bitmap_scale(&bitmaps[0], &bitmaps[1], &target, &source);
+    }
+}
+
+void draw(kestal_fbmap_t *map, input &from)
+{
+    const auto color = from.take<uint32_t>();
+    const kestal_rectangle_t box = from.rectangle();
+    switch (from.take<uint8_t>() % 8u) {
+    case 0:
+        kestal_fbmap_draw_box(map, color, box.m_x, box.m_y, box.m_width, box.m_height, color & 1u);
+        return;
+    case 1:
+        kestal_fbmap_draw_line(map, color, box.m_x, box.m_y, from.coordinate(), from.coordinate());
+        return;
+    case 2:
+        kestal_fbmap_draw_circle(map, color, box.m_x, box.m_y, box.m_width, color & 1u);
+        return;
+    case 3:
+        kestal_fbmap_draw_fill(map, color, box.m_x, box.m_y);
+        return;
+    case 4:
+        kestal_fbmap_draw_ruler(map, color, box.m_x, box.m_y, box.m_width, box.m_height, from.length(), from.length());
+        return;
+    case 5:
+        kestal_fbmap_draw_color_bar(map, color & 1u, color, box.m_x, box.m_y, box.m_width, box.m_height);
+        return;
+    case 6:
+        kestal_fbmap_draw_vline(map, color, box.m_x, box.m_y, box.m_height);
+        kestal_fbmap_draw_hline(map, color, box.m_x, box.m_y, box.m_width);
+        return;
+    default:
+        kestal_fbmap_set_box(map, &map->m_bitmap, static_cast<int8_t>(color), static_cast<int8_t>(color >> 8), &box);
+    }
+}
+
+void set(kestal_fbmap_t *map, input &from)
+{
+    const auto which = from.take<uint8_t>();
+    const uint32_t on = which & 1u;
+    switch (which / 2 % 6u) {
+    case 0:
+        kestal_fbmap_use_ccolor(map, on);
+        return;
+    case 1:
+        kestal_fbmap_set_ccolor(map, from.take<uint32_t>());
+        return;
+    case 2:
+        kestal_fbmap_use_alpha_window(map, on);
+        return;
+    case 3:
+        kestal_fbmap_set_alpha_window(map, from.length());
+        return;
+    case 4:
+        kestal_fbmap_use_alpha_pixel(map, on);
+        return;
+    default:
+        kestal_fbmap_use_alpha_transfer(map, on);
+    }
+}
+
+void operate_on_maps(input from)
+{
+    kestal_fbmap_t *root =
+        kestal_new_fbmap(nullptr, KESTAL_FBMAP_OWN_MEMORY, from.format(), 0, 0, 70, 50, 0, "_master");
+    std::vector<kestal_fbmap_t *> maps = {root};
+    for (int steps = 0; !from.empty() && steps < 200; ++steps) {
+        kestal_fbmap_t *map = maps[from.take<uint8_t>() % maps.size()];
+        const auto what = from.take<uint8_t>();
+        const kestal_rectangle_t place = what % 8u < 4 ? from.rectangle() : kestal_rectangle_t{};
+        switch (what % 8u) {
+        case 0:
+        case 1:
+            if (maps.size() < 12)
+                maps.push_back(kestal_new_fbmap(
+                    map, KESTAL_FBMAP_OWN_MEMORY | (what & 0x80u) << 1 | (what & 0x40u) << 3, from.format(), place.m_x,
+                    place.m_y, place.m_width % 90u, place.m_height % 70u, 0, nullptr));
+            break;
+        case 2:
+            kestal_fbmap_resize(map, place.m_x, place.m_y, place.m_width % 90u, place.m_height % 70u);
+            break;
+        case 3:
+            kestal_fbmap_move(map, place.m_x, place.m_y);
+            break;
+        case 4:
+            (what & 0x80u) != 0 ? kestal_fbmap_show(map) : kestal_fbmap_hide(map);
+            break;
+        case 5:
+            draw(map, from);
+            break;
+        case 6:
+            kestal_fbmap_update(map);
+            break;
+        default:
+            set(map, from);
+        }
+    }
+    kestal_free_fbmap(root);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    const uint64_t blocks = kestal_get_alloc_count();
+    input from(data, size);
+    switch (from.take<uint8_t>()) {
+    case 0:
+        draw_text(from);
+        break;
+    case 1:
+        copy_bitmaps(from);
+        break;
+    default:
+        operate_on_maps(from);
+    }
+    require(kestal_get_alloc_count() == blocks);
+    return 0;
+}

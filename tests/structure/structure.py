@@ -7,7 +7,7 @@ declarations SHARED_OBJECT SOURCE every name that a public header declares is ex
 headers SOURCE                    every public header compiles alone as C11 and as C++; every declaration in it is documented
 floors SOURCE                     no module includes a higher floor, no includes go in a circle, and
                                   ARCHITECTURE.md shows every module on its floor and has a line for it
-words SOURCE                      no unfinished marks, and no word that leans on a text outside the tree
+words SOURCE                      no marks of unfinished work, and no word that leans on a text outside the tree
 
 CC and CXX name the compilers. Prints what is wrong, a line each, and exits 1 if anything is.
 """
@@ -166,7 +166,7 @@ def check_floors(source):
 
 
 def check_words(source):
-    marks = r"\b(TODO|FIXME|XXX|HACK)\b|[Nn]ot (yet )?implemented|WORK IN PROGRESS"
+    marks = r"^(<<<<<<<|>>>>>>>) |\b(TODO|FIXME|XXX|HACK)\b|[Nn]ot (yet )?implemented|WORK IN PROGRESS"
     leaning = r"\b[Pp]art \d+\.\d|\b(as|per|see|the|our) spec(ified|ification)?\b|\bissue #?\d"
     unwanted = re.compile(f"{marks}|{leaning}")
     folders = [".ci", "benchmarks", "cmake", "docs", "examples", "fuzz", "include", "packaging", "script", "source", "tests",

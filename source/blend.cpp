@@ -13,16 +13,7 @@ namespace kestal {
 
 namespace {
 
-enum component : uint32_t {
-    padding = 0,
-    alpha = 1,
-    red = 4,
-    green = 5,
-    blue = 6,
-    luma = 7,
-    blue_chroma = 8,
-    red_chroma = 9
-};
+enum component : uint32_t { alpha = 1, red = 4, blue = 6, red_chroma = 9 };
 
 struct field {
     uint32_t component;
@@ -59,7 +50,7 @@ uint32_t alpha_mask(uint32_t code)
     return mask;
 }
 
-// Red, green, blue and alpha of at most 8 bits: ARGB8888 holds all that the format does.
+// Red, green, blue, alpha and padding of at most 8 bits: ARGB8888 holds all that the format does.
 bool is_rgb(uint32_t code)
 {
     bool all = code != 0;

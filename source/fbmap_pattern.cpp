@@ -13,11 +13,6 @@ using namespace kestal;
 
 constexpr const char *source_file = "./source/fbmap_draw";
 
-int32_t limited(int64_t value)
-{
-    return static_cast<int32_t>(std::clamp<int64_t>(value, INT32_MIN, INT32_MAX));
-}
-
 // --- ruler
 
 constexpr int64_t tick_distance = 5;

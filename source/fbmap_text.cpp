@@ -66,11 +66,6 @@ glyph outline_of(const glyph &from)
     return outline;
 }
 
-int32_t limited(int64_t value)
-{
-    return static_cast<int32_t>(std::clamp<int64_t>(value, INT32_MIN, INT32_MAX));
-}
-
 int64_t scaled(int64_t value, uint32_t numerator, uint32_t denominator)
 {
     const int64_t factor = numerator;

@@ -52,8 +52,7 @@ int64_t sine(int degrees)
 
 int32_t rounded(int64_t fraction)
 {
-    const int64_t whole = (fraction + one / 2) >> fraction_bits;
-    return static_cast<int32_t>(std::clamp<int64_t>(whole, INT32_MIN, INT32_MAX));
+    return kestal::limited((fraction + one / 2) >> fraction_bits);
 }
 
 } // namespace

@@ -7,6 +7,12 @@
 
 namespace kestal {
 
+// The nearest coordinate to a number.
+constexpr int32_t limited(int64_t value)
+{
+    return static_cast<int32_t>(std::clamp<int64_t>(value, INT32_MIN, INT32_MAX));
+}
+
 // From left and top up to, not including, right and bottom.
 struct area {
     int64_t left;

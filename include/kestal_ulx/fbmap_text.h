@@ -6,8 +6,9 @@
  * A character's cell is its glyph and the brush's intervals, 2 pixels more each way with an outline. The cursor moves in
  * pixels before scaling; a position p becomes p x numerator / denominator from the brush's origin, which is not scaled
  * itself. What is drawn, in this order: the cell in the background colour, the glyph's outline, the glyph. With an angle
- * all of it turns around the origin; lines wrap as if there were none. As in all drawing, a shown map notes what changed,
- * and every call holds the lock of all maps.
+ * all of it turns around the origin, each pixel of the map taking what lies there turned back, so that nothing gets
+ * holes; lines wrap as if there were none. As in all drawing, a shown map notes what changed, and every call holds the
+ * lock of all maps.
  */
 #ifndef KESTAL_ULX_FBMAP_TEXT_H
 #define KESTAL_ULX_FBMAP_TEXT_H

@@ -1,0 +1,116 @@
+#!/usr/bin/env python3
+"""kestal-echo PROGRAM: more than a thousand connections at once with descriptors above 1024, every byte back in order;
+a peer that does not read makes the server grow by no more than its buffers; idle peers are dropped; SIGTERM ends it."""
+import atexit
+import os
+import random
+import re
+import resource
+import select
+import signal
+import socket
+import subprocess
+import sys
+import threading
+
+CONNECTIONS = 1200
+
+
+def memory_of(process):
+    """Resident kilobytes."""
+    return int(re.search(r"VmRSS:\s+(\d+)", open(f"/proc/{process.pid}/status").read()).group(1))
+
+
+def start(*options):
+    process = subprocess.Popen([sys.argv[1], "--tcp", "0", "--udp", "0", *options], stdout=subprocess.PIPE, text=True)
+    ports = {kind: int(port) for kind, port in
+             (re.match(r"(\w+) \S+ port (\d+)", process.stdout.readline()).groups() for _ in range(2))}
+    return process, ports
+
+
+def receive_all(peer, size):
+    data = bytearray()
+    while len(data) < size and (part := peer.recv(65536)):
+        data += part
+    return bytes(data)
+
+
+def connect(port):
+    return socket.create_connection(("127.0.0.1", port), timeout=30)
+
+
+def many_at_once(port):
+    peers = [connect(port) for _ in range(CONNECTIONS)]
+    for turn in range(3):
+        for number, peer in random.sample(list(enumerate(peers)), len(peers)):
+            peer.sendall(b"%d %d" % (turn, number))
+        for number, peer in random.sample(list(enumerate(peers)), len(peers)):
+            expected = b"%d %d" % (turn, number)
+            assert receive_all(peer, len(expected)) == expected
+    return peers
+
+
+def a_large_amount(port):
+    data = random.randbytes(3000000)
+    with connect(port) as peer:
+        def send():
+            peer.sendall(data)
+            peer.shutdown(socket.SHUT_WR)
+
+        sender = threading.Thread(target=send)
+        sender.start()
+        assert receive_all(peer, len(data) + 1) == data, "all of it, then the end"
+        sender.join()
+
+
+def one_that_does_not_read(process, port):
+    before = memory_of(process)
+    with connect(port) as peer:
+        peer.setblocking(False)
+        writable = select.poll()  # takes descriptors above 1023
+        writable.register(peer, select.POLLOUT)
+        sent = 0
+        while sent < 100000000 and writable.poll(1000):
+            sent += peer.send(bytes(1 << 16))
+        assert sent < 100000000, "nothing held the sender back"
+        if not os.environ.get("SANITIZED"):  # a sanitizer keeps what is freed
+            assert memory_of(process) - before < 2048, "the server grew"
+
+
+def datagrams(port):
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as peer:
+        peer.settimeout(30)
+        for size in (0, 1, 1400, 60000):
+            data = random.randbytes(size)
+            peer.sendto(data, ("127.0.0.1", port))
+            assert peer.recv(65536) == data
+
+
+def main():
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    if hard < 2 * CONNECTIONS:
+        print("the limit of descriptors is too low for this test")
+        sys.exit(77)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    process, ports = start()
+    atexit.register(process.kill)
+    peers = many_at_once(ports["tcp"])
+    assert max(map(int, os.listdir(f"/proc/{process.pid}/fd"))) > 1024
+    a_large_amount(ports["tcp"])
+    one_that_does_not_read(process, ports["tcp"])
+    datagrams(ports["udp"])
+    process.send_signal(signal.SIGTERM)
+    assert process.wait(30) == 0
+    assert peers[0].recv(1) == b"", "connections are closed at the end"
+
+    process, ports = start("--idle", "1", "--most", "1")
+    atexit.register(process.kill)
+    with connect(ports["tcp"]) as first, connect(ports["tcp"]) as second:
+        assert first.recv(1) == b"", "dropped for being idle"
+        second.sendall(b"x")
+        assert second.recv(1) == b"x", "served once there is room"
+    process.send_signal(signal.SIGINT)
+    assert process.wait(30) == 0
+
+
+main()

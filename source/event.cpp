@@ -1,5 +1,6 @@
 #include "event.hpp"
 
+#include <kestal_ulx/address.h>
 #include <kestal_ulx/memory.h>
 #include <kestal_ulx/output.h>
 #include <kestal_ulx/socket.h>
@@ -169,7 +170,8 @@ void unregister_event(kestal_event_t &event)
 
 bool request_addresses(kestal_event_t &event)
 {
-    return kestal::open_resolver_cache(*event.m_base) &&
+    sockaddr_un path;
+    return !kestal::is_unix_path(event.m_resolver_name, path) && kestal::open_resolver_cache(*event.m_base) &&
            kestal_request_resolver_cache_with_handler(event.m_base->m_resolver_cache, event.m_resolver_name,
                                                       static_cast<uint32_t>(event.m_resolver_port), wake_for_addresses,
                                                       event.m_base) == 0;
@@ -404,6 +406,12 @@ bool kestal::open_resolver_cache(kestal_event_base_t &base)
     if (base.m_resolver_cache == nullptr)
         base.m_resolver_cache = kestal_open_resolver_cache_ex(0, cache_expiry_ms);
     return base.m_resolver_cache != nullptr;
+}
+
+bool kestal::is_unix_path(const char *host, sockaddr_un &address)
+{
+    return *host != '\0' && kestal_inet_ptos(AF_UNIX, host, 0, &address, sizeof(address)) == 0 &&
+           address.sun_path[0] != '\0';
 }
 
 // --- reports

@@ -6,6 +6,7 @@
 #include "readiness.hpp"
 
 #include <atomic>
+#include <sys/un.h>
 
 // What a base keeps beside its public fields. Under the base's lock, but for the count of contenders.
 struct kestal_event_state {
@@ -117,6 +118,9 @@ bool delete_event(kestal_event_t &event);
 
 // Opens the base's resolver cache if need be.
 bool open_resolver_cache(kestal_event_base_t &base);
+
+// Whether a host is the path of a unix socket, which needs no look-up; its address then.
+bool is_unix_path(const char *host, sockaddr_un &address);
 
 // --- reports and traces
 

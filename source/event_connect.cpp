@@ -148,12 +148,19 @@ void end(kestal_event_t &event)
 void kestal::resolve_event(kestal_event_t &event)
 {
     kestal_event_base_t &base = *event.m_base;
-    if (!open_resolver_cache(base)) {
+    sockaddr_un path;
+    if (is_unix_path(event.m_resolver_name, path)) {
+        kestal_resolver_t record{};
+        record.m_family = AF_UNIX;
+        record.m_address = &path;
+        record.m_address_length = sizeof(path);
+        event.m_resolved = kestal_duplicate_resolver(&record);
+    } else if (open_resolver_cache(base)) {
+        event.m_resolved = kestal_get_resolver_cache(base.m_resolver_cache, event.m_resolver_name,
+                                                     static_cast<uint32_t>(event.m_resolver_port), 0);
+    } else {
         wake_loop(base);
-        return;
     }
-    event.m_resolved = kestal_get_resolver_cache(base.m_resolver_cache, event.m_resolver_name,
-                                                 static_cast<uint32_t>(event.m_resolver_port), 0);
     if (event.m_resolved == nullptr)
         return;
     event.m_result |= KESTAL_EVENT_RESOLVED;

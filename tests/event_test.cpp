@@ -10,6 +10,7 @@
 #include <random>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
@@ -627,6 +628,17 @@ TEST_F(event_connect, TellsHowItWent)
     EXPECT_EQ(told_of_connection(base_, "127.0.0.7", "127.0.0.1", open_one.port) & ~connecting, resolved | connected);
     EXPECT_EQ(told_of_connection(base_, "::1", "127.0.0.1", open_one.port), resolved | failed) << "no such family";
     EXPECT_EQ(told_of_connection(base_, "192.0.2.1", "127.0.0.1", open_one.port), resolved | failed) << "not local";
+    const kestal_test::temporary_directory directory;
+    const std::string path = directory.path("socket");
+    EXPECT_EQ(told_of_connection(base_, nullptr, path.c_str(), 0), resolved | failed) << "nobody listens";
+    sockaddr_un local{};
+    local.sun_family = AF_UNIX;
+    path.copy(local.sun_path, sizeof(local.sun_path) - 1);
+    const int unix_server = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(bind(unix_server, reinterpret_cast<sockaddr *>(&local), sizeof(local)), 0);
+    ASSERT_EQ(listen(unix_server, 1), 0);
+    EXPECT_EQ(told_of_connection(base_, nullptr, path.c_str(), 0), resolved | connected);
+    close(unix_server);
     const int own = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in any{};
     any.sin_family = AF_INET;

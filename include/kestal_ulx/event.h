@@ -277,8 +277,8 @@ KESTAL_API int32_t kestal_assign_event(kestal_event_base_t *base, kestal_event_t
 
 /**
  * kestal_assign_event with a name to look up and addresses: for KESTAL_EVENT_RESOLVE the host `resolver_name` with
- * `resolver_port`, for KESTAL_EVENT_CONNECT also the local address to connect from. Texts are copied and may be null;
- * a port outside 0 to 65535 is none.
+ * `resolver_port`, or the path of a unix socket; for KESTAL_EVENT_CONNECT also the local address to connect from. Texts
+ * are copied and may be null; a port outside 0 to 65535 is none.
  *
  * With both flags the event connects to the first address that lets it begin, with a socket of its own unless it was
  * given one, and the handler is told KESTAL_EVENT_RESOLVED, then KESTAL_EVENT_CONNECTING, KESTAL_EVENT_CONNECTED or

@@ -167,7 +167,7 @@ private:
     kestal_fbmap_t *root_ = nullptr;
 };
 
-class device : public display {
+class device final : public display {
 public:
     explicit device(const settings &wanted) : holds_(wanted.holds), id_(kestal_new_ctx())
     {
@@ -198,7 +198,7 @@ public:
 
 private:
     // The context puts the device's own colours back when it closes.
-    void use_library_palette()
+    void use_library_palette() const
     {
         std::vector<uint16_t> red(256), green(256), blue(256);
         for (uint32_t i = 0; i < 256; ++i) {
@@ -317,7 +317,7 @@ private:
         return map;
     }
 
-    void draw_frame(kestal_fbmap_t *map, uint32_t color, const char *title)
+    static void draw_frame(kestal_fbmap_t *map, uint32_t color, const char *title)
     {
         const uint32_t width = kestal_fbmap_get_resx(map), height = kestal_fbmap_get_resy(map);
         kestal_fbmap_draw_box(map, ink(map, color), 0, 0, width, 20, 1);

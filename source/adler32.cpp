@@ -9,7 +9,7 @@ namespace {
 
 using kestal::adler32_sums;
 
-constexpr uint64_t modulus = 65521;
+constexpr uint32_t modulus = 65521;
 
 // As many bytes as the vector code takes; the sums themselves could hold more.
 constexpr size_t bytes_between_reductions = size_t{1} << 20;
@@ -39,6 +39,20 @@ void add_words(adler32_sums &total, const uint8_t *data, size_t count)
     }
 }
 
+// Below this a plain loop is over before the words are set up; 32 bits hold its sums.
+constexpr uint64_t short_size = 24;
+
+uint32_t add_short(uint32_t adler, const uint8_t *data, size_t size)
+{
+    uint32_t a = adler & 0xFFFF;
+    uint32_t b = adler >> 16;
+    for (size_t i = 0; i < size; ++i) {
+        a += data[i];
+        b += a;
+    }
+    return b % modulus << 16 | a % modulus;
+}
+
 void add_bytes(adler32_sums &total, const uint8_t *data, size_t size)
 {
     const size_t done = kestal::adler32_instructions::add(total, data, size);
@@ -63,6 +77,8 @@ uint32_t kestal_update_adler32(uint32_t adler, const void *data, uint64_t size)
     if (data == nullptr || size == 0)
         return adler;
     const uint8_t *bytes = static_cast<const uint8_t *>(data);
+    if (size < short_size)
+        return add_short(adler, bytes, static_cast<size_t>(size));
     adler32_sums sums{adler & 0xFFFF, adler >> 16};
     while (size > 0) {
         const size_t part = static_cast<size_t>(std::min<uint64_t>(size, bytes_between_reductions));

@@ -175,8 +175,8 @@ TEST_P(ciphers_test, published_vectors)
     }
 }
 
-// The variable-plaintext and variable-key tables, their values computed with OpenSSL: the key 01...01 with one bit of the plaintext set, from the first on, and the plaintext 0 with
-// one bit of the key changed, parity bits left out.
+// The variable-plaintext and variable-key tables, their values computed with OpenSSL: the key 01...01 with one bit of the
+// plaintext set, from the first on, and the plaintext 0 with one bit of the key changed, parity bits left out.
 constexpr uint64_t des_variable_plaintext[64] = {
     0x95f8a5e5dd31d900, 0xdd7f121ca5015619, 0x2e8653104f3834ea, 0x4bd388ff6cd81d4f, 0x20b9e767b2fb1456,
     0x55579380d77138ef, 0x6cc5defaaf04512f, 0x0d9f279ba5d87260, 0xd9031b0271bd5a0a, 0x424250b37c3dd951,

@@ -2,6 +2,8 @@
 """Checks over the tree and the built library that no compiler makes: structure.py CHECK ARGUMENT...
 
 library SHARED_OBJECT             needs only the C runtime; its soname; every export under the one version node
+hardening SHARED_OBJECT ARCHIVE   nothing writable once loaded that need not be, no executable stack, no text relocations; smashed
+                                  stacks are noticed, and where the compiler can, jumps land only where one was meant to
 exports SHARED_OBJECT SOURCE      every exported name is declared in a public header
 declarations SHARED_OBJECT SOURCE every name that a public header declares is exported
 headers SOURCE                    every public header compiles alone as C11 and as C++; every declaration in it is documented
@@ -57,6 +59,25 @@ def check_library(library):
     for name, version in sorted(exported_names(library), key=str):
         if version != NODE:
             yield f"{name} is exported under {version}, not {NODE}"
+
+
+def check_hardening(library, archive):
+    segments, dynamic = output_of("readelf", "-lW", library), output_of("readelf", "-dW", library)
+    if "GNU_RELRO" not in segments or "NOW" not in dynamic:
+        yield "not all relocations are made, and made read-only, at load time"
+    if not re.search(r"GNU_STACK .* RW +0x", segments):
+        yield "executable stack"
+    if re.search(r"LOAD .* RWE ", segments):
+        yield "a segment is both writable and executable"
+    if "TEXTREL" in dynamic:
+        yield "text relocations"
+    if "__stack_chk_fail" not in output_of("nm", "-D", "--undefined-only", library):
+        yield "no stack protector"
+    if "X86-64" in output_of("readelf", "-hW", library):
+        notes = re.split(r"^File: ", output_of("readelf", "-nW", archive), flags=re.MULTILINE)[1:]
+        for note in notes:
+            if "IBT, SHSTK" not in note:
+                yield f"no control-flow protection in {note.splitlines()[0]}"
 
 
 def check_exports(library, source):

@@ -5,7 +5,7 @@ set(KESTAL_FLOOR_1 time_stamp assertion short_lock)
 set(KESTAL_FLOOR_2 memory format terminal output exception destroy_stack global_break diagnostics assertion_format version)
 set(KESTAL_FLOOR_3 list hash value select fragment)
 set(KESTAL_FLOOR_4 spin_lock lock thread service signal)
-set(KESTAL_FLOOR_5 text utf8 file buffer percent uri)
+set(KESTAL_FLOOR_5 text utf8 file ini buffer percent uri)
 set(KESTAL_FLOOR_6 processor md5 sha1 sha256 crc adler32 base64 aes_hardware aes des seed cipher_mode)
 set(KESTAL_FLOOR_7 address network_interface socket resolver multicast socket_opener readiness event event_connect
     event_loop event_service event_buffer)

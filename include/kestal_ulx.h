@@ -39,6 +39,7 @@
 /* bytes and text */
 #include <kestal_ulx/buffer.h>
 #include <kestal_ulx/file.h>
+#include <kestal_ulx/ini.h>
 #include <kestal_ulx/percent.h>
 #include <kestal_ulx/text.h>
 #include <kestal_ulx/uri.h>

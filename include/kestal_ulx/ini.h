@@ -53,8 +53,8 @@ KESTAL_API int32_t kestal_set_ini_limit(kestal_ini_t *ini, uint64_t bytes);
  * appear as soon as their line has ended, with LF, CR or CR LF; those of a parameter list with kestal_end_ini.
  *
  * Names and values are taken without the white space around them. A value that begins with '"' or "'" reaches to the next
- * such quote (at most to the end of the line), and what follows is dropped; any other ends before a ";" or "#" that
- * has white space before it. A line without "=" is a name with an empty value. Lines without a name, and section lines
+ * such quote (at most to the end of the line), and what follows is dropped; any other ends before a ";" or "#" behind
+ * its first character that has white space before it. A line without "=" is a name with an empty value. Lines without a name, and section lines
  * without "]", are skipped. A NUL ends what counts of a line, and a byte order mark (UTF-8) before the first is skipped.
  *
  * In a parameter list only '"' quotes; an unquoted value reaches to the next comma; empty parameters are skipped.

@@ -5,19 +5,20 @@ set(KESTAL_FLOOR_1 time_stamp assertion short_lock)
 set(KESTAL_FLOOR_2 memory format terminal output exception destroy_stack global_break diagnostics assertion_format version)
 set(KESTAL_FLOOR_3 list hash value select fragment)
 set(KESTAL_FLOOR_4 spin_lock lock thread service signal)
-set(KESTAL_FLOOR_5 text utf8 file ini buffer percent uri)
+set(KESTAL_FLOOR_5 argument text utf8 file ini buffer percent uri)
 set(KESTAL_FLOOR_6 processor md5 sha1 sha256 crc adler32 base64 aes_hardware aes des seed cipher_mode)
 set(KESTAL_FLOOR_7 address network_interface socket resolver multicast socket_opener readiness event event_connect
     event_loop event_service event_buffer)
 set(KESTAL_FLOOR_8 color bitmap_font geometry raw_bitmap fill blend fbmap_record fbmap_get fbmap_update fbmap
-    fbmap_draw fbmap_text fbmap_pattern)
+    fbmap_draw fbmap_text fbmap_pattern
+    http_digest)
 set(KESTAL_FLOOR_9 dynamic_library instance plugin interface stream_kind stream_file stream_socket stream_fb
     builtin_plugin simple_digest hash_file json_parser)
 
 # What waits for people, peers or the kernel, or runs once, is compiled for size; the rest for speed.
 set(KESTAL_COMPILED_FOR_SIZE assertion exception destroy_stack global_break diagnostics assertion_format version terminal
-    output service signal uri file address network_interface resolver multicast socket_opener socket event_connect
-    event_service fbmap_record fbmap_get fbmap_update fbmap fbmap_text fbmap_pattern dynamic_library instance plugin
+    output service signal argument uri file ini address network_interface resolver multicast socket_opener socket event_connect
+    event_service http_digest fbmap_record fbmap_get fbmap_update fbmap fbmap_text fbmap_pattern dynamic_library instance plugin
     interface stream_kind stream_file stream_socket stream_fb builtin_plugin simple_digest hash_file)
 
 set(KESTAL_MODULES)

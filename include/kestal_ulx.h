@@ -37,6 +37,7 @@
 #include <kestal_ulx/thread.h>
 
 /* bytes and text */
+#include <kestal_ulx/argument.h>
 #include <kestal_ulx/buffer.h>
 #include <kestal_ulx/file.h>
 #include <kestal_ulx/ini.h>
@@ -66,6 +67,9 @@
 #include <kestal_ulx/resolver.h>
 #include <kestal_ulx/socket.h>
 #include <kestal_ulx/socket_opener.h>
+
+/* protocols */
+#include <kestal_ulx/http_digest.h>
 
 /* pictures */
 #include <kestal_ulx/bitmap_font.h>

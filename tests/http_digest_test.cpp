@@ -23,8 +23,10 @@ TEST(http_digest, values)
     for (const char *qop : {"", static_cast<const char *>(nullptr)})
         EXPECT_EQ(response(nullptr, qop, nullptr, "Circle Of Life"), "670fd8c2df070c60b045671b8b24ff02");
     EXPECT_EQ(response("md5-sess", "auth", nullptr, "Circle Of Life"), "8e3825c57e897f5a0dec6c2d4e5059d0");
-    EXPECT_EQ(response("md5", "auth-int", "d41d8cd98f00b204e9800998ecf8427e", "Circle Of Life"), "5e6610ecf9ba3017a4870ad48e3ad30b");
-    EXPECT_EQ(response("md5", "AUTH-INT", "d41d8cd98f00b204e9800998ecf8427e", nullptr), "e3acc46e9a50aed8c4c70aa095f7a640");
+    EXPECT_EQ(response("md5", "auth-int", "d41d8cd98f00b204e9800998ecf8427e", "Circle Of Life"),
+              "5e6610ecf9ba3017a4870ad48e3ad30b");
+    EXPECT_EQ(response("md5", "AUTH-INT", "d41d8cd98f00b204e9800998ecf8427e", nullptr),
+              "e3acc46e9a50aed8c4c70aa095f7a640");
 }
 
 TEST(http_digest, null_texts_count_as_empty_and_out_may_be_an_input)

@@ -4,8 +4,8 @@
  * sides of a connection: the client sends the response, the server computes what it must have been.
  *
  * All texts may be null and count as empty then; they may be the `out` of the call itself. `out` takes 33 bytes: 32
- * lower-case hexadecimal digits and a NUL. Nothing is allocated, no state is kept, and nothing that a password went
- * into is left behind in memory. Each call returns `out`, null when that is null.
+ * lower-case hexadecimal digits and a NUL. Nothing is allocated and no state is kept; what a password was worked
+ * up in is overwritten. Each call returns `out`, null when that is null.
  */
 #ifndef KESTAL_ULX_HTTP_DIGEST_H
 #define KESTAL_ULX_HTTP_DIGEST_H

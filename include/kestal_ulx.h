@@ -70,6 +70,7 @@
 
 /* protocols */
 #include <kestal_ulx/http_digest.h>
+#include <kestal_ulx/tftp.h>
 
 /* pictures */
 #include <kestal_ulx/bitmap_font.h>

@@ -1,13 +1,12 @@
 #include <kestal_ulx/file.h>
 
-#include <kestal_ulx/time_stamp.h>
+#include "deadline.hpp"
 
 #include <algorithm>
 #include <array>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -68,38 +67,6 @@ int system_flags(uint32_t flags)
     return result;
 }
 
-// The end of a wait in milliseconds, which signals and spurious wake-ups do not move.
-class deadline {
-public:
-    explicit deadline(int32_t timeout) : timeout_(timeout), start_(kestal_time_stamp_msec()) {}
-
-    int left() const
-    {
-        if (timeout_ < 0)
-            return -1;
-        const uint64_t elapsed = kestal_time_stamp_msec() - start_;
-        return elapsed >= static_cast<uint64_t>(timeout_) ? 0 : timeout_ - static_cast<int32_t>(elapsed);
-    }
-
-private:
-    int32_t timeout_;
-    uint64_t start_;
-};
-
-bool wait_for(int descriptor, short events, const deadline &end)
-{
-    pollfd entry{.fd = descriptor, .events = events, .revents = 0};
-    for (;;) {
-        const int ready = poll(&entry, 1, end.left());
-        if (ready > 0)
-            return true;
-        if (ready == 0)
-            return fail(ETIMEDOUT) == 0;
-        if (errno != EINTR)
-            return false;
-    }
-}
-
 size_t one_transfer(uint64_t size)
 {
     return static_cast<size_t>(std::min(size, uint64_t{SSIZE_MAX}));
@@ -119,10 +86,10 @@ size_t one_write(int descriptor, uint64_t size, int32_t timeout)
 template <typename Transfer>
 int64_t transfer_in_time(int descriptor, short events, int32_t timeout, Transfer transfer)
 {
-    const deadline end(timeout);
+    const kestal::deadline end(timeout);
     bool wait = timeout >= 0;
     for (;;) {
-        if (wait && !wait_for(descriptor, events, end))
+        if (wait && !kestal::wait_for_events(descriptor, events, end))
             return -1;
         const ssize_t done = transfer();
         if (done >= 0 || (errno != EINTR && errno != EAGAIN))

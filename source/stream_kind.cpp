@@ -1,11 +1,11 @@
 #include "stream_kind.hpp"
 
+#include "deadline.hpp"
+
 #include <kestal_ulx/text.h>
-#include <kestal_ulx/time_stamp.h>
 
 #include <algorithm>
 #include <errno.h>
-#include <poll.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -85,26 +85,9 @@ int64_t get_option_number(const kestal_ctx_option_t *option, int64_t otherwise, 
 
 int32_t wait_for_descriptor(int descriptor, short events, int32_t timeout)
 {
-    const uint64_t start = kestal_time_stamp_msec();
-    int32_t left = timeout;
-    for (;;) {
-        pollfd entry = {.fd = descriptor, .events = events, .revents = 0};
-        const int ready = poll(&entry, 1, left);
-        if (ready == 0)
-            return 0;
-        if (ready > 0 && (entry.revents & POLLNVAL) == 0)
-            return 1;
-        if (ready > 0) {
-            errno = EBADF;
-            return -1;
-        }
-        if (errno != EINTR)
-            return -1;
-        if (timeout < 0)
-            continue;
-        const uint64_t elapsed = kestal_time_stamp_msec() - start;
-        left = elapsed < static_cast<uint64_t>(timeout) ? timeout - static_cast<int32_t>(elapsed) : 0;
-    }
+    if (wait_for_events(descriptor, events, deadline(timeout)))
+        return 1;
+    return errno == ETIMEDOUT ? 0 : -1;
 }
 
 } // namespace kestal

@@ -1,12 +1,14 @@
 #include <kestal_ulx/file.h>
 
 #include "deadline.hpp"
+#include "guard.hpp"
 
 #include <algorithm>
 #include <array>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -96,6 +98,15 @@ int64_t transfer_in_time(int descriptor, short events, int32_t timeout, Transfer
             return done;
         wait = wait || errno == EAGAIN;
     }
+}
+
+// Whether the directory stands, made now if it was missing.
+bool make_directory(const char *path, uint32_t permission)
+{
+    struct stat status;
+    if (stat(path, &status) != 0)
+        return mkdir(path, static_cast<mode_t>(permission & largest_permission)) == 0 || errno == EEXIST;
+    return S_ISDIR(status.st_mode) || fail(ENOTDIR) == 0;
 }
 
 } // namespace
@@ -201,4 +212,37 @@ int64_t kestal_get_file_size(int32_t descriptor)
     const off_t here = lseek(descriptor, 0, SEEK_CUR);
     const off_t size = here < 0 ? -1 : lseek(descriptor, 0, SEEK_END);
     return size < 0 || lseek(descriptor, here, SEEK_SET) < 0 ? -1 : size;
+}
+
+int32_t kestal_sync_file(int32_t descriptor)
+{
+    return fsync(descriptor) == 0 || errno == EINVAL || errno == EROFS ? 0 : -1;
+}
+
+int32_t kestal_set_file_permission(int32_t descriptor, uint32_t permission)
+{
+    return fchmod(descriptor, static_cast<mode_t>(permission & largest_permission));
+}
+
+int32_t kestal_make_parent_directories(const char *path, uint32_t permission)
+{
+    if (path == nullptr)
+        return fail(EINVAL);
+    const kestal::owned_block<char> directory(kestal_strdup(path), __func__);
+    if (!directory)
+        return fail(ENOMEM);
+    char *end = strrchr(directory.get(), '/');
+    if (end == nullptr || end == directory.get())
+        return 0;
+    *end = '\0';
+    for (char *slash = directory.get(); slash != nullptr;) {
+        slash = strchr(slash + 1, '/');
+        if (slash != nullptr)
+            *slash = '\0';
+        if (!make_directory(directory.get(), permission))
+            return -1;
+        if (slash != nullptr)
+            *slash = '/';
+    }
+    return 0;
 }

@@ -8,7 +8,6 @@
 #include <kestal_ulx/text.h>
 
 #include <algorithm>
-#include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
@@ -129,10 +128,9 @@ int64_t seek(kestal_ctx_t &ctx, int64_t offset, uint32_t whence)
     return lseek(state_of(ctx).descriptor, offset, static_cast<int>(whence));
 }
 
-// What cannot be synchronised (a pipe, a terminal) holds nothing back either.
 int32_t sync_to_device(kestal_ctx_t &ctx)
 {
-    return fsync(state_of(ctx).descriptor) == 0 || errno == EINVAL || errno == EROFS ? 0 : -1;
+    return kestal_sync_file(state_of(ctx).descriptor);
 }
 
 } // namespace

@@ -76,6 +76,31 @@ TEST(file, writes_appends_and_reads)
     EXPECT_EQ(errno, EINVAL);
 }
 
+TEST(file, makes_the_directories_of_a_path)
+{
+    const kestal_test::temporary_directory directory;
+    for (const char *name : {"a/b//c/file", "a/b/c/file", "a/b/d/", "file", "x/../y/file"})
+        EXPECT_EQ(kestal_make_parent_directories(directory.path(name).c_str(), 0700), 0) << name;
+    struct stat status;
+    for (const char *name : {"a", "a/b/c", "a/b/d", "y"})
+        EXPECT_TRUE(stat(directory.path(name).c_str(), &status) == 0 && status.st_mode == (S_IFDIR | 0700)) << name;
+    EXPECT_EQ(access(directory.path("file").c_str(), F_OK), -1);
+    for (const char *name : {"plain", "/plain", ""})
+        EXPECT_EQ(kestal_make_parent_directories(name, 0700), 0) << name;
+    EXPECT_EQ(kestal_make_parent_directories(nullptr, 0700), -1);
+
+    const int descriptor = open_as(directory.path("a/file"), "w0777");
+    EXPECT_EQ(kestal_make_parent_directories(directory.path("a/file/b").c_str(), 0700), -1);
+    EXPECT_EQ(errno, ENOTDIR);
+    EXPECT_EQ(kestal_sync_file(descriptor), 0);
+    EXPECT_EQ(kestal_set_file_permission(descriptor, 0622), 0);
+    EXPECT_TRUE(fstat(descriptor, &status) == 0 && status.st_mode == (S_IFREG | 0622));
+    kestal_close_file(descriptor);
+    EXPECT_EQ(kestal_sync_file(descriptor) + kestal_set_file_permission(descriptor, 0), -2);
+    kestal_test::with_each_allocation_failing(
+        [&] { kestal_make_parent_directories(directory.path("a/b").c_str(), 0700); });
+}
+
 TEST(file, waits_for_a_pipe_as_long_as_told)
 {
     int ends[2];

@@ -1,7 +1,7 @@
 /**
  * @file
  * Files by descriptor: modes written as fopen writes them, opening, reading and writing with a time-out, and whole
- * transfers that survive short counts and signals.
+ * transfers that survive short counts and signals; and the directories that lead to them.
  *
  * A descriptor belongs to whoever opened it and is closed with kestal_close_file; it does not outlive an exec. Offsets
  * and sizes are 64-bit on every machine. A failure leaves the cause in errno. The calls keep no state of their own:
@@ -81,6 +81,22 @@ KESTAL_API int64_t kestal_seek_file(int32_t descriptor, int64_t offset, int32_t 
 
 /** The size of a file in bytes, or of a block device; -1 for what has no size (a pipe, a socket, a terminal). */
 KESTAL_API int64_t kestal_get_file_size(int32_t descriptor);
+
+/**
+ * Waits until what was written is safe on its device. What cannot be synchronised (a pipe, a terminal, a read-only device)
+ * holds nothing back either. Returns 0, or -1.
+ */
+KESTAL_API int32_t kestal_sync_file(int32_t descriptor);
+
+/** Sets the permissions of an open file, whatever the process's mask says. Returns 0, or -1. */
+KESTAL_API int32_t kestal_set_file_permission(int32_t descriptor, uint32_t permission);
+
+/**
+ * Makes the directories that a path goes through, up to its last "/", as far as they are missing, with `permission` less
+ * the process's mask. Returns 0, also for a path without a directory; -1 for a null path, when one cannot be made (those
+ * before it stay) or is no directory, and when memory is short.
+ */
+KESTAL_API int32_t kestal_make_parent_directories(const char *path, uint32_t permission);
 
 KESTAL_END_DECLS
 

@@ -105,13 +105,15 @@ private:
     addrinfo *first_ = nullptr;
 };
 
-// Asks, and once more if the system's configuration could be read again.
+enum class asking_again { always, reloaded };
+
+// Asks, and once more after a failure: whenever, or only if the system's configuration could be read again.
 template <typename Use>
-void ask(const char *host, const char *service, const addrinfo &hints, Use use)
+void ask(const char *host, const char *service, const addrinfo &hints, asking_again when, Use use)
 {
     if (const look_up answer(host, service, hints); answer.first() != nullptr)
         return use(answer.first());
-    if (kestal_reload_resolver() != 0)
+    if (kestal_reload_resolver() != 0 && when == asking_again::reloaded)
         return;
     if (const look_up answer(host, service, hints); answer.first() != nullptr)
         use(answer.first());
@@ -183,7 +185,8 @@ kestal_resolver_t *resolve(const char *host, uint32_t port)
         hints.ai_protocol = kestal_get_protocol_by_name("udp");
     }
     kestal_resolver_t *list = nullptr;
-    ask(host, has_service ? service : nullptr, hints, [&list](const addrinfo *answer) { list = records_of(answer); });
+    ask(host, has_service ? service : nullptr, hints, asking_again::reloaded,
+        [&list](const addrinfo *answer) { list = records_of(answer); });
     return list;
 }
 
@@ -492,6 +495,8 @@ kestal_resolver_cache_t *open_shared(int32_t expiry_ms)
         check_shared(g_kestal_resolver_cache_use_count == 0, __LINE__,
                      "g_kestal_resolver_cache_use_count == (size_t)0u");
         g_kestal_resolver_cache = new_cache(expiry_ms);
+        check_shared(g_kestal_resolver_cache != nullptr, __LINE__,
+                     "g_kestal_resolver_cache != ((kestal_resolver_cache_t *)0)");
         g_kestal_resolver_cache_use_count = 0;
     }
     if (g_kestal_resolver_cache != nullptr)
@@ -572,7 +577,7 @@ char *kestal_get_fqdn_alloc_tag(const char *name, uint64_t line)
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_CANONNAME;
     char *fqdn = nullptr;
-    ask(host.get(), "http", hints, [&](const addrinfo *answer) {
+    ask(host.get(), "http", hints, asking_again::always, [&](const addrinfo *answer) {
         while (answer != nullptr && (answer->ai_canonname == nullptr || answer->ai_canonname[0] == '\0'))
             answer = answer->ai_next;
         if (answer != nullptr)

@@ -333,7 +333,7 @@ int32_t kestal_get_service_by_name(const char *name, const char *protocol)
 
 const char *kestal_get_name_by_service(int32_t port, const char *protocol)
 {
-    if (port < 0)
+    if (port < 0 || port > UINT16_MAX)
         return nullptr;
     const short_lock_guard guard(service_lock);
     const servent *found = getservbyport(kestal_be16_order(static_cast<uint16_t>(port)), or_tcp(protocol));

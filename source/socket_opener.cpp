@@ -46,17 +46,19 @@ bool is_empty(const char *text)
 
 // --- where to
 
-// The addresses that a host stands for. A unix path stands for itself.
+// The addresses that a host stands for. A unix path stands for itself, and no host of the unix family for a name that
+// the system makes up.
 class target {
 public:
-    target(const char *host, int32_t port, int32_t timeout_ms)
+    target(int32_t family, const char *host, int32_t port, int32_t timeout_ms)
     {
+        if (family == AF_UNIX && is_empty(host)) {
+            set_local(0);
+            return;
+        }
         if (!is_empty(host) && kestal_inet_ptos(AF_UNIX, host, 0, &local_, sizeof local_) == 0 &&
             local_.sun_path[0] != '\0') {
-            local_record_.m_family = AF_UNIX;
-            local_record_.m_address = &local_;
-            local_record_.m_address_length =
-                static_cast<uint32_t>(strlen(local_.sun_path) + offsetof(sockaddr_un, sun_path));
+            set_local(strlen(local_.sun_path));
             return;
         }
         list_ = kestal_open_resolver_ex(host, static_cast<uint32_t>(port), timeout_ms);
@@ -95,6 +97,14 @@ public:
     }
 
 private:
+    void set_local(size_t path_length)
+    {
+        local_.sun_family = AF_UNIX;
+        local_record_.m_family = AF_UNIX;
+        local_record_.m_address = &local_;
+        local_record_.m_address_length = static_cast<uint32_t>(path_length + offsetof(sockaddr_un, sun_path));
+    }
+
     kestal_resolver_t *list_ = nullptr;
     kestal_resolver_t local_record_{};
     sockaddr_un local_{};
@@ -222,7 +232,7 @@ int32_t kestal_open_listen_socket_ex(int32_t family, const char *address_string,
 {
     if (port < 0 || port >= port_limit)
         return fail_with(EINVAL);
-    const target local(address_string, port, resolve_at_once);
+    const target local(family, address_string, port, resolve_at_once);
     return local.open_first(family,
                             [=](const kestal_resolver_t &record) { return listen_on(record, family != AF_UNSPEC); });
 }
@@ -237,7 +247,7 @@ int32_t kestal_open_connect_socket_ex(int32_t family, const char *bind_address_s
 {
     if (bind_port < 0 || bind_port >= port_limit || host == nullptr || port < 1 || port >= port_limit)
         return fail_with(EINVAL);
-    const target remote(host, port, resolver_timeout_ms);
+    const target remote(AF_UNSPEC, host, port, resolver_timeout_ms);
     const auto connect_from = [&](const target *from) {
         return remote.open_first(family,
                                  [=](const kestal_resolver_t &record) { return connect_to(record, from, timeout_ms); });
@@ -245,7 +255,7 @@ int32_t kestal_open_connect_socket_ex(int32_t family, const char *bind_address_s
     // Without a wish the system binds while it connects, and may use a local port for several peers.
     if (is_empty(bind_address_string) && bind_port == 0)
         return connect_from(nullptr);
-    const target local(bind_address_string, bind_port, resolver_timeout_ms);
+    const target local(AF_UNSPEC, bind_address_string, bind_port, resolver_timeout_ms);
     return connect_from(&local);
 }
 
@@ -268,7 +278,7 @@ int32_t kestal_open_udp_socket_ex(int32_t family, const char *bind_address_strin
             return fail_with(EINVAL);
         family = family_of(&group);
     }
-    const target local(bind_address_string, port, resolver_timeout_ms);
+    const target local(family, bind_address_string, port, resolver_timeout_ms);
     const int32_t sock = local.open_first(family, open_datagram);
     if (sock != KESTAL_INVALID_SOCKET && has_group)
         kestal_multicast_join_all(sock, &group, 1);
@@ -285,7 +295,7 @@ int32_t kestal_send_udp_packet_ex(int32_t family, const char *bind_address_strin
 {
     if (host == nullptr || port < 1 || port >= port_limit)
         return fail_with(EINVAL);
-    const target remote(host, port, resolver_timeout_ms);
+    const target remote(AF_UNSPEC, host, port, resolver_timeout_ms);
     int32_t result = -1;
     for (const kestal_resolver_t *record = remote.first(); record != nullptr; record = record->m_next) {
         if (!target::is_wanted(*record, family))

@@ -35,7 +35,7 @@ private:
     kestal_uri_t *uri_ = nullptr;
 };
 
-// What a context's options ask for. Texts are the options' own and live until the context is closed.
+// What a context's options ask for. Texts are the options' own, which may change once the context is open.
 struct stream_request {
     const char *source = nullptr; // null when there is none
     owned_uri uri;                // the source of a stream in its parts; a kind that needs it for longer takes it over

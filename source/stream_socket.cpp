@@ -28,7 +28,6 @@ struct open_socket {
     bool is_owned = false; // closed with the context
     // UDP only
     bool is_debugging = false;
-    const char *url = nullptr; // the option's text
     socket_address group{};    // family 0: none
     uint64_t missed_ms = 0;    // without data until the group is joined again; 0: never
     uint64_t last_data = 0;    // milliseconds
@@ -122,7 +121,6 @@ uint32_t open_udp(kestal_ctx_t &ctx, stream_request &request)
     const int64_t missed = get_option_number(find_last_option(ctx, "missed_time", "missed_time"), 0, 0);
     state.missed_ms = missed > 0 ? static_cast<uint64_t>(missed) : 0;
     state.is_debugging = request.is_debugging;
-    state.url = request.source;
     state.last_data = state.last_join = kestal_time_stamp_msec();
     return KESTAL_CTX_ERROR_NONE;
 }
@@ -132,6 +130,13 @@ void join_again(open_socket &state)
 {
     kestal_multicast_join_all(state.sock, &state.group, 0);
     kestal_multicast_join_all(state.sock, &state.group, 1);
+}
+
+// Asked for when it is told: the option may have been set anew since the context was opened.
+const char *source_of(const kestal_ctx_t &ctx)
+{
+    const kestal_ctx_option_t *source = find_last_option(ctx, "src", "source");
+    return source == nullptr ? nullptr : static_cast<const char *>(source->m_value);
 }
 
 void note_silence(const kestal_ctx_t &ctx, open_socket &state)
@@ -145,11 +150,11 @@ void note_silence(const kestal_ctx_t &ctx, open_socket &state)
         if (state.is_debugging)
             kestal_error_printf(
                 "need multicast stream ! (mime_type=\"\033[1;37m%s\033[0m\", url=\"\033[1;32m%s\033[0m\")\n",
-                ctx.m_mime_type, state.url);
+                ctx.m_mime_type, source_of(ctx));
     } else if (state.is_debugging) {
         kestal_error_printf("wait udp stream ! (mime_type=\"\033[1;37m%s\033[0m\", url=\"\033[1;32m%s\033[0m\", "
                             "%lu.%03lu sec)\n",
-                            ctx.m_mime_type, state.url, silence / 1000, silence % 1000);
+                            ctx.m_mime_type, source_of(ctx), silence / 1000, silence % 1000);
     }
 }
 

@@ -49,7 +49,8 @@ KESTAL_API kestal_resolver_t *kestal_open_resolver(const char *host, uint32_t po
  *
  * A negative `timeout_ms` looks up on the caller's thread, for as long as the system takes. Otherwise the look-up goes
  * through the process-wide cache, and is tried until there is a result or so many milliseconds have passed; address
- * strings need no look-up and are answered at once. A list in the system's order, or null.
+ * strings need no look-up and are answered at once. Unless kestal_init_network or another user keeps that cache, it goes
+ * with the call, which then lasts as long as the look-up under way. A list in the system's order, or null.
  */
 KESTAL_API kestal_resolver_t *kestal_open_resolver_ex(const char *host, uint32_t port, int32_t timeout_ms);
 

@@ -47,8 +47,8 @@ KESTAL_API const char *kestal_get_name_by_protocol(int32_t number);
 KESTAL_API int32_t kestal_get_service_by_name(const char *name, const char *protocol);
 
 /**
- * The name of the service on a port; null `protocol` means "tcp". Null when unknown or the port is negative; valid until
- * this thread's next call of this function.
+ * The name of the service on a port; null `protocol` means "tcp". Null when unknown or the port is negative; valid
+ * until this thread's next call of this function.
  */
 KESTAL_API const char *kestal_get_name_by_service(int32_t port, const char *protocol);
 
@@ -86,8 +86,10 @@ KESTAL_API int32_t kestal_close_socket(int32_t sock);
 KESTAL_API int32_t kestal_shutdown_socket(int32_t sock, int32_t how);
 
 /**
- * Ends both directions, waits at most `timeout_ms` for the peer's end (negative: no limit), and closes. The result of
- * the close; -1 with errno EINVAL for the invalid socket.
+ * Ends both directions, waits at most `timeout_ms` (negative: no limit) for the socket to become readable, and closes.
+ * Linux calls a socket readable as soon as its receiving is shut down, so there the wait is short: to hear the peer out,
+ * end sending with kestal_shutdown_socket and receive to the end first. The result of the close; -1 with errno EINVAL for
+ * the invalid socket.
  */
 KESTAL_API int32_t kestal_close_socket_ex(int32_t sock, int32_t timeout_ms);
 

@@ -61,8 +61,9 @@ KESTAL_API int32_t kestal_open_udp_socket(const char *bind_address_string, int32
 
 /**
  * Sends one datagram to every address of a host, each from a socket of its own that is bound as given and joins the
- * group it sends to. A scope in an IPv6 group's text ("ff15::7%eth0") names the interface to send by. `hops` limits its way; from KESTAL_HOPS_DEFAULT on the system's own limit holds. The result of the
- * last send, as of kestal_sendto; -1 when there was none.
+ * group it sends to. A scope in an IPv6 group's text ("ff15::7%eth0") names the interface to send by. `hops` limits its
+ * way; from KESTAL_HOPS_DEFAULT on the system's own limit holds. The result of the last send, as of kestal_sendto; -1
+ * when there was none.
  */
 KESTAL_API int32_t kestal_send_udp_packet_ex(int32_t family, const char *bind_address_string, int32_t bind_port,
                                              const char *host, int32_t port, int32_t hops, const void *data,

@@ -1,4 +1,4 @@
-#include "support.hpp"
+#include "descriptors.hpp"
 
 #include <arpa/inet.h>
 #include <cstring>
@@ -9,6 +9,8 @@
 #include <sys/un.h>
 
 namespace {
+
+using kestal_test::address_of;
 
 class addresses : public kestal_test::counted {};
 
@@ -185,13 +187,6 @@ TEST_F(addresses, leaves_outputs_that_cannot_be_filled_cleared)
     EXPECT_STREQ(kestal_inet_ntop(AF_UNIX, "\0name", path, sizeof path), "name");
     EXPECT_EQ(kestal_inet_ntop(0, "x", path, sizeof path), nullptr);
     EXPECT_STREQ(path, "");
-}
-
-sockaddr_storage address_of(const char *text)
-{
-    sockaddr_storage address;
-    EXPECT_EQ(kestal_inet_ptos(0, text, 0, &address, sizeof address), 0) << text;
-    return address;
 }
 
 TEST_F(addresses, tells_scopes_and_kinds)

@@ -1,5 +1,4 @@
-#include "support.hpp"
-
+#include "descriptors.hpp"
 #include "namespaces.hpp"
 
 #include <cstring>
@@ -12,7 +11,7 @@ using kestal_test::run;
 
 namespace {
 
-class network_interface : public kestal_test::counted {};
+class network_interface : public kestal_test::descriptors_counted {};
 
 // The list as "NAME:MARKS ..." with the addresses and their marks behind each interface: "+ADDRESS/PREFIX:MARKS".
 std::string shown(const kestal_network_interface_t *list, bool mark_seen = true)
@@ -107,8 +106,8 @@ TEST_F(network_interface, finds_by_the_first_pattern_that_matches)
 
 TEST_F(network_interface, marks_what_changed)
 {
-    const char *reason = in_own_network([] {
-        run("ip link set lo up && ip link add eth0 type veth peer name eth1 && ip addr add 10.0.0.1/24 dev eth0");
+    in_own_network([] {
+        run("ip link add eth0 type veth peer name eth1 && ip addr add 10.0.0.1/24 dev eth0");
         run("sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1");
         kestal_network_interface_t *list = nullptr;
         const auto update = [&list](uint32_t flags) {
@@ -136,8 +135,6 @@ TEST_F(network_interface, marks_what_changed)
         EXPECT_EQ(update(KESTAL_NETWORK_UPDATE_INTERFACES), "lo:N ");
         kestal_free_network_interface(list);
     });
-    if (reason != nullptr)
-        GTEST_SKIP() << reason;
 }
 
 TEST_F(network_interface, survives_failing_allocations)

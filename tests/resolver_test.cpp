@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 using kestal_test::caught_errors;
-using kestal_test::in_own_network;
 using kestal_test::wait_until;
+using kestal_test::with_hosts;
 
 namespace {
 
@@ -25,23 +25,6 @@ std::string taken(kestal_resolver_t *list)
     }
     EXPECT_EQ(kestal_close_resolver(list), nullptr);
     return text;
-}
-
-// Runs the scenario where nothing can be asked but a hosts file of the test's own.
-void with_hosts(const std::string &hosts, const std::function<void(const std::function<void(std::string)> &)> &scenario)
-{
-    const char *reason = in_own_network([&] {
-        const kestal_test::temporary_directory directory;
-        const auto set = [&directory](const std::string &text) { directory.file("hosts", text); };
-        set(hosts);
-        kestal_test::run("mount --bind " + directory.path("hosts") + " /etc/hosts");
-        kestal_test::run("mount --bind " + directory.file("conf", "hosts: files\n") + " /etc/nsswitch.conf");
-        kestal_test::run("mount --bind " + directory.file("none", "") + " /etc/resolv.conf && ip link set lo up");
-        scenario(set);
-        kestal_test::run("umount /etc/hosts /etc/nsswitch.conf /etc/resolv.conf");
-    });
-    if (reason != nullptr)
-        GTEST_SKIP() << reason;
 }
 
 TEST_F(resolver, answers_numbers_without_a_look_up)

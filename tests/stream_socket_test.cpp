@@ -120,7 +120,7 @@ TEST_F(stream_socket, reads_datagrams_of_a_port)
 
 TEST_F(stream_socket, joins_a_silent_group_again)
 {
-    const char *reason = in_own_network([this] {
+    in_own_network([this] {
         const kestal_test::other_network other;
         const auto link = [&other] {
             kestal_test::run("ip link add v0 type veth peer name v1 netns " + other.process() +
@@ -132,7 +132,6 @@ TEST_F(stream_socket, joins_a_silent_group_again)
                 EXPECT_GT(kestal_send_udp_packet_ex(AF_INET, "10.1.0.2", -1, "239.1.2.3", 5000, 3, text, 5, 1000), 0);
             });
         };
-        kestal_test::run("ip link set lo up");
         link();
         ASSERT_EQ(open("udp://239.1.2.3:5000", "60000"), 105);
         send("first");
@@ -153,8 +152,6 @@ TEST_F(stream_socket, joins_a_silent_group_again)
         EXPECT_EQ(read(), "again");
         id_ = kestal_destroy_ctx(id_);
     });
-    if (reason != nullptr)
-        GTEST_SKIP() << reason;
 }
 
 } // namespace

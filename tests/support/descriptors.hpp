@@ -1,8 +1,10 @@
-// What tests of sockets share: descriptors counted, and a listener to connect to.
+// What tests of sockets share: descriptors counted and owned, addresses and ports.
 #pragma once
 
 #include "support.hpp"
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <netinet/in.h>
 
@@ -17,11 +19,33 @@ inline size_t open_descriptors()
 // The local port of a socket.
 inline uint32_t port_of(int32_t sock)
 {
-    sockaddr_storage name;
+    sockaddr_storage name = {};
     uint32_t length = sizeof name;
     EXPECT_EQ(kestal_getsockname(sock, &name, &length), 0);
     return kestal_sockaddr_get_port(&name);
 }
+
+inline sockaddr_storage address_of(const std::string &text)
+{
+    sockaddr_storage address = {};
+    EXPECT_EQ(kestal_inet_ptos(0, text.c_str(), 0, &address, sizeof address), 0) << text;
+    return address;
+}
+
+// A socket that must be open, and is closed with its scope.
+class owned_socket {
+public:
+    explicit owned_socket(int32_t sock) : sock_(sock) { EXPECT_GE(sock, 0) << strerror(errno); }
+    ~owned_socket() { kestal_close_socket(sock_); }
+    owned_socket(const owned_socket &) = delete;
+    owned_socket &operator=(const owned_socket &) = delete;
+
+    operator int32_t() const { return sock_; }
+    int32_t port() const { return static_cast<int32_t>(port_of(sock_)); }
+
+private:
+    int32_t sock_;
+};
 
 // A test whose open descriptors, as well as its live blocks, must end where they began.
 class descriptors_counted : public counted {

@@ -1,6 +1,6 @@
 #include "namespaces.hpp"
 
-#include "support.hpp"
+#include "descriptors.hpp"
 
 #include <cerrno>
 #include <cstdlib>
@@ -34,27 +34,42 @@ int in_child(const std::function<int()> &work)
 
 bool enter_namespaces()
 {
-    return unshare(CLONE_NEWNET | CLONE_NEWNS) == 0 &&
+    return unshare(CLONE_NEWNET | CLONE_NEWNS | CLONE_NEWUTS) == 0 &&
            mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("sysfs", "/sys", "sysfs", 0, nullptr) == 0 && system("ip link show >/dev/null 2>&1") == 0;
+           mount("sysfs", "/sys", "sysfs", 0, nullptr) == 0 && system("ip link set lo up >/dev/null 2>&1") == 0;
 }
 
 } // namespace
 
-const char *in_own_network(const std::function<void()> &scenario)
+void in_own_network(const std::function<void()> &scenario)
 {
     const int status = in_child([&] {
         if (!enter_namespaces())
             return lacking;
-        const uint64_t before = kestal_get_alloc_count();
+        const uint64_t blocks = kestal_get_alloc_count();
+        const size_t descriptors = open_descriptors();
         scenario();
-        EXPECT_EQ(kestal_get_alloc_count(), before) << "live blocks left behind";
+        EXPECT_EQ(kestal_get_alloc_count(), blocks) << "live blocks left behind";
+        EXPECT_EQ(open_descriptors(), descriptors) << "descriptors left open";
         return 0;
     });
     if (status == lacking)
-        return "needs ip(8) and the privilege to make network and mount namespaces";
+        GTEST_SKIP() << "needs ip(8) and the privilege to make network and mount namespaces";
     EXPECT_EQ(status, 0) << "see the failures above";
-    return nullptr;
+}
+
+void with_hosts(const std::string &hosts, const std::function<void(const set_hosts_t &)> &scenario)
+{
+    in_own_network([&] {
+        const temporary_directory directory;
+        const set_hosts_t set_hosts = [&](const std::string &text) { directory.file("hosts", text); };
+        set_hosts(hosts);
+        run("mount --bind " + directory.path("hosts") + " /etc/hosts && mount --bind " +
+            directory.file("switch", "hosts: files\n") + " /etc/nsswitch.conf && mount --bind " +
+            directory.file("none", "") + " /etc/resolv.conf");
+        scenario(set_hosts);
+        run("umount /etc/hosts /etc/nsswitch.conf /etc/resolv.conf");
+    });
 }
 
 other_network::other_network()

@@ -6,9 +6,13 @@
 
 namespace kestal_test {
 
-// Runs the scenario in a child process with its own network and mount namespaces. Its failures fail the test, and blocks
-// it leaves behind too. Null, or why it cannot be run here.
-const char *in_own_network(const std::function<void()> &scenario);
+// Runs the scenario in a child process with its own network ("lo" is up), mounts and host name. Its failures fail the
+// test, and blocks and descriptors it leaves behind too. Where the privilege for that is missing, the test is skipped.
+void in_own_network(const std::function<void()> &scenario);
+
+// The same where all that is known of names stands in a hosts file of the scenario's own: `set_hosts` writes it anew.
+using set_hosts_t = std::function<void(const std::string &)>;
+void with_hosts(const std::string &hosts, const std::function<void(const set_hosts_t &set_hosts)> &scenario);
 
 // While it lives, a process in a further network of its own (within a scenario: "ip link set DEVICE netns PROCESS").
 class other_network {

@@ -226,7 +226,7 @@ public:
     template <typename... Value>
     void format(const char *format, Value... value)
     {
-        length_ += kestal_snprintf(text_ + length_, sizeof text_ - length_, format, value...);
+        length_ += static_cast<size_t>(kestal_snprintf(text_ + length_, sizeof text_ - length_, format, value...));
     }
 
     // Copies what fits.

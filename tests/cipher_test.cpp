@@ -2,13 +2,16 @@
 
 #include "processor.hpp"
 
-#include <openssl/evp.h>
-#include <openssl/provider.h>
-
 #include <cstring>
 #include <random>
 
 namespace processor = kestal::processor;
+
+// Cross-built tests go without: the published vectors and the inverses are left to them.
+#ifdef WITH_OPENSSL
+#include <openssl/evp.h>
+#include <openssl/provider.h>
+#endif
 
 namespace {
 
@@ -89,6 +92,7 @@ bytes run_mode(mode_function mode, const round_key &key, bytes iv, bytes data, s
     return data;
 }
 
+#ifdef WITH_OPENSSL
 bytes openssl(const char *name, bool encrypt, const bytes &key, const bytes &iv, const bytes &data)
 {
     static OSSL_PROVIDER *legacy = OSSL_PROVIDER_load(nullptr, "legacy");
@@ -106,6 +110,7 @@ bytes openssl(const char *name, bool encrypt, const bytes &key, const bytes &iv,
     EVP_CIPHER_free(fetched);
     return result;
 }
+#endif
 
 // Every test runs with the processor's instructions and without.
 class ciphers_test : public testing::TestWithParam<uint32_t> {
@@ -238,11 +243,13 @@ TEST_P(ciphers_test, agree_with_openssl_on_random_data)
             const bytes data = random_bytes(blocks * which.block_size);
             const round_key expanded(which, key);
             for (int direction : {0, 1}) {
-                const auto same = [&](int mode, const bytes &result) {
+                const auto same = [&]([[maybe_unused]] int mode, [[maybe_unused]] const bytes &result) {
+#ifdef WITH_OPENSSL
                     if (which.openssl[mode] == nullptr)
                         return;
                     EXPECT_EQ(result, openssl(which.openssl[mode], direction == 0, key, iv, data))
                         << which.openssl[mode] << ' ' << blocks << ' ' << direction;
+#endif
                 };
                 same(0, run_ecb(which, direction, key, data));
                 same(1, run_mode(which.cbc[direction], expanded, iv, data, blocks / 2 * which.block_size));
@@ -264,7 +271,7 @@ TEST_P(ciphers_test, kept_definitions)
                             bytes(key.begin() + 16, key.end())};
     bytes expected = block;
     for (const bytes &part : parts)
-        expected = openssl("DES-ECB", true, part, part, expected);
+        expected = run_ecb(named("des"), 0, part, expected);
     EXPECT_EQ(run_ecb(named("3des"), 0, key, block), expected);
     bytes tripled = parts[0];
     for (int i = 0; i < 2; ++i)

@@ -1,9 +1,9 @@
 #include "support.hpp"
 
 #include "../source/color.hpp"
+#include "../source/pixel.hpp"
 #include "../source/processor.hpp"
 
-#include <cstring>
 #include <random>
 
 namespace {
@@ -134,9 +134,8 @@ TEST(color, rows_convert_as_single_colors_do)
                     std::fill(target.begin(), target.end(), guard);
                     ASSERT_TRUE(kestal::convert_color_row(to, &target[1], from, &source[1], count));
                     for (size_t i = 0; i < count; i++) {
-                        uint32_t value = 0, converted = 0;
-                        std::memcpy(&value, &source[1 + i * from_size], from_size);
-                        std::memcpy(&converted, &target[1 + i * to_size], to_size);
+                        const uint32_t value = kestal::load_pixel(&source[1 + i * from_size], from_size);
+                        const uint32_t converted = kestal::load_pixel(&target[1 + i * to_size], to_size);
                         const uint32_t kept = static_cast<uint32_t>((uint64_t{1} << 8 * to_size) - 1);
                         ASSERT_EQ(converted, kestal_convert_color(to, from, value) & kept)
                             << std::hex << to << " from " << from << " at " << i << " of " << count;

@@ -14,7 +14,7 @@ namespace kestal {
 namespace {
 
 constexpr const stream_kind *kinds[] = {&base_kind, &multicall_kind, &file_kind, &pipe_kind,
-                                        &tcp_kind,  &udp_kind,       &fb_kind};
+                                        &tcp_kind,  &udp_kind,       &tftp_kind, &fb_kind};
 
 uint32_t open_without_state(kestal_ctx_t &, stream_request &)
 {

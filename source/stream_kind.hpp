@@ -1,6 +1,6 @@
 // The kinds of context that the built-in plugin serves: what each kind is asked for, and where a new one is entered.
 // A kind is one constant of type stream_kind, defined in the source file of its family (stream_file.cpp: files and
-// pipes; stream_socket.cpp: TCP and UDP) and listed in stream_kind.cpp; the plugin itself only passes calls on.
+// pipes; stream_socket.cpp: TCP and UDP; stream_tftp.cpp) and listed in stream_kind.cpp; the plugin itself only passes calls on.
 #pragma once
 
 #include <kestal_ulx/assertion.h>
@@ -73,6 +73,7 @@ extern const stream_kind file_kind;
 extern const stream_kind pipe_kind;
 extern const stream_kind tcp_kind;
 extern const stream_kind udp_kind;
+extern const stream_kind tftp_kind;
 extern const stream_kind fb_kind;
 
 // The kind of that code, type or scheme, or null.

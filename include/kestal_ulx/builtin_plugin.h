@@ -1,7 +1,7 @@
 /**
  * @file
  * The plugin that is built into the library and that every context keeps loaded: it serves files, pipes, TCP
- * connections, UDP datagrams and open descriptors as streams, frame-buffer devices, and the plain types
+ * connections, UDP datagrams, TFTP transfers and open descriptors as streams, frame-buffer devices, and the plain types
  * "application/ulx_base" and "application/ulx_multicall".
  *
  * Applications reach it through stream contexts and need none of this; the two entry points are what the plugin loader
@@ -9,7 +9,8 @@
  *
  *  - the types "application/ulx_base", "application/ulx_multicall", "application/ulx_multicall_builtin" (no state),
  *    "application/ulx_stream" (the source's scheme picks the kind), "application/ulx_stream_file",
- *    "application/ulx_stream_pipe", "application/ulx_stream_tcp" and "application/ulx_stream_udp", compared with case;
+ *    "application/ulx_stream_pipe", "application/ulx_stream_tcp", "application/ulx_stream_udp" and
+ *    "application/ulx_stream_tftp", compared with case;
  *  - the options "src" or "source" (the location), "fd" (an open descriptor in decimal, used instead of a source and
  *    not closed), "mode" (as of fopen; "rb" when there is none), "debug" or "verbose" (a number; 1 without a value) and, for UDP, "missed_time" (below).
  *    Names compare without case, and of several options of one meaning the last counts;
@@ -19,7 +20,11 @@
  *    "udp://HOST:PORT" (only read, one datagram at a time, the rest of a longer one is lost): HOST is a multicast group to
  *    join on all interfaces, a local address to be bound to, or empty for any. A group that has been silent for
  *    "missed_time" milliseconds (none: for ever) is joined again by the wait for data, since a membership is lost with
- *    its interface; with debug on, such waits tell of the silence on the error sink.
+ *    its interface; with debug on, such waits tell of the silence on the error sink;
+ *  - the source "tftp://HOST:PORT/PATH" (port 69 unless the system knows another; see tftp.h): a mode that writes sends a
+ *    write request, any other a read request, refused with last error 10 when that cannot be done. Whether there is such a
+ *    file shows with the first read. A read gives one block of up to 512 bytes, waiting 16 seconds for it, and fails with
+ *    last error 5 when the buffer is smaller; the block stays for the next read. Nothing can be written.
  *
  * "application/ulx_fb" and "application/ulx_linuxfb" open a frame-buffer device: the first of the paths in "src", parted
  * by "|" (without it the usual names under /dev), that is a character device of major number 29, opens for reading and

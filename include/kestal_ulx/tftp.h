@@ -96,7 +96,7 @@ KESTAL_API int32_t kestal_tftp_write_request(kestal_tftp_t *tftp, const char *fi
  * Returns the number of bytes, which are at m_data: 512 while there is more, fewer (0 too) with the last block, and 0
  * ever after. -1 when the transfer failed, and until the next read request: a time-out (errno ETIMEDOUT), a packet that
  * is none of a read transfer (EPROTO), or the server's refusal (ENOENT no such file, EACCES, ENOSPC, EEXIST, EPERM no
- * such user, else EPROTO); EINVAL when nothing was requested.
+ * such user, else EPROTO; its message then stands at m_data); EINVAL when nothing was requested.
  */
 KESTAL_API int32_t kestal_tftp_read_data(kestal_tftp_t *tftp, int32_t timeout_ms);
 

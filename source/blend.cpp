@@ -9,6 +9,10 @@
 #include <algorithm>
 #include <iterator>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 namespace kestal {
 
 namespace {
@@ -32,11 +36,6 @@ void for_each_field(uint32_t code, Visit visit)
             visit(field{rest >> 4 & 15u, width, position});
         position += width;
     }
-}
-
-uint32_t bytes_of(uint32_t code)
-{
-    return kestal_color_interface_to_bits_per_pixel(code) / 8;
 }
 
 // The bits of a format's alpha channel.
@@ -71,88 +70,129 @@ uint32_t divided_by_255(uint32_t product)
     return (product + 128 + ((product + 128) >> 8)) >> 8;
 }
 
-// --- four channels of a byte each, eight pixels at once
-
-typedef uint32_t pixels_of_32_bits __attribute__((vector_size(32)));
-typedef uint16_t halves_of_16_bits __attribute__((vector_size(32)));
-
-constexpr size_t pixels_at_once = sizeof(pixels_of_32_bits) / sizeof(uint32_t);
+// --- four channels of a byte each, many pixels at once
 
 // What the alpha of a pixel is made of.
 enum class weighing { window, pixel, both };
 
-// Lays eight pixels over eight others. A channel and its neighbour but one share a pixel's halves: two multiplications
-// of halves mix all four.
-template <weighing by>
-[[gnu::always_inline]] inline void mix_at_once(uint8_t *mixed, const uint8_t *target, const uint8_t *source,
-                                               const direct_mix &mix)
-{
-    pixels_of_32_bits over, under;
-    memcpy(&over, source, sizeof over);
-    memcpy(&under, target, sizeof under);
+typedef uint32_t four_pixels __attribute__((vector_size(16)));
+typedef uint16_t eight_halves __attribute__((vector_size(16)));
 
-    pixels_of_32_bits cover = pixels_of_32_bits{} + mix.window_alpha;
-    if constexpr (by != weighing::window) {
-        const pixels_of_32_bits own = over >> mix.alpha_shift & 0xFFu;
-        const auto product = (halves_of_16_bits)own * (halves_of_16_bits)cover + uint16_t{128};
-        cover = by == weighing::pixel ? own : (pixels_of_32_bits)((product + (product >> 8)) >> 8);
+// Lays four pixels over four others. A channel and its neighbour but one share a pixel's halves: two multiplications of
+// halves mix all four channels.
+template <weighing by>
+struct portable_step {
+    static constexpr size_t pixels = 4;
+
+    static void mix(uint8_t *mixed, const uint8_t *target, const uint8_t *source, const direct_mix &mix)
+    {
+        four_pixels over, under;
+        memcpy(&over, source, sizeof over);
+        memcpy(&under, target, sizeof under);
+
+        four_pixels cover = four_pixels{} + mix.window_alpha;
+        if constexpr (by != weighing::window) {
+            const four_pixels own = over >> mix.alpha_shift & 0xFFu;
+            const auto product = (eight_halves)own * (eight_halves)cover + uint16_t{128};
+            cover = by == weighing::pixel ? own : (four_pixels)((product + (product >> 8)) >> 8);
+        }
+        const auto weight = (eight_halves)(cover | cover << 16);
+
+        over |= mix.set_bits;
+        const auto low_over = (eight_halves)(over & 0x00FF00FFu);
+        const auto low_under = (eight_halves)(under & 0x00FF00FFu);
+        const auto high_over = (eight_halves)over >> 8;
+        const auto high_under = (eight_halves)under >> 8;
+        const auto low = (low_over - low_under) * weight + (low_under << 8) - low_under + uint16_t{128};
+        const auto high = (high_over - high_under) * weight + (high_under << 8) - high_under + uint16_t{128};
+        const auto all = ((low + (low >> 8)) >> 8) | ((high + (high >> 8)) & uint16_t{0xFF00});
+        memcpy(mixed, &all, sizeof all);
     }
-    const auto weight = (halves_of_16_bits)(cover | cover << 16);
+};
 
-    over |= mix.set_bits;
-    const auto low_over = (halves_of_16_bits)(over & 0x00FF00FFu);
-    const auto low_under = (halves_of_16_bits)(under & 0x00FF00FFu);
-    const auto high_over = (halves_of_16_bits)over >> 8;
-    const auto high_under = (halves_of_16_bits)under >> 8;
-    const auto low = (low_over - low_under) * weight + (low_under << 8) - low_under + uint16_t{128};
-    const auto high = (high_over - high_under) * weight + (high_under << 8) - high_under + uint16_t{128};
-    const auto all = ((low + (low >> 8)) >> 8) | ((high + (high >> 8)) & uint16_t{0xFF00});
-    memcpy(mixed, &all, sizeof all);
-}
-
-// Rows of eight pixels or more. The last ones of a row overlap those before, and so are mixed while what lies below them
-// is still as it was.
+#if defined(__x86_64__)
+// Lays eight pixels over eight others. A channel beside the one below it and their weights are multiplied and added in one
+// go; for that the channels lose their sign bit's 128 first, and 255 x 128 comes back afterwards, with 128
+// more, which round.
 template <weighing by>
+struct avx2_step {
+    static constexpr size_t pixels = 8;
+
+    [[gnu::target("avx2")]] static void mix(uint8_t *mixed, const uint8_t *target, const uint8_t *source,
+                                            const direct_mix &mix)
+    {
+        const __m256i over = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(source));
+        const __m256i under = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(target));
+
+        __m256i weight = _mm256_set1_epi8(static_cast<char>(mix.window_alpha));
+        if constexpr (by != weighing::window) {
+            const __m256i first = _mm256_set_epi64x(0x0C0C0C0C08080808, 0x0404040400000000, //
+                                                    0x0C0C0C0C08080808, 0x0404040400000000);
+            const __m256i places = _mm256_add_epi8(first, _mm256_set1_epi8(static_cast<char>(mix.alpha_shift / 8)));
+            weight = _mm256_shuffle_epi8(over, places);
+        }
+        if constexpr (by == weighing::both) {
+            const __m256i own = _mm256_and_si256(weight, _mm256_set1_epi16(0xFF));
+            const __m256i window = _mm256_set1_epi16(static_cast<short>(mix.window_alpha));
+            const __m256i product = _mm256_add_epi16(_mm256_mullo_epi16(own, window), _mm256_set1_epi16(128));
+            const __m256i cover = divided_by_255(product);
+            weight = _mm256_or_si256(cover, _mm256_slli_epi16(cover, 8));
+        }
+        const __m256i rest = _mm256_xor_si256(weight, _mm256_set1_epi8(-1));
+
+        const __m256i sign = _mm256_set1_epi8(-128);
+        const __m256i above =
+            _mm256_xor_si256(_mm256_or_si256(over, _mm256_set1_epi32(static_cast<int>(mix.set_bits))), sign);
+        const __m256i below = _mm256_xor_si256(under, sign);
+        const __m256i low = mixed_half(_mm256_unpacklo_epi8(weight, rest), _mm256_unpacklo_epi8(above, below));
+        const __m256i high = mixed_half(_mm256_unpackhi_epi8(weight, rest), _mm256_unpackhi_epi8(above, below));
+        _mm256_storeu_si256(reinterpret_cast<__m256i *>(mixed), _mm256_packus_epi16(low, high));
+    }
+
+private:
+    // Products to which 128 was added: so they are rounded.
+    [[gnu::target("avx2")]] static __m256i divided_by_255(__m256i products)
+    {
+        return _mm256_mulhi_epu16(products, _mm256_set1_epi16(257));
+    }
+
+    [[gnu::target("avx2")]] static __m256i mixed_half(__m256i weights, __m256i channels)
+    {
+        const __m256i sums = _mm256_maddubs_epi16(weights, channels);
+        return divided_by_255(_mm256_add_epi16(sums, _mm256_set1_epi16(INT16_MIN)));
+    }
+};
+#endif
+
+// Rows of a step's pixels or more. The last ones of a row overlap those before, and so are mixed while what lies below them
+// is still as it was.
+template <typename Step>
 [[gnu::always_inline]] inline void mix_rows(const direct_box &box, const direct_mix mix)
 {
-    const size_t last_place = 4 * (box.width - pixels_at_once);
+    constexpr size_t size = 4 * Step::pixels;
+    const size_t last_place = 4 * (box.width - Step::pixels);
     for (size_t row = 0; row < box.height; ++row) {
         uint8_t *target = box.target + row * box.target_stride;
         const uint8_t *source = box.source + row * box.source_stride;
-        uint8_t last[sizeof(pixels_of_32_bits)];
-        mix_at_once<by>(last, target + last_place, source + last_place, mix);
-        for (size_t at = 0; at < last_place; at += sizeof last)
-            mix_at_once<by>(target + at, target + at, source + at, mix);
-        memcpy(target + last_place, last, sizeof last);
-    }
-}
-
-// Shorter rows are filled up to eight.
-template <weighing by>
-void mix_narrow_rows(const direct_box &box, const direct_mix &mix)
-{
-    for (size_t row = 0; row < box.height; ++row) {
-        uint8_t *target = box.target + row * box.target_stride;
-        uint8_t below[sizeof(pixels_of_32_bits)] = {};
-        uint8_t above[sizeof(pixels_of_32_bits)] = {};
-        memcpy(below, target, 4 * box.width);
-        memcpy(above, box.source + row * box.source_stride, 4 * box.width);
-        mix_at_once<by>(below, below, above, mix);
-        memcpy(target, below, 4 * box.width);
+        uint8_t last[size];
+        Step::mix(last, target + last_place, source + last_place, mix);
+        for (size_t at = 0; at < last_place; at += size)
+            Step::mix(target + at, target + at, source + at, mix);
+        memcpy(target + last_place, last, size);
     }
 }
 
 template <weighing by>
-void mix_portable(const direct_box &box, const direct_mix &mix)
+[[gnu::flatten]] void mix_portable(const direct_box &box, const direct_mix &mix)
 {
-    box.width < pixels_at_once ? mix_narrow_rows<by>(box, mix) : mix_rows<by>(box, mix);
+    mix_rows<portable_step<by>>(box, mix);
 }
 
 #if defined(__x86_64__)
 template <weighing by>
-[[gnu::target("avx2")]] void mix_avx2(const direct_box &box, const direct_mix &mix)
+[[gnu::target("avx2"), gnu::flatten]] void mix_avx2(const direct_box &box, const direct_mix &mix)
 {
-    box.width < pixels_at_once ? mix_narrow_rows<by>(box, mix) : mix_rows<by>(box, mix);
+    mix_rows<avx2_step<by>>(box, mix);
 }
 #endif
 
@@ -171,6 +211,23 @@ direct_mixer mixer_for(const direct_mix &mix)
     if (!mix.pixel_alpha)
         return mixer<weighing::window>();
     return mix.window_alpha == 255 ? mixer<weighing::pixel>() : mixer<weighing::both>();
+}
+
+// Rows too short for a step are filled up in memory of their own.
+void mix_box(direct_mixer mixer, const direct_box &box, const direct_mix &mix)
+{
+    constexpr size_t longest_step = 8;
+    if (box.width >= longest_step)
+        return mixer(box, mix);
+    for (size_t row = 0; row < box.height; ++row) {
+        uint8_t *target = box.target + row * box.target_stride;
+        uint8_t below[4 * longest_step] = {};
+        uint8_t above[4 * longest_step] = {};
+        memcpy(below, target, 4 * box.width);
+        memcpy(above, box.source + row * box.source_stride, 4 * box.width);
+        mixer({below, 0, above, 0, longest_step, 1}, mix);
+        memcpy(target, below, 4 * box.width);
+    }
 }
 
 direct_mix direct_mix_of(uint32_t code, const blend_rule &rule)
@@ -226,8 +283,8 @@ uint32_t mixed_field(field each, uint32_t over, uint32_t under, uint32_t cover)
 } // namespace
 
 row_blender::row_blender(uint32_t target_code, uint32_t source_code, const blend_rule &rule)
-    : target_code_(target_code), source_code_(source_code), target_bytes_(bytes_of(target_code)),
-      source_bytes_(bytes_of(source_code)), rule_(rule)
+    : target_code_(target_code), source_code_(source_code), target_bytes_(bytes_per_pixel(target_code)),
+      source_bytes_(bytes_per_pixel(source_code)), rule_(rule)
 {
     rule_.window_alpha = std::min(rule_.window_alpha, 255u);
     if (source_bytes_ < 4)
@@ -278,7 +335,7 @@ void row_blender::box(uint8_t *target, uint64_t target_stride, const uint8_t *so
         height = 1;
     }
     if (way_ == way::direct && !rule_.keyed)
-        return mixer_({target, target_stride, source, source_stride, width, height}, mix_);
+        return mix_box(mixer_, {target, target_stride, source, source_stride, width, height}, mix_);
     for (size_t row = 0; row < height; ++row)
         (*this)(target + row * target_stride, source + row * source_stride, width);
 }
@@ -294,7 +351,7 @@ void row_blender::blend_run(uint8_t *target, const uint8_t *source, size_t count
         convert_color_row(target_code_, target, source_code_, source, count);
         return;
     case way::direct:
-        return mixer_({target, 0, source, 0, count, 1}, mix_);
+        return mix_box(mixer_, {target, 0, source, 0, count, 1}, mix_);
     case way::by_channels:
         return mix_channels(target, source, count);
     case way::by_fields:
@@ -314,7 +371,7 @@ void row_blender::mix_channels(uint8_t *target, const uint8_t *source, size_t co
         uint8_t *at = target + done * target_bytes_;
         convert_color_row(argb, over, source_code_, source + done * source_bytes_, now);
         convert_color_row(argb, under, target_code_, at, now);
-        mixer_({under, 0, over, 0, now, 1}, mix_);
+        mix_box(mixer_, {under, 0, over, 0, now, 1}, mix_);
         convert_color_row(target_code_, at, argb, under, now);
     }
 }

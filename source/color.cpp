@@ -426,7 +426,7 @@ const row_access *row_access_of(uint32_t code)
 
 uint32_t kestal_color_interface_to_bits_per_pixel(uint32_t code)
 {
-    return fields_of(code).back().end;
+    return kestal::bits_per_pixel(code);
 }
 
 uint32_t kestal_bits_per_pixel_to_color_interface(uint32_t bits)

@@ -17,19 +17,24 @@ constexpr const char *source_file = "./source/fbmap_draw";
 
 using operations = kestal_fbmap_operations_t;
 
+size_t bytes_of(const kestal_fbmap_t &map)
+{
+    return map.m_bits_per_pixel / 8;
+}
+
 // --- areas
 
 // Fills what lies in the map, and notes it. False when nothing does.
-template <size_t bytes>
 bool fill(kestal_fbmap_t &map, uint32_t color, const area &asked)
 {
     const area inside = asked.cut_to(whole_of(map.m_bitmap));
     if (inside.empty() || map.m_bitmap.m_pixels == nullptr)
         return false;
+    const size_t bytes = bytes_of(map);
     uint8_t *first =
         pixel_at(map.m_bitmap, bytes, static_cast<uint64_t>(inside.left), static_cast<uint64_t>(inside.top));
-    fill_rows<bytes>(first, map.m_bitmap.m_line_length, color, static_cast<size_t>(inside.width()),
-                     static_cast<size_t>(inside.height()));
+    fill_rows(first, map.m_bitmap.m_line_length, color, bytes, static_cast<size_t>(inside.width()),
+              static_cast<size_t>(inside.height()));
     note_change(map, inside);
     return true;
 }
@@ -39,49 +44,40 @@ int32_t result_of(bool drawn)
     return drawn ? 0 : -1;
 }
 
-template <size_t bytes>
 int32_t clear(kestal_fbmap_t *map, uint32_t color)
 {
-    return result_of(fill<bytes>(*map, color, whole_of(map->m_bitmap)));
+    return result_of(fill(*map, color, whole_of(map->m_bitmap)));
 }
 
-constexpr fbmap_operation clear_operation(source_file, &operations::m_draw_clear, kestal_fbmap_draw_clear,
-                                          {clear<1>, clear<2>, clear<3>, clear<4>});
+constexpr fbmap_operation clear_operation(source_file, &operations::m_draw_clear, kestal_fbmap_draw_clear, clear);
 
-template <size_t bytes>
 int32_t draw_pixel(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y)
 {
-    return result_of(fill<bytes>(*map, color, area::of(x, y, 1, 1)));
+    return result_of(fill(*map, color, area::of(x, y, 1, 1)));
 }
 
-constexpr fbmap_operation pixel_operation(source_file, &operations::m_draw_pixel, kestal_fbmap_draw_pixel,
-                                          {draw_pixel<1>, draw_pixel<2>, draw_pixel<3>, draw_pixel<4>});
+constexpr fbmap_operation pixel_operation(source_file, &operations::m_draw_pixel, kestal_fbmap_draw_pixel, draw_pixel);
 
-template <size_t bytes>
 int32_t draw_hline(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y, uint32_t length)
 {
-    return result_of(fill<bytes>(*map, color, area::of(x, y, length, 1)));
+    return result_of(fill(*map, color, area::of(x, y, length, 1)));
 }
 
-constexpr fbmap_operation hline_operation(source_file, &operations::m_draw_hline, kestal_fbmap_draw_hline,
-                                          {draw_hline<1>, draw_hline<2>, draw_hline<3>, draw_hline<4>});
+constexpr fbmap_operation hline_operation(source_file, &operations::m_draw_hline, kestal_fbmap_draw_hline, draw_hline);
 
-template <size_t bytes>
 int32_t draw_vline(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y, uint32_t length)
 {
-    return result_of(fill<bytes>(*map, color, area::of(x, y, 1, length)));
+    return result_of(fill(*map, color, area::of(x, y, 1, length)));
 }
 
-constexpr fbmap_operation vline_operation(source_file, &operations::m_draw_vline, kestal_fbmap_draw_vline,
-                                          {draw_vline<1>, draw_vline<2>, draw_vline<3>, draw_vline<4>});
+constexpr fbmap_operation vline_operation(source_file, &operations::m_draw_vline, kestal_fbmap_draw_vline, draw_vline);
 
-template <size_t bytes>
 int32_t draw_box(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y, uint32_t width, uint32_t height,
                  uint32_t filled)
 {
     const area box = area::of(x, y, width, height);
     if (filled != 0 || box.empty())
-        return result_of(fill<bytes>(*map, color, box));
+        return result_of(fill(*map, color, box));
     const area edges[] = {
         {box.left, box.top, box.right, box.top + 1},
         {box.left, box.bottom - 1, box.right, box.bottom},
@@ -90,7 +86,7 @@ int32_t draw_box(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y, uint
     };
     bool drawn = false;
     for (const area &edge : edges)
-        drawn = fill<bytes>(*map, color, edge) || drawn;
+        drawn = fill(*map, color, edge) || drawn;
     return result_of(drawn);
 }
 
@@ -106,21 +102,27 @@ uint32_t columns_inside(int64_t x, int64_t width)
 }
 
 template <size_t bytes>
+void put_row(uint8_t *line, uint32_t color, int64_t x, uint32_t bits)
+{
+    for (; bits != 0; bits &= bits - 1)
+        store_pixel<bytes>(line + (x + 31 - std::countr_zero(bits)) * int64_t{bytes}, color);
+}
+
 void put_bits(kestal_fbmap_t &map, uint32_t color, int64_t x, int64_t y, std::span<const uint32_t> rows)
 {
     const kestal_raw_bitmap_t &bitmap = map.m_bitmap;
+    const auto put = with_pixel_bytes(bytes_of(map), [](auto bytes) { return put_row<bytes>; });
     const uint32_t inside = columns_inside(x, bitmap.m_width);
     uint32_t columns = 0;
     area drawn = {0, INT64_MAX, 0, INT64_MIN};
     for (const uint32_t row : rows) {
-        uint32_t bits = y >= 0 && y < bitmap.m_height ? row & inside : 0;
+        const uint32_t bits = y >= 0 && y < bitmap.m_height ? row & inside : 0;
         if (bits != 0) {
             columns |= bits;
             drawn.top = std::min(drawn.top, y);
             drawn.bottom = y + 1;
-            uint8_t *line = static_cast<uint8_t *>(bitmap.m_pixels) + static_cast<uint64_t>(y) * bitmap.m_line_length;
-            for (; bits != 0; bits &= bits - 1)
-                store_pixel<bytes>(line + (x + 31 - std::countr_zero(bits)) * int64_t{bytes}, color);
+            put(static_cast<uint8_t *>(bitmap.m_pixels) + static_cast<uint64_t>(y) * bitmap.m_line_length, color, x,
+                bits);
         }
         ++y;
     }
@@ -171,7 +173,34 @@ bool clip_line(point &from, point &to, point last)
     }
 }
 
+// A line's way from its first pixel on, in bytes.
+struct line_steps {
+    int64_t x_distance;
+    int64_t y_distance;
+    ptrdiff_t x_step;
+    ptrdiff_t y_step;
+};
+
 template <size_t bytes>
+void put_line(uint8_t *at, uint32_t color, const line_steps &line)
+{
+    const int64_t longer = std::max(line.x_distance, line.y_distance);
+    int64_t x_error = 0;
+    int64_t y_error = 0;
+    store_pixel<bytes>(at, color);
+    for (int64_t i = 0; i < longer; ++i) {
+        if ((x_error += line.x_distance) >= longer) {
+            x_error -= longer;
+            at += line.x_step;
+        }
+        if ((y_error += line.y_distance) >= longer) {
+            y_error -= longer;
+            at += line.y_step;
+        }
+        store_pixel<bytes>(at, color);
+    }
+}
+
 int32_t draw_line(kestal_fbmap_t *map, uint32_t color, int32_t x1, int32_t y1, int32_t x2, int32_t y2)
 {
     const kestal_raw_bitmap_t &bitmap = map->m_bitmap;
@@ -183,30 +212,14 @@ int32_t draw_line(kestal_fbmap_t *map, uint32_t color, int32_t x1, int32_t y1, i
     const area around = {std::min(from.x, to.x), std::min(from.y, to.y), std::max(from.x, to.x) + 1,
                          std::max(from.y, to.y) + 1};
     if (around.width() == 1 || around.height() == 1)
-        return result_of(fill<bytes>(*map, color, around));
+        return result_of(fill(*map, color, around));
 
-    const int64_t x_distance = around.width() - 1;
-    const int64_t y_distance = around.height() - 1;
-    const int64_t longer = std::max(x_distance, y_distance);
-    const auto line_length = static_cast<ptrdiff_t>(bitmap.m_line_length);
-    const ptrdiff_t x_step = to.x > from.x ? ptrdiff_t{bytes} : -ptrdiff_t{bytes};
-    const ptrdiff_t y_step = to.y > from.y ? line_length : -line_length;
-    uint8_t *at = pixel_at(bitmap, bytes, static_cast<uint64_t>(from.x), static_cast<uint64_t>(from.y));
-    int64_t x_error = 0;
-    int64_t y_error = 0;
-    for (int64_t i = 0; i <= longer; ++i) {
-        store_pixel<bytes>(at, color);
-        if (i == longer)
-            break;
-        if ((x_error += x_distance) >= longer) {
-            x_error -= longer;
-            at += x_step;
-        }
-        if ((y_error += y_distance) >= longer) {
-            y_error -= longer;
-            at += y_step;
-        }
-    }
+    const auto pixel = static_cast<ptrdiff_t>(bytes_of(*map));
+    const auto row = static_cast<ptrdiff_t>(bitmap.m_line_length);
+    const line_steps steps = {around.width() - 1, around.height() - 1, to.x > from.x ? pixel : -pixel,
+                              to.y > from.y ? row : -row};
+    uint8_t *first = pixel_at(bitmap, bytes_of(*map), static_cast<uint64_t>(from.x), static_cast<uint64_t>(from.y));
+    with_pixel_bytes(bytes_of(*map), [&](auto bytes) { put_line<bytes>(first, color, steps); });
     note_change(*map, around);
     return 0;
 }
@@ -365,11 +378,22 @@ private:
     uint64_t room_ = 0;
 };
 
-// One flood: runs of the old colour are replaced whole, and the rows above and below searched for more along them.
+// The first place from `x` up to `end` in a row whose pixel is the colour, or, with `other`, is not.
 template <size_t bytes>
+uint32_t find_in_row(const uint8_t *row, uint32_t color, uint32_t x, uint32_t end, bool other)
+{
+    while (x < end && (load_pixel<bytes>(row + uint64_t{x} * bytes) != color) != other)
+        ++x;
+    return x;
+}
+
+// One flood: runs of the old colour are replaced whole, and the rows above and below searched for more along them.
 class flood {
 public:
-    flood(kestal_fbmap_t &map, uint32_t color, uint32_t old_color) : map_(map), color_(color), old_color_(old_color) {}
+    flood(kestal_fbmap_t &map, uint32_t color, uint32_t old_color)
+        : map_(map), color_(color), old_color_(old_color), bytes_(bytes_of(map)),
+          find_(with_pixel_bytes(bytes_, [](auto bytes) { return find_in_row<bytes>; }))
+    {}
 
     bool run(uint32_t x, uint32_t y)
     {
@@ -382,9 +406,14 @@ public:
     }
 
 private:
+    uint32_t find(uint32_t x, uint32_t end, uint32_t y, bool other) const
+    {
+        return find_(pixel_at(map_.m_bitmap, bytes_, 0, y), old_color_, x, end, other);
+    }
+
     bool is_old(uint32_t x, uint32_t y) const
     {
-        return load_pixel<bytes>(pixel_at(map_.m_bitmap, bytes, x, y)) == old_color_;
+        return load_pixel(pixel_at(map_.m_bitmap, bytes_, x, y), bytes_) == old_color_;
     }
 
     bool replace_run(uint32_t x, uint32_t y)
@@ -392,21 +421,17 @@ private:
         uint32_t first = x;
         while (first > 0 && is_old(first - 1, y))
             --first;
-        uint32_t end = x + 1;
-        while (end < map_.m_bitmap.m_width && is_old(end, y))
-            ++end;
-        fill<bytes>(map_, color_, {first, y, end, int64_t{y} + 1});
+        const uint32_t end = find(x, map_.m_bitmap.m_width, y, true);
+        fill(map_, color_, {first, y, end, int64_t{y} + 1});
         return (y == 0 || search(first, end, y - 1)) && (y + 1 >= map_.m_bitmap.m_height || search(first, end, y + 1));
     }
 
-    bool search(uint32_t first, uint32_t end, uint32_t y)
+    bool search(uint32_t x, uint32_t end, uint32_t y)
     {
-        bool inside = false;
-        for (uint32_t x = first; x < end; ++x) {
-            const bool old = is_old(x, y);
-            if (old && !inside && !seeds_.push(x, y))
+        while ((x = find(x, end, y, false)) < end) {
+            if (!seeds_.push(x, y))
                 return false;
-            inside = old;
+            x = find(x, end, y, true);
         }
         return true;
     }
@@ -414,10 +439,11 @@ private:
     kestal_fbmap_t &map_;
     uint32_t color_;
     uint32_t old_color_;
+    size_t bytes_;
+    uint32_t (*find_)(const uint8_t *row, uint32_t color, uint32_t x, uint32_t end, bool other);
     seeds seeds_;
 };
 
-template <size_t bytes>
 int32_t draw_fill(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y)
 {
     const kestal_raw_bitmap_t &bitmap = map->m_bitmap;
@@ -425,14 +451,14 @@ int32_t draw_fill(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y)
         return -1;
     const auto column = static_cast<uint32_t>(x);
     const auto row = static_cast<uint32_t>(y);
-    const uint32_t old_color = load_pixel<bytes>(pixel_at(bitmap, bytes, column, row));
-    if (old_color == (color & pixel_mask<bytes>))
+    const size_t bytes = bytes_of(*map);
+    const uint32_t old_color = load_pixel(pixel_at(bitmap, bytes, column, row), bytes);
+    if (old_color == (color & pixel_mask(bytes)))
         return 0;
-    return result_of(flood<bytes>(*map, color, old_color).run(column, row));
+    return result_of(flood(*map, color, old_color).run(column, row));
 }
 
-constexpr fbmap_operation flood_operation(source_file, &operations::m_draw_fill, kestal_fbmap_draw_fill,
-                                          {draw_fill<1>, draw_fill<2>, draw_fill<3>, draw_fill<4>});
+constexpr fbmap_operation flood_operation(source_file, &operations::m_draw_fill, kestal_fbmap_draw_fill, draw_fill);
 
 uint32_t convert_color(kestal_fbmap_t *, uint32_t target, uint32_t source, uint32_t color)
 {
@@ -444,12 +470,10 @@ constexpr fbmap_operation convert_operation(source_file, &operations::m_convert_
 
 } // namespace
 
-constinit const decltype(kestal::box_operation)
-    kestal::box_operation(source_file, &operations::m_draw_box, kestal_fbmap_draw_box,
-                          {draw_box<1>, draw_box<2>, draw_box<3>, draw_box<4>});
-constinit const decltype(kestal::line_operation)
-    kestal::line_operation(source_file, &operations::m_draw_line, kestal_fbmap_draw_line,
-                           {draw_line<1>, draw_line<2>, draw_line<3>, draw_line<4>});
+constinit const decltype(kestal::box_operation) kestal::box_operation(source_file, &operations::m_draw_box,
+                                                                      kestal_fbmap_draw_box, draw_box);
+constinit const decltype(kestal::line_operation) kestal::line_operation(source_file, &operations::m_draw_line,
+                                                                        kestal_fbmap_draw_line, draw_line);
 constinit const decltype(kestal::circle_operation) kestal::circle_operation(source_file, &operations::m_draw_circle,
                                                                             kestal_fbmap_draw_circle, draw_circle);
 
@@ -462,11 +486,10 @@ bool kestal::fill_area(kestal_fbmap_t &map, uint32_t color, const area &asked)
 
 bool kestal::draw_bits(kestal_fbmap_t &map, uint32_t color, int64_t x, int64_t y, std::span<const uint32_t> rows)
 {
-    constexpr decltype(&put_bits<1>) routines[] = {put_bits<1>, put_bits<2>, put_bits<3>, put_bits<4>};
     if (!box_operation.is_built_in(map))
         return false;
     if (map.m_bitmap.m_pixels != nullptr)
-        routines[map.m_bits_per_pixel / 8 - 1](map, color, x, y, rows);
+        put_bits(map, color, x, y, rows);
     return true;
 }
 

@@ -26,6 +26,15 @@ auto read(const kestal_fbmap_t *map, Body body, const char *function = __builtin
 
 } // namespace
 
+bool kestal::is_served(const kestal_fbmap_t &map, const char *source, const char *caller)
+{
+    const uint32_t bits = map.m_bits_per_pixel;
+    if (bits != 0 && bits <= 32 && bits % 8 == 0)
+        return true;
+    kestal_assert_fail_tag(source, caller, __LINE__, "not supported");
+    return false;
+}
+
 int32_t kestal_fbmap_lock(void)
 {
     return kestal_lock(&lock_of_all_maps);

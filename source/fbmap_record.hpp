@@ -41,20 +41,18 @@ Result on_fbmap(const kestal_fbmap_t *map, const char *source, Result failure, B
     return body();
 }
 
-// One operation of every map: its slot, its public call, and the library's routines by the bytes of a pixel, from 1 on.
+// Whether the library draws at a map's depth; reported when not.
+bool is_served(const kestal_fbmap_t &map, const char *source, const char *caller);
+
+// One operation of every map: its slot, its public call, and the library's routine.
 template <typename Result, typename... Arguments>
 class fbmap_operation {
 public:
     using function = Result (*)(kestal_fbmap_t *, Arguments...);
 
     constexpr fbmap_operation(const char *source, function kestal_fbmap_operations_t::*slot, function entry,
-                              const function (&routines)[4])
-        : source_(source), slot_(slot), entry_(entry), routines_{routines[0], routines[1], routines[2], routines[3]}
-    {}
-    // One routine for all depths.
-    constexpr fbmap_operation(const char *source, function kestal_fbmap_operations_t::*slot, function entry,
                               function routine)
-        : fbmap_operation(source, slot, entry, {routine, routine, routine, routine})
+        : source_(source), slot_(slot), entry_(entry), routine_(routine)
     {}
 
     // Whether the map has the operation; reported when not.
@@ -64,11 +62,7 @@ public:
     }
 
     // Whether the map's operation is the library's own: then who knows a faster way may take it.
-    bool is_built_in(kestal_fbmap_t &map) const
-    {
-        const uint32_t index = map.m_bits_per_pixel / 8 - 1;
-        return serves(map) && index < 4 && map.m_operations.*slot_ == routines_[index];
-    }
+    bool is_built_in(kestal_fbmap_t &map) const { return choose(map, __func__) == routine_; }
 
     // Runs the map's operation, under the lock.
     Result run(kestal_fbmap_t &map, Arguments... arguments, const char *caller = __builtin_FUNCTION()) const
@@ -85,25 +79,20 @@ public:
     }
 
 private:
-    // The function in the map's slot; an empty slot is first filled with the routine for the map's depth. The public call
-    // in a slot is as good as nothing. Null, and reported, when the depth is not served.
+    // The function in the map's slot; an empty slot is first filled with the library's routine. The public call in a slot is
+    // as good as nothing. Null, and reported, when the depth is not served.
     function choose(kestal_fbmap_t &map, const char *caller) const
     {
         function &chosen = map.m_operations.*slot_;
         if (chosen != nullptr && chosen != entry_)
             return chosen;
-        const uint32_t bits = map.m_bits_per_pixel;
-        if (bits == 0 || bits > 32 || bits % 8 != 0) {
-            kestal_assert_fail_tag(source_, caller, __LINE__, "not supported");
-            return nullptr;
-        }
-        return chosen = routines_[bits / 8 - 1];
+        return is_served(map, source_, caller) ? chosen = routine_ : nullptr;
     }
 
     const char *source_;
     function kestal_fbmap_operations_t::*slot_;
     function entry_;
-    function routines_[4];
+    function routine_;
 };
 
 inline bool has_flag(const kestal_fbmap_t &map, uint32_t flag)

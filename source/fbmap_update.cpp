@@ -93,20 +93,21 @@ private:
         kestal_free_tag(node, "__kestal_fbmap_redraw_region_recursive_internal", __LINE__);
     }
 
-    // Adds a copy of `content` behind a node, or, with null, at the head.
-    void add_behind(rectangle_node *before, const rectangle_node &content)
+    // Adds a copy of `content` behind a node, or, with null, at the head. False when there is no memory for it.
+    bool add_behind(rectangle_node *before, const rectangle_node &content)
     {
         auto *node = static_cast<rectangle_node *>(
             kestal_alloc_tag(sizeof(rectangle_node), "__kestal_fbmap_redraw_region_recursive_internal", __LINE__));
         if (node == nullptr) {
             complete_ = false;
-            return;
+            return false;
         }
         *node = content;
         if (before == nullptr || before->next == nullptr)
             before == nullptr ? list().prepend(node) : list().append(node);
         else
             list().insert(before->next, node);
+        return true;
     }
 
     uint32_t walk(kestal_fbmap_t *first, uint32_t flags);
@@ -152,21 +153,20 @@ uint32_t redraw::walk(kestal_fbmap_t *first, uint32_t flags)
 bool redraw::claim(kestal_fbmap_t &map, const area &region, bool passed)
 {
     const bool hides_target = !passed && !is_composed(map);
+    const kestal_rectangle_t covering = region.rectangle();
     bool any = false;
     for (rectangle_node *node = head_, *next = nullptr; node != nullptr; node = next) {
         next = node->next;
         if (node->owner != nullptr && !is_composed(*node->owner))
             continue;
-        any = true;
         // The rectangle of the last layer stands for those above it, unless all of them go.
-        if ((node->flags & rectangle_node::layer_behind) != 0 && !hides_target)
+        const bool stands_above = (node->flags & rectangle_node::layer_behind) != 0;
+        any = any || !stands_above;
+        if ((stands_above && !hides_target) || area::of(node->rectangle).cut_to(region).empty())
             continue;
-        const kestal_rectangle_t covering = region.rectangle();
         kestal_rectangle_t overlap;
         kestal_rectangle_t pieces[KESTAL_SEPARATE_PIECES];
         const uint32_t count = kestal_sep_overlap_window(&node->rectangle, &covering, &overlap, pieces);
-        if (overlap.m_width == 0)
-            continue;
         for (uint32_t i = 0; i < count; ++i)
             add_behind(node, {nullptr, nullptr, node->flags, node->owner, pieces[i]});
         node->rectangle = overlap;
@@ -189,8 +189,8 @@ void redraw::give(rectangle_node *node, kestal_fbmap_t &map)
         list().prepend(node);
         return;
     }
-    add_behind(nullptr, {nullptr, nullptr, node->flags | rectangle_node::layer_in_front, &map, node->rectangle});
-    node->flags |= rectangle_node::layer_behind;
+    if (add_behind(nullptr, {nullptr, nullptr, node->flags | rectangle_node::layer_in_front, &map, node->rectangle}))
+        node->flags |= rectangle_node::layer_behind;
 }
 
 // Draws from the back to the front: alone what is opaque, layer by layer in the composite buffer what is not.
@@ -329,6 +329,8 @@ bool replace_pixels(kestal_fbmap_t &map, uint32_t width, uint32_t height)
         map.m_flags |= KESTAL_FBMAP_OWN_MEMORY;
     }
     map.m_bitmap = bitmap;
+    // What is not seen is not redrawn, and so its changes stay noted.
+    map.m_update = area::of(map.m_update).cut_to(whole_of(bitmap)).rectangle();
     return true;
 }
 

@@ -12,11 +12,15 @@ typedef uint32_t pattern __attribute__((vector_size(32)));
 // A run that is shorter than this is filled pixel by pixel.
 constexpr size_t shortest_run = sizeof(pattern);
 
-template <size_t bytes>
-void fill_short(uint8_t *row, uint32_t color, size_t width)
+void fill_by_pixels(uint8_t *first, uint64_t line_length, uint32_t color, size_t bytes, size_t width, size_t height)
 {
-    for (size_t i = 0; i < width; ++i)
-        store_pixel<bytes>(row + i * bytes, color);
+    with_pixel_bytes(bytes, [=](auto size) {
+        for (size_t row = 0; row < height; ++row) {
+            uint8_t *const at = first + row * line_length;
+            for (size_t i = 0; i < width; ++i)
+                store_pixel<size>(at + i * size, color);
+        }
+    });
 }
 
 // The last stretch of a row overlaps the one before: the pattern is the same wherever a pixel begins.
@@ -47,26 +51,24 @@ void fill_portable(uint8_t *first, uint64_t line_length, uint32_t word, size_t s
 // Pixels of three bytes: the first row is copied to the others.
 void fill_by_first_row(uint8_t *first, uint64_t line_length, uint32_t color, size_t width, size_t height)
 {
-    fill_short<3>(first, color, width);
+    fill_by_pixels(first, 0, color, 3, width, 1);
     for (size_t row = 1; row < height; ++row)
         memcpy(first + row * line_length, first, width * 3);
 }
 
 } // namespace
 
-template <size_t bytes>
-void fill_rows(uint8_t *first, uint64_t line_length, uint32_t color, size_t width, size_t height)
+void fill_rows(uint8_t *first, uint64_t line_length, uint32_t color, size_t bytes, size_t width, size_t height)
 {
-    const size_t size = width * bytes;
-    if (size < shortest_run) {
-        for (size_t row = 0; row < height; ++row)
-            fill_short<bytes>(first + row * line_length, color, width);
-        return;
-    }
-    if constexpr (bytes == 3)
+    size_t size = width * bytes;
+    if (size < shortest_run)
+        return fill_by_pixels(first, line_length, color, bytes, width, height);
+    if (bytes == 3)
         return fill_by_first_row(first, line_length, color, width, height);
-    if (size == line_length)
-        return fill_rows<bytes>(first, 0, color, width * height, 1);
+    if (size == line_length) {
+        size *= height;
+        height = 1;
+    }
     const uint32_t word = bytes == 1   ? (color & 0xFFu) * 0x01010101u
                           : bytes == 2 ? (color & 0xFFFFu) * 0x00010001u
                                        : color;
@@ -76,10 +78,5 @@ void fill_rows(uint8_t *first, uint64_t line_length, uint32_t color, size_t widt
 #endif
     fill_portable(first, line_length, word, size, height);
 }
-
-template void fill_rows<1>(uint8_t *, uint64_t, uint32_t, size_t, size_t);
-template void fill_rows<2>(uint8_t *, uint64_t, uint32_t, size_t, size_t);
-template void fill_rows<3>(uint8_t *, uint64_t, uint32_t, size_t, size_t);
-template void fill_rows<4>(uint8_t *, uint64_t, uint32_t, size_t, size_t);
 
 } // namespace kestal

@@ -5,6 +5,7 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
+#include <type_traits>
 
 namespace kestal {
 
@@ -42,36 +43,36 @@ void store_pixel(uint8_t *at, uint32_t value)
     }
 }
 
-// The bits of a colour that a pixel of so many bytes holds.
-template <size_t bytes>
-constexpr uint32_t pixel_mask = bytes == 4 ? UINT32_MAX : (1u << bytes % 4 * 8) - 1;
-
-inline uint32_t load_pixel(const uint8_t *at, size_t bytes)
+// Calls body(bytes) with the bytes of a pixel as a number that is known when it is compiled.
+template <typename Body>
+auto with_pixel_bytes(size_t bytes, Body body)
 {
     switch (bytes) {
     case 1:
-        return load_pixel<1>(at);
+        return body(std::integral_constant<size_t, 1>{});
     case 2:
-        return load_pixel<2>(at);
+        return body(std::integral_constant<size_t, 2>{});
     case 3:
-        return load_pixel<3>(at);
+        return body(std::integral_constant<size_t, 3>{});
     default:
-        return load_pixel<4>(at);
+        return body(std::integral_constant<size_t, 4>{});
     }
+}
+
+inline uint32_t load_pixel(const uint8_t *at, size_t bytes)
+{
+    return with_pixel_bytes(bytes, [=](auto size) { return load_pixel<size>(at); });
 }
 
 inline void store_pixel(uint8_t *at, size_t bytes, uint32_t value)
 {
-    switch (bytes) {
-    case 1:
-        return store_pixel<1>(at, value);
-    case 2:
-        return store_pixel<2>(at, value);
-    case 3:
-        return store_pixel<3>(at, value);
-    default:
-        return store_pixel<4>(at, value);
-    }
+    with_pixel_bytes(bytes, [=](auto size) { store_pixel<size>(at, value); });
+}
+
+// The bits of a colour that a pixel of so many bytes holds.
+constexpr uint32_t pixel_mask(size_t bytes)
+{
+    return UINT32_MAX >> (32 - 8 * bytes);
 }
 
 } // namespace kestal

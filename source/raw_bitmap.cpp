@@ -3,7 +3,6 @@
 #include <kestal_ulx/assertion.h>
 #include <kestal_ulx/color.h>
 
-#include "color.hpp"
 #include "raw_bitmap.hpp"
 
 namespace kestal {
@@ -23,12 +22,6 @@ uint64_t divided_up(uint64_t value, uint64_t divisor)
 }
 
 } // namespace
-
-uint32_t bytes_per_pixel(uint32_t color_interface)
-{
-    const uint32_t bits = kestal_color_interface_to_bits_per_pixel(color_interface);
-    return bits % 8 == 0 && bits <= 32 ? bits / 8 : 0;
-}
 
 bool place_copy(const kestal_raw_bitmap_t &target, const kestal_raw_bitmap_t &source, int32_t x, int32_t y,
                 const kestal_rectangle_t *rectangle, placed_copy &placed)

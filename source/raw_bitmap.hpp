@@ -3,14 +3,12 @@
 
 #include <kestal_ulx/raw_bitmap.h>
 
+#include "color.hpp"
 #include "geometry.hpp"
 
 #include <string.h>
 
 namespace kestal {
-
-// The bytes of a pixel of 8, 16, 24 or 32 bits; 0 for any other depth.
-uint32_t bytes_per_pixel(uint32_t color_interface);
 
 // The part of a copy at the same size that both bitmaps have: as large here as there.
 struct placed_copy {

@@ -5,10 +5,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <deque>
 #include <map>
-#include <memory>
 #include <random>
-#include <set>
 
 using kestal_test::caught_assertions;
 using kestal_test::caught_errors;
@@ -32,9 +31,16 @@ uint32_t pixel_of(const kestal_fbmap_t *map, int64_t x, int64_t y)
     return kestal::load_pixel(place_of(map, x, y), map->m_bits_per_pixel / 8);
 }
 
+constexpr uint32_t rgba8888 = 0x48586818;
+
 bool is_palette(uint32_t code)
 {
     return code == KESTAL_COLOR_DDDP0008;
+}
+
+bool has_alpha(uint32_t code)
+{
+    return code == KESTAL_COLOR_ARGB8888 || code == KESTAL_COLOR_ABGR8888 || code == rgba8888;
 }
 
 // One pixel of a map over one of the root, as the settings say, at 8 bits a channel.
@@ -46,16 +52,15 @@ uint32_t painted(const kestal_fbmap_t *map, uint32_t over, uint32_t root_code, u
     if ((map->m_flags & KESTAL_FBMAP_CCOLOR) != 0 && over == key)
         return under;
     const bool window = (map->m_flags & KESTAL_FBMAP_ALPHA_WINDOW) != 0;
-    const bool pixel = (map->m_flags & KESTAL_FBMAP_ALPHA_PIXEL) != 0 && code == KESTAL_COLOR_ARGB8888;
+    const bool pixel = (map->m_flags & KESTAL_FBMAP_ALPHA_PIXEL) != 0 && has_alpha(code);
     const bool opaque = (map->m_flags & KESTAL_FBMAP_NO_ALPHA_TRANSFER) != 0;
     double alpha = window ? std::min(map->m_alpha_window, 255u) : 255;
-    if (pixel)
-        alpha = std::floor(alpha * (over >> 24) / 255 + 0.5);
-    const uint32_t same = kestal_convert_color(root_code, code, over);
-    if (is_palette(root_code))
-        return alpha >= 128 ? same : under;
     uint32_t above = kestal_convert_color(KESTAL_COLOR_ARGB8888, code, over);
-    if ((pixel || opaque) && root_code == KESTAL_COLOR_ARGB8888)
+    if (pixel)
+        alpha = std::floor(alpha * (above >> 24) / 255 + 0.5);
+    if (is_palette(root_code))
+        return alpha >= 128 ? over : under;
+    if ((pixel || opaque) && has_alpha(root_code))
         above |= 0xFF000000u;
     if (alpha == 255)
         return kestal_convert_color(root_code, KESTAL_COLOR_ARGB8888, above);
@@ -85,24 +90,26 @@ public:
         kestal_fbmap_update(back_);
         for (uint32_t i = 1; i <= 9; ++i)
             add(i);
+        picture_ = painting();
     }
     ~scene() { kestal_free_fbmap(root_); }
 
     // One random change. Then the root must show the painter's picture, and only what could have changed is written.
     void step()
     {
-        const std::vector<uint32_t> before = painting();
-        kestal_fbmap_t *map = maps_[below(maps_.size())];
         seen_region_.assign(static_cast<size_t>(width * height), false);
-        mark_region(map);
         invert_root();
-        const std::string what = change(map);
-        mark_region(map);
+        const std::string what = change(maps_[below(maps_.size())]);
         const std::vector<uint32_t> after = painting();
         for (int64_t y = 0; y < height; ++y)
             for (int64_t x = 0; x < width; ++x)
-                check(what, x, y, before[place(x, y)], after[place(x, y)]);
-        restore(after);
+                check(what, x, y, picture_[place(x, y)], after[place(x, y)]);
+        picture_ = after;
+        restore();
+        for (const kestal_fbmap_t *map : maps_) // what is noted lies in the map
+            ASSERT_TRUE(map->m_update.m_x + int64_t{map->m_update.m_width} <= map->m_bitmap.m_width &&
+                        map->m_update.m_y + int64_t{map->m_update.m_height} <= map->m_bitmap.m_height)
+                << what;
     }
 
 private:
@@ -119,12 +126,16 @@ private:
 
     void add(uint32_t identifier)
     {
-        kestal_fbmap_t *parent = maps_.empty() || below(2) == 0 ? root_ : maps_[below(maps_.size())];
-        const uint32_t codes[] = {0, 0, KESTAL_COLOR_ARGB8888, KESTAL_COLOR_DRGB0565};
-        const uint32_t code = is_palette(code_) ? 0 : codes[below(code_ == KESTAL_COLOR_DRGB0233 ? 3 : 4)];
-        uint32_t flags = KESTAL_FBMAP_OWN_MEMORY | KESTAL_FBMAP_HIDDEN;
+        kestal_fbmap_t *parent = maps_.empty() || below(3) == 0 ? root_ : maps_[below(maps_.size())];
+        const uint32_t codes[] = {0, 0, KESTAL_COLOR_ARGB8888, KESTAL_COLOR_ABGR8888, KESTAL_COLOR_DRGB0565};
+        const uint32_t code = is_palette(code_) ? 0 : codes[below(code_ == KESTAL_COLOR_DRGB0233 ? 4 : 5)];
+        uint32_t flags = KESTAL_FBMAP_HIDDEN | (below(3) == 0 ? KESTAL_FBMAP_AT_END : 0);
+        flags |= below(3) == 0 ? 0 : KESTAL_FBMAP_OWN_MEMORY;
+        flags |= parent != root_ && below(3) == 0 ? KESTAL_FBMAP_AS_SIBLING : 0;
         kestal_fbmap_t *map = kestal_new_fbmap(parent, flags, code, between(-20, 55), between(-20, 40), 1 + below(60),
                                                1 + below(50), identifier, "%d", identifier);
+        if ((flags & KESTAL_FBMAP_OWN_MEMORY) == 0)
+            map->m_bitmap.m_pixels = supplied_.emplace_back(map->m_bitmap.m_size).data();
         map->m_operations.m_get_box = watched_get_box;
         scribble(map);
         maps_.push_back(map);
@@ -132,58 +143,88 @@ private:
 
     void scribble(kestal_fbmap_t *map)
     {
-        // Few colours, so that keys and full and no alpha come up.
+        // Few colours in most places, so that keys and full and no alpha come up.
         const uint32_t palette[] = {0xFF102030u, 0x80FF00FFu, 0x00C0FFEEu, 0xFFFFFFFFu, 0x3D7A5C91u};
         for (uint32_t y = 0; y < map->m_bitmap.m_height; ++y)
             for (uint32_t x = 0; x < map->m_bitmap.m_width; ++x)
-                kestal::store_pixel(place_of(map, x, y), map->m_bits_per_pixel / 8, palette[below(std::size(palette))]);
+                kestal::store_pixel(place_of(map, x, y), map->m_bits_per_pixel / 8,
+                                    below(4) == 0 ? static_cast<uint32_t>(random_())
+                                                  : palette[below(std::size(palette))]);
         if ((map->m_flags & KESTAL_FBMAP_HIDDEN) == 0)
-            map->m_update = {0, 0, map->m_bitmap.m_width, map->m_bitmap.m_height};
+            map->m_update = whole(map);
     }
 
     std::string change(kestal_fbmap_t *map)
     {
         const auto name = [&](const char *what) { return what + std::string(" ") + map->m_name; };
+        if (below(8) == 0) {
+            kestal_fbmap_draw_box(map, static_cast<uint32_t>(random_()), between(-9, 40), between(-9, 40),
+                                  1 + below(30), 1 + below(30), 1);
+            mark_region(map, map->m_update);
+            EXPECT_EQ(kestal_fbmap_update(map), 0);
+            return name("box");
+        }
+        mark_region(map, whole(map));
+        if (map->m_child == nullptr && below(20) == 0) {
+            const std::string what = name("free");
+            const uint32_t identifier = map->m_identifier;
+            maps_.erase(std::find(maps_.begin(), maps_.end(), map));
+            kestal_free_fbmap(map);
+            add(identifier);
+            return what;
+        }
+        const std::string what = name(change_whole(map));
+        mark_region(map, whole(map));
+        return what;
+    }
+
+    const char *change_whole(kestal_fbmap_t *map)
+    {
         switch (below(11)) {
         case 0:
         case 1:
             EXPECT_EQ(kestal_fbmap_show(map), 0);
-            return name("show");
+            return "show";
         case 2:
             EXPECT_EQ(kestal_fbmap_hide(map), 0);
-            return name("hide");
+            return "hide";
         case 3:
         case 4:
             EXPECT_EQ(kestal_fbmap_move(map, between(-30, 60), between(-30, 50)), 0);
-            return name("move");
+            return "move";
         case 5:
             EXPECT_EQ(kestal_fbmap_resize(map, between(-9, 30), between(-9, 30), 1 + below(60), 1 + below(50)), 0);
-            return name("resize");
+            return "resize";
         case 6:
             scribble(map);
             EXPECT_EQ(kestal_fbmap_update(map), 0);
-            return name("draw");
+            return "draw";
         case 7:
             EXPECT_EQ(kestal_fbmap_set_ccolor(map, pixel_of(map, 0, 0)), 0);
             EXPECT_EQ(kestal_fbmap_use_ccolor(map, below(2)), 0);
-            return name("colour key");
+            return "colour key";
         case 8:
             EXPECT_EQ(kestal_fbmap_set_alpha_window(map, below(3) == 0 ? 255 : below(300)), 0);
             EXPECT_EQ(kestal_fbmap_use_alpha_window(map, below(2)), 0);
-            return name("window alpha");
+            return "window alpha";
         case 9:
             EXPECT_EQ(kestal_fbmap_use_alpha_pixel(map, below(2)), 0);
-            return name("alpha of pixels");
+            return "alpha of pixels";
         default:
             EXPECT_EQ(kestal_fbmap_use_alpha_transfer(map, below(2)), 0);
-            return name("alpha transfer");
+            return "alpha transfer";
         }
     }
 
-    // Where a map and its children are seen.
-    void mark_region(const kestal_fbmap_t *map)
+    static kestal_rectangle_t whole(const kestal_fbmap_t *map)
     {
-        int64_t left = 0, top = 0, right = map->m_bitmap.m_width, bottom = map->m_bitmap.m_height;
+        return {0, 0, map->m_bitmap.m_width, map->m_bitmap.m_height};
+    }
+
+    // Where a part of a map is seen.
+    void mark_region(const kestal_fbmap_t *map, const kestal_rectangle_t &part)
+    {
+        int64_t left = part.m_x, top = part.m_y, right = left + part.m_width, bottom = top + part.m_height;
         for (const kestal_fbmap_t *at = map; at->m_parent != nullptr; at = at->m_parent) {
             left = std::max<int64_t>(left + at->m_x, 0);
             top = std::max<int64_t>(top + at->m_y, 0);
@@ -242,22 +283,24 @@ private:
             pixels[i] = static_cast<uint8_t>(~pixels[i]);
     }
 
-    void restore(const std::vector<uint32_t> &picture)
+    void restore()
     {
         for (int64_t y = 0; y < height; ++y)
             for (int64_t x = 0; x < width; ++x)
-                kestal::store_pixel(place_of(root_, x, y), root_->m_bits_per_pixel / 8, picture[place(x, y)]);
+                kestal::store_pixel(place_of(root_, x, y), root_->m_bits_per_pixel / 8, picture_[place(x, y)]);
     }
 
     // In one redraw a map draws each pixel at most once, and one opaque map at most draws there.
     static int32_t watched_get_box(kestal_fbmap_t *map, const kestal_raw_bitmap_t *target, int32_t x, int32_t y,
                                    const kestal_rectangle_t *rectangle, uint32_t blend)
     {
-        const bool opaque = (map->m_flags & KESTAL_FBMAP_COMPOSED) == 0;
+        std::vector<bool> &drawn = drawn_[(map->m_flags & KESTAL_FBMAP_COMPOSED) == 0 ? nullptr : map];
+        drawn.resize(static_cast<size_t>(width * height));
         for (uint32_t row = 0; row < rectangle->m_height; ++row)
             for (uint32_t column = 0; column < rectangle->m_width; ++column) {
                 const auto at = place(int64_t{x} + column, int64_t{y} + row);
-                EXPECT_TRUE(drawn_.insert({opaque ? nullptr : map, at}).second);
+                EXPECT_FALSE(drawn[at]);
+                drawn[at] = true;
             }
         map->m_operations.m_get_box = nullptr;
         const int32_t result = kestal_fbmap_get_box(map, target, x, y, rectangle, blend);
@@ -276,15 +319,17 @@ private:
     kestal_fbmap_t *root_ = nullptr;
     kestal_fbmap_t *back_ = nullptr;
     std::vector<kestal_fbmap_t *> maps_;
+    std::deque<std::vector<uint8_t>> supplied_;
+    std::vector<uint32_t> picture_; // the painter's
     std::vector<bool> seen_region_;
-    static inline std::set<std::pair<const kestal_fbmap_t *, size_t>> drawn_;
+    static inline std::map<const kestal_fbmap_t *, std::vector<bool>> drawn_; // null: by opaque ones
 };
 
 TEST_F(fbmap_update, the_root_shows_what_a_painter_would_paint)
 {
     for (const uint32_t code : {KESTAL_COLOR_DDDP0008, KESTAL_COLOR_DRGB0233, KESTAL_COLOR_DRGB0565,
-                                KESTAL_COLOR_DRGB0888, KESTAL_COLOR_ARGB8888})
-        for (uint32_t seed = 0; seed < 4; ++seed) {
+                                KESTAL_COLOR_DRGB0888, KESTAL_COLOR_ARGB8888, rgba8888})
+        for (uint32_t seed = 0; seed < 6; ++seed) {
             kestal::processor::allow_only(seed % 2 == 0 ? kestal::processor::every_feature : 0);
             scene tree(code, seed);
             for (int step = 0; step < 150 && !HasFatalFailure(); ++step)

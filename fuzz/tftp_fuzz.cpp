@@ -48,7 +48,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
     static const int32_t server = kestal_open_udp_socket("127.0.0.1", -1);
     static kestal_tftp_t *const tftp =
         kestal_open_tftp(0, ("tftp://127.0.0.1:" + std::to_string(port_of(server))).c_str(), 1000);
-    const int port = port_of(tftp->m_socket);
+    sockaddr_in client = {};
+    client.sin_family = AF_INET;
+    client.sin_port = kestal_be16_order(static_cast<uint16_t>(port_of(tftp->m_socket)));
+    client.sin_addr.s_addr = kestal_be32_order(INADDR_LOOPBACK);
     model expected;
     char ignored[2048];
     kestal_tftp_read_request(tftp, "x", nullptr, 1000);
@@ -58,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
         const std::string packet(reinterpret_cast<const char *>(bytes + 2), std::min(wanted, size - 2));
         bytes += 2 + packet.size();
         size -= 2 + packet.size();
-        require(kestal_send_udp_packet("127.0.0.1", port, packet.data(), packet.size(), 1000) >= 0);
+        require(kestal_sendto(server, packet.data(), packet.size(), &client, sizeof client, 1000) >= 0);
         const int answer = expected.take(packet);
         const int32_t length = kestal_tftp_read_data(tftp, 0);
         require(length == (answer == -2 ? -1 : answer));

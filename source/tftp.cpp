@@ -125,18 +125,17 @@ bool send_packet(const kestal_tftp_t &tftp, const uint8_t *packet, uint64_t size
     }
 }
 
-// The size of the packet received, or -1.
+// The size of the packet received, or -1. The first look comes before any wait: what a caller waited for is there.
 int32_t receive_packet(kestal_tftp_t &tftp, peer_address &sender, int32_t timeout_ms)
 {
     const deadline end(timeout_ms);
-    while (kestal::wait_for_events(tftp.m_socket, POLLIN, end)) {
+    for (;;) {
         sender.length = sizeof sender.address;
         const int32_t size = kestal_sys_recvfrom(tftp.m_socket, tftp.m_packet, KESTAL_TFTP_PACKET_SIZE, MSG_DONTWAIT,
                                                  &sender.address, &sender.length);
-        if (size >= 0 || (errno != EINTR && errno != EAGAIN))
+        if (size >= 0 || (errno != EINTR && (errno != EAGAIN || !kestal::wait_for_events(tftp.m_socket, POLLIN, end))))
             return size;
     }
-    return -1;
 }
 
 const char *path_of(const kestal_uri_t &uri)

@@ -35,9 +35,7 @@ TEST_F(addresses, reads_and_writes_address_strings)
          "1.2.3.4 001.002.003.004 1.2.3.4. [1.2.3.4] [1.2.3.4 1.2.3.4/24 [1.2.3.4/0] 1.2.3.4/32 1.2.3.4/00 "
          "1.2.3.4:80 [1.2.3.4.]:00080 1.2.3.4/7:80 [1.2.3.4:80"},
         {"2 1.2.3.4 0", "1.2.3.4:0 [1.2.3.4]:0 1.2.3.4:00000"},
-        {"2 192.168.0.1 8080", "192.168.0.1:8080 [192.168.0.1]:8080 [192.168.0.1/16]:8080"},
         {"2 255.255.255.255 65535", "255.255.255.255:65535 [255.255.255.255]:65535"},
-        {"2 0.0.0.0 80", "0.0.0.0 000.0.00.0"},
         {"-", "1.2.3.256 1.2.3 1.2.3. 1.2.3.4.5 1.2.3.4] 1.2.3.0004 1..2.3.4 1.2.3.4: 1.2.3.4:65536 "
               "1.2.3.4:000080 1.2.3.4:-1 1.2.3.4:http 1.2.3.4:80/24 1.2.3.4.. 1.2.3.4/ 1.2.3.4/024 1.2.3.4/a "
               "[1.2.3.4]/24 [[1.2.3.4]] [] a.b.c.d -1.2.3.4 +1.2.3.4 1.2.3.4x 0x1.2.3.4 12345678 1.2 1.2.3.1e1 1,2,3,4 "
@@ -54,9 +52,7 @@ TEST_F(addresses, reads_and_writes_address_strings)
         {"10 1:2:3:4:5:6:7:8 80", "1:2:3:4:5:6:7:8 [1:2:3:4:5:6:7:8]:80 :1:2:3:4:5:6:7:8 1:2:3:4:5:6:7::8"},
         {"10 1:2:3:4:5:6:7:8 90", "[1:2:3:4:5:6:7:8]:90 1:2:3:4:5:6:7:8:90 [1:2:3:4:5:6:7:8:90"},
         {"10 1:2:3:4:5:6:7:: 80", "1:2:3:4:5:6:7:: 1:2:3:4:5:6:7:0"},
-        {"10 ::2:3:4:5:6:7:8 80", "::2:3:4:5:6:7:8 0:2:3:4:5:6:7:8"},
         {"10 ::0.1.128.128 80", "::1:8080"},
-        {"10 ::1 8080", "[::1]:8080 [::1/64]:8080"},
         {"10 ::0.1.0.144 80", "[::1:90 [::1:90]"},
         {"10 1::2 80", "1::2: 1::2"}, // the colon stands before a group that does not come
         {"10 1:: 2", "1:::2"},        // the third one before a port
@@ -72,14 +68,11 @@ TEST_F(addresses, reads_and_writes_address_strings)
         {"10 ::0.0.0.2 80", "::2 ::0.0.0.2"},
         {"10 1:2:3:4:5:6:102:304 80", "1:2:3:4:5:6:1.2.3.4 1:2:3:4:5:6::1.2.3.4"},
         {"10 1::102:304 80", "1::1.2.3.4 1:1.2.3.4"},
-        {"10 64:ff9b::102:304 80", "64:ff9b::1.2.3.4 [64:ff9b::1.2.3.4/96]"},
         {"10 fe80::1%1 80", "fe80::1%1 fe80::1%lo [fe80::1%lo] [fe80::1%lo]:80 [fe80::1%1/64]:80 fe80::1%lo/64"},
         {"10 fe80::1%4294967295 80", "fe80::1%4294967295"},
         {"10 fe80::1 80", "fe80::1 fe80::1%0 fe80::1%nosuch fe80::1%nosuch:80 fe80::1%-1 fe80::1/64"},
         {"10 fe80::1%1 1900", "fe80::1%1:1900 [fe80::1%lo]:1900"},
-        {"10 ::1%7 80", "::1%7"},
         {"1 /var/run/x 0", "/var/run/x"},
-        {"1 ./a 0", "./a"},
         {"1 ~/a 0", "~/a"},
         {"1 / 0", "/"},
     };
@@ -100,6 +93,7 @@ TEST_F(addresses, reads_and_writes_address_strings)
         for (std::string word; words >> word;)
             all.emplace_back(result, word);
     }
+    EXPECT_GE(all.size(), 150u);
     for (const auto &[result, text] : all) {
         EXPECT_EQ(reading(0, text), result) << text;
         // The family named says the same; another refuses, but for a dotted text, which IPv6 reads too.
@@ -111,7 +105,6 @@ TEST_F(addresses, reads_and_writes_address_strings)
             EXPECT_EQ(kestal_inet_pton(family, text.c_str(), nullptr), is_named ? 0 : -1) << text;
         }
     }
-    EXPECT_GE(all.size(), 150u);
     EXPECT_EQ(reading(AF_INET6, "1.2.3.4"), "10 ::1.2.3.4 80");
     EXPECT_EQ(reading(AF_APPLETALK, "1.2.3.4"), "-");
 }
@@ -130,106 +123,99 @@ TEST_F(addresses, agrees_with_the_system_on_random_addresses)
             memset(groups, 0, 12);
         const int family = is_v4 ? AF_INET : AF_INET6;
         const size_t size = is_v4 ? 4 : 16;
-        uint8_t back[16] = {};
+        uint8_t back[2][16] = {};
         inet_ntop(family, groups, system, sizeof system);
         ASSERT_EQ(kestal_inet_ntop(family, groups, own, sizeof own), own);
         // The system's text is read, the system reads ours, and both mean the same.
-        ASSERT_EQ(kestal_inet_pton(family, system, back), 0) << system;
-        ASSERT_EQ(memcmp(back, groups, size), 0) << system;
-        memset(back, 0xEE, sizeof back);
-        ASSERT_EQ(inet_pton(family, own, back), 1) << own;
-        ASSERT_EQ(memcmp(back, groups, size), 0) << own;
+        ASSERT_EQ(kestal_inet_pton(family, system, back[0]), 0) << system;
+        ASSERT_EQ(inet_pton(family, own, back[1]), 1) << own;
+        ASSERT_EQ(memcmp(back[0], groups, size) | memcmp(back[1], groups, size), 0) << system << " " << own;
         // The texts differ by design for a lone zero group and for small compatible addresses only.
-        if (is_v4 || (strstr(system, ":0") == nullptr && strncmp(system, "0:", 2) != 0 && groups[6] != 0)) {
-            ASSERT_STREQ(own, system);
-        }
+        const bool is_by_design =
+            !is_v4 && (strstr(system, ":0") != nullptr || strncmp(system, "0:", 2) == 0 || groups[6] == 0);
+        ASSERT_STREQ(own, is_by_design ? own : system);
     }
 }
 
 TEST_F(addresses, leaves_outputs_that_cannot_be_filled_cleared)
 {
-    char address[200];
-    for (const auto &[text, size] : {std::pair("1.2.3.4", 15), {"::1", 27}, {"/x", 109}}) {
-        memset(address, 1, sizeof address);
-        EXPECT_EQ(kestal_inet_ptos(0, text, 80, address, static_cast<uint64_t>(size)), -1) << text;
-        EXPECT_EQ(address[0] + address[size - 1], 0);
-        EXPECT_EQ(address[size], 1);
-        EXPECT_EQ(kestal_inet_ptos(0, text, 80, address, static_cast<uint64_t>(size) + 1), 0) << text;
+    for (const auto &[text, size] : {std::pair("1.2.3.4", 15u), {"::1", 27}, {"/x", 109}}) {
+        std::string address(size + 1, 'x');
+        EXPECT_EQ(kestal_inet_ptos(0, text, 80, address.data(), size), -1) << text;
+        EXPECT_EQ(address, std::string(size, '\0') + "x");
+        EXPECT_EQ(kestal_inet_ptos(0, text, 80, address.data(), size + 1), 0) << text;
         EXPECT_EQ(kestal_inet_ptos(0, text, 80, nullptr, 0), 0);
     }
-    EXPECT_EQ(kestal_inet_ptos(0, nullptr, 80, address, sizeof address), -1);
-    EXPECT_EQ(kestal_inet_ptos(0, "1.2.3.4", 65536, address, sizeof address), -1);
-    EXPECT_EQ(kestal_inet_ptos(0, "1.2.3.4:5", 65536, address, sizeof address), 0);
-
-    char text[8] = "x";
+    sockaddr_un address;
+    for (const auto &[string, port, result] :
+         {std::tuple<const char *, uint32_t, int>(nullptr, 80, -1), {"1.2.3.4", 65536, -1}, {"1.2.3.4:5", 65536, 0}})
+        EXPECT_EQ(kestal_inet_ptos(0, string, port, &address, sizeof address), result);
+    char text[KESTAL_ADDRESS_TEXT_SIZE];
     uint32_t port = 0;
-    EXPECT_EQ(kestal_inet_stopp(address, nullptr, 8, &port), nullptr);
+    EXPECT_EQ(kestal_inet_stopp(&address, nullptr, 8, &port), nullptr);
     EXPECT_EQ(port, 5u);
-    EXPECT_EQ(kestal_inet_stop(address, text, 0), nullptr);
-    EXPECT_EQ(kestal_inet_stop(address, text, 4), text);
-    EXPECT_STREQ(text, "1.2");
+    EXPECT_EQ(kestal_inet_stop(&address, text, 0), nullptr);
+    EXPECT_STREQ(kestal_inet_stop(&address, text, 4), "1.2");
+    memset(address.sun_path, 'p', sizeof address.sun_path); // no NUL
+    const std::string path(108, 'p');
+    for (const auto &[family, written] :
+         {std::pair(AF_UNSPEC, std::string("?UNSPEC")), {AF_APPLETALK, ""}, {AF_UNIX, path}}) {
+        address.sun_family = static_cast<sa_family_t>(family);
+        EXPECT_EQ(kestal_inet_stop(&address, text, sizeof text), family == AF_APPLETALK ? nullptr : text);
+        EXPECT_EQ(text, written);
+    }
+    address.sun_path[0] = '\0';
+    EXPECT_EQ(kestal_inet_stop(&address, text, sizeof text), path.substr(1));
+    for (const auto &[family, raw, written] : {std::tuple<int, const char *, const char *>(AF_INET, nullptr, "0.0.0.0"),
+                                               {AF_INET6, nullptr, "::"},
+                                               {AF_UNIX, "\0name", "name"},
+                                               {AF_UNIX, "name", "name"},
+                                               {0, "x", ""}}) {
+        EXPECT_EQ(kestal_inet_ntop(family, raw, text, sizeof text), family == 0 ? nullptr : text);
+        EXPECT_STREQ(text, written);
+    }
     EXPECT_EQ(kestal_inet_stop(nullptr, text, sizeof text), nullptr);
-    EXPECT_STREQ(text, "");
-    sockaddr_un local = {};
-    EXPECT_STREQ(kestal_inet_stop(&local, text, sizeof text), "?UNSPEC");
-    local.sun_family = AF_APPLETALK;
-    EXPECT_EQ(kestal_inet_stop(&local, text, sizeof text), nullptr);
-    EXPECT_STREQ(text, "");
-    local.sun_family = AF_UNIX;
-    memset(local.sun_path, 'p', sizeof local.sun_path); // no NUL
-    char path[KESTAL_ADDRESS_TEXT_SIZE];
-    EXPECT_EQ(strlen(kestal_inet_stop(&local, path, sizeof path)), 108u);
-    local.sun_path[0] = '\0';
-    EXPECT_EQ(strlen(kestal_inet_stop(&local, path, sizeof path)), 107u);
-
-    EXPECT_STREQ(kestal_inet_ntop(AF_INET, nullptr, path, sizeof path), "0.0.0.0");
-    EXPECT_STREQ(kestal_inet_ntop(AF_INET6, nullptr, path, sizeof path), "::");
-    EXPECT_STREQ(kestal_inet_ntop(AF_UNIX, "\0name", path, sizeof path), "name");
-    EXPECT_EQ(kestal_inet_ntop(0, "x", path, sizeof path), nullptr);
-    EXPECT_STREQ(path, "");
 }
 
 TEST_F(addresses, tells_scopes_and_kinds)
 {
-    const std::pair<int32_t, std::vector<const char *>> scopes[] = {
-        {-1, {"0.0.0.0", "::", "/x"}},
-        {1, {"127.0.0.1", "127.255.255.255", "::1"}},
-        {2, {"169.254.0.1", "fe80::1", "febf::"}},
-        {5, {"10.0.0.0", "172.16.0.1", "172.31.255.255", "192.168.1.1", "255.255.255.255", "fec0::1", "feff::"}},
-        {14,
-         {"9.255.255.255", "11.0.0.0", "172.15.0.1", "172.32.0.0", "192.169.0.1", "240.0.0.1", "2001:db8::1",
-          "fc00::"}},
-        {0xFF01, {"::ffff:127.0.0.1"}},
-        {0xFF02, {"::1.2.3.4", "::2"}},
-        {0xFF03, {"224.0.0.0", "239.255.255.255", "ff02::1", "ffff::"}},
+    const std::pair<int32_t, const char *> scopes[] = {
+        {-1, "0.0.0.0 :: /x"},
+        {1, "127.0.0.1 127.255.255.255 ::1"},
+        {2, "169.254.0.1 fe80::1 febf::"},
+        {5, "10.0.0.0 172.16.0.1 172.31.255.255 192.168.1.1 255.255.255.255 fec0::1 feff::"},
+        {14, "9.255.255.255 11.0.0.0 172.15.0.1 172.32.0.0 192.169.0.1 240.0.0.1 2001:db8::1 fc00::"},
+        {0xFF01, "::ffff:127.0.0.1"},
+        {0xFF02, "::1.2.3.4 ::2"},
+        {0xFF03, "224.0.0.0 239.255.255.255 ff02::1 ffff::"},
     };
-    for (const auto &[scope, texts] : scopes)
-        for (const char *text : texts) {
+    std::string names;
+    for (const auto &[scope, texts] : scopes) {
+        names += std::string(kestal_sockaddr_scope_name(scope)) + " ";
+        std::istringstream words(texts);
+        for (std::string text; words >> text;) {
             const sockaddr_storage address = address_of(text);
             EXPECT_EQ(kestal_sockaddr_scope(&address), scope) << text;
             EXPECT_EQ(kestal_is_multicast(&address), scope == 0xFF03) << text;
         }
-    EXPECT_EQ(kestal_sockaddr_scope(nullptr), -1);
-    std::string names;
-    for (const int32_t scope : {-1, 1, 2, 5, 14, 0xFF01, 0xFF02, 0xFF03})
-        names += std::string(kestal_sockaddr_scope_name(scope)) + " ";
+    }
     EXPECT_EQ(names, "Unknown Host Link Site Global Mapped Compat Multicast ");
+    EXPECT_EQ(kestal_sockaddr_scope(nullptr), -1);
 
-    // In this order, one letter each; upper case where it is so.
-    const std::pair<char, int32_t (*)(const void *)> kinds[] = {{'u', kestal_in6addr_is_unspecified},
-                                                                {'h', kestal_in6addr_is_loopback},
-                                                                {'l', kestal_in6addr_is_link_local},
-                                                                {'s', kestal_in6addr_is_site_local},
-                                                                {'a', kestal_in6addr_is_v4_mapped},
-                                                                {'c', kestal_in6addr_is_v4_compatible},
-                                                                {'m', kestal_in6addr_is_multicast},
-                                                                {'n', kestal_in6addr_is_multicast_node_local},
-                                                                {'i', kestal_in6addr_is_multicast_link_local},
-                                                                {'t', kestal_in6addr_is_multicast_site_local},
-                                                                {'o', kestal_in6addr_is_multicast_org_local},
-                                                                {'g', kestal_in6addr_is_multicast_global},
-                                                                {'k', kestal_in6addr_is_scope_link_local},
-                                                                {'e', kestal_in6addr_is_scope_embeddable}};
+    const std::pair<char, int32_t (*)(const void *)> kinds[] = {{'U', kestal_in6addr_is_unspecified},
+                                                                {'H', kestal_in6addr_is_loopback},
+                                                                {'L', kestal_in6addr_is_link_local},
+                                                                {'S', kestal_in6addr_is_site_local},
+                                                                {'A', kestal_in6addr_is_v4_mapped},
+                                                                {'C', kestal_in6addr_is_v4_compatible},
+                                                                {'M', kestal_in6addr_is_multicast},
+                                                                {'N', kestal_in6addr_is_multicast_node_local},
+                                                                {'I', kestal_in6addr_is_multicast_link_local},
+                                                                {'T', kestal_in6addr_is_multicast_site_local},
+                                                                {'O', kestal_in6addr_is_multicast_org_local},
+                                                                {'G', kestal_in6addr_is_multicast_global},
+                                                                {'K', kestal_in6addr_is_scope_link_local},
+                                                                {'E', kestal_in6addr_is_scope_embeddable}};
     std::istringstream cases(
         ":: U ::1 H fe80:: LKE febf::1 LKE fec0:: S fe7f:: - ::ffff:0.0.0.1 A ::0.0.0.2 C "
         "::1:0:0:1 - ff01::1 MNE ff12::1 MIKE ff05::1 MT ff08::1 MO ff0e::1 MG ff03::1 M 2001:: -");
@@ -237,11 +223,8 @@ TEST_F(addresses, tells_scopes_and_kinds)
         uint8_t raw[16];
         ASSERT_EQ(kestal_inet_pton(AF_INET6, text.c_str(), raw), 0);
         std::string found;
-        for (const auto &[letter, is_kind] : kinds) {
-            EXPECT_EQ(is_kind(nullptr), 0);
-            if (is_kind(raw) == 1)
-                found += static_cast<char>(toupper(letter));
-        }
+        for (const auto &[letter, is_kind] : kinds)
+            found += is_kind(nullptr) != 0 ? "null" : is_kind(raw) == 1 ? std::string(1, letter) : "";
         EXPECT_EQ(found.empty() ? "-" : found, expected) << text;
         uint8_t copy[16] = {9};
         EXPECT_EQ(kestal_in6addr_compare(raw, copy), 0);
@@ -253,26 +236,25 @@ TEST_F(addresses, tells_scopes_and_kinds)
 
 TEST_F(addresses, compares_and_masks)
 {
-    sockaddr_storage a = address_of("[fe80::1%1]:5");
-    const sockaddr_storage b = address_of("[fe80::1%2]:6");
-    const sockaddr_storage c = address_of("1.2.3.4:1");
-    const sockaddr_storage d = address_of("1.2.3.4:2");
-    const sockaddr_storage path = address_of("/x");
-    EXPECT_EQ(kestal_compare_sockaddr_address(&a, &b), 0);
-    EXPECT_EQ(kestal_compare_sockaddr_address(&c, &d), 0);
+    const char *texts[] = {"[fe80::1%1]:5", "[fe80::1%2]:6", "1.2.3.4:1", "1.2.3.4:2", "/x", "1.2.3.5"};
+    const char *same = "aabb-c"; // a path is the same as nothing
+    for (size_t i = 0; i < std::size(texts); ++i)
+        for (size_t j = 0; j < std::size(texts); ++j) {
+            const sockaddr_storage a = address_of(texts[i]);
+            const sockaddr_storage b = address_of(texts[j]);
+            EXPECT_EQ(kestal_compare_sockaddr_address(&a, &b), same[i] == same[j] && same[i] != '-' ? 0 : -1)
+                << i << " " << j;
+            EXPECT_EQ(kestal_compare_sockaddr_address(&a, nullptr), -1);
+        }
     EXPECT_EQ(kestal_compare_sockaddr_address(nullptr, nullptr), 0);
-    EXPECT_EQ(kestal_compare_sockaddr_address(&c, &a), -1);
-    EXPECT_EQ(kestal_compare_sockaddr_address(&path, &path), -1);
-    EXPECT_EQ(kestal_compare_sockaddr_address(&a, nullptr), -1);
-    EXPECT_EQ(kestal_sockaddr_set_port(&a, 65536), -1);
-    EXPECT_EQ(kestal_sockaddr_set_port(&a, 65535), 0);
-    EXPECT_EQ(kestal_sockaddr_get_port(&a), 65535u);
-    const sockaddr_storage none = {};
-    const sockaddr_storage *all[] = {&a, &c, &path, &none, nullptr};
+    sockaddr_storage all[] = {address_of(texts[0]), address_of(texts[2]), address_of(texts[4]), {}};
     std::ostringstream sizes;
-    for (const sockaddr_storage *each : all)
-        sizes << kestal_sockaddr_domain(each) << ":" << kestal_sockaddr_size(each) << " ";
-    EXPECT_EQ(sizes.str(), "10:28 2:16 1:110 0:0 0:0 ");
+    for (sockaddr_storage &each : all)
+        sizes << kestal_sockaddr_domain(&each) << ":" << kestal_sockaddr_size(&each) << ":"
+              << kestal_sockaddr_set_port(&each, 65536) << ":" << kestal_sockaddr_set_port(&each, 65535) << ":"
+              << kestal_sockaddr_get_port(&each) << " ";
+    EXPECT_EQ(sizes.str(), "10:28:-1:0:65535 2:16:-1:0:65535 1:110:0:0:0 0:0:0:0:0 ");
+    EXPECT_EQ(std::pair(kestal_sockaddr_domain(nullptr), kestal_sockaddr_size(nullptr)), std::pair(0, 0u));
 
     for (const auto &[text, bits, mask, network] :
          {std::tuple("192.168.1.77", 24u, "255.255.255.0", "192.168.1.255"),
@@ -280,18 +262,16 @@ TEST_F(addresses, compares_and_masks)
           {"10.1.2.3", 13u, "255.248.0.0", "10.7.255.255"},
           {"10.1.2.3", 99u, "255.255.255.255", "10.1.2.3"},
           {"fe80::1", 10u, "ffc0::", "?UNSPEC"},
-          {"fe80::1", 999u, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "?UNSPEC"}}) {
+          {"fe80::1", 999u, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "?UNSPEC"},
+          {"/x", 8u, "?UNSPEC", "?UNSPEC"}}) {
         const sockaddr_storage address = address_of(text);
         sockaddr_storage outputs[2];
         memset(outputs, 0xEE, sizeof outputs);
-        EXPECT_EQ(kestal_prefix_sockaddr(&address, bits, &outputs[0], &outputs[1]), 0);
-        char texts[2][KESTAL_ADDRESS_TEXT_SIZE];
-        EXPECT_STREQ(kestal_inet_stop(&outputs[0], texts[0], sizeof texts[0]), mask);
-        EXPECT_STREQ(kestal_inet_stop(&outputs[1], texts[1], sizeof texts[1]), network);
-        EXPECT_EQ(kestal_prefix_sockaddr(&path, bits, &outputs[0], &outputs[1]), -1);
-        EXPECT_EQ(outputs[0].ss_family + outputs[1].ss_family, 0);
+        EXPECT_EQ(kestal_prefix_sockaddr(&address, bits, &outputs[0], &outputs[1]), text[0] == '/' ? -1 : 0);
+        char written[2][KESTAL_ADDRESS_TEXT_SIZE];
+        EXPECT_STREQ(kestal_inet_stop(&outputs[0], written[0], sizeof written[0]), mask);
+        EXPECT_STREQ(kestal_inet_stop(&outputs[1], written[1], sizeof written[1]), network);
     }
-    EXPECT_EQ(kestal_interface_name_to_index("lo"), if_nametoindex("lo"));
     EXPECT_EQ(kestal_interface_name_to_index(nullptr), 0u);
     EXPECT_EQ(kestal_be16_order(kestal_be16_order(0x1234)), 0x1234);
     EXPECT_EQ(kestal_be32_order(0x12345678), htonl(0x12345678));
@@ -299,24 +279,20 @@ TEST_F(addresses, compares_and_masks)
 
 TEST_F(addresses, sums_as_the_internet_does)
 {
-    std::mt19937 random(1071);
-    std::vector<uint8_t> data(70000);
-    for (uint8_t &byte : data)
-        byte = static_cast<uint8_t>(random() % 4 == 0 ? 0xFF : random());
-    for (const size_t size : std::vector<size_t>{0, 1, 2, 3, 7, 8, 9, 20, 1500, 69999, 70000}) {
-        uint64_t sum = 0;
-        for (size_t i = 0; i + 1 < size; i += 2) {
-            uint16_t word;
-            memcpy(&word, &data[i], 2);
-            sum += word;
-        }
-        if (size % 2 != 0)
-            sum += data[size - 1];
-        while (sum >> 16 != 0)
-            sum = (sum >> 16) + (sum & 0xFFFF);
-        EXPECT_EQ(kestal_rfc1071_checksum(data.data(), size), static_cast<uint16_t>(~sum)) << size;
-    }
+    const uint8_t example[] = {0x00, 0x01, 0xF2, 0x03, 0xF4, 0xF5, 0xF6, 0xF7}; // RFC 1071, 3
+    EXPECT_EQ(kestal_rfc1071_checksum(example, sizeof example), kestal_be16_order(0x220D));
     EXPECT_EQ(kestal_rfc1071_checksum(nullptr, 4), 0xFFFF);
+    std::mt19937 random(1071);
+    for (const size_t size :
+         {2u, 6u, 8u, 20u, 1500u, 70000u}) { // with its own sum among it, anything sums up to nothing
+        std::vector<uint8_t> data(size + 3);
+        std::generate(data.begin(), data.end(), [&] { return random() % 4 == 0 ? 0xFF : random() & 0xFF; });
+        const uint16_t sum = kestal_rfc1071_checksum(data.data(), size);
+        memcpy(&data[size], &sum, sizeof sum);
+        EXPECT_EQ(kestal_rfc1071_checksum(data.data(), size + 2), 0) << size;
+        data[size + 2] = 7; // the odd byte adds as it is
+        EXPECT_EQ(kestal_rfc1071_checksum(data.data(), size + 3), 0xFFFF - 7) << size;
+    }
 }
 
 } // namespace

@@ -58,6 +58,7 @@ protected:
     }
     void TearDown() override
     {
+        kestal_thread_pool_wait(60000);
         EXPECT_EQ(open_descriptors(), descriptors_) << "descriptors left open";
         counted::TearDown();
     }

@@ -5,7 +5,8 @@
  *     kestal-echo --address 0.0.0.0 --tcp 7 --udp 7 --idle 300 --most 10000
  *
  * Each connection is one event with two buffers. Received bytes wait in the input buffer until the output buffer has room;
- * at the high watermark the loop stops reading from that peer, so that one that does not read costs 128 KiB and no more.
+ * at the high watermark the loop stops reading from that peer, so that one that does not read costs two buffers of at most
+ * 80 KiB and no more.
  */
 #define _GNU_SOURCE
 #include <kestal_ulx.h>

@@ -22,7 +22,6 @@ struct kestal_event_state {
     uint64_t found_room; // as many as are registered, at least
     uint64_t next_order;
     uint64_t next_timer_order;
-    uint64_t now;          // ms: the time of the last look
     uint32_t lowest_level; // no level below it has active events
     uint32_t contenders;   // threads that want the lock while the loop has it
     uint32_t is_closing;

@@ -237,11 +237,11 @@ void examine(kestal_event_t &event, uint64_t now, int32_t &ready_left)
 
 void look(kestal_event_base_t &base, int32_t ready)
 {
-    kestal_event_state &state = *base.m_state;
-    state.now = kestal_time_stamp_msec();
-    find_events(base, state.now, ready > 0);
+    const kestal_event_state &state = *base.m_state;
+    const uint64_t now = base.m_timer_event_count == 0 ? 0 : kestal_time_stamp_msec();
+    find_events(base, now, ready > 0);
     for (uint64_t i = 0; i < state.found_count; ++i)
-        examine(*state.found[i].event, state.now, ready);
+        examine(*state.found[i].event, now, ready);
 }
 
 // --- the service of what is active
@@ -336,22 +336,23 @@ void let_contenders_in(kestal_event_base_t &base)
 }
 
 // Waits, and makes active what has come up. False, with errno, when the wait failed.
-bool wait_and_look(kestal_event_base_t &base, uint32_t flags)
+bool wait_and_look(kestal_event_base_t &base, uint32_t flags, bool has_served)
 {
     int32_t wait = wait_time(base, flags);
     trace_number(base, flags, "select dispatch waiting... %d msec", wait);
     if (has_contenders(base) && (wait < 0 || wait > contended_wait_ms))
         wait = contended_wait_ms;
-    const int32_t ready = base.m_state->watched.wait(wait, base.m_state->now);
-    const int error = errno;
+    const int32_t ready = base.m_state->watched.wait(wait, has_served);
+    const int error = ready < 0 ? errno : 0;
     trace_number(base, flags, "select dispatched %d", ready);
-    if (ready < 0 && error != EINTR)
+    if (ready >= 0) {
+        look(base, ready);
+        return true;
+    }
+    if (error != EINTR)
         report_base("kestal_event_base_loop", "kestal_select_dispatch failed !", &base);
     errno = error;
-    if (ready < 0)
-        return false;
-    look(base, ready);
-    return true;
+    return false;
 }
 
 bool must_break_globally(kestal_event_base_t &base, uint32_t flags)
@@ -365,6 +366,7 @@ bool must_break_globally(kestal_event_base_t &base, uint32_t flags)
 // Goes round until there is a reason to end; returns it. Null when the wait failed.
 const char *run(kestal_event_base_t &base, uint32_t flags)
 {
+    bool has_served = true; // or somebody else did before
     for (;;) {
         let_contenders_in(base);
         if (word(base.m_exit).load() != 0 || is_stopping(base))
@@ -373,9 +375,10 @@ const char *run(kestal_event_base_t &base, uint32_t flags)
             return "break event base loop.";
         if (base.m_event_count == 0 && base.m_active_event_count == 0)
             return "no event registered.";
-        if (!wait_and_look(base, flags))
+        if (!wait_and_look(base, flags, has_served))
             return nullptr;
-        if (base.m_active_event_count != 0) {
+        has_served = base.m_active_event_count != 0;
+        if (has_served) {
             serve_level(base);
             if ((flags & KESTAL_EVENT_LOOP_ONCE) != 0 && base.m_active_event_count == 0)
                 return "break event base once loop.";

@@ -6,6 +6,7 @@
 #include <bit>
 #include <errno.h>
 #include <string.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 #include <utility>
 
@@ -17,8 +18,9 @@ constexpr int32_t first_room = 64;
 constexpr int32_t no_descriptor = -1;
 
 // Descriptors in the list are looked at again in passing, so many at a time: a list forgets closed ones without a word.
-constexpr int32_t check_step_ms = 100;
+constexpr long check_step_ns = 100000000;
 constexpr int32_t check_size = 256;
+constexpr uint64_t tick = UINT64_MAX; // what the list reports for the ticker
 
 uint32_t as_list_bits(uint32_t mask)
 {
@@ -52,7 +54,7 @@ T *grown(T *old, int32_t old_count, int32_t count)
 void kestal::readiness::open(kestal_select_t *set)
 {
     set_ = set;
-    list_ = -1;
+    list_ = ticker_ = -1;
     first_changed_ = no_descriptor;
 }
 
@@ -84,11 +86,14 @@ bool kestal::readiness::set(int32_t descriptor, uint32_t mask)
 {
     if (mask != 0 && !make_room(descriptor))
         return false;
-    const uint32_t before = kestal_get_select_flags(set_, descriptor);
+    const uint32_t before = descriptor < room_ ? watches_[descriptor].interest : 0;
+    if (mask == before)
+        return true;
     if (kestal_set_select(set_, descriptor, mask) != 0)
         return false;
+    watches_[descriptor].interest = static_cast<uint8_t>(mask);
     count_ += (mask != 0 ? 1 : 0) - (before != 0 ? 1 : 0);
-    if (list_ >= 0 && mask != before) {
+    if (list_ >= 0) {
         mark_changed(descriptor);
         if (mask == 0 || before == 0)
             watches_[descriptor].is_doubtful = 1;
@@ -96,16 +101,15 @@ bool kestal::readiness::set(int32_t descriptor, uint32_t mask)
     return true;
 }
 
-int32_t kestal::readiness::wait(int32_t timeout_ms, uint64_t now)
+int32_t kestal::readiness::wait(int32_t timeout_ms, bool is_unsettled)
 {
     if (list_ < 0 && is_worth_a_list())
         start_list();
     if (list_ >= 0) {
-        unchecked_ = room_;
-        const bool is_time = now - checked_at_ >= check_step_ms;
-        if (is_time)
-            checked_at_ = now;
-        const int32_t found = (is_time && !check_some()) || !apply_changes() ? -1 : wait_by_list(timeout_ms);
+        if (is_unsettled)
+            unchecked_ = room_;
+        const bool is_well = (!is_check_due_ || check_some()) && apply_changes();
+        const int32_t found = is_well ? wait_by_list(timeout_ms) : -1;
         if (list_ >= 0)
             return found;
     }
@@ -124,10 +128,24 @@ void kestal::readiness::start_list()
     list_ = epoll_create1(EPOLL_CLOEXEC);
     if (list_ < 0)
         return;
+    if (!start_ticker()) {
+        stop_list();
+        return;
+    }
     const int32_t highest = kestal_get_select_highest(set_);
     for (int32_t descriptor = 0; descriptor <= highest; ++descriptor)
-        if (kestal_get_select_flags(set_, descriptor) != 0)
+        if (watches_[descriptor].interest != 0)
             mark_changed(descriptor);
+}
+
+// Reported once a tick, since nobody reads from it.
+bool kestal::readiness::start_ticker()
+{
+    ticker_ = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+    epoll_event entry{};
+    entry.events = EPOLLIN | EPOLLET;
+    entry.data.u64 = tick;
+    return ticker_ >= 0 && epoll_ctl(list_, EPOLL_CTL_ADD, ticker_, &entry) == 0;
 }
 
 void kestal::readiness::stop_list()
@@ -135,6 +153,9 @@ void kestal::readiness::stop_list()
     if (list_ < 0)
         return;
     ::close(std::exchange(list_, -1));
+    if (ticker_ >= 0)
+        ::close(std::exchange(ticker_, -1));
+    is_ticking_ = is_check_due_ = false;
     found_ = 0;
     first_changed_ = no_descriptor;
     for (int32_t descriptor = 0; descriptor < room_; ++descriptor)
@@ -175,7 +196,7 @@ bool kestal::readiness::apply_changes()
 bool kestal::readiness::apply(int32_t descriptor)
 {
     watch &changed = watches_[descriptor];
-    const uint32_t wanted = as_list_bits(kestal_get_select_flags(set_, descriptor));
+    const uint32_t wanted = as_list_bits(changed.interest);
     if (wanted == changed.listed && changed.is_doubtful == 0)
         return true;
     // What nobody waits for any more is taken out when it is reported: it may be wanted again before.
@@ -214,10 +235,11 @@ bool kestal::readiness::enter(int32_t descriptor, uint32_t wanted)
 // Looks at the next few descriptors: whether they are open, and name the files that the list knows.
 bool kestal::readiness::check_some()
 {
+    is_check_due_ = false;
     for (int32_t i = 0; i < check_size && i < room_; ++i) {
         if (cursor_ >= room_)
             cursor_ = 0;
-        const bool is_watched = kestal_get_select_flags(set_, cursor_) != 0 && watches_[cursor_].is_changed == 0;
+        const bool is_watched = watches_[cursor_].interest != 0 && watches_[cursor_].is_changed == 0;
         if (is_watched && !enter(cursor_, watches_[cursor_].listed)) {
             if (list_ >= 0) {
                 mark_changed(cursor_); // fails every wait until it is not watched any more
@@ -231,11 +253,19 @@ bool kestal::readiness::check_some()
     return true;
 }
 
-// Waits in short steps, with a check after each, until all were checked; then for the rest of the time.
+void kestal::readiness::tick_later()
+{
+    if (is_ticking_)
+        return;
+    itimerspec step{};
+    step.it_value.tv_nsec = check_step_ns;
+    is_ticking_ = timerfd_settime(ticker_, 0, &step, nullptr) == 0;
+}
+
 int32_t kestal::readiness::wait_by_list(int32_t timeout_ms)
 {
-    if (report_room_ < count_) {
-        const int32_t room = std::max({first_room, report_room_ * 2, count_});
+    if (report_room_ <= count_) {
+        const int32_t room = std::max({first_room, report_room_ * 2, count_ + 1});
         if (epoll_event *reports = grown(reports_, 0, room)) {
             reports_ = reports;
             report_room_ = room;
@@ -245,18 +275,10 @@ int32_t kestal::readiness::wait_by_list(int32_t timeout_ms)
         stop_list();
         return -1;
     }
-    for (;;) {
-        const bool in_steps = unchecked_ > 0 && (timeout_ms < 0 || timeout_ms > check_step_ms);
-        found_ = epoll_wait(list_, reports_, report_room_, in_steps ? check_step_ms : timeout_ms);
-        if (found_ > 0)
-            return collect();
-        if (found_ < 0 || !in_steps)
-            return std::exchange(found_, 0);
-        if (timeout_ms > 0)
-            timeout_ms -= check_step_ms;
-        if (!check_some())
-            return -1;
-    }
+    if (unchecked_ > 0)
+        tick_later();
+    found_ = epoll_wait(list_, reports_, report_room_, timeout_ms);
+    return found_ > 0 ? collect() : std::exchange(found_, 0);
 }
 
 // Turns the reports into conditions of interest, and returns how many there are.
@@ -266,12 +288,17 @@ int32_t kestal::readiness::collect()
     bool has_strangers = false;
     for (int32_t i = 0; i < found_; ++i) {
         epoll_event &report = reports_[i];
+        if (report.data.u64 == tick) {
+            report.events = 0;
+            is_ticking_ = false;
+            is_check_due_ = true;
+            continue;
+        }
         const auto descriptor = static_cast<int32_t>(static_cast<uint32_t>(report.data.u64));
         watch &watched = watches_[descriptor];
-        const uint32_t interest = kestal_get_select_flags(set_, descriptor);
         const bool is_stranger =
             watched.listed == 0 || watched.generation != static_cast<uint32_t>(report.data.u64 >> 32);
-        if (is_stranger || interest == 0) {
+        if (is_stranger || watched.interest == 0) {
             report.events = 0;
             if (is_stranger || epoll_ctl(list_, EPOLL_CTL_DEL, descriptor, nullptr) != 0)
                 has_strangers = true;
@@ -279,7 +306,7 @@ int32_t kestal::readiness::collect()
                 watched.listed = 0;
             continue;
         }
-        report.events = as_conditions(report.events) & interest;
+        report.events = as_conditions(report.events) & watched.interest;
         conditions += std::popcount(uint32_t{report.events});
         // A list reports hang-ups and errors unasked. What nobody waits for is to be reported when it changes only.
         const uint32_t wanted = watched.listed & ~uint32_t{EPOLLET};

@@ -26,8 +26,9 @@ public:
     // Makes the interest in a descriptor exactly `mask`. False, changing nothing, when memory is short.
     bool set(int32_t descriptor, uint32_t mask);
 
-    // As kestal_select_dispatch. `now` is the time in milliseconds, which may be some time ago.
-    int32_t wait(int32_t timeout_ms, uint64_t now);
+    // As kestal_select_dispatch, but it may find nothing before the time is up. `is_unsettled`: since the last wait there
+    // was somebody who may have closed a descriptor.
+    int32_t wait(int32_t timeout_ms, bool is_unsettled);
 
     // Calls visit(descriptor, conditions) for each descriptor that the last wait found ready.
     template <typename Visit>
@@ -50,8 +51,9 @@ private:
         uint32_t listed;     // what the list watches the descriptor for, which nobody may want any more; 0: not in it
         uint32_t generation; // of its entry in the list: tells reports of a file that had the number before
         int32_t next_changed;
-        uint32_t is_changed;  // is in the chain of those whose entry may not be what it should be
-        uint32_t is_doubtful; // the number may name another file than the list knows
+        uint8_t interest;    // KESTAL_SELECT_ bits, as in the set
+        uint8_t is_changed;  // is in the chain of those whose entry may not be what it should be
+        uint8_t is_doubtful; // the number may name another file than the list knows
     };
 
     bool is_worth_a_list() const;
@@ -63,6 +65,8 @@ private:
     bool apply(int32_t descriptor);
     bool enter(int32_t descriptor, uint32_t wanted);
     bool check_some();
+    bool start_ticker();
+    void tick_later();
     int32_t wait_by_list(int32_t timeout_ms);
     int32_t collect();
 
@@ -76,9 +80,11 @@ private:
     epoll_event *reports_;
     int32_t report_room_;
     int32_t found_;
+    int ticker_; // a timer in the list that says when to check some descriptors
+    bool is_ticking_;
+    bool is_check_due_;
     int32_t cursor_;    // the next descriptor to be checked
-    int32_t unchecked_; // descriptors that were not checked since the last report
-    uint64_t checked_at_;
+    int32_t unchecked_; // descriptors that were not checked since somebody may have closed one
 };
 
 } // namespace kestal

@@ -107,13 +107,13 @@ struct kestal_event {
     kestal_event_t *m_timer_child;   /**< private: the queue is a heap */
     uint64_t m_timer_order;          /**< private: parts equal deadlines */
     uint64_t m_order;                /**< private: place in the list of the registered */
-    kestal_event_t *m_same_prev;     /**< private: others on the same descriptor */
-    kestal_event_t *m_same_next;     /**< private */
+    uint32_t m_ready;                /**< private: conditions of this look */
+    uint32_t m_state;                /**< private: bits of the module */
+    kestal_event_t *m_same_next;     /**< private: others on the same descriptor */
+    kestal_event_t *m_same_prev;     /**< private */
     kestal_event_t *m_attended_prev; /**< private: those that every look takes in */
     kestal_event_t *m_attended_next; /**< private */
     kestal_event_t *m_self;          /**< private: tells an assigned record from chance */
-    uint32_t m_ready;                /**< private: conditions of this look */
-    uint32_t m_state;                /**< private: bits of the module */
 };
 
 typedef int32_t (*kestal_event_base_service_operation_t)(kestal_event_base_t *base);
@@ -155,8 +155,9 @@ struct kestal_event_base {
 KESTAL_API kestal_event_base_t *kestal_new_event_base(void);
 
 /**
- * Stops the base's service, unassigns every event (and releases those that kestal_new_event made) and releases the
- * base. Not for its own handlers. Returns null; null is fine.
+ * Stops the base's service, unassigns every event that is registered or active (and releases those that kestal_new_event
+ * made) and releases the base. Events that are only assigned to it must be unassigned or freed before. Not for its own
+ * handlers. Returns null; null is fine.
  */
 KESTAL_API kestal_event_base_t *kestal_free_event_base(kestal_event_base_t *base);
 
@@ -180,8 +181,8 @@ KESTAL_API int32_t kestal_event_base_loop(kestal_event_base_t *base, uint32_t fl
 KESTAL_API int32_t kestal_event_base_dispatch(kestal_event_base_t *base);
 
 /**
- * Has the loop end after the handler under way; what is active stays active. May be called in signal context.
- * 0, or -1 for null.
+ * Has the loop end after the handler under way; what is active stays active. 0, or -1 for null. (A signal that is to end
+ * the loop is watched by an event: kestal_event_default_handler_exit.)
  */
 KESTAL_API int32_t kestal_event_base_break_loop(kestal_event_base_t *base);
 

@@ -69,6 +69,7 @@
 #include <kestal_ulx/socket_opener.h>
 
 /* protocols */
+#include <kestal_ulx/cgi.h>
 #include <kestal_ulx/http_digest.h>
 #include <kestal_ulx/tftp.h>
 

@@ -1,0 +1,477 @@
+// One CGI request after the other: what is read, who is let in, what is written.
+#include "support.hpp"
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using kestal_test::caught_errors;
+using kestal_test::failing_allocation;
+using kestal_test::with_each_allocation_failing;
+
+namespace {
+
+int read_errors = 0;   // reads of the body that find the time run out
+int select_errors = 0; // waits for a file that fail with...
+int select_error = 0;  // this, or find the time run out (0)
+void *watched_block = nullptr;
+std::string watched_content;
+
+} // namespace
+
+extern "C" {
+int64_t __real_kestal_read_file(int32_t descriptor, void *data, uint64_t size, int32_t timeout);
+int32_t __real_kestal_single_select(int32_t descriptor, uint32_t mask, int32_t timeout);
+void __real_free(void *block);
+
+int64_t __wrap_kestal_read_file(int32_t descriptor, void *data, uint64_t size, int32_t timeout)
+{
+    if (read_errors == 0)
+        return __real_kestal_read_file(descriptor, data, size, timeout);
+    EXPECT_EQ(timeout, 60000);
+    --read_errors;
+    errno = ETIMEDOUT;
+    return -1;
+}
+
+int32_t __wrap_kestal_single_select(int32_t descriptor, uint32_t mask, int32_t timeout)
+{
+    if (select_errors == 0)
+        return __real_kestal_single_select(descriptor, mask, timeout);
+    EXPECT_EQ(timeout, 60000);
+    --select_errors;
+    errno = select_error;
+    return select_error == 0 ? 0 : -1;
+}
+
+void __wrap_free(void *block)
+{
+    if (block != nullptr && block == watched_block) {
+        watched_content.assign(static_cast<const char *>(block), watched_content.size());
+        watched_block = nullptr;
+    }
+    __real_free(block);
+}
+}
+
+namespace {
+
+class cgi : public kestal_test::counted {};
+
+// A descriptor of the process that stands for another one for a while.
+class redirection {
+public:
+    redirection(int descriptor, int target) : descriptor_(descriptor), saved_(dup(descriptor))
+    {
+        dup2(target, descriptor);
+    }
+    ~redirection()
+    {
+        dup2(saved_, descriptor_);
+        close(saved_);
+    }
+
+private:
+    int descriptor_, saved_;
+};
+
+// A request: its environment, and a body of which each read brings one piece.
+class request {
+public:
+    explicit request(std::vector<std::string> variables, const std::vector<std::string> &body = {})
+        : variables_(std::move(variables))
+    {
+        int pair[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, pair), 0);
+        for (const std::string &piece : body)
+            EXPECT_EQ(send(pair[0], piece.data(), piece.size(), 0), static_cast<ssize_t>(piece.size()));
+        close(pair[0]);
+        input_ = pair[1];
+        for (std::string &variable : variables_)
+            environment_.push_back(variable.data());
+        environment_.push_back(nullptr);
+        opened = kestal_open_cgi(0, nullptr, environment_.data());
+    }
+    ~request()
+    {
+        kestal_close_cgi(opened);
+        close(input_);
+    }
+
+    int32_t incoming() const
+    {
+        const redirection input(STDIN_FILENO, input_);
+        return kestal_cgi_incoming(opened);
+    }
+    // What it writes to standard output, or to standard error.
+    std::string outgoing(int32_t result = 0, int descriptor = STDOUT_FILENO) const
+    {
+        const int file = memfd_create("output", 0);
+        {
+            fflush(stdout);
+            const redirection output(descriptor, file);
+            EXPECT_EQ(kestal_cgi_outgoing(opened), result);
+        }
+        std::string text(static_cast<size_t>(lseek(file, 0, SEEK_END)), '\0');
+        EXPECT_EQ(pread(file, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
+        close(file);
+        return text;
+    }
+    std::string body() const
+    {
+        std::string text(kestal_get_buffer_size(opened->m_body), '\0');
+        kestal_peek_buffer_ex(opened->m_body, text.data(), text.size(), 0, 1);
+        return text;
+    }
+
+    kestal_cgi_t *opened;
+
+private:
+    std::vector<std::string> variables_;
+    std::vector<char *> environment_;
+    int input_;
+};
+
+TEST_F(cgi, reads_the_request)
+{
+    const struct {
+        const char *method, *length;
+        std::vector<std::string> body;
+        uint32_t whole;
+        int32_t result;
+        const char *stored_method;
+        uint32_t index;
+        uint64_t stored_length;
+        const char *kept;
+    } cases[] = {
+        {"get", nullptr, {"unread"}, 0, 0, "GET", 1, 0, ""},
+        {"GET", "3", {"abc"}, 0, 0, "GET", 1, 3, "abc"},
+        {"Head", "3", {"abc"}, 0, 0, "HEAD", 2, 3, ""},
+        {"PUT", nullptr, {"ab", "cd", "e"}, 0, 0, "PUT", 4, 0, "abcde"},
+        {"delete", "0", {"abc"}, 0, 0, "DELETE", 5, 0, ""},
+        {"Patch", "12x", {"ab"}, 0, 0, "Patch", 8, 0, "ab"},
+        {nullptr, "-1", {"ab"}, 0, 0, "", 0, 0, "ab"},
+        {"POST", "4", {"abc"}, 0, -1, "POST", 3, 4, "abc"},
+        {"POST", "4", {"ab", "cd"}, 0, -1, "POST", 3, 4, "abcd"}, // not in a single read
+        {"POST", "4", {"ab", "cd", "ef"}, 1, 0, "POST", 3, 4, "abcd"},
+        {"POST", "4", {"ab", "c"}, 1, -1, "POST", 3, 4, "abc"},
+        {"POST", "18446744073709551616", {"ab"}, 0, -1, "POST", 3, UINT64_MAX, "ab"},
+    };
+    for (const auto &each : cases) {
+        std::vector<std::string> variables = {"CONTENT_TYPE=text/plain", "QUERY_STRING=a=1"};
+        if (each.method != nullptr)
+            variables.push_back(std::string("REQUEST_METHOD=") + each.method);
+        if (each.length != nullptr)
+            variables.push_back(std::string("CONTENT_LENGTH=") + each.length);
+        const request made(variables, each.body);
+        kestal_cgi_set_whole_body(made.opened, each.whole);
+        EXPECT_EQ(made.incoming(), each.result) << each.stored_method;
+        EXPECT_STREQ(made.opened->m_method, each.stored_method);
+        EXPECT_EQ(made.opened->m_method_index, each.index);
+        EXPECT_EQ(made.opened->m_content_length, each.stored_length);
+        EXPECT_EQ(made.body(), each.kept);
+        EXPECT_EQ(made.opened->m_received, strlen(each.kept));
+        EXPECT_STREQ(made.opened->m_content_type, "text/plain");
+        EXPECT_EQ(made.opened->m_user_agent, nullptr);
+    }
+    for (const bool has_length : {false, true}) {
+        const request silent({"REQUEST_METHOD=PUT", has_length ? "CONTENT_LENGTH=3" : "HTTP_USER_AGENT=me"}, {});
+        read_errors = 1;
+        EXPECT_EQ(silent.incoming(), has_length ? -1 : 0);
+    }
+}
+
+TEST_F(cgi, finds_options_of_query_and_form)
+{
+    const request made({"REQUEST_METHOD=POST", "QUERY_STRING=a+b=1&x=%41+", "CONTENT_LENGTH=17"},
+                       {"a+b=2+%42&x=3&y=4"});
+    EXPECT_EQ(made.incoming(), 0);
+    for (const auto &[name, value, decoded] : {std::tuple("a+b", "1", "1"),
+                                               {"A B", "2+%42", "2 B"},
+                                               {"x", "%41+", "A+"},
+                                               {"z|y", "4", "4"},
+                                               {"z", nullptr, nullptr}}) {
+        EXPECT_STREQ(kestal_cgi_search_query_value(made.opened, name), value);
+        EXPECT_STREQ(kestal_cgi_search_query_decode_value(made.opened, name), decoded);
+    }
+}
+
+// Takes up to 3 bytes at a time into the string that is the context; nothing when that is full.
+int64_t take_some(kestal_cgi_t *opened, const void *data, uint64_t size)
+{
+    auto &taken = *static_cast<std::string *>(kestal_cgi_get_context(opened));
+    const size_t count = std::min({size_t{3}, static_cast<size_t>(size), 10 - taken.size()});
+    taken.append(static_cast<const char *>(data), count);
+    return static_cast<int64_t>(count);
+}
+
+TEST_F(cgi, hands_the_body_over_and_keeps_no_more_than_the_limit)
+{
+    for (const size_t surplus : {0u, 1u}) {
+        const request made({"REQUEST_METHOD=PUT"}, {"abc", "defg", std::string(3 + surplus, 'x')});
+        std::string taken;
+        kestal_cgi_set_context(made.opened, &taken);
+        kestal_cgi_set_incoming_handler(made.opened, take_some);
+        kestal_cgi_set_body_limit(made.opened, 7);
+        const caught_errors errors;
+        EXPECT_EQ(made.incoming(), surplus == 0 ? 0 : -1);
+        EXPECT_EQ(taken, "abcdefgxxx");
+        EXPECT_EQ(made.body(), "abcdefg");
+        EXPECT_EQ(errors.text(), surplus == 0 ? "overflow entity body size (10>=7) !\n" : "");
+    }
+}
+
+std::string md5(const std::string &text)
+{
+    kestal_md5_t context;
+    kestal_init_md5(&context);
+    kestal_md5_push(&context, text.data(), text.size());
+    std::string digits = kestal_md5_digest(&context, nullptr);
+    for (char &digit : digits)
+        digit = static_cast<char>(std::tolower(digit));
+    return digits;
+}
+
+TEST_F(cgi, checks_credentials)
+{
+    // GET with the realm "r" and the nonce "n".
+    const auto response = [](const char *name, const char *password, bool has_qop) {
+        const std::string ends = md5("GET:/u");
+        return md5(md5(std::string(name) + ":r:" + password) + (has_qop ? ":n:1:c:auth:" : ":n:") + ends);
+    };
+    const std::string common = "Digest username=\"me\", realm=\"r\", nonce=\"n\", uri=\"/u\", ";
+    const std::string with_qop =
+        common + "qop=auth, nc=1, cnonce=\"c\", response=\"" + response("me", "b:c", true) + "\"";
+    const std::string without = common + "response=" + response("me", "b:c", false);
+    std::string upper = without;
+    for (char &letter : upper)
+        letter = static_cast<char>(std::toupper(letter));
+    const std::string basic = "Basic " + kestal_test::owned(kestal_encode_base64("me:b:c", 6, nullptr));
+    const struct {
+        std::string header;
+        int32_t result, strict_result;
+    } cases[] = {
+        {with_qop, 0, 0},
+        {without, 0, 0},
+        {"  dIGEST   " + without.substr(7) + ",algorithm=SHA-256", 0, 0},
+        {without + ", response=x", -1, -1},
+        {common + "response=x,RESPONSE=" + response("me", "b:c", false), 0, 0},
+        {common + "response=" + response("me", "a", false), -1, -1}, // the account added first
+        {"Digest username=you" + without.substr(20), -1, -1},
+        {upper, -1, -1},
+        {common.substr(0, common.size() - 2), -1, -1},
+        {with_qop + ", opaque=\"" + md5("r") + "\"", 0, 0},
+        {with_qop + ", opaque=\"" + md5("s") + "\"", -1, -1},
+        {"Digest username=me,nonce=n,uri=/u,opaque=" + md5("") +
+             ",response=" + md5(md5("me::b:c") + ":n:" + md5("GET:/u")),
+         -1, -1}, // no realm
+        {basic, 0, 0},
+        {"basic   bWU6YTpi", 0, -1},  // me:a:b
+        {"BASIC bWU6ICBiOmM=", 0, 0}, // blanks before the password
+        {"Basic bWU=", -1, -1},       // me
+        {"Basic ?", -1, -1},
+        {"Basic", -1, -1},
+        {"Bearer " + basic, -1, -1},
+        {"", -1, -1},
+        {"  ", -1, -1},
+    };
+    for (const auto &[header, result, strict_result] : cases)
+        for (const uint32_t strict : {0u, 1u}) {
+            const request made({"REQUEST_METHOD=get", "HTTP_AUTHORIZATION=" + header});
+            EXPECT_EQ(made.incoming(), 0);
+            EXPECT_EQ(kestal_cgi_digest_check(made.opened), 0) << "without accounts";
+            for (const auto &[name, password] : {std::pair("me", "a"), {"other", nullptr}, {"me", "b:c"}, {"me", "a"}})
+                EXPECT_EQ(kestal_cgi_add_account(made.opened, name, password), 0);
+            EXPECT_STREQ(made.opened->m_accounts->m_password, "b:c");
+            kestal_cgi_set_basic_check(made.opened, strict);
+            EXPECT_EQ(kestal_cgi_digest_check(made.opened), strict != 0 ? strict_result : result) << header;
+            EXPECT_EQ(made.opened->m_response_headers == nullptr, (strict != 0 ? strict_result : result) == 0);
+        }
+}
+
+TEST_F(cgi, challenges_with_a_nonce_of_the_minute)
+{
+    for (const auto &[variables, realm] :
+         {std::pair(std::vector<std::string>{"SERVER_ADMIN=", "SERVER_NAME=name", "SERVER_ADDR=addr"}, "addr"),
+          {{"SERVER_NAME=name", "SERVER_ADMIN=root@name"}, "root@name"},
+          {{}, "kestal-ulx@localhost"}}) {
+        const request made(variables);
+        EXPECT_EQ(made.incoming() + kestal_cgi_add_account(made.opened, nullptr, nullptr), 0);
+        std::vector<std::string> allowed;
+        const auto expect_at = [&, wanted = std::string(realm)](time_t now) {
+            char stamp[15];
+            strftime(stamp, sizeof stamp, "%Y%m%d%H%M00", gmtime(&now));
+            allowed.push_back("Digest realm=\"" + wanted + "\", qop=\"auth\", nonce=\"" +
+                              md5(md5(wanted) + ":" + stamp) + "\", opaque=\"" + md5(wanted) + "\", algorithm=\"md5\"");
+        };
+        setenv("TZ", "KST-9", 1);
+        expect_at(time(nullptr));
+        EXPECT_EQ(kestal_cgi_digest_check(made.opened), -1);
+        expect_at(time(nullptr));
+        unsetenv("TZ");
+        const kestal_cgi_response_header_t *status = made.opened->m_response_headers;
+        EXPECT_EQ(std::string(status->m_name) + ": " + status->m_value, "Status: 401 Unauthorized");
+        EXPECT_STREQ(status->m_next->m_name, "WWW-Authenticate");
+        EXPECT_TRUE(status->m_next->m_value == allowed[0] || status->m_next->m_value == allowed[1]);
+        EXPECT_EQ(status->m_next->m_value_length, strlen(status->m_next->m_value));
+        EXPECT_EQ(status->m_next->m_next, nullptr);
+    }
+}
+
+int32_t seven(kestal_cgi_t *)
+{
+    fputs("handler", stdout);
+    return 7;
+}
+
+TEST_F(cgi, writes_the_answer)
+{
+    const std::vector<std::pair<const char *, const char *>> all = {
+        {"SERVER", "me"}, {"X", "1"}, {"X", nullptr}, {"content-length", "\x1B[1mx"}, {"Date", "now"}};
+    const std::string head = "SERVER: me\r\nX: 1\r\nX: \r\ncontent-length: \x1B[1mx\r\nDate: now\r\n";
+    for (const size_t count : {size_t{0}, size_t{2}, all.size()}) {
+        const request made({});
+        for (size_t i = 0; i < count; ++i)
+            kestal_cgi_set_response_header(made.opened, all[i].first, all[i].second);
+        const std::string body = "\x1B[1mbody" + std::string(70000, '\0');
+        kestal_push_buffer_ex(made.opened->m_output, body.data(), body.size(), 0);
+        const time_t now = time(nullptr);
+        std::string written = made.outgoing();
+        if (count == 2) {
+            const size_t begin = written.find("Date: ") + 6, end = written.find("\r\n", begin);
+            const std::string date = written.substr(begin, end - begin);
+            std::vector<std::string> allowed;
+            for (const time_t moment : {now, time(nullptr)}) {
+                char text[64];
+                strftime(text, sizeof text, "%a,  %d %b %Y %H:%M:%S GMT", gmtime(&moment));
+                allowed.push_back(std::string(text).erase(text[6] == '0' ? 5 : 4, text[6] == '0' ? 2 : 1));
+            }
+            EXPECT_TRUE(date == allowed[0] || date == allowed[1]) << date;
+            written.erase(begin, end - begin);
+            EXPECT_EQ(written, "SERVER: me\r\nX: 1\r\nContent-Length: 70008\r\nDate: \r\n\r\n" + body);
+        } else {
+            EXPECT_EQ(written, (count == 0 ? "" : head + "\r\n") + body);
+        }
+    }
+    const request made({});
+    kestal_cgi_set_response_header(made.opened, "X", "1");
+    kestal_cgi_set_outgoing_handler(made.opened, seven);
+    EXPECT_EQ(made.outgoing(7), "X: 1\r\nhandler");
+
+    const request failing({});
+    kestal_push_puts_ex(failing.opened->m_error_output, "to standard error", 0);
+    EXPECT_EQ(failing.outgoing(0, STDERR_FILENO), "to standard error");
+    EXPECT_EQ(failing.outgoing(), "");
+    kestal_cgi_set_response_header(failing.opened, "Server", "s");
+    const std::string server_only = failing.outgoing();
+    EXPECT_EQ(server_only.find("Server: kestal"), std::string::npos);
+    const request automatic({});
+    kestal_cgi_set_response_header(automatic.opened, "X", "");
+    EXPECT_TRUE(automatic.outgoing().starts_with(std::string("X: \r\nServer: kestal_ulx/") +
+                                                 kestal_get_ulx_version_string() + " \r\nContent-Length: 0\r\nDate: "));
+}
+
+TEST_F(cgi, sends_files)
+{
+    const kestal_test::temporary_directory folder;
+    std::string content;
+    for (int i = 0; i < 20000; ++i)
+        content += std::to_string(i) + "\x1B[1m\r\n";
+    const std::string path = folder.file("file", content), missing = folder.path("missing"),
+                      directory = folder.path("");
+    const std::string length = "Content-Length: " + std::to_string(content.size()) + "\r\n\r\n";
+    const struct {
+        const char *name;
+        int failures, error;
+        int32_t result;
+        std::string output, errors;
+    } cases[] = {
+        {path.c_str(), 0, 0, 0, length + content, ""},
+        {path.c_str(), 15, EINTR, 0, length + content, ""},
+        {path.c_str(), 16, EINTR, -1, length, "read error !\n"},
+        {path.c_str(), 1, EIO, -1, length, "read error !\n"},
+        {path.c_str(), 1, 0, -1, length, "read timeout !\n"},
+        {directory.c_str(), 0, 0, -1, "\r\n", "read error !\n"},
+        {missing.c_str(), 0, 0, -1, "\r\n", "can not open file \"" + missing + "\" !\n"},
+        {nullptr, 0, 0, -1, "", "filename not given !\n"},
+    };
+    for (const auto &each : cases) {
+        const request made({});
+        kestal_cgi_set_response_header(made.opened, "X", "1");
+        kestal_cgi_set_outgoing_handler(made.opened, kestal_cgi_outgoing_file_handler);
+        kestal_cgi_set_file_name(made.opened, each.name);
+        select_errors = each.failures;
+        select_error = each.error;
+        const caught_errors errors;
+        EXPECT_EQ(made.outgoing(each.result), "X: 1\r\n" + each.output);
+        EXPECT_EQ(errors.text(), each.errors);
+        select_errors = 0;
+    }
+}
+
+TEST_F(cgi, output_that_cannot_be_written_is_a_failure)
+{
+    const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    const request made({});
+    kestal_cgi_set_response_header(made.opened, "X", "1");
+    {
+        fflush(stdout);
+        const redirection output(STDOUT_FILENO, full);
+        EXPECT_EQ(kestal_cgi_outgoing(made.opened), -1);
+        clearerr(stdout);
+    }
+    close(full);
+}
+
+TEST_F(cgi, accounts_are_overwritten_before_they_are_freed)
+{
+    request made({});
+    kestal_cgi_add_account(made.opened, "name", "secret");
+    watched_content.assign(sizeof(kestal_cgi_account_t) + 12, 'x');
+    watched_block = made.opened->m_accounts;
+    kestal_close_cgi(std::exchange(made.opened, nullptr));
+    EXPECT_EQ(watched_block, nullptr);
+    EXPECT_EQ(watched_content, std::string(watched_content.size(), '\0'));
+}
+
+TEST_F(cgi, null_and_short_memory_are_failures)
+{
+    EXPECT_EQ(kestal_close_cgi(nullptr) + kestal_cgi_incoming(nullptr) + kestal_cgi_digest_check(nullptr) +
+                  kestal_cgi_outgoing(nullptr) + kestal_cgi_outgoing_file_handler(nullptr) +
+                  kestal_cgi_add_account(nullptr, "", "") + kestal_cgi_set_response_header(nullptr, "", "") +
+                  kestal_cgi_set_body_limit(nullptr, 0),
+              -8);
+    EXPECT_EQ(kestal_cgi_search_query_value(nullptr, "*"), nullptr);
+    EXPECT_EQ(kestal_cgi_search_query_decode_value(nullptr, "*"), nullptr);
+    const int sink = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    std::string variables[] = {"REQUEST_METHOD=POST", "QUERY_STRING=a=1",
+                               "HTTP_AUTHORIZATION=Digest username=a,response=b"};
+    std::vector<char *> environment;
+    for (std::string &variable : variables)
+        environment.push_back(variable.data());
+    environment.push_back(nullptr);
+    const uint64_t failures = with_each_allocation_failing([&] {
+        const int body = memfd_create("body", 0);
+        EXPECT_EQ(write(body, "b=2", 3), 3);
+        lseek(body, 0, SEEK_SET);
+        if (kestal_cgi_t *opened = kestal_open_cgi(0, nullptr, environment.data())) {
+            fflush(stdout);
+            const redirection input(STDIN_FILENO, body), output(STDOUT_FILENO, sink);
+            kestal_cgi_add_account(opened, "a", "b");
+            kestal_cgi_incoming(opened);
+            EXPECT_EQ(kestal_cgi_digest_check(opened), opened->m_accounts == nullptr ? 0 : -1);
+            kestal_push_puts_ex(opened->m_output, "answer", 0);
+            EXPECT_EQ(kestal_cgi_outgoing(opened), 0);
+            kestal_close_cgi(opened);
+        }
+        close(body);
+    });
+    EXPECT_GE(failures, 15u);
+    close(sink);
+}
+
+} // namespace

@@ -70,6 +70,8 @@
 
 /* protocols */
 #include <kestal_ulx/cgi.h>
+#include <kestal_ulx/ftpd.h>
+#include <kestal_ulx/ftpd_account.h>
 #include <kestal_ulx/http_digest.h>
 #include <kestal_ulx/tftp.h>
 

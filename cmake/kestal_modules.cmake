@@ -12,6 +12,7 @@ set(KESTAL_FLOOR_7 address network_interface socket resolver multicast socket_op
 set(KESTAL_FLOOR_8 color bitmap_font geometry raw_bitmap fill blend fbmap_record fbmap_get fbmap_update fbmap
     fbmap_draw fbmap_text fbmap_pattern
     http_digest cgi cgi_incoming cgi_authorization cgi_outgoing
+    http_line http_parser
     tftp
     ftpd_account ftpd_path ftpd_session ftpd_login ftpd_data ftpd_transfer ftpd_list ftpd_command ftpd)
 set(KESTAL_FLOOR_9 dynamic_library instance plugin interface stream_kind stream_file stream_socket stream_fb

@@ -73,6 +73,8 @@
 #include <kestal_ulx/ftpd.h>
 #include <kestal_ulx/ftpd_account.h>
 #include <kestal_ulx/http_digest.h>
+#include <kestal_ulx/http_line.h>
+#include <kestal_ulx/http_parser.h>
 #include <kestal_ulx/tftp.h>
 
 /* pictures */

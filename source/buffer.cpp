@@ -1,6 +1,7 @@
 #include <kestal_ulx/buffer.h>
 
 #include "guard.hpp"
+#include "line_end.hpp"
 #include "lock_guard.hpp"
 
 #include <kestal_ulx/assertion.h>
@@ -10,7 +11,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <bit>
 #include <string.h>
 #include <unistd.h>
 #include <utility>
@@ -177,47 +177,6 @@ uint64_t push_copy(kestal_buffer_t &buffer, const char *data, uint64_t length)
     return push(buffer, data, length, 0, lending_flags);
 }
 
-// Skips bytes that neither end a line nor begin a double-byte character.
-const char *skip_plain(const char *at, const char *end)
-{
-    constexpr uint64_t ones = 0x0101010101010101, lows = 0x7F7F7F7F7F7F7F7F;
-    // Sets the high bit of every byte that is 0, and no other bit.
-    constexpr auto zero_bytes = [](uint64_t word) { return ~(((word & lows) + lows) | word | lows); };
-    while (end - at >= 8) {
-        uint64_t word;
-        memcpy(&word, at, sizeof word);
-        const uint64_t stops = (word & ~lows) | zero_bytes(word ^ ones * '\r') | zero_bytes(word ^ ones * '\n');
-        if (stops != 0) {
-            const int bits =
-                std::endian::native == std::endian::little ? std::countr_zero(stops) : std::countl_zero(stops);
-            return at + bits / 8;
-        }
-        at += 8;
-    }
-    while (at < end && static_cast<unsigned char>(*at) < 0x80 && *at != '\r' && *at != '\n')
-        ++at;
-    return at;
-}
-
-// The place of the CR or LF that ends a line, or the end. `high_byte` tells and is told whether the byte before is the
-// first half of a double-byte character, whose second half ends no line.
-const char *find_end(const char *at, const char *end, uint32_t &high_byte)
-{
-    while (at < end) {
-        if (high_byte != 0) {
-            high_byte = 0;
-            ++at;
-            continue;
-        }
-        at = skip_plain(at, end);
-        if (at == end || static_cast<unsigned char>(*at) < 0x80)
-            return at;
-        high_byte = 1;
-        ++at;
-    }
-    return at;
-}
-
 // The length of the first line with its end, or 0 when it is not complete. Goes on where the last search ended.
 uint64_t find_line(kestal_buffer_t &buffer)
 {
@@ -228,7 +187,7 @@ uint64_t find_line(kestal_buffer_t &buffer)
     }
     for (; node != nullptr; node = node->m_next, buffer.m_scan_position = 0) {
         const char *begin = bytes_of(*node) + buffer.m_scan_position, *end = bytes_of(*node) + node->m_fill;
-        const char *at = find_end(begin, end, buffer.m_scan_high_byte);
+        const char *at = kestal::find_line_end(begin, end, buffer.m_scan_high_byte);
         buffer.m_scan_node = node;
         buffer.m_scan_position += static_cast<uint64_t>(at - begin);
         buffer.m_scan_length += static_cast<uint64_t>(at - begin);

@@ -195,6 +195,16 @@ void caught_errors::wait_for(const std::string &part, int times) const
     errors_changed.wait(guard, [&] { return occurrences(errors, part) >= times; });
 }
 
+caught_console::caught_console()
+{
+    kestal_set_puts_handler(keep_error, &previous_);
+}
+
+caught_console::~caught_console()
+{
+    kestal_set_puts_handler(previous_, nullptr);
+}
+
 std::string owned(char *text)
 {
     return text == nullptr ? "<null>" : owned(text, strlen(text));

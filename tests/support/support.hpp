@@ -78,6 +78,16 @@ private:
     kestal_puts_handler_t previous_ = nullptr;
 };
 
+// As caught_errors, of standard output's sink too: all texts in the order in which they were put.
+class caught_console : public caught_errors {
+public:
+    caught_console();
+    ~caught_console();
+
+private:
+    kestal_puts_handler_t previous_ = nullptr;
+};
+
 // What a block of the library holds, which is released: a text, or so many bytes of it; "<null>" for a null text.
 std::string owned(char *text);
 std::string owned(void *block, uint64_t length);

@@ -1,0 +1,294 @@
+#include "support.hpp"
+
+#include <chrono>
+#include <random>
+
+using kestal_test::caught_console;
+using kestal_test::failing_allocation;
+using kestal_test::with_each_allocation_failing;
+
+namespace {
+
+class http_parser : public kestal_test::counted {};
+
+// A parser that destroys itself.
+struct parser {
+    kestal_http_parser_t get;
+    parser() { kestal_init_http_parser(&get); }
+    explicit parser(const std::string &head) : parser() { push(head); }
+    ~parser() { kestal_destroy_http_parser(&get); }
+    parser(const parser &) = delete;
+    parser &operator=(const parser &) = delete;
+
+    int64_t push(const std::string &bytes) { return kestal_push_http_parser(&get, bytes.data(), bytes.size()); }
+    bool has(uint32_t flag) const { return (get.m_flags & flag) != 0; }
+    std::string output()
+    {
+        uint64_t size = 0;
+        const char *text = kestal_get_output_http_parser(&get, &size);
+        return {text, size};
+    }
+};
+
+// A line as "TYPE" with its texts, numbers, and what follows the part that was understood.
+std::string shown(const kestal_http_node_t *node)
+{
+    char type[16];
+    kestal_snprintf(type, sizeof type, "%x", node->m_type);
+    std::string line = type;
+    for (const char *text : {node->m_text1, node->m_text2, node->m_text3, node->m_text4})
+        if (text != nullptr)
+            line += "|" + std::string(text);
+    if (node->m_type == KESTAL_HTTP_NODE_REQUEST || node->m_type == KESTAL_HTTP_NODE_STATUS)
+        line += " " + std::to_string(node->m_major) + "." + std::to_string(node->m_minor);
+    if (node->m_status_code != 0)
+        line += " " + std::to_string(node->m_status_code);
+    if (node->m_type == KESTAL_HTTP_NODE_LINE || node->m_type == KESTAL_HTTP_NODE_UNKNOWN)
+        line += "|" + std::string(node->m_start);
+    else
+        line += "+" + std::string(node->m_extra);
+    EXPECT_EQ(node->m_size, strlen(node->m_start));
+    return line;
+}
+
+std::string shown(const kestal_http_parser_t &parser)
+{
+    std::string lines;
+    for (const kestal_http_node_t *node = parser.m_head; node != nullptr; node = node->m_next) {
+        lines += shown(node) + "\n";
+        EXPECT_EQ(node->m_next == nullptr ? parser.m_tail : node->m_next->m_previous, node);
+    }
+    return lines;
+}
+
+TEST_F(http_parser, classifies_lines)
+{
+    const std::pair<const char *, const char *> first_lines[] = {
+        {"GET / HTTP/1.1", "2|GET|/|HTTP|1.1 1.1+"},
+        {"M-SEARCH * HTTP/1.1", "2|M-SEARCH|*|HTTP|1.1 1.1+"},
+        {"GET /index", "2|GET|/index|| 0.9+"},
+        {"ge /index", "2|ge|/index|| 0.9+"},
+        {"GETS /index", "8000|GETS /index"},
+        {"POST /index", "8000|POST /index"},
+        {"GET /index ", "8000|GET /index "},
+        {"GET  HTTP/1.1", "8000|GET  HTTP/1.1"},
+        {"GET /a HTTP", "8000|GET /a HTTP"},
+        {"GET /a  HT TP/12.34 more", "2|GET|/a| HT TP|12.34 12.34+ more"},
+        {"GET /a HTTP/2x", "2|GET|/a|HTTP|2 2.0+x"},
+        {"GET /a HTTP/.1", "8000|GET /a HTTP/.1"},
+        {"\xC3\xA4T /a HTTP/4294967297.x", "2|\xC3\xA4T|/a|HTTP|4294967297. 1.0+x"},
+        {"HTTP/1.0 200 OK", "3|HTTP|1.0|200|OK 1.0 200+"},
+        {"HTTP/2 404 x", "3|HTTP|2|404|x 2.0 404+"},
+        {"HTTP/1.1200 200", "3|HTTP|1.1200|200| 1.1200 200+"},
+        {"HTTP/1.1 099two  words ", "3|HTTP|1.1|099|two  words  1.1 99+"},
+        {"HTTP/1.1 20 OK", "8000|HTTP/1.1 20 OK"},
+        {"HTTP/1.1 2000", "8000|HTTP/1.1 2000"},
+        {"HTTP/1.1  200", "8000|HTTP/1.1  200"},
+        {"HTTP/x 200", "8000|HTTP/x 200"},
+        {"Host: a", "4|Host|a+"},
+        {"X:  a\t ", "4|X| a\t +"},
+        {"X:\tb", "4|X|\tb+"},
+        {"X:", "4|X|+"},
+        {"X : b", "8000|X : b"},
+        {": b", "8000|: b"},
+        {"[x]: b", "8000|[x]: b"},
+        {"word", "8000|word"},
+        {"a,b: c", "8000|a,b: c"},
+        {"a\x7F: c", "8000|a\x7F: c"},
+    };
+    for (const auto &[line, expected] : first_lines)
+        EXPECT_EQ(shown(parser(std::string(line) + "\r\n\r\n").get), expected + std::string("\n1+\n"));
+    EXPECT_EQ(shown(parser("A: b\nGET / HTTP/1.1\nHTTP/1.1 200 OK\nC:d\n\n").get),
+              "4|A|b+\n8000|GET / HTTP/1.1\n8000|HTTP/1.1 200 OK\n4|C|d+\n1+\n");
+    EXPECT_EQ(shown(parser("GET / HTTP/1.1\nA: b\n").get), "0|GET / HTTP/1.1\n0|A: b\n") << "not before the end";
+}
+
+TEST_F(http_parser, joins_folded_lines)
+{
+    const std::pair<std::string, const char *> heads[] = {
+        {"A: b\r\n  c\r\n\t d\r\nE: f\r\n\r\n", "4|A|bcd+\n4|E|f+\n1+\n"},
+        {" A: b\r\n c\r\n\r\n", "4|A|bc+\n1+\n"},
+        {" \r\nA: b\r\n\r\n", "8000|\n4|A|b+\n1+\n"},
+        {" \r\n \r\nA: b\r\n", "1+\n"}, // both together are the empty line
+        {std::string("A: b\0c\n d\0\n\0x\n", 15), "4|A|bd+\n1+\n"},
+    };
+    for (const auto &[head, expected] : heads)
+        EXPECT_EQ(shown(parser(head).get), expected);
+
+    parser long_one("A: ");
+    const auto start = std::chrono::steady_clock::now();
+    std::string value;
+    for (int i = 0; i < 100000; ++i) {
+        EXPECT_EQ(long_one.push("\r\n fold"), 7);
+        value += "fold";
+    }
+    long_one.push("\r\n\r\n");
+    EXPECT_EQ(kestal_http_parser_get_field(&long_one.get, "a"), value);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30)) << "linear";
+}
+
+TEST_F(http_parser, takes_bytes_in_any_pieces)
+{
+    const std::string heads[] = {
+        "GET /a HTTP/1.1\r\nHost: b\r\nX: 1\r\n 2\r\nodd\r\n\r\n",
+        "HTTP/1.1 200 OK\nA: \xB0\xA1\xB0\r\nB: \x80\nC: d\n\n",
+        "A: b\n\rC: d\n\r\n\r",
+        "A: b\r \r\n\r",
+    };
+    std::mt19937 random(1);
+    for (const std::string &head : heads) {
+        const std::string message = head + "BODY\r\n";
+        parser whole;
+        ASSERT_EQ(whole.push(message), static_cast<int64_t>(head.size()));
+        EXPECT_EQ(whole.push("more") + whole.push(""), 0) << "complete";
+        for (int run = 0; run < 200; ++run) {
+            parser split;
+            size_t taken = 0;
+            for (size_t at = 0, size; at < message.size(); at += size) {
+                size = run == 0
+                           ? 1
+                           : std::min<size_t>(1 + random() % static_cast<size_t>(run % 30 + 1), message.size() - at);
+                const bool was_complete = split.has(KESTAL_HTTP_PARSER_COMPLETE);
+                const int64_t result = split.push(message.substr(at, size));
+                const bool is_complete = split.has(KESTAL_HTTP_PARSER_COMPLETE);
+                EXPECT_TRUE(is_complete || result == static_cast<int64_t>(size));
+                EXPECT_TRUE(!was_complete || result == 0);
+                taken += static_cast<size_t>(result);
+            }
+            EXPECT_EQ(shown(split.get), shown(whole.get));
+            // The second byte of a pair is the head's if it comes with the first.
+            EXPECT_TRUE(taken == head.size() || (taken + 1 == head.size() && head.back() != head[taken - 1]));
+        }
+    }
+}
+
+TEST_F(http_parser, looks_up_and_writes_out)
+{
+    parser request("PUT /x HTTP/1.1 extra\r\nB:\r\na: one\r\nodd\r\nA: two\r\n\r\n");
+    uint32_t major = 7, minor = 7;
+    EXPECT_EQ(kestal_http_parser_get_version(&request.get, &major, &minor), -1) << "always";
+    EXPECT_EQ(std::pair(major, minor), std::pair(1u, 1u));
+    EXPECT_STREQ(kestal_http_parser_get_method(&request.get), "PUT");
+    EXPECT_STREQ(kestal_http_parser_get_request_uri(&request.get), "/x");
+    EXPECT_EQ(kestal_http_parser_get_header_type(&request.get), KESTAL_HTTP_NODE_REQUEST);
+    EXPECT_EQ(kestal_http_parser_get_status_code(&request.get), 0u);
+    EXPECT_STREQ(kestal_http_parser_get_field(&request.get, "A"), "one") << "the first";
+    kestal_http_node_t *field = kestal_search_http_parser(request.get.m_head, "a");
+    EXPECT_STREQ(kestal_search_http_parser(field->m_next, "a")->m_text2, "two");
+    EXPECT_STREQ(kestal_http_parser_get_field(&request.get, "b"), "");
+    for (const char *missing : {"aa", "odd", "", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(kestal_http_parser_get_field(&request.get, missing), nullptr);
+    EXPECT_EQ(request.output(), "PUT /x HTTP/1.1\r\nB: \r\na: one\r\nA: two\r\n\r\n");
+
+    kestal_free(field->m_text2);
+    field->m_text2 = kestal_strdup("changed");
+    kestal_free(kestal_http_parser_get_header_node(&request.get)->m_text3);
+    kestal_http_parser_get_header_node(&request.get)->m_text3 = nullptr;
+    EXPECT_EQ(request.output(), "PUT /x\r\nB: \r\na: changed\r\nA: two\r\n\r\n");
+    kestal_reset_http_parser(&request.get);
+    EXPECT_EQ(kestal_http_parser_get_header_node(&request.get), nullptr);
+    EXPECT_EQ(kestal_push_printf_http_parser(&request.get, "HTTP/%d.0 %s OK\r\nL: ", 1, "204"), 20);
+    EXPECT_EQ(request.output(), "\r\n");
+    const std::string large(200000, 'x'); // more than the formatter does
+    request.push(large + "\n\n");
+    EXPECT_EQ(request.output(), "HTTP/1.0 204 OK\r\nL: " + large + "\r\n\r\n");
+    EXPECT_EQ(kestal_http_parser_get_status_code(&request.get), 204u);
+    EXPECT_EQ(kestal_http_parser_get_method(&request.get), nullptr);
+}
+
+TEST_F(http_parser, refuses_what_is_no_parser)
+{
+    EXPECT_EQ(kestal_init_http_parser(nullptr), nullptr);
+    EXPECT_EQ(kestal_push_http_parser(nullptr, "x", 1) + kestal_push_printf_http_parser(nullptr, "x"), -2);
+    EXPECT_EQ(kestal_reset_http_parser(nullptr) + kestal_destroy_http_parser(nullptr), -1);
+    uint64_t size = 1;
+    EXPECT_EQ(kestal_get_output_http_parser(nullptr, &size), nullptr);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(kestal_http_parser_get_header_type(nullptr) + kestal_http_parser_get_status_code(nullptr), 0u);
+    EXPECT_EQ(kestal_http_parser_get_field(nullptr, "a"), nullptr);
+    EXPECT_EQ(kestal_http_parser_get_version(nullptr, nullptr, nullptr), -1);
+
+    parser ended;
+    ended.get.m_flags |= 0x4200;
+    kestal_destroy_http_parser(&ended.get);
+    EXPECT_EQ(ended.get.m_flags, 0x4200u) << "bits of others stay";
+    EXPECT_EQ(ended.push("x"), -1);
+    EXPECT_EQ(kestal_reset_http_parser(&ended.get), -1);
+    EXPECT_TRUE(ended.has(KESTAL_HTTP_PARSER_ERROR));
+    parser open;
+    EXPECT_EQ(kestal_push_http_parser(&open.get, nullptr, 1), -1);
+    EXPECT_EQ(kestal_push_printf_http_parser(&open.get, nullptr), -1);
+    EXPECT_TRUE(open.has(KESTAL_HTTP_PARSER_ERROR));
+}
+
+TEST_F(http_parser, traces)
+{
+    const caught_console console;
+    kestal_http_parser_t *traced = kestal_new_http_parser();
+    traced->m_flags |= KESTAL_HTTP_PARSER_VERBOSE;
+    kestal_push_http_parser(traced, "G /a\r\nA: b", 10);
+    kestal_push_http_parser(traced, " \r\nodd\r\n\r\n", 10);
+    kestal_reset_http_parser(traced);
+    kestal_push_http_parser(traced, "HTTP/1.0 200 OK\n\n", 17);
+    kestal_reset_http_parser(traced);
+    kestal_push_http_parser(traced, "GET /b HTTP/1.1 x\n", 18);
+    for (const std::string line : {" and more, as long as it must be to find no room\n", "B: c\n"}) {
+        const failing_allocation fails(2); // the first is the trace's own
+        kestal_push_http_parser(traced, line.data(), line.size());
+    }
+    kestal_destroy_http_parser(traced);
+    parser embedded;
+    embedded.get.m_flags |= KESTAL_HTTP_PARSER_VERBOSE;
+    kestal_destroy_http_parser(&embedded.get);
+    EXPECT_EQ(console.text(),
+              "kestal_http_parser: [MESSAGE] push \033[1;37m10\033[0m bytes (total=\033[1;37m10\033[0m)\n"
+              "kestal_http_parser: [MESSAGE] push \033[1;37m10\033[0m bytes (total=\033[1;37m14\033[0m)\n"
+              "kestal_http_parser: [MESSAGE] request-line (method=\"\033[1;37mG\033[0m\", uri=\"\033[1;37m/a\033[0m\", "
+              "protocol=\"\033[1;37m\033[0m\", protocol-version=\"\033[1;37m\033[0m\", major=\033[1;37m0\033[0m, "
+              "minor=\033[1;37m9\033[0m, extra=\"\033[1;37m\033[0m\")\n"
+              "kestal_http_parser: [MESSAGE] field (name=\"\033[1;37mA\033[0m\", value=\"\033[1;37mb \033[0m\", "
+              "extra=\"\033[1;37m\033[0m\")\n"
+              "kestal_http_parser: [WARNING] \033[1;31munknown node\033[0m (type=\033[1;37m00008000H\033[0m, "
+              "line=\"\033[1;37modd\033[0m\")\n"
+              "kestal_http_parser: [MESSAGE] end of header.\n"
+              "kestal_http_parser: [MESSAGE] reset http parser. (\033[1;34mno-error\033[0m)\n"
+              "kestal_http_parser: [MESSAGE] push \033[1;37m17\033[0m bytes (total=\033[1;37m17\033[0m)\n"
+              "kestal_http_parser: [MESSAGE] status-line (protocol=\"\033[1;37mHTTP\033[0m\", "
+              "protocol_version=\"\033[1;37m1.0\033[0m\", status-code=\"\033[1;37m200\033[0m\", "
+              "reason-phrase=\"\033[1;37mOK\033[0m\", major=\033[1;37m1\033[0m, minor=\033[1;37m0\033[0m, "
+              "status-code-value=\033[1;37m200\033[0m, extra=\"\033[1;37m\033[0m\")\n"
+              "kestal_http_parser: [MESSAGE] end of header.\n"
+              "kestal_http_parser: [MESSAGE] reset http parser. (\033[1;34mno-error\033[0m)\n"
+              "kestal_http_parser: [MESSAGE] push \033[1;37m18\033[0m bytes (total=\033[1;37m18\033[0m)\n"
+              "kestal_http_parser: [MESSAGE] push \033[1;37m49\033[0m bytes (total=\033[1;37m49\033[0m)\n"
+              "kestal_http_parser: [ERROR] \033[1;31mlws merge line failed !\033[0m (\"\033[1;37mGET /b HTTP/1.1 "
+              "x\033[0m\" + \"\033[1;37mand more, as long as it must be to find no room\033[0m\")\n"
+              "kestal_http_parser: [MESSAGE] push \033[1;37m5\033[0m bytes (total=\033[1;37m5\033[0m)\n"
+              "kestal_http_parser: [ERROR] \033[1;31mkestal_http_parser_new_node failed !\033[0m "
+              "(\"\033[1;37mB: c\033[0m\")\n"
+              "kestal_http_parser: [MESSAGE] free http parser. (\033[1;31merror\033[0m)\n"
+              "kestal_http_parser: [MESSAGE] destroy http parser. (\033[1;34mno-error\033[0m)\n");
+}
+
+TEST_F(http_parser, survives_failing_allocations)
+{
+    const std::string head = "GET /a HTTP/1.1\r\nHost: b\r\nX: 1\r\n " + std::string(100, '2') + "\r\n\r\n";
+    const std::string all = shown(parser(head).get);
+    for (const size_t piece : {head.size(), size_t{7}})
+        EXPECT_GT(with_each_allocation_failing([&] {
+                      parser failing;
+                      bool is_refused = false;
+                      for (size_t at = 0; at < head.size(); at += piece)
+                          is_refused |= failing.push(head.substr(at, piece)) < 0;
+                      const bool has_failed = failing.has(KESTAL_HTTP_PARSER_ERROR);
+                      EXPECT_TRUE(has_failed || shown(failing.get) == all) << "a failure is told";
+                      EXPECT_TRUE(has_failed || !is_refused);
+                      uint64_t size = 1;
+                      const char *text = kestal_get_output_http_parser(&failing.get, &size);
+                      EXPECT_EQ(size, text == nullptr ? 0 : strlen(text));
+                  }),
+                  10u);
+    EXPECT_EQ(with_each_allocation_failing([] { kestal_free_http_parser(kestal_new_http_parser()); }), 1u);
+}
+
+} // namespace

@@ -18,8 +18,6 @@ elseif(machine STREQUAL "arm")
     set(CMAKE_C_FLAGS_INIT -funwind-tables)
     set(CMAKE_CXX_FLAGS_INIT -funwind-tables)
 endif()
-# The library path as well: the loader of a 32-bit PC would otherwise look where the host keeps its own. Restartable
-# sequences are not emulated, and threads of a 32-bit PC cannot start where the C library asks for them.
+# The library path as well: the loader of a 32-bit PC would otherwise look where the host keeps its own.
 set(CMAKE_CROSSCOMPILING_EMULATOR
-    qemu-${machine};-L;/usr/${KESTAL_TRIPLET};-E;LD_LIBRARY_PATH=/usr/${KESTAL_TRIPLET}/lib
-    -E;GLIBC_TUNABLES=glibc.pthread.rseq=0)
+    qemu-${machine};-L;/usr/${KESTAL_TRIPLET};-E;LD_LIBRARY_PATH=/usr/${KESTAL_TRIPLET}/lib)

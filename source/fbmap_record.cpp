@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr const char *source = "./source/fbmap";
+constexpr const char *this_source = "./source/fbmap";
 
 constexpr kestal_lock_t recursive_lock()
 {
@@ -21,7 +21,7 @@ constinit kestal_lock_t lock_of_all_maps = recursive_lock();
 template <typename Body>
 auto read(const kestal_fbmap_t *map, Body body, const char *function = __builtin_FUNCTION())
 {
-    return kestal::on_fbmap(map, source, decltype(body()){}, body, function);
+    return kestal::on_fbmap(map, this_source, decltype(body()){}, body, function);
 }
 
 } // namespace
@@ -92,11 +92,11 @@ uint32_t kestal_fbmap_get_resy(kestal_fbmap_t *map)
 
 int32_t kestal_fbmap_is_closed(kestal_fbmap_t *map)
 {
-    return kestal::on_fbmap(map, source, -1,
+    return kestal::on_fbmap(map, this_source, -1,
                             [&] { return kestal::has_flag(kestal::root_of(*map), KESTAL_FBMAP_CLOSED) ? 1 : 0; });
 }
 
 int32_t kestal_fbmap_is_visible(kestal_fbmap_t *map)
 {
-    return kestal::on_fbmap(map, source, -1, [&] { return kestal::has_flag(*map, KESTAL_FBMAP_HIDDEN) ? 1 : 0; });
+    return kestal::on_fbmap(map, this_source, -1, [&] { return kestal::has_flag(*map, KESTAL_FBMAP_HIDDEN) ? 1 : 0; });
 }

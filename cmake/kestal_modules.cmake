@@ -11,6 +11,7 @@ set(KESTAL_FLOOR_7 address network_interface socket resolver multicast socket_op
     event_loop event_service event_buffer)
 set(KESTAL_FLOOR_8 color bitmap_font geometry raw_bitmap fill blend fbmap_record fbmap_get fbmap_update fbmap
     fbmap_draw fbmap_text fbmap_pattern
+    ftp_engine ftp_command ftp_login ftp_stream ftp_download ftp
     http_digest cgi cgi_incoming cgi_authorization cgi_outgoing
     http_line http_parser
     tftp
@@ -23,6 +24,7 @@ set(KESTAL_FLOOR_9 dynamic_library instance plugin interface stream_kind stream_
 set(KESTAL_COMPILED_FOR_SIZE assertion exception destroy_stack global_break diagnostics assertion_format version terminal
     output service signal argument uri file ini address network_interface resolver multicast socket_opener socket event_connect
     event_service
+    ftp_engine ftp_command ftp_login ftp_stream ftp_download ftp
     http_digest cgi cgi_incoming cgi_authorization cgi_outgoing
     fbmap_record fbmap_get fbmap_update fbmap fbmap_text fbmap_pattern dynamic_library instance plugin
     interface stream_kind stream_file stream_socket stream_fb builtin_plugin simple_digest hash_file tftp stream_tftp)

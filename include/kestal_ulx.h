@@ -70,6 +70,7 @@
 
 /* protocols */
 #include <kestal_ulx/cgi.h>
+#include <kestal_ulx/ftp.h>
 #include <kestal_ulx/ftpd.h>
 #include <kestal_ulx/ftpd_account.h>
 #include <kestal_ulx/http_digest.h>

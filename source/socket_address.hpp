@@ -2,6 +2,7 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <stddef.h>
 #include <stdint.h>
 #include <string.h>
 #include <sys/socket.h>

@@ -1,8 +1,8 @@
 /**
  * @file
  * FTP client (RFC 959, RFC 2428, RFC 3659) for scripted transfers: connect to the server that a URI names, log in, send
- * commands and read their replies, move files over passive or active data connections, download into a file or a buffer
- * while an MD5 context is fed.
+ * commands and read their replies, move files over passive or active data connections, download into a file, an INI object
+ * or a buffer while an MD5 context is fed.
  *
  *     kestal_ftp_t *ftp = kestal_open_ftp();
  *     if (kestal_ftp_connect(ftp, "ftp://host/dir/file", 0) == 0 && kestal_ftp_login(ftp, NULL, NULL, "I") == 0)
@@ -17,6 +17,7 @@
 #define KESTAL_ULX_FTP_H
 
 #include <kestal_ulx/buffer.h>
+#include <kestal_ulx/ini.h>
 #include <kestal_ulx/md5.h>
 #include <kestal_ulx/select.h>
 #include <kestal_ulx/uri.h>
@@ -33,8 +34,10 @@ KESTAL_BEGIN_DECLS
 #define KESTAL_FTP_SENT 0x0010u
 /** State: the last step of the engine received something. */
 #define KESTAL_FTP_RECEIVED 0x0020u
-/** State: the bits of the reply reader's line ends. */
-#define KESTAL_FTP_LINE_END_MASK 0x7000u
+/** State of the reply reader: the current line is complete, the next byte begins another. */
+#define KESTAL_FTP_LINE_COMPLETE 0x1000u
+/** State of the reply reader: the line ended with CR; a LF that follows belongs to it. */
+#define KESTAL_FTP_LINE_CR 0x4000u
 
 /** Download flag: sets the client's verbose setting. */
 #define KESTAL_FTP_DOWNLOAD_VERBOSE 0x01u
@@ -337,6 +340,17 @@ KESTAL_API int32_t kestal_ftp_download_to_buffer(kestal_ftp_t *ftp, uint32_t fla
                                                  kestal_buffer_t *buffer);
 
 /**
+ * Downloads a remote file into an INI object, which is fed with all of it and ended; on failure it holds what came. `md5`
+ * may be null. The flags about local files are without effect.
+ */
+KESTAL_API int32_t kestal_ftp_download_to_ini_with_md5(kestal_ftp_t *ftp, uint32_t flags, const char *remote_path,
+                                                       kestal_ini_t *ini, kestal_md5_t *md5);
+
+/** kestal_ftp_download_to_ini_with_md5 without an MD5 context. */
+KESTAL_API int32_t kestal_ftp_download_to_ini(kestal_ftp_t *ftp, uint32_t flags, const char *remote_path,
+                                              kestal_ini_t *ini);
+
+/**
  * Connects to the server of a URI, logs in (user and password may be null: the URI's, or anonymous), downloads the file
  * that the URI's path names as image, and disconnects.
  */
@@ -356,6 +370,15 @@ KESTAL_API int32_t kestal_ftp_simple_download_to_buffer_with_md5(uint32_t flags,
 /** kestal_ftp_simple_download_to_buffer_with_md5 without an MD5 context. */
 KESTAL_API int32_t kestal_ftp_simple_download_to_buffer(uint32_t flags, const char *uri, const char *user,
                                                         const char *password, kestal_buffer_t *buffer);
+
+/** kestal_ftp_simple_download_to_file_with_md5 into an INI object. */
+KESTAL_API int32_t kestal_ftp_simple_download_to_ini_with_md5(uint32_t flags, const char *uri, const char *user,
+                                                              const char *password, kestal_ini_t *ini,
+                                                              kestal_md5_t *md5);
+
+/** kestal_ftp_simple_download_to_ini_with_md5 without an MD5 context. */
+KESTAL_API int32_t kestal_ftp_simple_download_to_ini(uint32_t flags, const char *uri, const char *user,
+                                                     const char *password, kestal_ini_t *ini);
 
 /**
  * Draws the progress of the transfer under way: `done` of `total` bytes, the rate in bits per second and the time left

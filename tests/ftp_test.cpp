@@ -1,0 +1,784 @@
+#include "descriptors.hpp"
+#include "ftp.hpp"
+#include "ftp_server.hpp"
+
+#include <climits>
+#include <fcntl.h>
+#include <fstream>
+#include <linux/sockios.h>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using kestal_test::ftp_server;
+using kestal_test::owned_socket;
+using kestal_test::temporary_directory;
+
+namespace {
+
+using texts = std::vector<std::string>;
+
+// While it lives, what is put on standard output is kept here, and a prompt's answer goes to a terminal as it is asked.
+class caught_output {
+public:
+    caught_output() { kestal_set_puts_handler(keep, &previous_); }
+    ~caught_output()
+    {
+        kestal_set_puts_handler(previous_, nullptr);
+        text.clear();
+        typed.clear();
+    }
+    static inline std::string text;
+    static inline texts typed;
+    static inline int terminal = -1;
+
+private:
+    static int32_t keep(const char *part)
+    {
+        text += part == nullptr ? "" : part;
+        if (part != nullptr && std::string(part).ends_with(": ") && !typed.empty()) {
+            EXPECT_EQ(write(terminal, typed[0].data(), typed[0].size()), static_cast<ssize_t>(typed[0].size()));
+            typed.erase(typed.begin());
+        }
+        return 0;
+    }
+    kestal_puts_handler_t previous_ = nullptr;
+};
+
+// A client that is closed with its scope.
+class client {
+public:
+    client() : ftp_(kestal_open_ftp()) {}
+    explicit client(const std::string &uri, bool logs_in = true) : client()
+    {
+        EXPECT_EQ(kestal_ftp_connect(ftp_, uri.c_str(), 0), 0);
+        EXPECT_EQ(logs_in ? kestal_ftp_login(ftp_, nullptr, nullptr, nullptr) : 0, 0);
+    }
+    ~client() { EXPECT_EQ(kestal_close_ftp(ftp_), nullptr); }
+    client(const client &) = delete;
+    client &operator=(const client &) = delete;
+
+    operator kestal_ftp_t *() const { return ftp_; }
+    kestal_ftp_t *operator->() const { return ftp_; }
+
+private:
+    kestal_ftp_t *ftp_;
+};
+
+class ftp : public kestal_test::descriptors_counted {};
+
+// A client whose server is the test itself: each piece sent arrives by itself.
+class wire {
+public:
+    wire()
+    {
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends_), 0);
+        send("220 hello\r\n");
+        EXPECT_EQ(kestal_ftp_set_connect_socket(of, ends_[0], "ftp://host", 0), 0);
+    }
+    ~wire() { hang_up(); }
+
+    void send(const std::string &piece)
+    {
+        EXPECT_EQ(write(ends_[1], piece.data(), piece.size()), static_cast<ssize_t>(piece.size()));
+    }
+    void send_and_wait(const std::string &piece)
+    {
+        send(piece);
+        int left = 1;
+        kestal_test::wait_until([&] { return ioctl(ends_[1], SIOCOUTQ, &left) != 0 || left == 0; });
+    }
+    void hang_up() { close(std::exchange(ends_[1], -1)); }
+
+    client of;
+
+private:
+    int ends_[2];
+};
+
+std::string all_of(kestal_buffer_t *buffer)
+{
+    std::string text(kestal_get_buffer_size(buffer), '\0');
+    kestal_pop_buffer_ex(buffer, text.data(), text.size(), 0);
+    return text;
+}
+
+std::string content_of(const std::string &path)
+{
+    std::ifstream file(path, std::ios::binary);
+    return file ? std::string{std::istreambuf_iterator<char>(file), {}} : "<none>";
+}
+
+std::string receive_all(kestal_ftp_t *ftp)
+{
+    std::string text;
+    char block[1000];
+    for (int32_t count; (count = kestal_ftp_recv_stream(ftp, block, sizeof block, 10000)) != 0;) {
+        if (count < 0)
+            return text + "<" + strerror(errno) + ">";
+        text.append(block, static_cast<size_t>(count));
+    }
+    return text;
+}
+
+std::string noise(size_t size)
+{
+    std::string data(size, '\0');
+    uint32_t state = 1;
+    for (char &byte : data)
+        byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
+    return data;
+}
+
+// --- replies
+
+TEST_F(ftp, reads_replies_however_they_are_split)
+{
+    const struct {
+        std::string sent;
+        int32_t code;
+        const char *text;
+        std::string echo;
+    } cases[] = {
+        {"230-Welcome\r\n230-x\r\n230 OK\r\n", 230, "OK", "230-Welcome\n230-x\n230 OK\n"},
+        {"2300 x\r\n\r\n12 y\rA23 z\n230 \r\n", 230, "", "2300 x\n\n12 y\nA23 z\n230 \n"},
+        {"230\r\n211-free\n 226 x\n500 other\r", 500, "other", "230\n211-free\n 226 x\n500 other\n"},
+        {"150 \xEC\x95\x88\r\n", 150, "\xEC\x95\x88", "150 \xEC\x95\x88\n"},
+        {"2x5 odd\n\r", 2, "odd", "2x5 odd\n\n"},
+    };
+    for (const auto &[sent, code, text, echo] : cases) {
+        std::vector<texts> splits = {{}};
+        for (const char byte : sent)
+            splits[0].emplace_back(1, byte);
+        for (size_t at = 1; at < sent.size(); ++at)
+            splits.push_back({sent.substr(0, at), sent.substr(at)});
+        for (const texts &pieces : splits) {
+            const caught_output output;
+            wire server;
+            server.of->m_verbose = 1;
+            for (const std::string &piece : pieces)
+                server.send(piece);
+            server.send("200 next\r\n");
+            EXPECT_EQ(kestal_ftp_command_puts(server.of, nullptr), code) << sent << pieces[0].size();
+            EXPECT_STREQ(server.of->m_reply_text, text);
+            EXPECT_EQ(kestal_ftp_command_puts(server.of, nullptr), 200);
+            EXPECT_EQ(output.text, echo + "200 next\n") << pieces[0].size();
+        }
+    }
+}
+
+TEST_F(ftp, ends_with_the_connection_and_bounds_lines)
+{
+    wire server;
+    server.send("331 " + std::string(40000, 'x'));
+    server.send("\n230-unfinished\r\n");
+    server.send("23");
+    EXPECT_EQ(kestal_ftp_command_puts(server.of, "FIRST\r\n"), 331);
+    EXPECT_EQ(server.of->m_reply_length, 16383u);
+    EXPECT_EQ(strlen(server.of->m_reply_text), 16379u);
+    server.hang_up();
+    for (const char *command : {"NOOP\r\n", static_cast<const char *>(nullptr), "NOOP\r\n"}) {
+        EXPECT_EQ(kestal_ftp_command_puts(server.of, command), -1);
+        EXPECT_EQ(server.of->m_reply_code, -1);
+    }
+    EXPECT_EQ(kestal_ftp_check(server.of), -1);
+    EXPECT_EQ(kestal_ftp_disconnect(server.of), 0);
+    EXPECT_EQ(kestal_ftp_noop(server.of), -1);
+    EXPECT_EQ(errno, ENOTCONN);
+}
+
+TEST_F(ftp, waits_for_each_line_anew)
+{
+    wire server;
+    EXPECT_EQ(kestal_ftp_check(server.of), 0);
+    std::thread slow([&] {
+        for (const char *line : {"230-a\r\n", "230-b\r\n", "230 c\r\n"}) {
+            server.send_and_wait(line);
+            kestal_test::advance_clock(20000);
+        }
+    });
+    EXPECT_EQ(kestal_ftp_noop(server.of), 230);
+    slow.join();
+    std::atomic<bool> is_over = false;
+    std::thread never([&] {
+        while (!is_over)
+            kestal_test::advance_clock(24000);
+    });
+    EXPECT_EQ(kestal_ftp_noop(server.of), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    is_over = true;
+    never.join();
+    server.of->m_command_timeout = 0;
+    EXPECT_EQ(kestal_ftp_command_puts(server.of, nullptr), -1);
+}
+
+TEST_F(ftp, sends_commands_as_they_are_written)
+{
+    ftp_server server;
+    const client of(server.uri());
+    server.heard();
+    const int32_t codes[] = {kestal_ftp_help(of, nullptr),
+                             kestal_ftp_help(of, "RETR"),
+                             kestal_ftp_opts(of, "UTF8 ON"),
+                             kestal_ftp_site(of, "IDLE"),
+                             kestal_ftp_acct(of, "a"),
+                             kestal_ftp_syst(of),
+                             kestal_ftp_mode(of, "S"),
+                             kestal_ftp_stru(of, "F"),
+                             kestal_ftp_mdtm(of, "f"),
+                             kestal_ftp_stat(of, ""),
+                             kestal_ftp_stat(of, "a b"),
+                             kestal_ftp_cwd(of, "d"),
+                             kestal_ftp_cdup(of),
+                             kestal_ftp_mkd(of, "\xEC\x95"),
+                             kestal_ftp_rmd(of, "d"),
+                             kestal_ftp_rest(of, UINT64_MAX),
+                             kestal_ftp_epsv(of, 1),
+                             kestal_ftp_command_printf(of, "X%03d\r\n", 7)};
+    EXPECT_EQ(std::count(std::begin(codes), std::end(codes), 500), 16);
+    EXPECT_EQ(server.heard(), "HELP|HELP RETR|OPTS UTF8 ON|SITE IDLE|ACCT a|SYST|MODE S|STRU F|MDTM f|STAT|STAT a b|"
+                              "CWD d|CDUP|MKD \xEC\x95|RMD d|REST 18446744073709551615|EPSV 1|X007|");
+    // Nothing that would be two commands, or none.
+    EXPECT_EQ(kestal_ftp_dele(of, "x\r\nDELE y"), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(kestal_ftp_cwd(of, "a\nb"), -1);
+    EXPECT_EQ(kestal_ftp_cwd(of, nullptr), -1);
+    EXPECT_EQ(server.heard(), "");
+
+    for (const auto &[command, answer] : {std::pair{"SYST", "215 UNIX\r\n"},
+                                          {"PWD", "257 \"/a \"\"b\"\" c\" is it\r\n"},
+                                          {"SIZE", "213 123456789012\r\n"},
+                                          {"SIZE x", "213 18446744073709551616\r\n"},
+                                          {"SIZE y", "213 -1\r\n"},
+                                          {"CWD", "250 ok\r\n"},
+                                          {"RNFR", "350 ok\r\n"},
+                                          {"RNTO", "250 ok\r\n"},
+                                          {"DELE", "250 ok\r\n"},
+                                          {"CWD x", "550 no\r\n"}})
+        server.answer(command, answer);
+    uint64_t size = 1;
+    EXPECT_STREQ(kestal_ftp_get_system(of), "UNIX");
+    EXPECT_STREQ(kestal_ftp_get_pwd(of), "/a \"b\" c");
+    EXPECT_EQ(kestal_ftp_get_size(of, "f", &size), 0);
+    EXPECT_EQ(size, 123456789012u);
+    EXPECT_EQ(kestal_ftp_get_size(of, "x", &size), -1);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(kestal_ftp_get_size(of, "y", nullptr), -1);
+    EXPECT_EQ(kestal_ftp_chdir(of, "d") | kestal_ftp_rename(of, "a", "b") | kestal_ftp_remove(of, "b"), 0);
+    EXPECT_EQ(kestal_ftp_chdir(of, "x"), -1);
+    server.answer("PWD", "257 \"open\r\n");
+    EXPECT_EQ(kestal_ftp_get_pwd(of), nullptr);
+}
+
+// --- logging in
+
+TEST_F(ftp, logs_in)
+{
+    const struct {
+        const char *user_in_uri, *user, *password;
+        std::map<std::string, std::string> answers;
+        int32_t result;
+        const char *heard;
+    } cases[] = {
+        {"", nullptr, nullptr, {}, 0, "USER anonymous|PASS anonymous@localhost|TYPE I|"},
+        {"joe:p%40ss%zz@", nullptr, nullptr, {}, 0, "USER joe|PASS p@ss%zz|TYPE I|"},
+        {"joe:@", "ann", nullptr, {}, 0, "USER ann|PASS |TYPE I|"},
+        {"joe@", nullptr, "own", {}, 0, "USER joe|PASS own|TYPE I|"},
+        {"joe@", nullptr, nullptr, {{"USER", "230 in\r\n"}}, 0, "USER joe|TYPE I|"},
+        {"", nullptr, nullptr, {{"PASS", "530 no\r\n"}}, -1, "USER anonymous|PASS anonymous@localhost|"},
+        {"", nullptr, nullptr, {{"PASS", "332 account?\r\n"}}, -1, "USER anonymous|PASS anonymous@localhost|"},
+        {"", nullptr, nullptr, {{"USER", "530 no\r\n"}}, -1, "USER anonymous|"},
+        {"", nullptr, nullptr, {{"TYPE", "504 no\r\n"}}, 0, "USER anonymous|PASS anonymous@localhost|TYPE I|"},
+        {"", nullptr, nullptr, {{"TYPE", "hang up"}}, -1, "USER anonymous|PASS anonymous@localhost|TYPE I|"},
+        {"a%0D%0ADELE%20b@", nullptr, nullptr, {}, -1, ""},
+    };
+    for (const auto &[user_in_uri, user, password, answers, result, heard] : cases) {
+        ftp_server server;
+        for (const auto &[command, text] : answers)
+            server.answer(command, text);
+        const client of(server.uri("", "ftp", user_in_uri), false);
+        EXPECT_EQ(kestal_ftp_login(of, user, password, nullptr), result) << heard;
+        EXPECT_EQ(server.heard(), heard);
+    }
+    // Only one greeting is welcome.
+    ftp_server server;
+    server.answer("", "421-busy\r\n421 come later\r\n");
+    const client of;
+    EXPECT_EQ(kestal_ftp_connect(of, server.uri().c_str(), 0), -1);
+    EXPECT_EQ(of->m_control_socket, -1);
+    EXPECT_STREQ(of->m_reply_text, "come later");
+    for (const char *uri : {"ftp://", "ftp:///x", "", static_cast<const char *>(nullptr), "ftp://127.0.0.1:1/"})
+        EXPECT_EQ(kestal_ftp_connect(of, uri, 0), -1);
+}
+
+// Whether a text stands in the stack that the calls before have left, or in a block.
+bool is_left(const std::string &text, const kestal_ftp_t *ftp)
+{
+    std::string memory(1 << 17, '\0');
+    char here = 0;
+    const int descriptor = open("/proc/self/mem", O_RDONLY | O_CLOEXEC);
+    const auto from = reinterpret_cast<off_t>(&here) - (1 << 16);
+    EXPECT_EQ(pread(descriptor, memory.data(), 1 << 16, from), 1 << 16);
+    close(descriptor);
+    memcpy(memory.data() + (1 << 16), ftp->m_block, 1 << 16);
+    return memory.find(text) != std::string::npos;
+}
+
+TEST_F(ftp, asks_the_user)
+{
+    const std::string secret = std::to_string(getpid()) + "-Open-Sesame-Open"; // nowhere else in memory
+    const struct {
+        texts typed;
+        int32_t attempts, result;
+        std::string user, prompts, heard;
+    } cases[] = {
+        {{"joe\n", secret + "\n"}, 1, 0, "", "Username: Password: ", "USER joe|PASS " + secret + "|TYPE I|"},
+        {{"wrong\n", secret + "\n"},
+         2,
+         0,
+         "joe@",
+         "Password: Password: ",
+         "USER joe|PASS wrong|PASS " + secret + "|TYPE I|"},
+        {{"wrong\n", "worse\n", "still\n", secret + "\n"},
+         -1,
+         0,
+         "joe@",
+         "Password: Password: Password: Password: ",
+         "USER joe|PASS wrong|PASS worse|PASS still|PASS " + secret + "|TYPE I|"},
+        {{"wrong\n"}, 1, -1, "joe@", "Password: ", "USER joe|PASS wrong|"},
+        {{secret + "\n"}, 2, 0, "joe:wrong@", "Password: ", "USER joe|PASS wrong|PASS " + secret + "|TYPE I|"},
+        {{"anonymous\n"}, 1, -1, "", "Username: ", "USER anonymous|PASS anonymous@localhost|"},
+        {{"\x04"}, 1, -1, "", "Username: ", ""},
+        {{std::string(256, 'x') + "\n"}, 1, -1, "", "Username: ", ""},
+    };
+    int terminal = -1, ends = -1;
+    ASSERT_EQ(openpty(&terminal, &ends, nullptr, nullptr, nullptr), 0);
+    fcntl(terminal, F_SETFL, O_NONBLOCK);
+    const int input = dup(STDIN_FILENO);
+    dup2(ends, STDIN_FILENO);
+    for (const auto &[typed, attempts, result, user, prompts, heard] : cases) {
+        ftp_server server;
+        server.answer("PASS", "530 no\r\n");
+        server.answer("PASS " + secret, "230 yes\r\n");
+        const client of(server.uri("", "ftp", user), false);
+        caught_output output;
+        output.typed = typed;
+        output.terminal = terminal;
+        of->m_verbose = of->m_ask_user = of->m_ask_password = 1;
+        of->m_password_attempts = attempts;
+        EXPECT_EQ(kestal_ftp_login(of, nullptr, nullptr, "I"), result) << heard;
+        EXPECT_FALSE(is_left(secret, of));
+        EXPECT_EQ(server.heard(), heard);
+        EXPECT_EQ(output.text.find(secret), std::string::npos);
+        std::string asked;
+        for (size_t at = 0; (at = output.text.find(": ", at)) != std::string::npos; at += 2)
+            asked += output.text.substr(at - 8, 10);
+        EXPECT_EQ(asked, prompts);
+        // What the terminal showed: user names only.
+        std::string shown(4096, '\0');
+        shown.resize(static_cast<size_t>(std::max<ssize_t>(0, read(terminal, shown.data(), shown.size()))));
+        EXPECT_EQ(shown.find(secret), std::string::npos);
+        EXPECT_EQ(shown.find("joe") != std::string::npos, typed[0] == "joe\n");
+    }
+    dup2(input, STDIN_FILENO);
+    for (const int descriptor : {terminal, ends, input})
+        close(descriptor);
+}
+
+// --- data connections
+
+TEST_F(ftp, reads_addresses_in_replies)
+{
+    const std::pair<const char *, const char *> passive[] = {{"go (127,0,0,1,4,210).", "127.0.0.1:1234"},
+                                                             {"(1,2,3,4,255,255)", "1.2.3.4:65535"},
+                                                             {"", ""},
+                                                             {"(", ""},
+                                                             {"127,0,0,1,4,210", ""},
+                                                             {"(127,0,0,1,4)", ""},
+                                                             {"(127,0,0,1,4,256)", ""},
+                                                             {"(127,0,0,1,,210)", ""},
+                                                             {"(-1,0,0,1,4,210)", ""},
+                                                             {"(127,0,0,1,4,210", ""},
+                                                             {"(127.0.0.1,4,210)", ""},
+                                                             {"(127,0,0,1,0,0)", ""},
+                                                             {"(4294967423,0,0,1,4,210)", ""},
+                                                             {"(127,0,0,1,4,2100000000000000000000)", ""},
+                                                             {"(127,0)(0,1,4,210)", ""}};
+    for (const auto &[text, expected] : passive) {
+        sockaddr_in address{};
+        std::string found;
+        if (kestal::parse_pasv_reply(text, address)) {
+            char host[KESTAL_ADDRESS_TEXT_SIZE];
+            found = kestal_inet_stop(&address, host, sizeof host) + (":" + std::to_string(ntohs(address.sin_port)));
+        }
+        EXPECT_EQ(found, expected) << text;
+    }
+    const std::pair<const char *, uint32_t> extended[] = {{"go (|||1234|)", 1234},
+                                                          {"(|1||65535|)", 65535},
+                                                          {"(|2|::1|80|)", 80},
+                                                          {"(!!!80!)", 80},
+                                                          {"(,,,80)", 80},
+                                                          {"(|||65536|)", 0},
+                                                          {"(|||0|)", 0},
+                                                          {"(||80|)", 0},
+                                                          {"(|||-5|)", 0},
+                                                          {"(|||80", 0},
+                                                          {"|||80|", 0},
+                                                          {"(", 0},
+                                                          {"", 0},
+                                                          {"(|||4294967376|)", 0},
+                                                          {"(|", 0},
+                                                          {"(|||", 0},
+                                                          {"(||||)", 0}};
+    for (const auto &[text, port] : extended)
+        EXPECT_EQ(kestal::parse_epsv_reply(text), port) << text;
+}
+
+TEST_F(ftp, moves_data_every_way)
+{
+    const std::string data = noise(300000);
+    // Descriptors beyond what the system's own select can watch do as well.
+    rlimit limit;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit wide = {std::max<rlim_t>(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, 1200)), limit.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &wide), 0);
+    std::vector<int> taken;
+    for (const bool is_high : {false, true}) {
+        while (is_high && taken.size() < 1050)
+            taken.push_back(dup(STDIN_FILENO));
+        for (const char *host : {"127.0.0.1", "::1"}) {
+            const bool is_v6 = host[0] == ':';
+            if (is_v6 && kestal_check_ipv6_support() != 0)
+                continue;
+            for (const std::string mode : {"Passive", "ACTIVE"}) {
+                ftp_server server(host);
+                server.serve(data);
+                const caught_output output;
+                const client of(server.uri("/dir/a%20b?x", "ftp@" + mode));
+                of->m_verbose = 1;
+                of->m_passive = of->m_passive != 0;
+                const std::string opens =
+                    mode == "ACTIVE" ? (is_v6 ? "EPRT |2|::1|N|" : "PORT 127,0,0,1,N") : (is_v6 ? "EPSV 2" : "PASV");
+                server.heard();
+                for (const auto &[letter, offset, path, command] : {std::tuple{"r", 0, "", "|RETR dir/a b|"},
+                                                                    {"RB", 299990, "f", "|REST 299990|RETR f|"},
+                                                                    {"list", 0, "", "|LIST|"},
+                                                                    {"N", 0, "d", "|NLST d|"}}) {
+                    EXPECT_EQ(kestal_ftp_open_stream(of, static_cast<uint64_t>(offset), path, letter), 0) << command;
+                    EXPECT_EQ(of->m_listen_socket, -1);
+                    EXPECT_EQ(receive_all(of), data.substr(static_cast<size_t>(offset)));
+                    EXPECT_EQ(of->m_bytes, data.size() - static_cast<size_t>(offset));
+                    EXPECT_EQ(kestal_ftp_close_stream(of), 0);
+                    EXPECT_EQ(server.heard(), opens + command);
+                }
+                for (const char *letter : {"w", "A"}) {
+                    EXPECT_EQ(kestal_ftp_open_stream(of, 0, "up", letter), 0);
+                    for (size_t sent = 0; sent < data.size();) {
+                        const int32_t count = kestal_ftp_send_stream(of, &data[sent], data.size() - sent, -1);
+                        ASSERT_GT(count, 0) << strerror(errno);
+                        sent += static_cast<size_t>(count);
+                    }
+                    EXPECT_EQ(kestal_ftp_close_stream(of), 0);
+                    EXPECT_EQ(server.stored(), data);
+                }
+                const std::string message = is_v6 ? "ftp: [MESSAGE] eprt command (control_socket="
+                                                  : "ftp: [MESSAGE] port command (control_socket=";
+                EXPECT_EQ(output.text.find(message) != std::string::npos, mode == "ACTIVE");
+            }
+        }
+    }
+    for (const int descriptor : taken)
+        close(descriptor);
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+TEST_F(ftp, refuses_streams_and_stays_in_step)
+{
+    const struct {
+        const char *command, *answer;
+        int32_t passive;
+        uint64_t offset;
+    } cases[] = {
+        {"PASV", "500 no\r\n", 1, 0},   {"PASV", "227 (127,0,0,1,0,1)\r\n", 1, 0}, // nobody listens
+        {"PASV", "227 lost\r\n", 1, 0}, {"REST", "320 odd\r\n", 1, 9},
+        {"RETR", "550 none\r\n", 1, 0}, {"RETR", "226 nothing to do\r\n", 1, 0},
+        {"PORT", "500 no\r\n", 0, 0},   {"RETR", "150 now\r\n425 cannot\r\n", 0, 0}, // never comes
+    };
+    for (const auto &[command, answer, passive, offset] : cases) {
+        ftp_server server;
+        server.answer(command, answer);
+        const client of(server.uri());
+        of->m_passive = passive;
+        EXPECT_EQ(kestal_ftp_open_stream(of, offset, "f", "r"), -1) << answer;
+        EXPECT_EQ(std::max({of->m_data_socket, of->m_listen_socket, of->m_accepted_socket}), -1);
+        EXPECT_EQ(strstr(answer, "\r\n425") != nullptr ? kestal_ftp_command_puts(of, nullptr) : 425, 425);
+        EXPECT_EQ(kestal_ftp_noop(of), 200) << answer;
+    }
+    ftp_server server;
+    const client of(server.uri(""));
+    for (const char *mode : {"x", "", static_cast<const char *>(nullptr), "r"}) // the last without a path
+        EXPECT_EQ(kestal_ftp_open_stream(of, 0, nullptr, mode), -1);
+    char byte;
+    EXPECT_EQ(kestal_ftp_recv_stream(of, &byte, 1, 0), -1);
+    EXPECT_EQ(kestal_ftp_send_stream(of, &byte, 1, 0), -1);
+    EXPECT_EQ(kestal_ftp_close_stream(of), -1);
+    // A server that lets its client wait: for data, and for a connection.
+    server.answer("RETR", "150 wait\r\n");
+    EXPECT_EQ(kestal_ftp_open_stream(of, 0, "f", "r"), 0);
+    EXPECT_EQ(kestal_ftp_recv_stream(of, &byte, 1, 0), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    of->m_passive = of->m_data_timeout = 0;
+    EXPECT_EQ(kestal_ftp_open_stream(of, 0, "f", "r"), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+
+    // Where the server points is followed unless the setting forbids it.
+    of->m_passive = 1;
+    of->m_data_timeout = 60000;
+    owned_socket elsewhere(kestal_open_listen_socket("127.0.0.9", 0));
+    const std::string port = std::to_string(elsewhere.port() / 256) + "," + std::to_string(elsewhere.port() % 256);
+    server.answer("PASV", "227 (127,0,0,9," + port + ")\r\n");
+    EXPECT_EQ(kestal_ftp_passive(of), 0);
+    EXPECT_EQ(kestal_ftp_set_option(of, KESTAL_FTP_OPTION_SAME_HOST, 1), 0);
+    EXPECT_EQ(kestal_ftp_passive(of), -1);
+    EXPECT_EQ(kestal_ftp_active(of), 0);
+    owned_socket stranger(kestal_open_connect_socket_ex(
+        0, "127.0.0.9", 0, "127.0.0.1", static_cast<int32_t>(kestal_test::port_of(of->m_listen_socket)), 10000));
+    EXPECT_EQ(kestal_ftp_noop(of), 200);
+    EXPECT_EQ(kestal_ftp_noop(of), 200);
+    EXPECT_EQ(of->m_accepted_socket, -1);
+}
+
+TEST_F(ftp, aborts_and_stays_in_step)
+{
+    const struct {
+        const char *answer;
+        int32_t result;
+    } cases[] = {{"426 lost\r\n226 over\r\n", 0},
+                 {"226 over\r\n225 nothing\r\n", 0},
+                 {"426 lost\r\n225 nothing\r\n", -1},
+                 {"426 alone\r\n", -1},
+                 {"226 alone\r\n", 0},
+                 {"hang up", -1}};
+    for (const auto &[answer, result] : cases) {
+        ftp_server server;
+        server.answer("RETR", "150 wait\r\n");
+        server.answer("ABOR", answer);
+        const client of(server.uri());
+        of->m_command_timeout = strstr(answer, "alone") == nullptr ? 24000 : 50;
+        EXPECT_EQ(kestal_ftp_open_stream(of, 0, "f", "r"), 0);
+        EXPECT_EQ(kestal_ftp_abort_stream(of), result) << answer;
+        EXPECT_EQ(of->m_data_socket, -1);
+        EXPECT_EQ(kestal_ftp_noop(of), answer == std::string("hang up") ? -1 : 200) << answer;
+    }
+    // One that is busy sending hears of it only once its connection is gone.
+    ftp_server server;
+    server.serve(std::string(32 << 20, 'x'));
+    const client of(server.uri());
+    char block[1000];
+    EXPECT_EQ(kestal_ftp_open_stream(of, 0, "f", "r"), 0);
+    EXPECT_GT(kestal_ftp_recv_stream(of, block, sizeof block, -1), 0);
+    EXPECT_EQ(kestal_ftp_abort_stream(of), 0);
+    EXPECT_EQ(kestal_ftp_noop(of), 200);
+    EXPECT_EQ(kestal_ftp_abort_stream(of), 0); // nothing to abort
+}
+
+// --- downloads
+
+TEST_F(ftp, downloads_files)
+{
+    const temporary_directory directory;
+    const std::string data = noise(150000), path = directory.path("a/b/file"), plain = directory.path("plain");
+    ftp_server server;
+    server.serve(data);
+    const client of(server.uri("/dir/name"));
+    kestal_md5_t md5;
+    const mode_t mask = umask(077);
+    EXPECT_EQ(kestal_ftp_download_to_file(of, 0, "f", path.c_str(), 0644), -1); // no such directory
+    EXPECT_EQ(
+        kestal_ftp_download_to_file_with_md5(of, KESTAL_FTP_DOWNLOAD_MAKE_DIRECTORIES, "f", path.c_str(), 0644, &md5),
+        0);
+    umask(mask);
+    EXPECT_EQ(content_of(path), data);
+    kestal_md5_t expected;
+    kestal_md5_push(kestal_init_md5(&expected), data.data(), data.size());
+    EXPECT_STREQ(kestal_md5_digest(&md5, nullptr), kestal_md5_digest(&expected, nullptr));
+    struct stat status;
+    EXPECT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0644u);
+
+    // Progress, and settings that flags make.
+    {
+        const caught_output output;
+        EXPECT_EQ(kestal_ftp_download_to_file(of, 0x19, "f", plain.c_str(), 0600), 0);
+        EXPECT_NE(output.text.find("    150000, "), std::string::npos);
+        EXPECT_NE(output.text.find("bps, ETA 00:00 \n226 done\n"), std::string::npos);
+    }
+    EXPECT_EQ(of->m_verbose, 1);
+    EXPECT_EQ(of->m_data_timeout, -1);
+    of->m_verbose = 0;
+
+    // Without a size; then empty, in the place of what was there; the names by default.
+    server.answer("SIZE", "550 no\r\n");
+    EXPECT_EQ(kestal_ftp_download_to_file(of, KESTAL_FTP_DOWNLOAD_NEED_SIZE, "f", plain.c_str(), 0600), -1);
+    server.serve("");
+    EXPECT_EQ(kestal_ftp_download_to_file(of, 0, "f", plain.c_str(), 0400), 0);
+    EXPECT_EQ(content_of(plain), "");
+    EXPECT_EQ(kestal_ftp_download_to_file(of, 0, "f", "/dev/null", 0400), 0);
+    EXPECT_EQ(stat("/dev/null", &status), 0);
+    EXPECT_NE(status.st_mode & 07777, 0400u);
+    server.heard();
+    const std::string before = std::filesystem::current_path();
+    std::filesystem::current_path(directory.path(""));
+    EXPECT_EQ(kestal_ftp_download_to_file(of, 0, nullptr, nullptr, 0600), 0);
+    std::filesystem::current_path(before);
+    EXPECT_EQ(content_of(directory.path("name")), "");
+    EXPECT_EQ(server.heard(), "SIZE dir/name|PASV|RETR dir/name|");
+}
+
+TEST_F(ftp, downloads_into_memory_and_in_one_call)
+{
+    const temporary_directory directory;
+    ftp_server server;
+    server.serve("[a]\nb = c\nd = e");
+    const client of(server.uri());
+    kestal_buffer_t *buffer = kestal_open_buffer_ex(0);
+    kestal_ini_t *ini = kestal_open_ini();
+    EXPECT_EQ(kestal_ftp_download_to_buffer(of, 0, "f", buffer), 0);
+    EXPECT_EQ(all_of(buffer), "[a]\nb = c\nd = e");
+    EXPECT_EQ(kestal_ftp_download_to_ini(of, 0, "f", ini), 0);
+    EXPECT_STREQ(kestal_search_ini_value(ini, "a", "d"), "e");
+    EXPECT_EQ(kestal_ftp_download_to_buffer(of, 0, "f", nullptr) + kestal_ftp_download_to_ini(of, 0, "f", nullptr), -2);
+    EXPECT_EQ(kestal_ftp_disconnect(of), 0);
+
+    const std::string uri = server.uri("/d/f", "ftp", "joe:pw@"), path = directory.path("f");
+    kestal_md5_t md5;
+    server.heard();
+    EXPECT_EQ(kestal_ftp_simple_download_to_buffer(0, uri.c_str(), nullptr, nullptr, buffer), 0);
+    EXPECT_EQ(server.heard(), "USER joe|PASS pw|TYPE I|SIZE d/f|PASV|RETR d/f|");
+    EXPECT_EQ(kestal_ftp_simple_download_to_file_with_md5(0, uri.c_str(), "u", "p", path.c_str(), 0600, &md5), 0);
+    EXPECT_EQ(content_of(path), all_of(buffer));
+    EXPECT_EQ(kestal_ftp_simple_download_to_ini(0, uri.c_str(), nullptr, nullptr, ini), 0);
+    EXPECT_EQ(kestal_ftp_simple_download_to_ini(0, server.uri("").c_str(), nullptr, nullptr, ini), -1);
+    kestal_close_ini(ini);
+    kestal_close_buffer(buffer);
+}
+
+TEST_F(ftp, survives_a_server_that_is_lost_midway)
+{
+    const temporary_directory directory;
+    const std::string path = directory.path("f"), data = noise(1000000);
+    for (const uint32_t flags : {0u, KESTAL_FTP_DOWNLOAD_REMOVE}) {
+        ftp_server server;
+        server.serve(data, 200000);
+        const client of(server.uri());
+        EXPECT_EQ(kestal_ftp_download_to_file(of, flags, "f", path.c_str(), 0644), -1);
+        EXPECT_EQ(content_of(path) == "<none>", flags != 0) << content_of(path).size();
+        EXPECT_EQ(kestal_ftp_check(of), -1);
+        EXPECT_EQ(kestal_ftp_noop(of), -1);
+        server.serve(data);
+        EXPECT_EQ(kestal_ftp_connect(of, server.uri().c_str(), 0), 0); // and can be used again
+        EXPECT_EQ(kestal_ftp_login(of, nullptr, nullptr, "I"), 0);
+        EXPECT_EQ(kestal_ftp_open_stream(of, 0, "f", "w"), 0);
+        kestal_ftp_disconnect_data(of);
+        EXPECT_EQ(kestal_ftp_command_puts(of, nullptr), 226);
+    }
+    // Uploads too, without a signal to the process; and a failure keeps what was there before.
+    ftp_server server;
+    server.answer("STOR", "150 go\r\n");
+    server.answer("RETR", "550 none\r\n");
+    const client of(server.uri());
+    const std::string kept = directory.file("kept", "old");
+    EXPECT_EQ(kestal_ftp_download_to_file(of, KESTAL_FTP_DOWNLOAD_REMOVE, "f", kept.c_str(), 0644), -1);
+    EXPECT_EQ(content_of(kept), "old");
+    EXPECT_EQ(kestal_ftp_open_stream(of, 0, "f", "w"), 0);
+    EXPECT_EQ(kestal_ftp_passive(of), 0); // the server drops the old listener and with it the connection
+    shutdown(of->m_data_socket, SHUT_RDWR);
+    EXPECT_EQ(kestal_ftp_send_stream(of, data.data(), data.size(), 1000), -1);
+    EXPECT_EQ(errno, EPIPE);
+}
+
+TEST_F(ftp, draws_progress)
+{
+    const struct {
+        uint64_t bytes, elapsed, total;
+        const char *text;
+    } cases[] = {{0, 0, 100, "         0,   0.00 bps, ETA 99:59"},
+                 {100, 6481, 100, "       100, 123.43 bps, ETA 00:00"},
+                 {1240, 8000, 2480, "      1240,   1.24Kbps, ETA 00:08"},
+                 {154, 1, 154, "       154,   1.23Mbps, ETA 00:00"},
+                 {1000, 1000, 6001000, "      1000,   8.00Kbps, ETA 100:00"},
+                 {12345678901, 1000, UINT64_MAX, "12345678901,  98.76Gbps, ETA 249"},
+                 {1000, 8008, 0, "      1000, 999.00 bps, ETA 00:00"},
+                 {UINT64_MAX, 1, UINT64_MAX, "ETA 00:00"}};
+    const client of;
+    for (const auto &[bytes, elapsed, total, text] : cases) {
+        const caught_output output;
+        of->m_bytes = bytes;
+        of->m_elapsed = elapsed;
+        EXPECT_EQ(kestal_ftp_download_progress_bar(of, "label", bytes, total), 0);
+        EXPECT_NE(output.text.find(text), std::string::npos) << output.text << "\n" << text;
+        EXPECT_NE(output.text.find("abel"), std::string::npos);
+    }
+}
+
+TEST_F(ftp, leaves_nothing_behind_when_memory_is_short)
+{
+    const temporary_directory directory;
+    ftp_server server;
+    server.serve(noise(100000));
+    kestal_init_network(); // its cache is not the client's
+    const auto scenario = [&](const char *scheme) {
+        return [&, scheme] {
+            kestal_buffer_t *buffer = kestal_open_buffer_ex(0);
+            kestal_ftp_simple_download_to_buffer(0, server.uri("/f", scheme).c_str(), nullptr, nullptr, buffer);
+            kestal_ftp_simple_download_to_file(KESTAL_FTP_DOWNLOAD_MAKE_DIRECTORIES, server.uri("/f", scheme).c_str(),
+                                               nullptr, nullptr, directory.path("d/f").c_str(), 0644);
+            kestal_close_buffer(buffer);
+        };
+    };
+    EXPECT_GT(kestal_test::with_each_allocation_failing(scenario("ftp")), 30u);
+    EXPECT_GT(kestal_test::with_each_allocation_failing(scenario("ftp@active")), 30u);
+    kestal_uninit_network();
+}
+
+TEST_F(ftp, answers_null)
+{
+    char byte = 0;
+    EXPECT_EQ(kestal_close_ftp(nullptr), nullptr);
+    EXPECT_EQ(kestal_ftp_get_system(nullptr), nullptr);
+    EXPECT_EQ(kestal_ftp_get_pwd(nullptr), nullptr);
+    const int32_t results[] = {kestal_ftp_connect(nullptr, "ftp://x", 0),
+                               kestal_ftp_login(nullptr, "", "", ""),
+                               kestal_ftp_set_option(nullptr, 1, 1),
+                               kestal_ftp_check(nullptr),
+                               kestal_ftp_disconnect(nullptr),
+                               kestal_ftp_disconnect_data(nullptr),
+                               kestal_ftp_command_puts(nullptr, "x"),
+                               kestal_ftp_command_printf(nullptr, "x"),
+                               kestal_ftp_noop(nullptr),
+                               kestal_ftp_cwd(nullptr, "x"),
+                               kestal_ftp_rest(nullptr, 1),
+                               kestal_ftp_get_size(nullptr, "x", nullptr),
+                               kestal_ftp_passive(nullptr),
+                               kestal_ftp_active(nullptr),
+                               kestal_ftp_open_stream(nullptr, 0, "x", "r"),
+                               kestal_ftp_recv_stream(nullptr, &byte, 1, 0),
+                               kestal_ftp_send_stream(nullptr, &byte, 1, 0),
+                               kestal_ftp_close_stream(nullptr),
+                               kestal_ftp_abort_stream(nullptr),
+                               kestal_ftp_download_to_file(nullptr, 0, "x", "x", 0),
+                               kestal_ftp_download_to_buffer(nullptr, 0, "x", nullptr),
+                               kestal_ftp_download_progress_bar(nullptr, "", 0, 0)};
+    for (const int32_t result : results)
+        EXPECT_EQ(result, -1);
+    const client of; // not connected
+    EXPECT_EQ(kestal_ftp_login(of, "a", "b", "I"), -1);
+    EXPECT_EQ(kestal_ftp_active(of), -1);
+    EXPECT_EQ(kestal_ftp_open_stream(of, 0, "x", "r"), -1);
+    EXPECT_EQ(kestal_ftp_command_puts(of, nullptr), -1);
+    EXPECT_EQ(kestal_ftp_set_option(of, 99, 1), -1);
+}
+
+} // namespace

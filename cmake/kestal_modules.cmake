@@ -2,7 +2,8 @@
 # where no circle comes of it. Each is source/<name>.cpp, and tests/<name>_test.cpp where it has tests of its own.
 
 set(KESTAL_FLOOR_1 time_stamp assertion short_lock)
-set(KESTAL_FLOOR_2 memory format terminal output exception destroy_stack global_break diagnostics assertion_format version)
+set(KESTAL_FLOOR_2 memory format terminal terminal_key output exception destroy_stack global_break
+    diagnostics assertion_format version)
 set(KESTAL_FLOOR_3 list hash value select fragment)
 set(KESTAL_FLOOR_4 spin_lock lock thread service signal)
 set(KESTAL_FLOOR_5 argument text utf8 file ini buffer percent uri)
@@ -22,7 +23,7 @@ set(KESTAL_FLOOR_9 dynamic_library instance plugin interface stream_kind stream_
 
 # What waits for people, peers or the kernel, or runs once, is compiled for size; the rest for speed.
 set(KESTAL_COMPILED_FOR_SIZE assertion exception destroy_stack global_break diagnostics assertion_format version terminal
-    output service signal argument uri file ini address network_interface resolver multicast socket_opener socket event_connect
+    terminal_key output service signal argument uri file ini address network_interface resolver multicast socket_opener socket event_connect
     event_service
     ftp_engine ftp_command ftp_login ftp_stream ftp_download ftp
     http_digest cgi cgi_incoming cgi_authorization cgi_outgoing

@@ -20,6 +20,7 @@
 #include <kestal_ulx/memory.h>
 #include <kestal_ulx/output.h>
 #include <kestal_ulx/terminal.h>
+#include <kestal_ulx/terminal_key.h>
 #include <kestal_ulx/version.h>
 
 /* containers */

@@ -27,7 +27,7 @@ set(KESTAL_COMPILED_FOR_SIZE assertion exception destroy_stack global_break diag
     event_service
     ftp_engine ftp_command ftp_login ftp_stream ftp_download ftp
     http_digest cgi cgi_incoming cgi_authorization cgi_outgoing
-    fbmap_record fbmap_get fbmap_update fbmap fbmap_text fbmap_pattern dynamic_library instance plugin
+    raw_bitmap fbmap_record fbmap fbmap_draw fbmap_text fbmap_pattern dynamic_library instance plugin
     interface stream_kind stream_file stream_socket stream_fb builtin_plugin simple_digest hash_file tftp stream_tftp)
 
 set(KESTAL_MODULES)

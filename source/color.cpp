@@ -1,6 +1,7 @@
 #include <kestal_ulx/color.h>
 
 #include "color.hpp"
+#include "pixel.hpp"
 #include "processor.hpp"
 
 #include <algorithm>
@@ -8,6 +9,10 @@
 #include <bit>
 #include <span>
 #include <string.h>
+
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
 
 namespace {
 
@@ -95,26 +100,24 @@ uint32_t look_up(uint32_t code, uint32_t value)
 // --- formats of one colour space: groups of bits change places
 
 struct bit_moves {
-    struct group {
-        int rotation = 0; // to the left
-        uint32_t mask = 0;
-    };
-    std::array<group, 4> groups;
+    std::array<uint32_t, 4> masks{};
+    std::array<uint8_t, 4> rotations{}; // to the left, before the mask
     uint32_t constant = 0;
 
     constexpr uint32_t operator()(uint32_t value) const
     {
-        const auto moved = [value](group bits) { return std::rotl(value, bits.rotation) & bits.mask; };
-        return moved(groups[0]) | moved(groups[1]) | moved(groups[2]) | moved(groups[3]) | constant;
+        const auto moved = [&](size_t group) { return std::rotl(value, rotations[group]) & masks[group]; };
+        return moved(0) | moved(1) | moved(2) | moved(3) | constant;
     }
 
     // Bits that go equally far go together.
-    constexpr void add(int rotation, uint32_t mask)
+    constexpr void add(uint32_t rotation, uint32_t mask)
     {
-        group *place = groups.data();
-        while (place->mask != 0 && place->rotation != rotation)
+        size_t place = 0;
+        while (masks[place] != 0 && rotations[place] != rotation)
             place++;
-        *place = {.rotation = rotation, .mask = place->mask | mask};
+        masks[place] |= mask;
+        rotations[place] = static_cast<uint8_t>(rotation);
     }
 };
 
@@ -123,7 +126,7 @@ constexpr bit_moves moves_between(uint32_t target, uint32_t source)
 {
     // Not what 5:6:5 cut to 2:3:3 would be: callers rely on these bits.
     if (target == KESTAL_COLOR_DRGB0233 && source == KESTAL_COLOR_DRGB0565)
-        return {.groups = {{{16, 0xC00000}, {10, 0xE000}, {5, 0xE0}, {}}}};
+        return {.masks = {0xC00000, 0xE000, 0xE0}, .rotations = {16, 10, 5}};
 
     bit_moves moves;
     for (const field &to : fields_of(target)) {
@@ -135,7 +138,7 @@ constexpr bit_moves moves_between(uint32_t target, uint32_t source)
                 from = each;
         if (from.width != 0) {
             const uint32_t width = std::min({to.width, from.width, 8u});
-            const int rotation = static_cast<int>((to.end - from.end) % 32);
+            const uint32_t rotation = (to.end - from.end) % 32;
             const uint64_t taken = bits_below(from.end, width);
             const uint64_t mask = to.end >= from.end ? taken << (to.end - from.end) : taken >> (from.end - to.end);
             moves.add(rotation, static_cast<uint32_t>(mask));
@@ -228,6 +231,61 @@ void yuv_to_rgb(channels &color)
     color[component::blue] = static_cast<uint8_t>(luma + (116130 * luma >> 16));
 }
 
+// --- formats whose bytes only change places
+
+#if defined(__x86_64__)
+// Which byte of a pixel of the source each byte of one of the target is, where all that moves is whole bytes.
+struct byte_moves {
+    static constexpr uint8_t none = 0x80;
+
+    uint8_t from[4] = {none, none, none, none};
+    uint32_t constant;
+
+    explicit byte_moves(const bit_moves &moves) : constant(moves.constant)
+    {
+        for (size_t group = 0; group < moves.masks.size(); group++)
+            for (uint32_t byte = 0; byte < 4; byte++)
+                if ((moves.masks[group] >> 8 * byte & 0xFFu) != 0)
+                    from[byte] = static_cast<uint8_t>((byte - moves.rotations[group] / 8u) % 4);
+    }
+
+    static bool is_enough(const bit_moves &moves)
+    {
+        for (size_t group = 0; group < moves.masks.size(); group++)
+            if (moves.rotations[group] % 8 != 0 || (moves.masks[group] & 0x01010101u) * 0xFFu != moves.masks[group])
+                return false;
+        return true;
+    }
+};
+
+// Converts as many of `count` pixels of 3 or 4 bytes as can be read and written four at once, and returns how many.
+[[gnu::target("ssse3")]] size_t shuffle_row(uint8_t *target, size_t target_size, const uint8_t *source,
+                                            size_t source_size, size_t count, const byte_moves &moves)
+{
+    constexpr size_t pixels = 4;
+    alignas(16) uint8_t places[sizeof(__m128i)];
+    alignas(16) uint8_t constants[sizeof(__m128i)] = {};
+    memset(places, byte_moves::none, sizeof places);
+    for (size_t i = 0; i < pixels; i++)
+        for (size_t byte = 0; byte < target_size; byte++) {
+            if (moves.from[byte] != byte_moves::none)
+                places[i * target_size + byte] = static_cast<uint8_t>(i * source_size + moves.from[byte]);
+            constants[i * target_size + byte] = static_cast<uint8_t>(moves.constant >> 8 * byte);
+        }
+    const __m128i shuffled = _mm_load_si128(reinterpret_cast<const __m128i *>(places));
+    const __m128i constant = _mm_load_si128(reinterpret_cast<const __m128i *>(constants));
+    const size_t reach = std::min(target_size, source_size) == 3 ? 6 : pixels; // pixels that 16 bytes touch
+    const size_t steps = count < reach ? 0 : (count - reach) / pixels + 1;
+#pragma GCC unroll 4
+    for (size_t i = 0; i < steps; i++) {
+        const __m128i from = _mm_loadu_si128(reinterpret_cast<const __m128i *>(source + i * pixels * source_size));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(target + i * pixels * target_size),
+                         _mm_or_si128(_mm_shuffle_epi8(from, shuffled), constant));
+    }
+    return steps * pixels;
+}
+#endif
+
 // --- any two formats
 
 // What it takes from one format to another, chosen once for any number of colours.
@@ -265,6 +323,19 @@ public:
             each = moves(each);
     }
 
+    // Converts the first ones of a row that can be converted by moving bytes, and returns how many.
+    size_t convert_bytes([[maybe_unused]] uint8_t *target, [[maybe_unused]] size_t target_size,
+                         [[maybe_unused]] const uint8_t *source, [[maybe_unused]] size_t source_size,
+                         [[maybe_unused]] size_t count) const
+    {
+#if defined(__x86_64__)
+        if (!crosses_ && !indexed_ && target_size >= 3 && source_size >= 3 && byte_moves::is_enough(moves_) &&
+            kestal::processor::has(kestal::processor::ssse3))
+            return shuffle_row(target, target_size, source, source_size, count, byte_moves(moves_));
+#endif
+        return 0;
+    }
+
 private:
     uint32_t cross(uint32_t value) const
     {
@@ -285,61 +356,34 @@ private:
 
 // --- rows
 
-// The value of a pixel in memory, and back.
-template <uint32_t size>
-[[gnu::always_inline]] inline uint32_t load(const uint8_t *pixel)
-{
-    if constexpr (size == 3) {
-        return uint32_t{pixel[0]} | uint32_t{pixel[1]} << 8 | uint32_t{pixel[2]} << 16;
-    } else {
-        std::conditional_t<size == 1, uint8_t, std::conditional_t<size == 2, uint16_t, uint32_t>> value;
-        memcpy(&value, pixel, size);
-        return value;
-    }
-}
-
-template <uint32_t size>
-[[gnu::always_inline]] inline void store(uint8_t *pixel, uint32_t value)
-{
-    if constexpr (size == 3) {
-        pixel[0] = static_cast<uint8_t>(value);
-        pixel[1] = static_cast<uint8_t>(value >> 8);
-        pixel[2] = static_cast<uint8_t>(value >> 16);
-    } else {
-        using pixel_type = std::conditional_t<size == 1, uint8_t, std::conditional_t<size == 2, uint16_t, uint32_t>>;
-        const pixel_type cut = static_cast<pixel_type>(value);
-        memcpy(pixel, &cut, size);
-    }
-}
-
-template <uint32_t size>
+template <size_t size>
 void load_row(uint32_t *__restrict values, const uint8_t *__restrict pixels, size_t count)
 {
     for (size_t i = 0; i < count; i++)
-        values[i] = load<size>(pixels + i * size);
+        values[i] = kestal::load_pixel<size>(pixels + i * size);
 }
 
-template <uint32_t size>
+template <size_t size>
 void store_row(uint8_t *__restrict pixels, const uint32_t *__restrict values, size_t count)
 {
     for (size_t i = 0; i < count; i++)
-        store<size>(pixels + i * size, values[i]);
+        kestal::store_pixel<size>(pixels + i * size, values[i]);
 }
 
 // Bits that go only up or only down need no whole rotation.
-template <bit_moves::group moved>
+template <uint32_t mask, int rotation>
 [[gnu::always_inline]] inline uint32_t move_bits(uint32_t value)
 {
-    if constexpr (moved.mask == 0)
+    if constexpr (mask == 0)
         return 0;
-    else if constexpr (moved.rotation == 0)
-        return value & moved.mask;
-    else if constexpr (moved.mask >> moved.rotation << moved.rotation == moved.mask)
-        return value << moved.rotation & moved.mask;
-    else if constexpr (moved.mask << (32 - moved.rotation) >> (32 - moved.rotation) == moved.mask)
-        return value >> (32 - moved.rotation) & moved.mask;
+    else if constexpr (rotation == 0)
+        return value & mask;
+    else if constexpr (mask >> rotation << rotation == mask)
+        return value << rotation & mask;
+    else if constexpr (mask << (32 - rotation) >> (32 - rotation) == mask)
+        return value >> (32 - rotation) & mask;
     else
-        return std::rotl(value, moved.rotation) & moved.mask;
+        return std::rotl(value, rotation) & mask;
 }
 
 template <uint32_t target_code, uint32_t source_code>
@@ -347,13 +391,16 @@ template <uint32_t target_code, uint32_t source_code>
                                                size_t count)
 {
     constexpr bit_moves moves = moves_between(target_code, source_code);
-    constexpr uint32_t target_size = fields_of(target_code).back().end / 8;
-    constexpr uint32_t source_size = fields_of(source_code).back().end / 8;
+    constexpr size_t target_size = kestal::bytes_per_pixel(target_code);
+    constexpr size_t source_size = kestal::bytes_per_pixel(source_code);
+    const auto moved = [&]<size_t... group>(uint32_t value, std::index_sequence<group...>)
+    {
+        return (move_bits<moves.masks[group], moves.rotations[group]>(value) | ...);
+    };
     for (size_t i = 0; i < count; i++) {
-        const uint32_t value = load<source_size>(source + i * source_size);
-        const uint32_t moved = move_bits<moves.groups[0]>(value) | move_bits<moves.groups[1]>(value) |
-                               move_bits<moves.groups[2]>(value) | move_bits<moves.groups[3]>(value);
-        store<target_size>(target + i * target_size, moved | moves.constant);
+        const uint32_t value = kestal::load_pixel<source_size>(source + i * source_size);
+        kestal::store_pixel<target_size>(target + i * target_size,
+                                         moved(value, std::make_index_sequence<4>{}) | moves.constant);
     }
 }
 
@@ -387,9 +434,11 @@ constexpr direct_row direct = {target_code, source_code, convert_directly<target
 
 constexpr direct_row direct_rows[] = {
     direct<KESTAL_COLOR_DRGB0565, KESTAL_COLOR_ARGB8888>, direct<KESTAL_COLOR_ARGB8888, KESTAL_COLOR_DRGB0565>,
+#if !defined(__x86_64__)
     direct<KESTAL_COLOR_DRGB0888, KESTAL_COLOR_ARGB8888>, direct<KESTAL_COLOR_ARGB8888, KESTAL_COLOR_DRGB0888>,
     direct<KESTAL_COLOR_DRGB8888, KESTAL_COLOR_ARGB8888>, direct<KESTAL_COLOR_ARGB8888, KESTAL_COLOR_DRGB8888>,
     direct<KESTAL_COLOR_ABGR8888, KESTAL_COLOR_ARGB8888>, direct<KESTAL_COLOR_ARGB8888, KESTAL_COLOR_ABGR8888>,
+#endif
 };
 
 const direct_row *direct_row_of(uint32_t target, uint32_t source)
@@ -400,27 +449,18 @@ const direct_row *direct_row_of(uint32_t target, uint32_t source)
     return nullptr;
 }
 
+// By the bytes of a pixel, from 1 on.
 struct row_access {
-    uint32_t bits;
     void (*load)(uint32_t *values, const uint8_t *pixels, size_t count);
     void (*store)(uint8_t *pixels, const uint32_t *values, size_t count);
 };
 
 constexpr row_access row_accesses[] = {
-    {8, load_row<1>, store_row<1>},
-    {16, load_row<2>, store_row<2>},
-    {24, load_row<3>, store_row<3>},
-    {32, load_row<4>, store_row<4>},
+    {load_row<1>, store_row<1>},
+    {load_row<2>, store_row<2>},
+    {load_row<3>, store_row<3>},
+    {load_row<4>, store_row<4>},
 };
-
-const row_access *row_access_of(uint32_t code)
-{
-    const uint32_t bits = kestal_color_interface_to_bits_per_pixel(code);
-    for (const row_access &each : row_accesses)
-        if (each.bits == bits)
-            return &each;
-    return nullptr;
-}
 
 } // namespace
 
@@ -478,12 +518,11 @@ namespace kestal {
 
 bool convert_color_row(uint32_t target_code, uint8_t *target, uint32_t source_code, const uint8_t *source, size_t count)
 {
-    const row_access *to = row_access_of(target_code);
-    const row_access *from = row_access_of(source_code);
-    if (to == nullptr || from == nullptr)
+    const size_t target_size = bytes_per_pixel(target_code), source_size = bytes_per_pixel(source_code);
+    if (target_size == 0 || source_size == 0)
         return false;
     if (target_code == source_code) {
-        memcpy(target, source, count * to->bits / 8);
+        memcpy(target, source, count * target_size);
         return true;
     }
     if (const direct_row *direct = direct_row_of(target_code, source_code)) {
@@ -492,14 +531,18 @@ bool convert_color_row(uint32_t target_code, uint8_t *target, uint32_t source_co
         return true;
     }
     const conversion converted(target_code, source_code);
+    const size_t done = converted.convert_bytes(target, target_size, source, source_size, count);
+    target += done * target_size;
+    source += done * source_size;
+    count -= done;
     std::array<uint32_t, 256> values;
     while (count > 0) {
         const size_t part = std::min(count, values.size());
-        from->load(values.data(), source, part);
+        row_accesses[source_size - 1].load(values.data(), source, part);
         converted.convert({values.data(), part});
-        to->store(target, values.data(), part);
-        source += part * from->bits / 8;
-        target += part * to->bits / 8;
+        row_accesses[target_size - 1].store(target, values.data(), part);
+        source += part * source_size;
+        target += part * target_size;
         count -= part;
     }
     return true;

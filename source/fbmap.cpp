@@ -192,16 +192,61 @@ void set_flag(kestal_fbmap_t &map, uint32_t flag, bool on)
     map.m_flags = on ? map.m_flags | flag : map.m_flags & ~flag;
 }
 
+int32_t redraw(kestal_fbmap_t &map)
+{
+    note_change(map, whole_of(map.m_bitmap));
+    return update_fbmap(map);
+}
+
 // Changes how a map appears, and redraws it.
-template <typename Change>
-int32_t set(kestal_fbmap_t *map, Change change, const char *caller = __builtin_FUNCTION())
+int32_t use(kestal_fbmap_t *map, uint32_t flag, bool on, const char *caller = __builtin_FUNCTION())
 {
     return on_fbmap(
         map, source_file, -1,
-        [&] {
-            change(*map);
-            note_change(*map, whole_of(map->m_bitmap));
-            return update_fbmap(*map);
+        [=] {
+            set_flag(*map, flag, on);
+            return redraw(*map);
+        },
+        caller);
+}
+
+int32_t set(kestal_fbmap_t *map, uint32_t kestal_fbmap_t::*field, uint32_t value,
+            const char *caller = __builtin_FUNCTION())
+{
+    return on_fbmap(
+        map, source_file, -1,
+        [=] {
+            map->*field = value;
+            return redraw(*map);
+        },
+        caller);
+}
+
+// The many brush calls share their code: it is theirs many times over otherwise.
+template <typename Field>
+[[gnu::noinline]] int32_t set_brush(kestal_fbmap_t *map, Field kestal_fbmap_brush_t::*field, Field value,
+                                    const char *caller = __builtin_FUNCTION())
+{
+    return on_fbmap(
+        map, source_file, -1,
+        [=] {
+            map->m_brush.*field = value;
+            return 0;
+        },
+        caller);
+}
+
+template <typename Field>
+[[gnu::noinline]] int32_t set_brush(kestal_fbmap_t *map, Field kestal_fbmap_brush_t::*first, Field first_value,
+                                    Field kestal_fbmap_brush_t::*second, Field second_value,
+                                    const char *caller = __builtin_FUNCTION())
+{
+    return on_fbmap(
+        map, source_file, -1,
+        [=] {
+            map->m_brush.*first = first_value;
+            map->m_brush.*second = second_value;
+            return 0;
         },
         caller);
 }
@@ -300,48 +345,48 @@ kestal_fbmap_t *kestal_fbmap_search(kestal_fbmap_t *first, uint32_t identifier, 
 
 int32_t kestal_fbmap_use_ccolor(kestal_fbmap_t *map, uint32_t on)
 {
-    return set(map, [&](kestal_fbmap_t &at) { set_flag(at, KESTAL_FBMAP_CCOLOR, on != 0); });
+    return use(map, KESTAL_FBMAP_CCOLOR, on != 0);
 }
 
 int32_t kestal_fbmap_set_ccolor(kestal_fbmap_t *map, uint32_t color)
 {
-    return set(map, [&](kestal_fbmap_t &at) { at.m_ccolor = color; });
+    return set(map, &kestal_fbmap_t::m_ccolor, color);
 }
 
 int32_t kestal_fbmap_use_alpha_window(kestal_fbmap_t *map, uint32_t on)
 {
-    return set(map, [&](kestal_fbmap_t &at) { set_flag(at, KESTAL_FBMAP_ALPHA_WINDOW, on != 0); });
+    return use(map, KESTAL_FBMAP_ALPHA_WINDOW, on != 0);
 }
 
 int32_t kestal_fbmap_set_alpha_window(kestal_fbmap_t *map, uint32_t value)
 {
-    return set(map, [&](kestal_fbmap_t &at) { at.m_alpha_window = value; });
+    return set(map, &kestal_fbmap_t::m_alpha_window, value);
 }
 
 int32_t kestal_fbmap_use_alpha_pixel(kestal_fbmap_t *map, uint32_t on)
 {
-    return set(map, [&](kestal_fbmap_t &at) { set_flag(at, KESTAL_FBMAP_ALPHA_PIXEL, on != 0); });
+    return use(map, KESTAL_FBMAP_ALPHA_PIXEL, on != 0);
 }
 
 int32_t kestal_fbmap_use_alpha_transfer(kestal_fbmap_t *map, uint32_t on)
 {
     // The flag says that transfer is off.
-    return set(map, [&](kestal_fbmap_t &at) { set_flag(at, KESTAL_FBMAP_NO_ALPHA_TRANSFER, on == 0); });
+    return use(map, KESTAL_FBMAP_NO_ALPHA_TRANSFER, on == 0);
 }
 
 int32_t kestal_fbmap_set_brush_fcolor(kestal_fbmap_t *map, uint32_t color)
 {
-    return change_brush(map, [&](kestal_fbmap_brush_t &brush) { brush.m_fcolor = color; });
+    return set_brush(map, &kestal_fbmap_brush_t::m_fcolor, color);
 }
 
 int32_t kestal_fbmap_set_brush_bcolor(kestal_fbmap_t *map, uint32_t color)
 {
-    return change_brush(map, [&](kestal_fbmap_brush_t &brush) { brush.m_bcolor = color; });
+    return set_brush(map, &kestal_fbmap_brush_t::m_bcolor, color);
 }
 
 int32_t kestal_fbmap_set_brush_ocolor(kestal_fbmap_t *map, uint32_t color)
 {
-    return change_brush(map, [&](kestal_fbmap_brush_t &brush) { brush.m_ocolor = color; });
+    return set_brush(map, &kestal_fbmap_brush_t::m_ocolor, color);
 }
 
 int32_t kestal_fbmap_set_brush_color(kestal_fbmap_t *map, uint32_t fcolor, uint32_t bcolor, uint32_t ocolor)
@@ -380,18 +425,14 @@ int32_t kestal_fbmap_use_brush_color(kestal_fbmap_t *map, uint32_t fcolor_on, ui
 
 int32_t kestal_fbmap_set_brush_x_scale(kestal_fbmap_t *map, uint32_t numerator, uint32_t denominator)
 {
-    return change_brush(map, [&](kestal_fbmap_brush_t &brush) {
-        brush.m_x_scale_numerator = numerator;
-        brush.m_x_scale_denominator = denominator;
-    });
+    return set_brush(map, &kestal_fbmap_brush_t::m_x_scale_numerator, numerator,
+                     &kestal_fbmap_brush_t::m_x_scale_denominator, denominator);
 }
 
 int32_t kestal_fbmap_set_brush_y_scale(kestal_fbmap_t *map, uint32_t numerator, uint32_t denominator)
 {
-    return change_brush(map, [&](kestal_fbmap_brush_t &brush) {
-        brush.m_y_scale_numerator = numerator;
-        brush.m_y_scale_denominator = denominator;
-    });
+    return set_brush(map, &kestal_fbmap_brush_t::m_y_scale_numerator, numerator,
+                     &kestal_fbmap_brush_t::m_y_scale_denominator, denominator);
 }
 
 int32_t kestal_fbmap_set_brush_xy_scale(kestal_fbmap_t *map, uint32_t x_numerator, uint32_t x_denominator,
@@ -407,41 +448,33 @@ int32_t kestal_fbmap_set_brush_xy_scale(kestal_fbmap_t *map, uint32_t x_numerato
 
 int32_t kestal_fbmap_set_brush_x_interval(kestal_fbmap_t *map, int32_t interval)
 {
-    return change_brush(map, [&](kestal_fbmap_brush_t &brush) { brush.m_x_interval = interval; });
+    return set_brush(map, &kestal_fbmap_brush_t::m_x_interval, interval);
 }
 
 int32_t kestal_fbmap_set_brush_y_interval(kestal_fbmap_t *map, int32_t interval)
 {
-    return change_brush(map, [&](kestal_fbmap_brush_t &brush) { brush.m_y_interval = interval; });
+    return set_brush(map, &kestal_fbmap_brush_t::m_y_interval, interval);
 }
 
 int32_t kestal_fbmap_set_brush_xy_interval(kestal_fbmap_t *map, int32_t x_interval, int32_t y_interval)
 {
-    return change_brush(map, [&](kestal_fbmap_brush_t &brush) {
-        brush.m_x_interval = x_interval;
-        brush.m_y_interval = y_interval;
-    });
+    return set_brush(map, &kestal_fbmap_brush_t::m_x_interval, x_interval, &kestal_fbmap_brush_t::m_y_interval,
+                     y_interval);
 }
 
 int32_t kestal_fbmap_set_brush_angle(kestal_fbmap_t *map, int32_t angle)
 {
-    return change_brush(map, [&](kestal_fbmap_brush_t &brush) { brush.m_angle = angle; });
+    return set_brush(map, &kestal_fbmap_brush_t::m_angle, angle);
 }
 
 int32_t kestal_fbmap_set_brush_x(kestal_fbmap_t *map, int32_t x)
 {
-    return change_brush(map, [&](kestal_fbmap_brush_t &brush) {
-        brush.m_x = x;
-        brush.m_cursor_x = 0;
-    });
+    return set_brush(map, &kestal_fbmap_brush_t::m_x, x, &kestal_fbmap_brush_t::m_cursor_x, 0);
 }
 
 int32_t kestal_fbmap_set_brush_y(kestal_fbmap_t *map, int32_t y)
 {
-    return change_brush(map, [&](kestal_fbmap_brush_t &brush) {
-        brush.m_y = y;
-        brush.m_cursor_y = 0;
-    });
+    return set_brush(map, &kestal_fbmap_brush_t::m_y, y, &kestal_fbmap_brush_t::m_cursor_y, 0);
 }
 
 int32_t kestal_fbmap_set_brush_xy(kestal_fbmap_t *map, int32_t x, int32_t y)
@@ -455,18 +488,15 @@ int32_t kestal_fbmap_set_brush_xy(kestal_fbmap_t *map, int32_t x, int32_t y)
 
 int32_t kestal_fbmap_set_brush_x_delta(kestal_fbmap_t *map, int32_t x)
 {
-    return change_brush(map, [&](kestal_fbmap_brush_t &brush) { brush.m_cursor_x = x; });
+    return set_brush(map, &kestal_fbmap_brush_t::m_cursor_x, x);
 }
 
 int32_t kestal_fbmap_set_brush_y_delta(kestal_fbmap_t *map, int32_t y)
 {
-    return change_brush(map, [&](kestal_fbmap_brush_t &brush) { brush.m_cursor_y = y; });
+    return set_brush(map, &kestal_fbmap_brush_t::m_cursor_y, y);
 }
 
 int32_t kestal_fbmap_set_brush_xy_delta(kestal_fbmap_t *map, int32_t x, int32_t y)
 {
-    return change_brush(map, [&](kestal_fbmap_brush_t &brush) {
-        brush.m_cursor_x = x;
-        brush.m_cursor_y = y;
-    });
+    return set_brush(map, &kestal_fbmap_brush_t::m_cursor_x, x, &kestal_fbmap_brush_t::m_cursor_y, y);
 }

@@ -17,11 +17,20 @@ constexpr kestal_lock_t recursive_lock()
 
 constinit kestal_lock_t lock_of_all_maps = recursive_lock();
 
-// The value of a field that is read under the lock; 0 for a null map.
-template <typename Body>
-auto read(const kestal_fbmap_t *map, Body body, const char *function = __builtin_FUNCTION())
+// What stands in a field; 0 for a null map.
+template <typename Owner, typename Field>
+[[gnu::noinline]] Field read(const kestal_fbmap_t *map, Field Owner::*field,
+                             const char *function = __builtin_FUNCTION())
 {
-    return kestal::on_fbmap(map, this_source, decltype(body()){}, body, function);
+    return kestal::on_fbmap(
+        map, this_source, Field{},
+        [=] {
+            if constexpr (std::is_same_v<Owner, kestal_fbmap_t>)
+                return map->*field;
+            else
+                return map->m_bitmap.*field;
+        },
+        function);
 }
 
 } // namespace
@@ -47,47 +56,47 @@ int32_t kestal_fbmap_unlock(void)
 
 void *kestal_fbmap_get_map(kestal_fbmap_t *map)
 {
-    return read(map, [&] { return map->m_bitmap.m_pixels; });
+    return read(map, &kestal_raw_bitmap_t::m_pixels);
 }
 
 uint64_t kestal_fbmap_get_map_size(kestal_fbmap_t *map)
 {
-    return read(map, [&] { return map->m_bitmap.m_size; });
+    return read(map, &kestal_raw_bitmap_t::m_size);
 }
 
 uint32_t kestal_fbmap_get_color_interface(kestal_fbmap_t *map)
 {
-    return read(map, [&] { return map->m_bitmap.m_color_interface; });
+    return read(map, &kestal_raw_bitmap_t::m_color_interface);
 }
 
 uint32_t kestal_fbmap_get_bits_per_pixel(kestal_fbmap_t *map)
 {
-    return read(map, [&] { return map->m_bits_per_pixel; });
+    return read(map, &kestal_fbmap_t::m_bits_per_pixel);
 }
 
 uint64_t kestal_fbmap_get_line_length(kestal_fbmap_t *map)
 {
-    return read(map, [&] { return map->m_bitmap.m_line_length; });
+    return read(map, &kestal_raw_bitmap_t::m_line_length);
 }
 
 int32_t kestal_fbmap_get_x(kestal_fbmap_t *map)
 {
-    return read(map, [&] { return map->m_x; });
+    return read(map, &kestal_fbmap_t::m_x);
 }
 
 int32_t kestal_fbmap_get_y(kestal_fbmap_t *map)
 {
-    return read(map, [&] { return map->m_y; });
+    return read(map, &kestal_fbmap_t::m_y);
 }
 
 uint32_t kestal_fbmap_get_resx(kestal_fbmap_t *map)
 {
-    return read(map, [&] { return map->m_bitmap.m_width; });
+    return read(map, &kestal_raw_bitmap_t::m_width);
 }
 
 uint32_t kestal_fbmap_get_resy(kestal_fbmap_t *map)
 {
-    return read(map, [&] { return map->m_bitmap.m_height; });
+    return read(map, &kestal_raw_bitmap_t::m_height);
 }
 
 int32_t kestal_fbmap_is_closed(kestal_fbmap_t *map)

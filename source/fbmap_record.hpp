@@ -11,11 +11,11 @@
 
 namespace kestal {
 
-// Holds the lock of all maps for a scope.
+// Holds the lock of all maps for a scope. Every public call has one: inline it is smaller than called.
 class fbmap_guard {
 public:
-    fbmap_guard() : held_(kestal_fbmap_lock() == 0) {}
-    ~fbmap_guard()
+    [[gnu::always_inline]] fbmap_guard() : held_(kestal_fbmap_lock() == 0) {}
+    [[gnu::always_inline]] ~fbmap_guard()
     {
         // The one hold that can fail is a further one of the thread that has the lock anyway.
         if (held_)

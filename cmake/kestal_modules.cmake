@@ -18,8 +18,8 @@ set(KESTAL_FLOOR_8 color bitmap_font geometry raw_bitmap fill blend fbmap_record
     tftp
     ftpd_account ftpd_path ftpd_session ftpd_login ftpd_data ftpd_transfer ftpd_list ftpd_command ftpd)
 set(KESTAL_FLOOR_9 dynamic_library instance plugin interface stream_kind stream_file stream_socket stream_fb
-    stream_tftp
-    builtin_plugin simple_digest hash_file json_parser)
+    stream_tftp stream_ftp
+    builtin_plugin builtin_ftp_plugin simple_digest hash_file json_parser)
 
 # What waits for people, peers or the kernel, or runs once, is compiled for size; the rest for speed.
 set(KESTAL_COMPILED_FOR_SIZE assertion exception destroy_stack global_break diagnostics assertion_format version terminal
@@ -28,7 +28,8 @@ set(KESTAL_COMPILED_FOR_SIZE assertion exception destroy_stack global_break diag
     ftp_engine ftp_command ftp_login ftp_stream ftp_download ftp
     http_digest cgi cgi_incoming cgi_authorization cgi_outgoing
     raw_bitmap fbmap_record fbmap fbmap_draw fbmap_text fbmap_pattern dynamic_library instance plugin
-    interface stream_kind stream_file stream_socket stream_fb builtin_plugin simple_digest hash_file tftp stream_tftp)
+    interface stream_kind stream_file stream_socket stream_fb builtin_plugin simple_digest hash_file
+    tftp stream_tftp stream_ftp builtin_ftp_plugin)
 
 set(KESTAL_MODULES)
 foreach(floor 1 2 3 4 5 6 7 8 9)

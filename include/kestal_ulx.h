@@ -93,6 +93,7 @@
 #include <kestal_ulx/raw_bitmap.h>
 
 /* streams and values */
+#include <kestal_ulx/builtin_ftp_plugin.h>
 #include <kestal_ulx/builtin_plugin.h>
 #include <kestal_ulx/dynamic_library.h>
 #include <kestal_ulx/hash_file.h>

@@ -1,15 +1,13 @@
 #include <kestal_ulx/builtin_plugin.h>
 
-#include "guard.hpp"
 #include "plugin.hpp"
 #include "stream_kind.hpp"
-
-#include <kestal_ulx/file.h>
+#include "stream_plugin.hpp"
 
 namespace {
 
 using kestal::find_kind;
-using kestal::short_lock_guard;
+using kestal::refuse;
 using kestal::stream_kind;
 using kestal::stream_request;
 
@@ -19,35 +17,6 @@ constexpr char mime_type_hint_list[] =
 constexpr char stream_type[] = "application/ulx_stream";
 
 // --- opening
-
-void read_options(const kestal_ctx_t &ctx, stream_request &request)
-{
-    using kestal::find_last_option;
-    using kestal::get_option_number;
-
-    if (const kestal_ctx_option_t *source = find_last_option(ctx, "src", "source"))
-        request.source = static_cast<const char *>(source->m_value);
-    if (const kestal_ctx_option_t *mode = find_last_option(ctx, "mode", "mode"))
-        request.mode = static_cast<const char *>(mode->m_value);
-    const kestal_ctx_option_t *descriptor = find_last_option(ctx, "fd", "fd");
-    request.has_descriptor = descriptor != nullptr;
-    const int64_t number = get_option_number(descriptor, -1, -1);
-    request.descriptor = number < 0 || number > INT32_MAX ? -1 : static_cast<int32_t>(number);
-    request.is_debugging = get_option_number(find_last_option(ctx, "debug", "verbose"), 0, 1) != 0;
-}
-
-// Completes the request for a stream: mode and, when no descriptor was given, the source's parts.
-uint32_t prepare_stream(stream_request &request)
-{
-    if (kestal_parse_file_mode(request.mode, &request.flags, &request.permission) != 0)
-        return KESTAL_CTX_ERROR_NOT_SUPPORTED;
-    if (request.has_descriptor)
-        return KESTAL_CTX_ERROR_NONE;
-    if (request.source == nullptr)
-        return KESTAL_CTX_ERROR_NOT_SUPPORTED;
-    request.uri.reset(kestal_open_uri(request.source));
-    return request.uri.get() == nullptr ? KESTAL_CTX_ERROR_NO_MEMORY : KESTAL_CTX_ERROR_NONE;
-}
 
 const stream_kind *kind_of_source(const stream_request &request)
 {
@@ -63,9 +32,9 @@ uint32_t open_kind(kestal_ctx_t &ctx)
     if (kind == nullptr && !is_any_stream)
         return KESTAL_CTX_ERROR_NOT_SUPPORTED;
     stream_request request;
-    read_options(ctx, request);
+    kestal::read_options(ctx, request);
     if (is_any_stream || kind->scheme != nullptr)
-        if (const uint32_t error = prepare_stream(request); error != KESTAL_CTX_ERROR_NONE)
+        if (const uint32_t error = kestal::prepare_stream(request); error != KESTAL_CTX_ERROR_NONE)
             return error;
     if (is_any_stream)
         kind = kind_of_source(request);
@@ -92,13 +61,6 @@ Operation find_operation(const kestal_ctx_t &ctx, member<Operation> wanted)
 {
     const stream_kind *kind = find_kind(ctx.m_kind);
     return kind == nullptr ? nullptr : kind->*wanted;
-}
-
-template <typename Result>
-Result refuse(kestal_ctx_t &ctx, Result failure)
-{
-    ctx.m_last_error = KESTAL_CTX_ERROR_NOT_SUPPORTED;
-    return failure;
 }
 
 int32_t close_ctx(kestal_ctx_t *ctx)
@@ -164,29 +126,6 @@ int32_t sync(kestal_ctx_t *ctx)
     return operation == nullptr ? refuse(*ctx, -1) : operation(*ctx);
 }
 
-void *get_env(kestal_ctx_t *ctx, uint64_t, uint64_t, uint64_t *size)
-{
-    if (size != nullptr)
-        *size = 0;
-    return refuse(*ctx, static_cast<void *>(nullptr));
-}
-
-int32_t set_env(kestal_ctx_t *ctx, uint64_t, uint64_t, uint64_t, uint64_t)
-{
-    return refuse(*ctx, -1);
-}
-
-uint32_t get_last_error(kestal_ctx_t *ctx)
-{
-    return ctx->m_last_error;
-}
-
-int32_t set_last_error(kestal_ctx_t *ctx, uint32_t code)
-{
-    ctx->m_last_error = code;
-    return 0;
-}
-
 int main_entry(int, char **)
 {
     return 1;
@@ -207,25 +146,14 @@ constexpr kestal_ctx0_v1_interface_t interface_table = {.m_base = {.m_version = 
                                                                    .m_write = write,
                                                                    .m_seek = seek,
                                                                    .m_sync = sync,
-                                                                   .m_get_env = get_env,
-                                                                   .m_set_env = set_env,
-                                                                   .m_get_last_error = get_last_error,
-                                                                   .m_set_last_error = set_last_error,
+                                                                   .m_get_env = kestal::refuse_get_env,
+                                                                   .m_set_env = kestal::refuse_set_env,
+                                                                   .m_get_last_error = kestal::get_last_error,
+                                                                   .m_set_last_error = kestal::set_last_error,
                                                                    .m_main = main_entry},
                                                         .m_reserved = {}};
 
-// --- the plugin libraries that come with this one
-
-struct preloaded_plugin {
-    const char *path;
-    const char *initialize_name;
-    const char *uninitialize_name;
-    uint32_t id;
-};
-
-constinit kestal_short_lock_t preload_lock = 0;
-constinit uint32_t initialize_count = 0;
-constinit preloaded_plugin preloaded[] = {{"kestal_plugin_curl.so", nullptr, nullptr, KESTAL_INVALID_ID}};
+constinit kestal::preloaded_plugins preloaded;
 
 constexpr kestal::builtin_plugin_node own_node = {.next = nullptr,
                                                   .name = nullptr,
@@ -245,23 +173,12 @@ int32_t kestal_plugin_initialize_builtin_plugin(const char **mime_type_hint,
         *mime_type_hint = mime_type_hint_list;
     *interface = &interface_table.m_base;
     *interface_size = sizeof(interface_table);
-
-    const short_lock_guard guard(preload_lock);
-    ++initialize_count;
-    // A library that is not there is left out: streams over it are simply not supported.
-    for (preloaded_plugin &plugin : preloaded)
-        if (plugin.id == KESTAL_INVALID_ID)
-            plugin.id = kestal_load_plugin(plugin.path, plugin.initialize_name, plugin.uninitialize_name);
+    preloaded.load();
     return 0;
 }
 
 int32_t kestal_plugin_uninitialize_builtin_plugin(void)
 {
-    const short_lock_guard guard(preload_lock);
-    if (initialize_count == 0 || --initialize_count > 0)
-        return 0;
-    for (preloaded_plugin &plugin : preloaded)
-        if (plugin.id != KESTAL_INVALID_ID)
-            plugin.id = kestal_unload_plugin(plugin.id);
+    preloaded.unload();
     return 0;
 }

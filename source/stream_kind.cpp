@@ -2,6 +2,7 @@
 
 #include "deadline.hpp"
 
+#include <kestal_ulx/file.h>
 #include <kestal_ulx/text.h>
 
 #include <algorithm>
@@ -13,8 +14,8 @@ namespace kestal {
 
 namespace {
 
-constexpr const stream_kind *kinds[] = {&base_kind, &multicall_kind, &file_kind, &pipe_kind,
-                                        &tcp_kind,  &udp_kind,       &tftp_kind, &fb_kind};
+constexpr const stream_kind *kinds[] = {&base_kind, &multicall_kind, &file_kind, &pipe_kind, &tcp_kind,
+                                        &udp_kind,  &tftp_kind,      &ftp_kind,  &fb_kind};
 
 uint32_t open_without_state(kestal_ctx_t &, stream_request &)
 {
@@ -58,6 +59,33 @@ const stream_kind *find_kind_of_scheme(const char *scheme)
     return find_kind_if([=](const stream_kind &kind) {
         return kind.scheme != nullptr && kestal_compare_ignore_case(kind.scheme, scheme) == 0;
     });
+}
+
+void read_options(const kestal_ctx_t &ctx, stream_request &request)
+{
+    if (const kestal_ctx_option_t *source = find_last_option(ctx, "src", "source"))
+        request.source = static_cast<const char *>(source->m_value);
+    if (const kestal_ctx_option_t *mode = find_last_option(ctx, "mode", "mode"))
+        request.mode = static_cast<const char *>(mode->m_value);
+    const kestal_ctx_option_t *descriptor = find_last_option(ctx, "fd", "fd");
+    request.has_descriptor = descriptor != nullptr;
+    const int64_t number = get_option_number(descriptor, -1, -1);
+    request.descriptor = number < 0 || number > INT32_MAX ? -1 : static_cast<int32_t>(number);
+    request.is_debugging = get_option_number(find_last_option(ctx, "debug", "verbose"), 0, 1) != 0;
+    const kestal_ctx_option_t *offset = find_last_option(ctx, "offset", "offset");
+    request.offset = std::max<int64_t>(get_option_number(offset, offset == nullptr ? 0 : -1, -1), -1);
+}
+
+uint32_t prepare_stream(stream_request &request)
+{
+    if (kestal_parse_file_mode(request.mode, &request.flags, &request.permission) != 0)
+        return KESTAL_CTX_ERROR_NOT_SUPPORTED;
+    if (request.has_descriptor)
+        return KESTAL_CTX_ERROR_NONE;
+    if (request.source == nullptr)
+        return KESTAL_CTX_ERROR_NOT_SUPPORTED;
+    request.uri.reset(kestal_open_uri(request.source));
+    return request.uri.get() == nullptr ? KESTAL_CTX_ERROR_NO_MEMORY : KESTAL_CTX_ERROR_NONE;
 }
 
 const kestal_ctx_option_t *find_last_option(const kestal_ctx_t &ctx, const char *name, const char *other_name)

@@ -1,6 +1,6 @@
 // The kinds of context that the built-in plugin serves: what each kind is asked for, and where a new one is entered.
 // A kind is one constant of type stream_kind, defined in the source file of its family (stream_file.cpp: files and
-// pipes; stream_socket.cpp: TCP and UDP; stream_tftp.cpp) and listed in stream_kind.cpp; the plugin itself only passes calls on.
+// pipes; stream_socket.cpp: TCP and UDP; stream_tftp.cpp; stream_ftp.cpp) and listed in stream_kind.cpp; the plugin itself only passes calls on.
 #pragma once
 
 #include <kestal_ulx/assertion.h>
@@ -45,6 +45,7 @@ struct stream_request {
     bool has_descriptor = false;
     int32_t descriptor = -1; // the caller's, never closed by the context; -1 is a bad one
     bool is_debugging = false;
+    int64_t offset = 0; // where to begin, for transports that cannot seek; -1 is a bad one
 };
 
 // One kind. An operation that it does not have is null: the answer is then last error 3, or "ready" to a wait. Opening
@@ -74,12 +75,19 @@ extern const stream_kind pipe_kind;
 extern const stream_kind tcp_kind;
 extern const stream_kind udp_kind;
 extern const stream_kind tftp_kind;
+extern const stream_kind ftp_kind;
 extern const stream_kind fb_kind;
 
 // The kind of that code, type or scheme, or null.
 const stream_kind *find_kind(int32_t code);
 const stream_kind *find_kind_of_type(const char *mime_type);
 const stream_kind *find_kind_of_scheme(const char *scheme);
+
+// What the context's options ask for, so far as it holds for any kind.
+void read_options(const kestal_ctx_t &ctx, stream_request &request);
+
+// Completes the request for a stream: mode and, when no descriptor was given, the source's parts. The last error.
+uint32_t prepare_stream(stream_request &request);
 
 // The last option of either name, whatever the case, or null.
 const kestal_ctx_option_t *find_last_option(const kestal_ctx_t &ctx, const char *name, const char *other_name);

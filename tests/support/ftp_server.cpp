@@ -190,6 +190,8 @@ bool ftp_server::respond(session &at, const std::string &line)
     if (told == answers_.end())
         told = answers_.find(verb);
     const std::string answer = told == answers_.end() ? "" : told->second, content = content_;
+    const auto told_end = answers_.find("end");
+    const std::string end = told_end == answers_.end() ? "" : told_end->second;
     const size_t cut_after = cut_after_;
     const bool is_told = told != answers_.end();
     lock.unlock();
@@ -224,7 +226,7 @@ bool ftp_server::respond(session &at, const std::string &line)
             return false;
         }
         close(data);
-        return send_all(at.control, is_sent ? "226 done\r\n" : "426 lost\r\n");
+        return send_all(at.control, !end.empty() ? end : is_sent ? "226 done\r\n" : "426 lost\r\n");
     }
     if (verb == "STOR" || verb == "APPE") {
         const int data = at.open_data();

@@ -19,7 +19,7 @@ public:
                     const std::string &user = "") const;
 
     // The answer to a command, named with its argument or without ("" is the greeting): sent as it stands. "hang up"
-    // ends the connection.
+    // ends the connection. "end" is the reply that closes a transfer.
     void answer(const std::string &command, const std::string &text);
     // What every file and list holds. Both connections are reset once so much of it was sent.
     void serve(const std::string &content, size_t cut_after = SIZE_MAX);

@@ -9,7 +9,12 @@
 #include <kestal_ulx/time_stamp.h>
 
 #include <algorithm>
+#if __has_include(<execinfo.h>)
 #include <execinfo.h>
+#define KESTAL_HAS_BACKTRACE 1
+#else
+#define KESTAL_HAS_BACKTRACE 0
+#endif
 #include <stdlib.h>
 #include <string.h>
 #include <string_view>
@@ -172,14 +177,18 @@ const char *kestal_roll_string(void)
 
 void kestal_dump_backtrace(int32_t flags, uint32_t priority)
 {
+    const int log_priority = priority == UINT32_MAX ? LOG_DEBUG : static_cast<int>(priority);
+#if KESTAL_HAS_BACKTRACE
     void *addresses[most_frames];
     const int count = backtrace(addresses, most_frames);
     char **symbols = backtrace_symbols(addresses, count);
-    const int log_priority = priority == UINT32_MAX ? LOG_DEBUG : static_cast<int>(priority);
 
     put_backtrace_line(flags, log_priority, "backtrace() returned %d addresses", count);
     for (int i = 0; i < count; ++i)
         put_backtrace_line(flags, log_priority, "%02d - %p - %s", i + 1, addresses[i],
                            symbols == nullptr ? "<unknown symbol>" : symbols[i]);
     free(symbols);
+#else
+    put_backtrace_line(flags, log_priority, "backtrace() is not known to this C library");
+#endif
 }

@@ -113,6 +113,17 @@ void log_line(const char *text, size_t length, const char *name, uint64_t line)
     free(copy);
 }
 
+// strerror_r returns the text in some C libraries, and in others whether it is in the buffer.
+[[maybe_unused]] const char *text_of_error(const char *text, const char *)
+{
+    return text;
+}
+
+[[maybe_unused]] const char *text_of_error(int, const char *buffer)
+{
+    return buffer;
+}
+
 } // namespace
 
 int32_t kestal_puts(const char *text)
@@ -222,7 +233,7 @@ void kestal_perror_tag(const char *message, const char *name, uint64_t line)
 {
     const int number = errno;
     char buffer[128] = "";
-    const char *text = strerror_r(number, buffer, sizeof buffer);
+    const char *text = text_of_error(strerror_r(number, buffer, sizeof buffer), buffer);
     if (text[0] == '\0') {
         kestal_snprintf(buffer, sizeof buffer, "Unknown error %d", number);
         text = buffer;

@@ -57,8 +57,7 @@ constexpr known_protocol known_protocols[] = {{"ip", IPPROTO_IP},     {"icmp", I
                                               {"tcp", IPPROTO_TCP},   {"udp", IPPROTO_UDP},
                                               {"ipv6", IPPROTO_IPV6}, {"ipv6-icmp", IPPROTO_ICMPV6}};
 
-constexpr size_t database_line_size = 2048;
-constinit kestal_short_lock_t service_lock = 0;
+constinit kestal_short_lock_t database_lock = 0;
 
 // Texts that the databases keep for the next caller, kept for this thread.
 class kept_name {
@@ -298,11 +297,11 @@ int32_t kestal_get_protocol_by_name(const char *name)
 {
     if (name == nullptr)
         return -1;
-    protoent entry;
-    protoent *found = nullptr;
-    char line[database_line_size];
-    if (getprotobyname_r(name, &entry, line, sizeof line, &found) == 0 && found != nullptr)
-        return found->p_proto;
+    {
+        const short_lock_guard guard(database_lock);
+        if (const protoent *found = getprotobyname(name))
+            return found->p_proto;
+    }
     for (const known_protocol &known : known_protocols)
         if (strcmp(known.name, name) == 0)
             return known.number;
@@ -311,11 +310,11 @@ int32_t kestal_get_protocol_by_name(const char *name)
 
 const char *kestal_get_name_by_protocol(int32_t number)
 {
-    protoent entry;
-    protoent *found = nullptr;
-    char line[database_line_size];
-    if (getprotobynumber_r(number, &entry, line, sizeof line, &found) == 0 && found != nullptr)
-        return protocol_name.keep(found->p_name);
+    {
+        const short_lock_guard guard(database_lock);
+        if (const protoent *found = getprotobynumber(number))
+            return protocol_name.keep(found->p_name);
+    }
     for (const known_protocol &known : known_protocols)
         if (known.number == number)
             return known.name;
@@ -326,7 +325,7 @@ int32_t kestal_get_service_by_name(const char *name, const char *protocol)
 {
     if (name == nullptr)
         return -1;
-    const short_lock_guard guard(service_lock);
+    const short_lock_guard guard(database_lock);
     const servent *found = getservbyname(name, or_tcp(protocol));
     return found == nullptr ? 0 : kestal_be16_order(static_cast<uint16_t>(found->s_port));
 }
@@ -335,7 +334,7 @@ const char *kestal_get_name_by_service(int32_t port, const char *protocol)
 {
     if (port < 0 || port > UINT16_MAX)
         return nullptr;
-    const short_lock_guard guard(service_lock);
+    const short_lock_guard guard(database_lock);
     const servent *found = getservbyport(kestal_be16_order(static_cast<uint16_t>(port)), or_tcp(protocol));
     return found == nullptr ? nullptr : service_name.keep(found->s_name);
 }

@@ -43,7 +43,7 @@ KESTAL_API const char *kestal_roll_string(void);
 
 /**
  * Writes up to 16 return addresses with their symbols to the destinations in `flags` (KESTAL_BACKTRACE_...), the
- * system log with `priority` (all ones: LOG_DEBUG).
+ * system log with `priority` (all ones: LOG_DEBUG). Over a C library without backtraces (musl) one line says so.
  */
 KESTAL_API void kestal_dump_backtrace(int32_t flags, uint32_t priority);
 

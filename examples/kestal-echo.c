@@ -59,17 +59,19 @@ static int is_passing(int error)
 /* Puts what the peer sent into the input buffer. 0; -1 when the connection is lost. */
 static int receive(connection_t *connection)
 {
+    kestal_event_t *event = &connection->event;
     char chunk[CHUNK];
-    const int32_t received = kestal_sys_recv(connection->event.m_descriptor, chunk, sizeof chunk, IO_FLAGS);
+    const int32_t received = kestal_sys_recv(event->m_descriptor, chunk, sizeof chunk, IO_FLAGS);
     if (received < 0)
         return is_passing(errno) ? 0 : -1;
-    if (received == 0) {
-        connection->has_ended = 1;
-        return 0;
+    if (received > 0) {
+        const uint64_t size = (uint64_t)received;
+        return kestal_event_push_buffer(event, KESTAL_EVENT_BUFFER_INPUT, chunk, size) == received ? 0 : -1;
     }
-    const int32_t queued =
-        kestal_event_push_buffer(&connection->event, KESTAL_EVENT_BUFFER_INPUT, chunk, (uint64_t)received);
-    return queued == received ? 0 : -1;
+    connection->has_ended = 1;
+    /* The end would be reported again and again: nobody waits for it while the buffer holds something. */
+    kestal_event_set_buffer_watermark(event, KESTAL_EVENT_BUFFER_INPUT, 0, 1);
+    return 0;
 }
 
 /* Moves bytes on to the output buffer while it has room. 0; -1 without memory. */
@@ -112,7 +114,7 @@ static int serve(connection_t *connection, uint32_t what)
     if (pass_on(event) != 0 || give_back(event) != 0 || pass_on(event) != 0)
         return -1;
     if (connection->has_ended && kestal_event_get_buffer_size(event, KESTAL_EVENT_BUFFER_INPUT) == 0) {
-        /* Without the input buffer nobody waits for reading: the end would be reported again and again. */
+        /* Nor without it. */
         kestal_event_disable_buffer(event, KESTAL_EVENT_BUFFER_INPUT);
         if (kestal_event_get_buffer_size(event, KESTAL_EVENT_BUFFER_OUTPUT) == 0)
             return -1;

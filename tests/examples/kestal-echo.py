@@ -12,6 +12,7 @@ import socket
 import subprocess
 import sys
 import threading
+import time
 
 CONNECTIONS = 1200
 
@@ -19,6 +20,11 @@ CONNECTIONS = 1200
 def memory_of(process):
     """Resident kilobytes."""
     return int(re.search(r"VmRSS:\s+(\d+)", open(f"/proc/{process.pid}/status").read()).group(1))
+
+
+def time_of(process):
+    """Seconds of the processor."""
+    return sum(map(int, open(f"/proc/{process.pid}/stat").read().split()[13:15])) / os.sysconf("SC_CLK_TCK")
 
 
 def start(*options):
@@ -35,8 +41,13 @@ def receive_all(peer, size):
     return bytes(data)
 
 
-def connect(port):
-    return socket.create_connection(("127.0.0.1", port), timeout=30)
+def connect(port, receives=None):
+    peer = socket.socket()
+    peer.settimeout(30)
+    if receives:
+        peer.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receives)
+    peer.connect(("127.0.0.1", port))
+    return peer
 
 
 def many_at_once(port):
@@ -63,9 +74,17 @@ def a_large_amount(port):
         sender.join()
 
 
+def under_way(port):
+    """Bytes that the kernel holds on their way from this port to the server."""
+    rows = [line.split() for line in open("/proc/net/tcp")][1:]
+    sent = [row[4][:8] for row in rows if row[1].endswith(f":{port:04X}")]
+    received = [row[4][9:] for row in rows if row[2].endswith(f":{port:04X}")]
+    return sum(int(queued, 16) for queued in sent + received)
+
+
 def one_that_does_not_read(process, port):
     before = memory_of(process)
-    with connect(port) as peer:
+    with connect(port, 65536) as peer:
         peer.setblocking(False)
         writable = select.poll()  # takes descriptors above 1023
         writable.register(peer, select.POLLOUT)
@@ -75,6 +94,14 @@ def one_that_does_not_read(process, port):
         assert sent < 100000000, "nothing held the sender back"
         if not os.environ.get("SANITIZED"):  # a sanitizer keeps what is freed
             assert memory_of(process) - before < 2048, "the server grew"
+        taken = sent - under_way(peer.getsockname()[1])
+    with connect(port, 65536) as peer:
+        peer.sendall(bytes(taken - 40000))  # the end comes while both of the server's buffers hold something
+        peer.shutdown(socket.SHUT_WR)
+        time.sleep(0.1)
+        used = time_of(process)
+        time.sleep(0.3)
+        assert time_of(process) - used < 0.1, "the server does not wait"
 
 
 def datagrams(port):

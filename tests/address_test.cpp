@@ -279,20 +279,18 @@ TEST_F(addresses, compares_and_masks)
 
 TEST_F(addresses, sums_as_the_internet_does)
 {
-    const uint8_t example[] = {0x00, 0x01, 0xF2, 0x03, 0xF4, 0xF5, 0xF6, 0xF7}; // RFC 1071, 3
-    EXPECT_EQ(kestal_rfc1071_checksum(example, sizeof example), kestal_be16_order(0x220D));
-    EXPECT_EQ(kestal_rfc1071_checksum(nullptr, 4), 0xFFFF);
     std::mt19937 random(1071);
-    for (const size_t size :
-         {2u, 6u, 8u, 20u, 1500u, 70000u}) { // with its own sum among it, anything sums up to nothing
-        std::vector<uint8_t> data(size + 3);
-        std::generate(data.begin(), data.end(), [&] { return random() % 4 == 0 ? 0xFF : random() & 0xFF; });
-        const uint16_t sum = kestal_rfc1071_checksum(data.data(), size);
-        memcpy(&data[size], &sum, sizeof sum);
-        EXPECT_EQ(kestal_rfc1071_checksum(data.data(), size + 2), 0) << size;
-        data[size + 2] = 7; // the odd byte adds as it is
-        EXPECT_EQ(kestal_rfc1071_checksum(data.data(), size + 3), 0xFFFF - 7) << size;
+    std::vector<uint8_t> data(70000);
+    std::generate(data.begin(), data.end(), [&] { return random() % 4 == 0 ? 0xFF : random() & 0xFF; });
+    for (const size_t size : {0u, 1u, 2u, 3u, 7u, 8u, 9u, 20u, 1500u, 69999u, 70000u}) {
+        uint64_t sum = size % 2 != 0 ? data[size - 1] : 0; // an odd byte adds as it is
+        for (size_t i = 0; i + 1 < size; i += 2)
+            sum += kestal_be16_order(static_cast<uint16_t>(data[i] << 8 | data[i + 1]));
+        while (sum >> 16 != 0)
+            sum = (sum >> 16) + (sum & 0xFFFF);
+        EXPECT_EQ(kestal_rfc1071_checksum(data.data(), size), sum ^ 0xFFFF) << size;
     }
+    EXPECT_EQ(kestal_rfc1071_checksum(nullptr, 4), 0xFFFF);
 }
 
 } // namespace

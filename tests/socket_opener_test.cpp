@@ -68,9 +68,15 @@ TEST_F(socket_opener, listens_and_connects)
         kestal_close_socket(connecting);
         kestal_close_socket(listening);
     }
-    // A local port that is taken.
-    const owned_socket listening(kestal_open_listen_socket("127.0.0.1", 0));
-    const int32_t to = listening.port();
+    // A port on which a connection still lingers can be listened on again; one that is taken cannot.
+    int32_t to = 0;
+    {
+        const owned_socket before(kestal_open_listen_socket("127.0.0.1", 0));
+        to = before.port();
+        const owned_socket peer(kestal_open_connect_socket("127.0.0.1", to, timeout_ms));
+        next_peer(before, timeout_ms);
+    }
+    const owned_socket listening(kestal_open_listen_socket("127.0.0.1", to));
     const owned_socket local(kestal_open_connect_socket("127.0.0.1", to, timeout_ms));
     EXPECT_EQ(kestal_open_connect_socket_ex(0, "127.0.0.1", local.port(), "127.0.0.1", to, timeout_ms), -1);
     EXPECT_EQ(errno, EADDRINUSE);
@@ -119,6 +125,9 @@ TEST_F(socket_opener, sends_datagrams)
                   3);
         EXPECT_EQ(kestal_recv(sock, text, sizeof text, timeout_ms), 3) << address;
     }
+    const owned_socket any(kestal_open_udp_socket(nullptr, -1));
+    EXPECT_EQ(kestal_send_udp_packet("127.255.255.255", any.port(), "to all", 6, 1000), 6);
+    EXPECT_EQ(kestal_recv(any, text, sizeof text, timeout_ms), 6);
     kestal_test::with_hosts("127.0.0.1 many\n127.0.0.2 many\n127.0.0.3 many\n", [&](const auto &) {
         // A name to listen on gives one of its addresses; a datagram goes to all of them.
         const owned_socket named(kestal_open_listen_socket("many", 0));

@@ -141,6 +141,8 @@ TEST_F(stream_socket, joins_a_silent_group_again)
         EXPECT_EQ(kestal_ctx_is_readable(id_, 0), 0);
         errors.wait_for("need multicast stream ! (mime_type=\"\033[1;37mapplication/ulx_stream\033[0m\", "
                         "url=\"\033[1;32mudp://239.1.2.3:5000\033[0m\")\n");
+        EXPECT_EQ(kestal_ctx_is_readable(id_, 0), 0); // joined just now
+        errors.wait_for("wait udp", 2);
         send("again");
         EXPECT_EQ(kestal_ctx_is_readable(id_, 10000), 1);
         EXPECT_EQ(read(), "again");

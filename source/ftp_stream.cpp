@@ -19,7 +19,7 @@ using kestal::fail_with;
 using kestal::owned_descriptor;
 using kestal::socket_address;
 
-constexpr int32_t protocol_v4 = 1, protocol_v6 = 2; // RFC 2428
+constexpr int32_t protocol_v6 = 2; // RFC 2428
 constexpr int32_t accept_step_ms = 100;
 constexpr int32_t abort_grace_ms = 1000; // for the second reply to an abort
 

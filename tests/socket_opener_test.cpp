@@ -129,6 +129,8 @@ TEST_F(socket_opener, sends_datagrams)
     EXPECT_EQ(kestal_send_udp_packet("127.255.255.255", any.port(), "to all", 6, 1000), 6);
     EXPECT_EQ(kestal_recv(any, text, sizeof text, timeout_ms), 6);
     kestal_test::with_hosts("127.0.0.1 many\n127.0.0.2 many\n127.0.0.3 many\n", [&](const auto &) {
+        EXPECT_EQ(kestal_open_listen_socket("none", 0), -1);
+        EXPECT_EQ(errno, EHOSTUNREACH);
         // A name to listen on gives one of its addresses; a datagram goes to all of them.
         const owned_socket named(kestal_open_listen_socket("many", 0));
         std::deque<owned_socket> socks;

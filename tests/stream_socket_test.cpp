@@ -126,6 +126,7 @@ TEST_F(stream_socket, joins_a_silent_group_again)
         };
         link();
         ASSERT_EQ(open("udp://239.1.2.3:5000", "60000"), 105);
+        kestal_test::advance_clock(30000); // data ends a silence
         send("first");
         EXPECT_EQ(kestal_ctx_is_readable(id_, 10000), 1);
         EXPECT_EQ(read(), "first");

@@ -57,7 +57,7 @@ KESTAL_API char *kestal_get_hostname_alloc_tag(const char *name, uint64_t line);
 
 /* --- the system's calls as they are */
 
-/** socket(2), of whose type the low 16 bits count. A descriptor, or -1. */
+/** socket(2), of whose type the low 16 bits count: SOCK_CLOEXEC is dropped. A descriptor, or -1. */
 KESTAL_API int32_t kestal_open_socket(int32_t domain, int32_t type, int32_t protocol);
 
 /** getsockname(2). */

@@ -5,10 +5,11 @@
  * beside them the counted start-up of the network, which keeps the process-wide resolver cache alive.
  *
  * `family` is an AF_ value; 0 takes any. A host is a name, an address string (<kestal_ulx/address.h>) or a unix path that
- * begins with "/", "./", "../" or "~/" (the port is then not looked at); null or empty means any local address. Ports
- * are in host order. The descriptor belongs to the caller; -1 is a failure with the cause of the last attempt in errno.
- * Any thread may call anything. Host names are looked up through the process-wide resolver cache for at most 60 seconds,
- * those to listen on at once.
+ * begins with "/", "./", "../" or "~/" (the port is then not looked at); null or empty means any local address, of
+ * AF_UNIX a name that the system makes up. Ports are in host order. The descriptor belongs to the caller, and programs
+ * that the process starts inherit it; -1 is a failure with the cause of the last attempt in errno. Any thread may call
+ * anything. Host names are looked up through the process-wide resolver cache for at most 60 seconds, those to listen on
+ * at once.
  */
 #ifndef KESTAL_ULX_SOCKET_OPENER_H
 #define KESTAL_ULX_SOCKET_OPENER_H

@@ -149,8 +149,6 @@ int32_t kestal_cgi_digest_check(kestal_cgi_t *cgi)
 
 int32_t kestal_cgi_unauthorization(kestal_cgi_t *cgi)
 {
-    if (cgi == nullptr)
-        return -1;
     const char *realm = realm_of(*cgi);
     const time_t minute = time(nullptr) / 60 * 60;
     tm utc{};

@@ -12,7 +12,6 @@
 
 namespace {
 
-using kestal::owned_block;
 using kestal::owned_descriptor;
 using std::string_view;
 

@@ -9,24 +9,22 @@ class argument : public kestal_test::counted {};
 
 TEST_F(argument, are_found_by_number_and_name)
 {
-    const std::vector<const char *> given = {"program", "-x", nullptr, "behind"};
-    const std::vector<const char *> variables = {"A=1", "AB=x=y", "EMPTY=", "odd", "A=2", "a=3", nullptr};
-    kestal_argument_t *opened =
-        kestal_open_argument(4, const_cast<char *const *>(given.data()), const_cast<char *const *>(variables.data()));
+    const char *given[] = {"program", "-x", nullptr, "behind"};
+    const char *variables[] = {"A=1", "AB=x=y", "EMPTY=", "odd", "A=2", "a=3", nullptr};
+    auto *opened = kestal_open_argument(4, const_cast<char **>(given), const_cast<char **>(variables));
     EXPECT_EQ(kestal_count_argument(opened), 2u);
     EXPECT_STREQ(kestal_get_argument(opened, 1), "-x");
     EXPECT_EQ(kestal_get_argument(opened, 2), nullptr);
-    for (const auto &[name, value] : {std::pair("A", "1"),
-                                      {"AB", "x=y"},
-                                      {"EMPTY", ""},
-                                      {"a", "3"},
-                                      {"AB=x", nullptr},
-                                      {"odd", nullptr},
-                                      {"", nullptr},
-                                      {nullptr, nullptr},
-                                      {"HOME", nullptr}})
+    for (const auto &[name, value] : {std::pair("A", "1"), {"AB", "x=y"}, {"EMPTY", ""}, {"a", "3"}})
         EXPECT_STREQ(kestal_search_argument_variable(opened, name), value);
+    for (const char *name : {"AB=x", "odd", "", "HOME", static_cast<const char *>(nullptr)})
+        EXPECT_EQ(kestal_search_argument_variable(opened, name), nullptr);
     EXPECT_EQ(kestal_close_argument(opened), nullptr);
+    EXPECT_EQ(kestal_close_argument(nullptr), nullptr);
+    EXPECT_EQ(kestal_count_argument(nullptr), 0u);
+    EXPECT_EQ(kestal_search_argument_variable(nullptr, "HOME"), nullptr);
+    const kestal_test::failing_allocation failing(1);
+    EXPECT_EQ(kestal_open_argument(0, nullptr, nullptr), nullptr);
 }
 
 TEST_F(argument, without_an_environment_that_of_the_process)
@@ -38,11 +36,6 @@ TEST_F(argument, without_an_environment_that_of_the_process)
     EXPECT_STREQ(kestal_search_argument_variable(opened, "KESTAL_TEST"), "late");
     unsetenv("KESTAL_TEST");
     kestal_close_argument(opened);
-    EXPECT_EQ(kestal_close_argument(nullptr), nullptr);
-    EXPECT_EQ(kestal_count_argument(nullptr), 0u);
-    EXPECT_EQ(kestal_search_argument_variable(nullptr, "HOME"), nullptr);
-    const kestal_test::failing_allocation failing(1);
-    EXPECT_EQ(kestal_open_argument(0, nullptr, nullptr), nullptr);
 }
 
 } // namespace

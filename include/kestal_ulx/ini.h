@@ -8,8 +8,8 @@
  *     [section]
  *     quoted = " a \"b\" ; c " # in double quotes "\" takes the next byte as it is; in single quotes nothing is special
  *
- * The object owns all its texts, which stay until it is closed, and overwrites them with zeros then: such files hold
- * passwords. It has no lock: one thread at a time.
+ * The object owns all its texts, which stay until it is closed; names and values are overwritten with zeros then, since
+ * such files hold passwords. It has no lock: one thread at a time.
  */
 #ifndef KESTAL_ULX_INI_H
 #define KESTAL_ULX_INI_H

@@ -16,6 +16,15 @@ void require(bool holds)
         abort();
 }
 
+// What a map notes for its next update lies in the map.
+void require_noted_inside(const kestal_fbmap_t *map)
+{
+    const kestal_rectangle_t &update = map->m_update;
+    require(update.m_width == 0 || (update.m_x >= 0 && update.m_y >= 0 &&
+                                    static_cast<uint32_t>(update.m_x) + update.m_width <= map->m_bitmap.m_width &&
+                                    static_cast<uint32_t>(update.m_y) + update.m_height <= map->m_bitmap.m_height));
+}
+
 // The bytes, taken as numbers; zeros when there are no more.
 class input {
 public:
@@ -100,10 +109,7 @@ void draw_text(input from)
     const std::string text = from.rest().substr(0, 64);
     const int32_t count = kestal_fbmap_draw_puts(map, text.c_str());
     require(count >= 0 && static_cast<size_t>(count) <= strlen(text.c_str()));
-    const kestal_rectangle_t &update = map->m_update;
-    require(update.m_width == 0 || (update.m_x >= 0 && update.m_y >= 0 &&
-                                    static_cast<uint32_t>(update.m_x) + update.m_width <= map->m_bitmap.m_width &&
-                                    static_cast<uint32_t>(update.m_y) + update.m_height <= map->m_bitmap.m_height));
+    require_noted_inside(map);
     kestal_free_fbmap(map);
 }
 
@@ -218,6 +224,8 @@ void operate_on_maps(input from)
         default:
             set(map, from);
         }
+        require_noted_inside(map);
+        require_noted_inside(root);
     }
     kestal_free_fbmap(root);
 }

@@ -24,7 +24,7 @@ KESTAL_BEGIN_DECLS
 #define KESTAL_FBMAP_INITIALIZED 0x00000080u       /**< made and not yet destroyed */
 #define KESTAL_FBMAP_HIDDEN 0x00000100u            /**< (create) not shown; its children are shown all the same */
 #define KESTAL_FBMAP_AT_END 0x00000200u            /**< (create) behind all its siblings, not in front of them */
-#define KESTAL_FBMAP_AS_SIBLING 0x00000400u        /**< (create) next to the given parent, not its child */
+#define KESTAL_FBMAP_AS_SIBLING 0x00000400u        /**< (create) in front of the given parent, with AT_END behind it */
 #define KESTAL_FBMAP_BRUSH_FCOLOR 0x00001000u      /**< text: draw the glyphs */
 #define KESTAL_FBMAP_BRUSH_BCOLOR 0x00002000u      /**< text: fill each character's cell first */
 #define KESTAL_FBMAP_BRUSH_OCOLOR 0x00004000u      /**< text: outline the glyphs; cells grow by 2 pixels */

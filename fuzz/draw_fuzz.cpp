@@ -135,58 +135,36 @@ void copy_bitmaps(input from)
 void draw(kestal_fbmap_t *map, input &from)
 {
     const auto color = from.take<uint32_t>();
-    const kestal_rectangle_t box = from.rectangle();
+    const auto [x, y, width, height] = from.rectangle();
     switch (from.take<uint8_t>() % 8u) {
     case 0:
-        kestal_fbmap_draw_box(map, color, box.m_x, box.m_y, box.m_width, box.m_height, color & 1u);
-        return;
+        return (void)kestal_fbmap_draw_box(map, color, x, y, width, height, color & 1u);
     case 1:
-        kestal_fbmap_draw_line(map, color, box.m_x, box.m_y, from.coordinate(), from.coordinate());
-        return;
+        return (void)kestal_fbmap_draw_line(map, color, x, y, from.coordinate(), from.coordinate());
     case 2:
-        kestal_fbmap_draw_circle(map, color, box.m_x, box.m_y, box.m_width, color & 1u);
-        return;
+        return (void)kestal_fbmap_draw_circle(map, color, x, y, width, color & 1u);
     case 3:
-        kestal_fbmap_draw_fill(map, color, box.m_x, box.m_y);
-        return;
+        return (void)kestal_fbmap_draw_fill(map, color, x, y);
     case 4:
-        kestal_fbmap_draw_ruler(map, color, box.m_x, box.m_y, box.m_width, box.m_height, from.length(), from.length());
-        return;
+        return (void)kestal_fbmap_draw_ruler(map, color, x, y, width, height, from.length(), from.length());
     case 5:
-        kestal_fbmap_draw_color_bar(map, color & 1u, color, box.m_x, box.m_y, box.m_width, box.m_height);
-        return;
+        return (void)kestal_fbmap_draw_color_bar(map, color & 1u, color, x, y, width, height);
     case 6:
-        kestal_fbmap_draw_vline(map, color, box.m_x, box.m_y, box.m_height);
-        kestal_fbmap_draw_hline(map, color, box.m_x, box.m_y, box.m_width);
-        return;
+        kestal_fbmap_draw_vline(map, color, x, y, height);
+        return (void)kestal_fbmap_draw_hline(map, color, x, y, width);
     default:
+        const kestal_rectangle_t box = {x, y, width, height};
         kestal_fbmap_set_box(map, &map->m_bitmap, static_cast<int8_t>(color), static_cast<int8_t>(color >> 8), &box);
     }
 }
 
 void set(kestal_fbmap_t *map, input &from)
 {
+    constexpr decltype(&kestal_fbmap_use_ccolor) settings[] = {
+        kestal_fbmap_use_ccolor,       kestal_fbmap_set_ccolor,      kestal_fbmap_use_alpha_window,
+        kestal_fbmap_set_alpha_window, kestal_fbmap_use_alpha_pixel, kestal_fbmap_use_alpha_transfer};
     const auto which = from.take<uint8_t>();
-    const uint32_t on = which & 1u;
-    switch (which / 2 % 6u) {
-    case 0:
-        kestal_fbmap_use_ccolor(map, on);
-        return;
-    case 1:
-        kestal_fbmap_set_ccolor(map, from.take<uint32_t>());
-        return;
-    case 2:
-        kestal_fbmap_use_alpha_window(map, on);
-        return;
-    case 3:
-        kestal_fbmap_set_alpha_window(map, from.length());
-        return;
-    case 4:
-        kestal_fbmap_use_alpha_pixel(map, on);
-        return;
-    default:
-        kestal_fbmap_use_alpha_transfer(map, on);
-    }
+    settings[which / 2 % std::size(settings)](map, (which & 1u) != 0 ? from.take<uint32_t>() : 0);
 }
 
 void operate_on_maps(input from)

@@ -1,6 +1,7 @@
 #include <kestal_ulx/ftpd.h>
 
 #include <kestal_ulx/address.h>
+#include <kestal_ulx/format.h>
 #include <kestal_ulx/memory.h>
 #include <kestal_ulx/short_lock.h>
 #include <kestal_ulx/socket.h>
@@ -45,18 +46,17 @@ constexpr uint64_t stack_size = 512 << 10;
 
 // --- the server
 
+// Without a text any address. On an IPv6 socket an IPv4 address is one mapped to IPv6.
 bool parse_address(const char *text, int32_t family, uint32_t port, socket_address &address)
 {
-    address = {};
     if (text == nullptr)
         text = family == AF_INET6 ? "::" : "0.0.0.0";
-    if (kestal_inet_ptos(family, text, port, &address, sizeof address) == 0)
-        return kestal_sockaddr_set_port(&address, port) == 0;
-    char mapped[KESTAL_ADDRESS_TEXT_SIZE] = "::ffff:";
-    if (family != AF_INET6 || strlen(text) >= sizeof mapped - strlen(mapped))
-        return false;
-    strcat(mapped, text);
-    return kestal_inet_ptos(family, mapped, port, &address, sizeof address) == 0 &&
+    char mapped[KESTAL_ADDRESS_TEXT_SIZE];
+    if (family == AF_INET6 && kestal_inet_pton(AF_INET, text, nullptr) == 0) {
+        kestal_snprintf(mapped, sizeof mapped, "::ffff:%s", text);
+        text = mapped;
+    }
+    return kestal_inet_ptos(family, text, port, &address, sizeof address) == 0 &&
            kestal_sockaddr_set_port(&address, port) == 0;
 }
 

@@ -1,0 +1,836 @@
+#include "descriptors.hpp"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <poll.h>
+#include <pwd.h>
+#include <shadow.h>
+#include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// The system's users, as the test has them.
+namespace {
+
+struct system_user {
+    const char *name, *password, *shadow;
+};
+
+constexpr const char *sha512 = "$6$sixteencharssalt$Xo2D38FKfhmTKG3N54zuUPlkFlrWB7/"
+                               "uzpqrh7nFKz13pmOoJ3D8Wq7OSlX0zNT3gDDoY1c9XvDZiu8SHrFVe1";
+constexpr uid_t system_uid = 4711;
+constexpr system_user system_users[] = {
+    {"old", "x", "abNANd1rDfiNc"},
+    {"md5", "x", "$1$saltsalt$9xy1btjgzLYfb7hivXtC//"},
+    {"short", "x", "$1$short$LxXJAIhwSz0xP5VN1cQt7/"},
+    {"sha", "*", sha512},
+    {"open", "", ""},
+    {"shadow-open", "x", ""},
+    {"locked", "x", "!"},
+    {"starred", "x", "*"},
+    {"shadowless", "x", nullptr},
+    {"plain", "secret", nullptr},
+    {"empty-hash", "x", "a"},
+};
+std::string system_home;
+
+const system_user *find_system_user(const char *name)
+{
+    for (const system_user &each : system_users)
+        if (strcmp(each.name, name) == 0)
+            return &each;
+    return nullptr;
+}
+
+} // namespace
+
+extern "C" {
+int __wrap_getpwnam_r(const char *name, passwd *entry, char *, size_t, passwd **result)
+{
+    const system_user *found = find_system_user(name);
+    *result = found == nullptr ? nullptr : entry;
+    *entry = {};
+    entry->pw_name = const_cast<char *>(name);
+    entry->pw_passwd = const_cast<char *>(found == nullptr ? nullptr : found->password);
+    entry->pw_uid = system_uid;
+    entry->pw_gid = system_uid;
+    entry->pw_dir = system_home.data();
+    return 0;
+}
+
+int __wrap_getspnam_r(const char *name, spwd *entry, char *, size_t, spwd **result)
+{
+    const system_user *found = find_system_user(name);
+    *entry = {};
+    entry->sp_pwdp = const_cast<char *>(found == nullptr ? nullptr : found->shadow);
+    *result = entry->sp_pwdp == nullptr ? nullptr : entry;
+    return 0;
+}
+}
+
+namespace {
+
+using kestal_test::port_of;
+
+int connect_to(const char *host, uint32_t port, const char *from = nullptr)
+{
+    sockaddr_storage address = {};
+    sockaddr_storage own = {};
+    const int32_t family = strchr(host, ':') != nullptr ? AF_INET6 : AF_INET;
+    EXPECT_EQ(kestal_inet_ptos(family, host, port, &address, sizeof address), 0);
+    const int32_t sock = kestal_open_socket(family, SOCK_STREAM, IPPROTO_TCP);
+    const timeval limit = {30, 0};
+    setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    if (from != nullptr && kestal_inet_ptos(family, from, 0, &own, sizeof own) == 0)
+        kestal_bind(sock, &own, kestal_sockaddr_size(&own));
+    EXPECT_EQ(kestal_connect(sock, &address, kestal_sockaddr_size(&address), -1), 0) << strerror(errno);
+    return sock;
+}
+
+// All that comes, to the end of the connection, which is closed.
+std::string read_all(int sock)
+{
+    std::string data;
+    char piece[65536];
+    for (ssize_t count; (count = recv(sock, piece, sizeof piece, 0)) > 0;)
+        data.append(piece, static_cast<size_t>(count));
+    close(sock);
+    return data;
+}
+
+class client {
+public:
+    explicit client(uint32_t port, const char *host = "127.0.0.1") : host_(host), sock_(connect_to(host, port)) {}
+    ~client() { hang_up(); }
+
+    void hang_up()
+    {
+        if (sock_ >= 0)
+            close(sock_);
+        sock_ = -1;
+    }
+
+    void send(const std::string &bytes) const { ::send(sock_, bytes.data(), bytes.size(), MSG_NOSIGNAL); }
+
+    // One reply with all its lines, the last without its end; empty when the connection has ended.
+    std::string reply()
+    {
+        for (size_t begin = 0;;) {
+            const size_t end = received_.find("\r\n", begin);
+            if (end == std::string::npos) {
+                char piece[4096];
+                const ssize_t count = recv(sock_, piece, sizeof piece, 0);
+                if (count <= 0)
+                    return "";
+                received_.append(piece, static_cast<size_t>(count));
+                continue;
+            }
+            const size_t code = std::min(received_.find_first_not_of("\xFF\xF4\xF2", begin), end);
+            if (end > code + 3 && received_[code] <= '9' && received_[code + 3] == ' ') {
+                std::string whole = received_.substr(0, end);
+                received_.erase(0, end + 2);
+                return whole;
+            }
+            begin = end + 2;
+        }
+    }
+
+    // So many replies, each with a "|" behind it.
+    std::string replies(int count)
+    {
+        std::string all;
+        for (int i = 0; i < count; ++i)
+            all += reply() + "|";
+        return all;
+    }
+
+    // A command with two replies.
+    std::string ask_twice(const std::string &command)
+    {
+        send(command + "\r\n");
+        return replies(2);
+    }
+
+    std::string ask(const std::string &command)
+    {
+        send(command + "\r\n");
+        return reply();
+    }
+
+    void log_in()
+    {
+        EXPECT_EQ(reply(), "220 KESTAL FTP Server");
+        EXPECT_EQ(ask("USER joe"), "331 Password required for joe");
+        EXPECT_EQ(ask("PASS secret"), "230 Login successful.");
+    }
+
+    // A data connection by EPSV; -1 when the server has none to offer.
+    int passive()
+    {
+        unsigned port = 0;
+        if (sscanf(ask("EPSV").c_str(), "229 Entering Extended Passive Mode (|||%u|).", &port) != 1)
+            return -1;
+        return connect_to(host_, port);
+    }
+
+    // What a command such as LIST or RETR gives; the reply that ends it in `end`.
+    std::string fetch(const std::string &command, std::string *end = nullptr)
+    {
+        const int data = passive();
+        const std::string begin = ask(command);
+        std::string content;
+        if (begin.starts_with("150 "))
+            content = read_all(data);
+        else if (data >= 0)
+            close(data);
+        const std::string last = begin.starts_with("150 ") ? reply() : begin;
+        if (end != nullptr)
+            *end = last;
+        else
+            EXPECT_EQ(last, "226 Transfer complete") << command;
+        return content;
+    }
+
+    // The reply to a command such as STOR given this content.
+    std::string store(const std::string &command, const std::string &content)
+    {
+        const int data = passive();
+        const std::string begin = ask(command);
+        ::send(data, content.data(), content.size(), MSG_NOSIGNAL);
+        close(data);
+        return begin == "150 Opening data connection" ? reply() : begin;
+    }
+
+private:
+    const char *host_;
+    int sock_;
+    std::string received_;
+};
+
+// A server with joe, whose password is secret, served on a thread of the test's.
+class ftpd : public kestal_test::descriptors_counted {
+protected:
+    void SetUp() override
+    {
+        descriptors_counted::SetUp();
+        mkdir(path("").c_str(), 0755);
+        chmod(files_.path("").c_str(), 0755);
+        start();
+        EXPECT_EQ(kestal_ftpd_add_user(server_, nullptr, "joe", "secret", path("").c_str()), 0);
+    }
+    void TearDown() override
+    {
+        stop();
+        descriptors_counted::TearDown();
+    }
+
+    void start(const char *address = "127.0.0.1")
+    {
+        server_ = kestal_open_ftpd(address, 0);
+        ASSERT_NE(server_, nullptr);
+        acceptor_ = std::thread([this] {
+            while (kestal_ftpd_do(server_, -1) == 0 || errno != ECANCELED) {
+            }
+        });
+    }
+    void stop()
+    {
+        kestal_ftpd_stop(server_, 0);
+        acceptor_.join();
+        EXPECT_EQ(kestal_close_ftpd(server_), 0);
+    }
+
+    uint32_t port() const { return kestal_ftpd_get_port(server_); }
+    std::string path(const std::string &name) const { return files_.path("home/" + name); }
+    void file(const std::string &name, const std::string &content) const { files_.file("home/" + name, content); }
+    std::string content(const std::string &name) const
+    {
+        std::ostringstream all;
+        all << std::ifstream(path(name)).rdbuf();
+        return all.str();
+    }
+    void wait_for_sessions(uint32_t count) const
+    {
+        kestal_test::wait_until([&] { return kestal_ftpd_get_session_count(server_) == count; });
+    }
+
+    kestal_test::temporary_directory files_;
+    kestal_ftpd_t *server_ = nullptr;
+    std::thread acceptor_;
+};
+
+struct exchange {
+    const char *command, *reply;
+};
+
+void converse(client &peer, std::initializer_list<exchange> exchanges)
+{
+    for (const auto &[command, reply] : exchanges)
+        EXPECT_EQ(peer.ask(command), reply) << command;
+}
+
+TEST_F(ftpd, answers_every_command_with_its_text)
+{
+    file("file", "content");
+    file("doomed", "");
+    timespec times[2] = {{951782400, 0}, {951782400, 0}};
+    utimensat(AT_FDCWD, path("file").c_str(), times, 0);
+    mkfifo(path("pipe").c_str(), 0666);
+
+    client peer(port());
+    EXPECT_EQ(peer.reply(), "220 KESTAL FTP Server");
+    for (const char *word : {"SYST", "TYPE I", "PWD", "NOOP", "HELP", "RETR file", "PASV", "RNTO x", "OPTS UTF8 ON"})
+        EXPECT_EQ(peer.ask(word), "530 Please login with USER and PASS !") << word;
+    converse(peer, {{"user joe", "500 user not understood"},
+                    {"FEAT", "500 FEAT not understood"},
+                    {"", "500  not understood"},
+                    {"PASS secret", "530 Please login with USER !"},
+                    {"USER nobody", "331 Password required for nobody"},
+                    {"PASS secret", "530 Login incorrect !"},
+                    {"USER joe", "331 Password required for joe"},
+                    {"PASS wrong", "530 Login incorrect !"},
+                    {"USER joe", "331 Password required for joe"},
+                    {"PASS secret", "230 Login successful."}});
+    converse(peer, {{"SYST", "215 UNIX Type: L8"},
+                    {"TYPE a", "200 Type set to A"},
+                    {"SIZE file", "504 SIZE not implemented for type"},
+                    {"TYPE I", "200 Type set to I"},
+                    {"TYPE L", "200 Type set to L (byte size 8)"},
+                    {"TYPE L 8", "200 Type set to L 8"},
+                    {"TYPE L 7", "504 Byte size must be 8 !"},
+                    {"TYPE E", "501 Type unknown !"},
+                    {"TYPE", "500 TYPE not understood !"},
+                    {"TYPE A N", "500 TYPE not understood !"},
+                    {"TYPE Image", "500 TYPE not understood !"},
+                    {"MODE S", "502 MODE command not implemented !"},
+                    {"STRU F", "502 STRU command not implemented !"},
+                    {"ACCT x", "502 ACCT command not implemented !"},
+                    {"SITE x", "502 SITE command not implemented !"},
+                    {"ABOR", "426 Transfer aborted. Data connection closed."},
+                    {"NOOP", "200 NOOP command successful"},
+                    {"OPTS UTF8 ON", "200 OK, UTF-8 enabled"},
+                    {"OPTS UTF-8 enable", "200 OK, UTF-8 enabled"},
+                    {"OPTS UTF8 OFF", "504 UIF-8 disabled"},
+                    {"OPTS UTF8", "504 UIF-8 disabled"},
+                    {"OPTS LANG en", "200 OK"},
+                    {"OPTS MLST x", "501 OPTS: MLST x not understood"},
+                    {"REST 10", "320 Restart position ready"},
+                    {"REST -1", "501 Illegal REST command"},
+                    {"REST 99999999999999999999", "501 Illegal REST command"},
+                    {"EPRT |3|x|1|", "502 EPRT command not implemented !"},
+                    {"EPSV 2", "502 EPSV command not implemented !"},
+                    {"LIST", "451 Socket error !"}});
+    converse(peer, {{"PWD", "257 \"/\" is current directory."},
+                    {"CDUP", "250 CWD command successful"},
+                    {"MKD folder", "250 MKD command successful"},
+                    {"XMKD folder", "550 Can not make directory !"},
+                    {"MKD a \"b\" c", "250 MKD command successful"},
+                    {"CWD a \"b\" c", "250 CWD command successful"},
+                    {"XPWD", "257 \"/a \"\"b\"\" c\" is current directory."},
+                    {"CWD ../../..", "250 CWD command successful"},
+                    {"PWD", "257 \"/\" is current directory."},
+                    {"CWD nowhere/else", "550 /nowhere/else: No such file or directory"},
+                    {"CWD file", "550 Can not change directory !"},
+                    {"XCWD folder", "250 CWD command successful"},
+                    {"RMD .", "550 Can not remove current directory !"},
+                    {"DELE /folder", "550 Can not delete current directory !"},
+                    {"RMD /", "550 Can not remove home directory !"},
+                    {"DELE ..", "550 Can not delete home directory !"},
+                    {"XCUP", "250 CWD command successful"},
+                    {"RMD file", "550 Can not remove directory !"},
+                    {"DELE folder", "550 Can not delete file !"},
+                    {"DELE doomed", "250 DELE command successful"},
+                    {"RMD folder", "250 RMD command successful"},
+                    {"XRMD a \"b\" c", "250 RMD command successful"},
+                    {"SIZE file", "213 7"},
+                    {"SIZE gone", "550 Unknown size !"},
+                    {"SIZE /", "550 /: not a regular file."},
+                    {"MDTM file", "213 20000229000000"},
+                    {"MDTM gone", "550 Unknown size !"},
+                    {"MDTM pipe", "550 /pipe: not a plain file."},
+                    {"RNFR gone", "550 /gone: No such file or directory."},
+                    {"RNFR /", "550 RNFR error !"},
+                    {"RNTO new", "550 RNTO error !"},
+                    {"RNFR file", "350 RNFR successful"},
+                    {"RNTO no/where", "550 /no/where: Rename error."},
+                    {"RNFR file", "350 RNFR successful"},
+                    {"RNTO new\tname", "250 Rename successful"},
+                    {"SIZE new\tname", "213 7"},
+                    {"CWD new\tname/x\ny", "550 Can not change directory !"},
+                    {"RNFR x\ny", "550 /x?y: No such file or directory."},
+                    {"RETR gone", "550 Can not open file !"},
+                    {"RETR pipe", "550 Stream error !"},
+                    {"STOR pipe", "550 Stream error !"},
+                    {"RETR /", "550 Stream error !"},
+                    {"STOR no/where", "550 Can not open file !"}});
+    EXPECT_EQ(peer.ask("HELP"), "214-The following commands are recognized (* =>'s unimplemented):\r\n"
+                                " CWD     XCWD    CDUP    XCUP    SMNT*   QUIT    PORT    PASV\r\n"
+                                " EPRT*   EPSV*   ALLO*   RNFR    RNTO    DELE    MDTM    RMD\r\n"
+                                " XRMD    MKD     XMKD    PWD     XPWD    SIZE    SYST    HELP\r\n"
+                                " NOOP    FEAT*   OPTS    AUTH*   CCC*    CONF*   ENC*    MIC*\r\n"
+                                " PBSZ*   PROT*   TYPE    STRU*   MODE*   RETR    STOR    STOU*\r\n"
+                                " APPE    REST    ABOR    USER    PASS    ACCT*   REIN*   LIST\r\n"
+                                " NLST    STAT*   SITE*   MLSD*   MLST*\r\n"
+                                "214 Direct comments to KESTAL Co.,LTD.");
+    EXPECT_EQ(peer.ask("USER joe"), "331 Password required for joe");
+    EXPECT_EQ(peer.ask("PWD"), "530 Please login with USER and PASS !") << "a new login begins with nobody";
+    EXPECT_EQ(peer.ask("PASS secret"), "530 Please login with USER !") << "only directly after USER";
+    EXPECT_EQ(peer.ask("QUIT"), "221 Good-bye");
+    EXPECT_EQ(peer.reply(), "") << "the end";
+}
+
+TEST_F(ftpd, carries_values_over_to_the_next_command_only)
+{
+    file("file", "0123456789");
+    client peer(port());
+    peer.log_in();
+    converse(peer, {{"RNFR file", "350 RNFR successful"},
+                    {"no such", "500 no not understood"},
+                    {"RNTO x", "550 RNTO error !"},
+                    {"RNFR file", "350 RNFR successful"},
+                    {"RNFR gone", "550 /gone: No such file or directory."},
+                    {"RNTO x", "550 RNTO error !"},
+                    {"RNFR file", "350 RNFR successful"},
+                    {"RNFR file", "350 RNFR successful"},
+                    {"RNTO file", "250 Rename successful"}});
+    const auto fetch_after = [&](std::initializer_list<const char *> commands) {
+        const int data = peer.passive();
+        for (const char *command : commands)
+            peer.ask(command);
+        peer.ask("RETR file");
+        const std::string content = read_all(data);
+        EXPECT_EQ(peer.reply(), "226 Transfer complete");
+        return content;
+    };
+    EXPECT_EQ(fetch_after({"REST 4"}), "456789");
+    EXPECT_EQ(fetch_after({"REST 10"}), "");
+    EXPECT_EQ(fetch_after({"REST 4", "NOOP"}), "0123456789");
+    EXPECT_EQ(peer.store("STOR file", "new content"), "226 Transfer complete");
+    EXPECT_EQ(content("file"), "new content");
+    const int data = peer.passive();
+    converse(peer, {{"REST 3", "320 Restart position ready"}, {"STOR file", "150 Opening data connection"}});
+    send(data, "est", 3, 0);
+    close(data);
+    EXPECT_EQ(peer.reply(), "226 Transfer complete");
+    EXPECT_EQ(content("file"), "newest") << "what stands before the offset stays, what comes ends the file";
+    converse(peer, {{"REST 7", "320 Restart position ready"}, {"RETR file", "550 Can not seek file !"}});
+    EXPECT_EQ(peer.store("APPE file", "+"), "226 Transfer complete");
+    EXPECT_EQ(peer.store("APPE fresh", "1"), "226 Transfer complete");
+    EXPECT_EQ(content("file") + content("fresh"), "newest+1");
+    peer.ask("EPSV");
+    EXPECT_EQ(peer.ask("STOR file"), "150 Opening data connection");
+    EXPECT_EQ(content("file"), "newest+") << "while the client does not come, the old content stays";
+}
+
+TEST_F(ftpd, reads_lines_however_they_arrive)
+{
+    client peer(port());
+    EXPECT_EQ(peer.reply(), "220 KESTAL FTP Server");
+    for (const char byte : std::string("USER joe\r\nPASS secret\r\n"))
+        peer.send(std::string(1, byte));
+    EXPECT_EQ(peer.replies(2), "331 Password required for joe|230 Login successful.|");
+    peer.send("NOOP\r\nSYST\r\nPWD\r\nNO");
+    EXPECT_EQ(peer.replies(3), "200 NOOP command successful|215 UNIX Type: L8|257 \"/\" is current directory.|");
+    peer.send("OP\r");
+    peer.send("\nNOOP more\r\n \tNOOP\r\n");
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(peer.reply(), "200 NOOP command successful");
+
+    std::string most = "MKD " + std::string(505, '/');
+    EXPECT_EQ(peer.ask(most), "550 Can not make directory !") << "511 bytes with the end are a line";
+    for (const size_t size : {size_t{512}, size_t{513}, size_t{100000}}) {
+        most = "SYST " + std::string(size - 5, 'x');
+        EXPECT_EQ(peer.ask(most), "500 SYST not understood") << size;
+        EXPECT_EQ(peer.ask("NOOP"), "200 NOOP command successful");
+    }
+    peer.send(std::string("DELE a\0b\r\nNOOP\r\n", 16));
+    EXPECT_EQ(peer.replies(2), "500 DELE not understood|200 NOOP command successful|");
+
+    peer.send("\xFF\xF4\xFF\xF2"
+              "ABOR\r\n");
+    EXPECT_EQ(peer.reply(), "\xFF\xF4\xFF\xF2"
+                            "426 Transfer aborted. Data connection closed.");
+    peer.send("DELE half a line");
+    peer.hang_up();
+    wait_for_sessions(0);
+}
+
+TEST_F(ftpd, lists_folders_patterns_and_files)
+{
+    mkdir(path("folder").c_str(), 0750);
+    file("folder/one.txt", "1");
+    file("folder/two.txt", "22");
+    file("folder/.hidden.txt", "");
+    file("folder/\xEA\xB0\x80 b", "");
+    file("folder/line\nend", "");
+    EXPECT_EQ(symlink("folder/one.txt", path("link").c_str()), 0);
+    timespec times[2] = {{951782400, 0}, {951782400, 0}};
+    utimensat(AT_FDCWD, path("folder/two.txt").c_str(), times, 0);
+    chmod(path("folder/two.txt").c_str(), 04640);
+
+    client peer(port());
+    peer.log_in();
+    const auto sorted = [](const std::string &text) {
+        std::istringstream lines(text);
+        std::vector<std::string> all;
+        for (std::string line; std::getline(lines, line);)
+            all.push_back(line.substr(0, line.size() - 1));
+        std::sort(all.begin(), all.end());
+        return all;
+    };
+    using lines = std::vector<std::string>;
+    EXPECT_EQ(sorted(peer.fetch("NLST")), (lines{"folder", "link"}));
+    EXPECT_EQ(sorted(peer.fetch("NLST -la folder")), (lines{"folder/.hidden.txt", "folder/line?end", "folder/one.txt",
+                                                            "folder/two.txt", "folder/\xEA\xB0\x80 b"}));
+    EXPECT_EQ(sorted(peer.fetch("NLST folder/*.t?t")), (lines{"folder/one.txt", "folder/two.txt"}));
+    EXPECT_EQ(peer.fetch("NLST folder/one.txt"), "folder/one.txt\r\n");
+    EXPECT_EQ(peer.ask("LIST folder/none"), "550 /folder/none: No such file or directory");
+
+    struct stat status;
+    stat(path("folder/two.txt").c_str(), &status);
+    const passwd *owner = getpwuid(status.st_uid);
+    const std::string name = owner != nullptr ? owner->pw_name : std::to_string(status.st_uid);
+    const std::string line = peer.fetch("LIST -l folder/two.txt");
+    EXPECT_TRUE(line.starts_with("-rwSr-----   1 " + name)) << line;
+    EXPECT_TRUE(line.ends_with("        2 Feb 29  2000 two.txt\r\n")) << line;
+    char now[16];
+    const time_t clock = time(nullptr);
+    strftime(now, sizeof now, " %b ", gmtime(&clock));
+    const lines all = sorted(peer.fetch("LIST"));
+    EXPECT_EQ(all.size(), 2u);
+    EXPECT_TRUE(all[0].starts_with("drwxr-x---   2 ") && all[0].ends_with(" folder")) << all[0];
+    EXPECT_TRUE(all[1].starts_with("lrwxrwxrwx   1 ") && all[1].ends_with(" link -> folder/one.txt")) << all[1];
+    EXPECT_NE(all[1].find(now), std::string::npos) << all[1];
+
+    for (int i = 0; i < 300; ++i)
+        file("folder/" + std::string(100, 'n') + std::to_string(i), "");
+    EXPECT_EQ(sorted(peer.fetch("LIST folder")).size(), 305u);
+}
+
+TEST_F(ftpd, keeps_every_command_beneath_the_home)
+{
+    mkdir(files_.path("outside").c_str(), 0777);
+    files_.file("outside/secret", "secret");
+    EXPECT_EQ(symlink("../outside", path("out").c_str()), 0);
+    EXPECT_EQ(symlink(files_.path("outside/secret").c_str(), path("absolute").c_str()), 0);
+    file("file", "own");
+    client peer(port());
+    peer.log_in();
+    for (const char *place :
+         {"out/secret", "absolute", "../outside/secret", "/../../outside/secret", "./out/../out/secret"}) {
+        const std::string name = place;
+        for (const char *word : {"CWD ", "RETR ", "STOR ", "APPE ", "SIZE ", "MDTM ", "MKD ", "RMD "})
+            EXPECT_EQ(peer.ask(word + name).substr(0, 3), "550") << word << place;
+        if (name != "absolute") {
+            for (const char *word : {"DELE ", "RNFR ", "LIST ", "NLST "})
+                EXPECT_EQ(peer.ask(word + name).substr(0, 3), "550") << word << place;
+            converse(peer, {{"RNFR file", "350 RNFR successful"}});
+            EXPECT_TRUE(peer.ask("RNTO " + name).ends_with(": Rename error.")) << place;
+        }
+    }
+    EXPECT_EQ(peer.ask("LIST out/sec*").substr(0, 3), "550");
+    EXPECT_EQ(peer.fetch("NLST absolute"), "absolute\r\n") << "the link itself is there";
+    converse(peer, {{"RNFR absolute", "350 RNFR successful"}, {"RNTO a", "250 Rename successful"}});
+    converse(peer, {{"DELE a", "250 DELE command successful"}, {"DELE out", "250 DELE command successful"}});
+    EXPECT_EQ(std::ifstream(files_.path("outside/secret")).get(), 's');
+}
+
+TEST_F(ftpd, makes_data_connections_to_the_client_only)
+{
+    file("file", "content");
+    client peer(port());
+    peer.log_in();
+    sockaddr_in own = {};
+    const int32_t listener = kestal_open_socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    EXPECT_EQ(kestal_inet_ptos(AF_INET, "127.0.0.1", 0, &own, sizeof own), 0);
+    EXPECT_EQ(kestal_bind(listener, &own, sizeof own) + kestal_listen(listener, 5), 0);
+    const uint32_t at = port_of(listener);
+    const std::string tail = "," + std::to_string(at >> 8) + "," + std::to_string(at & 255);
+    for (const std::string &target :
+         {"127,0,0,2" + tail, "10,0,0,1" + tail, std::string("127,0,0,1,0,0"), "127,0,0,1" + tail + ",1",
+          std::string("127,0,0,1,256,1"), std::string("127,0,0,1,1"), std::string(), "127,0,0,,1" + tail})
+        EXPECT_EQ(peer.ask("PORT " + target), "501 Illegal PORT command") << target;
+    EXPECT_EQ(peer.ask("EPRT |1|127.0.0.2|" + std::to_string(at) + "|"), "501 Illegal PORT command");
+    EXPECT_EQ(peer.ask("EPRT |2|::1|" + std::to_string(at) + "|"), "501 Illegal PORT command");
+    for (const char *target : {"", "|1|127.0.0.1|", "|1|127.0.0.1|70000|", "|1|127.0.0.1|21", "1127.0.0.121", "|1||21|",
+                               "|1|127.0.0.1|21|x"})
+        EXPECT_EQ(peer.ask(std::string("EPRT ") + target), "502 EPRT command not implemented !") << target;
+    EXPECT_EQ(peer.ask("RETR file"), "451 Socket error !");
+
+    const std::string good[] = {"PORT 127,0,0,1" + tail, "EPRT |1|127.0.0.1|" + std::to_string(at) + "|"};
+    for (const std::string &command : good) {
+        EXPECT_EQ(peer.ask(command), "200 " + command.substr(0, 4) + " command successful");
+        EXPECT_EQ(peer.ask("RETR file"), "150 Opening data connection");
+        EXPECT_EQ(read_all(kestal_accept(listener, nullptr, nullptr, 30000)), "content");
+        EXPECT_EQ(peer.reply(), "226 Transfer complete");
+    }
+    peer.ask(good[0]);
+    close(listener);
+    EXPECT_EQ(peer.ask_twice("RETR file"), "150 Opening data connection|451 Connect error !|");
+
+    unsigned numbers[6] = {};
+    EXPECT_EQ(sscanf(peer.ask("PASV").c_str(), "227 Entering passive mode (%u,%u,%u,%u,%u,%u).", &numbers[0],
+                     &numbers[1], &numbers[2], &numbers[3], &numbers[4], &numbers[5]),
+              6);
+    EXPECT_EQ(numbers[0] << 24 | numbers[1] << 16 | numbers[2] << 8 | numbers[3], 0x7F000001u);
+    const int stranger = connect_to("127.0.0.1", numbers[4] << 8 | numbers[5], "127.0.0.9");
+    EXPECT_EQ(peer.ask("RETR file"), "150 Opening data connection");
+    EXPECT_EQ(read_all(stranger), "") << "another machine's connection is not served";
+    EXPECT_EQ(read_all(connect_to("127.0.0.1", numbers[4] << 8 | numbers[5])), "content");
+    EXPECT_EQ(peer.reply(), "226 Transfer complete");
+}
+
+TEST_F(ftpd, gives_up_on_clients_that_stall)
+{
+    EXPECT_EQ(truncate((file("large", ""), path("large")).c_str(), 100000000), 0);
+    EXPECT_EQ(kestal_ftpd_set_timeouts(server_, 60000, 60000, 20), 0);
+    client peer(port());
+    peer.log_in();
+    int data = peer.passive();
+    close(data); // waits in the queue, and has ended
+    EXPECT_EQ(peer.ask_twice("STOR short"), "150 Opening data connection|226 Transfer complete|");
+    peer.ask("EPSV");
+    EXPECT_EQ(peer.ask_twice("RETR large"), "150 Opening data connection|451 Accept error !|");
+    data = peer.passive();
+    EXPECT_EQ(peer.ask_twice("RETR large"), "150 Opening data connection|550 Data send error !|");
+    close(data);
+    data = peer.passive();
+    EXPECT_EQ(peer.ask_twice("STOR short"), "150 Opening data connection|550 Data read error !|");
+    close(data);
+    EXPECT_EQ(peer.ask("NOOP"), "200 NOOP command successful");
+
+    EXPECT_EQ(kestal_ftpd_set_timeouts(server_, 20, 60000, 60000), 0);
+    client silent(port());
+    EXPECT_EQ(silent.replies(2), "220 KESTAL FTP Server||");
+}
+
+TEST_F(ftpd, ends_transfers_on_abor_hang_up_and_stop)
+{
+    EXPECT_EQ(truncate((file("large", ""), path("large")).c_str(), 100000000), 0);
+    client peer(port());
+    peer.log_in();
+    char first = 1;
+    const auto begin_transfer = [&] {
+        const int data = peer.passive();
+        EXPECT_EQ(peer.ask("RETR large"), "150 Opening data connection");
+        EXPECT_EQ(recv(data, &first, 1, 0), 1);
+        return data;
+    };
+    int data = begin_transfer();
+    peer.send("\xFF\xF4\xFF\xF2"
+              "ABOR\r\nNOOP\r\n");
+    EXPECT_EQ(peer.replies(3), "550 Data send error !|\xFF\xF4\xFF\xF2"
+                               "426 Transfer aborted. Data connection closed.|200 NOOP command successful|");
+    close(data);
+    data = begin_transfer();
+    const linger reset = {1, 0};
+    setsockopt(data, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+    close(data);
+    EXPECT_EQ(peer.reply(), "550 Data send error !");
+
+    client other(port());
+    other.log_in();
+    data = begin_transfer();
+    const int upload = other.passive();
+    EXPECT_EQ(other.ask("STOR upload"), "150 Opening data connection");
+    EXPECT_EQ(send(upload, "x", 1, 0), 1);
+    kestal_test::wait_until([&] { return content("upload") == "x"; });
+    EXPECT_EQ(kestal_ftpd_get_session_count(server_), 2u);
+    EXPECT_EQ(kestal_ftpd_stop(server_, 0), -1) << "two are left";
+    EXPECT_EQ(peer.replies(2), "550 Data send error !||");
+    EXPECT_EQ(other.replies(2), "550 Data read error !||");
+    peer.hang_up();
+    other.hang_up();
+    EXPECT_EQ(kestal_ftpd_stop(server_, 30000), 0);
+    close(data);
+    close(upload);
+    EXPECT_EQ(kestal_ftpd_do(server_, -1), -1);
+    EXPECT_EQ(kestal_ftpd_serve(server_, -1), -1);
+}
+
+TEST_F(ftpd, serves_many_sessions_over_both_families)
+{
+    if (kestal_check_ipv6_support() != 0)
+        GTEST_SKIP() << "no IPv6 here";
+    stop();
+    start(nullptr);
+    EXPECT_EQ(kestal_ftpd_add_user(server_, nullptr, "joe", "secret", path("").c_str()), 0);
+    kestal_test::on_threads(12, [&](size_t number) {
+        client peer(port(), number % 2 == 0 ? "::1" : "127.0.0.1");
+        peer.log_in();
+        if (number % 2 == 0) {
+            EXPECT_EQ(peer.ask("PASV"), "425 Can not open passive connection");
+            EXPECT_EQ(peer.ask("EPSV 1"), "502 EPSV command not implemented !");
+        }
+        const std::string name = "file" + std::to_string(number);
+        EXPECT_EQ(peer.ask("MKD own" + name), "250 MKD command successful");
+        EXPECT_EQ(peer.ask("CWD own" + name), "250 CWD command successful");
+        for (size_t size = 1; size < 2000000; size *= 11) {
+            const std::string content(size + number, static_cast<char>('a' + number));
+            EXPECT_EQ(peer.store("STOR " + name, content), "226 Transfer complete");
+            EXPECT_TRUE(peer.fetch("RETR " + name) == content) << size;
+        }
+        EXPECT_EQ(peer.ask("QUIT"), "221 Good-bye");
+    });
+    wait_for_sessions(0);
+}
+
+TEST_F(ftpd, logs_in_by_the_first_account_that_fits)
+{
+    system_home = path("system");
+    mkdir(system_home.c_str(), 0777);
+    chmod(system_home.c_str(), 0777);
+    kestal_ftpd_account_t *chain = kestal_ftpd_new_account("md5", 0);
+    chain->m_next = kestal_ftpd_new_account("sha", KESTAL_FTPD_ACCOUNT_SYSTEM);
+    EXPECT_EQ(kestal_ftpd_account_set_plain_password(chain, "plain first"), 0);
+    EXPECT_EQ(kestal_ftpd_add_account(server_, chain), 0);
+    kestal_ftpd_account_t *own = nullptr;
+    EXPECT_EQ(kestal_ftpd_add_user(nullptr, &own, "free", nullptr, nullptr), 0);
+    EXPECT_EQ(kestal_ftpd_add_account(server_, own), 0);
+    setenv("HOME", path("").c_str(), 1);
+
+    struct {
+        const char *user, *password;
+        bool enters;
+    } const cases[] = {
+        {"sha", "secret", true},
+        {"sha", "Secret", false},
+        {"sha", sha512, false},
+        {"md5", "plain first", true},
+        {"md5", "secret", false},
+        {"free", nullptr, true},
+        {"open", "", false},
+        {"old", "secret", false},
+        {"old", "secret", true},
+        {"short", "secret", true},
+        {"sha", "secret", true},
+        {"open", nullptr, true},
+        {"shadow-open", nullptr, true},
+        {"locked", "", false},
+        {"locked", "!", false},
+        {"starred", "*", false},
+        {"shadowless", "x", false},
+        {"plain", "secret", true},
+        {"plain", "", false},
+        {"empty-hash", "a", false},
+        {"unheard-of", "", false},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        if (i == 8) // from here on any user of the system
+            kestal_ftpd_add_account(server_, kestal_ftpd_new_account(nullptr, KESTAL_FTPD_ACCOUNT_SYSTEM));
+        const auto &[user, password, enters] = cases[i];
+        client peer(port());
+        peer.reply();
+        std::string last = peer.ask(std::string("USER ") + user);
+        if (password != nullptr) {
+            EXPECT_EQ(last, std::string("331 Password required for ") + user);
+            last = peer.ask(std::string("PASS ") + password);
+        }
+        EXPECT_EQ(last, enters ? "230 Login successful." : "530 Login incorrect !") << user << " " << password;
+    }
+    client peer(port());
+    peer.reply();
+    EXPECT_EQ(peer.ask("USER open"), "230 Login successful.");
+    EXPECT_EQ(peer.store("STOR mine", ""), "226 Transfer complete");
+    struct stat status;
+    EXPECT_EQ(stat(path("system/mine").c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, geteuid() == 0 ? system_uid : geteuid()) << "files belong to the user who stored them";
+    EXPECT_EQ(peer.ask("USER free"), "230 Login successful.");
+    EXPECT_EQ(peer.ask("SIZE system/mine"), "213 0") << "home is where the process lives";
+    EXPECT_EQ(peer.store("STOR other", ""), "226 Transfer complete");
+    EXPECT_EQ(stat(path("other").c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, geteuid());
+}
+
+TEST_F(ftpd, serves_anybody_without_accounts)
+{
+    stop();
+    start();
+    file("file", "content");
+    setenv("HOME", path("").c_str(), 1);
+    client peer(port());
+    peer.reply();
+    EXPECT_EQ(peer.ask("USER anonymous"), "230 Login successful.");
+    EXPECT_EQ(peer.fetch("RETR file"), "content");
+    unsetenv("HOME");
+    setenv("HOMEDRIVE", files_.path("").c_str(), 1);
+    setenv("HOMEPATH", "home", 1);
+    EXPECT_EQ(peer.ask("USER ftp"), "230 Login successful.");
+    EXPECT_EQ(peer.ask("SIZE /file"), "213 7");
+    unsetenv("HOMEPATH");
+    EXPECT_EQ(peer.ask("USER ftp"), "230 Login successful.");
+    EXPECT_EQ(peer.ask("CWD " + files_.path("home")), "250 CWD command successful") << "the root, without any home";
+    // A session that one's own thread serves.
+    kestal_socket_pair_t ends;
+    EXPECT_EQ(kestal_socket_pair(AF_UNIX, SOCK_STREAM, 0, &ends), 0);
+    const std::string commands = "USER x\r\nEPSV\r\nPASV\r\nPORT 127,0,0,1,9,9\r\nQUIT\r\n";
+    EXPECT_EQ(send(ends.m_socket[0], commands.data(), commands.size(), 0), static_cast<ssize_t>(commands.size()));
+    shutdown(ends.m_socket[0], SHUT_WR);
+    EXPECT_EQ(kestal_ftpd_serve(server_, ends.m_socket[1]), 0);
+    EXPECT_EQ(read_all(ends.m_socket[0]),
+              "220 KESTAL FTP Server\r\n230 Login successful.\r\n500 EPSV socket create fail !\r\n"
+              "425 PASV socket create fail !\r\n501 Illegal PORT command\r\n221 Good-bye\r\n");
+}
+
+TEST_F(ftpd, survives_allocations_that_fail)
+{
+    file("file", "content");
+    const uint64_t failures = kestal_test::with_each_allocation_failing([&] {
+        kestal_ftpd_t *server = kestal_open_ftpd("127.0.0.1", 0);
+        if (server == nullptr)
+            return;
+        kestal_ftpd_add_user(server, nullptr, "joe", "secret", path("").c_str());
+        std::thread acceptor([&] {
+            while (kestal_ftpd_do(server, -1) == 0 || errno != ECANCELED) {
+            }
+        });
+        {
+            client peer(kestal_ftpd_get_port(server));
+            std::string end;
+            peer.reply();
+            peer.ask("USER joe");
+            peer.ask("PASS secret");
+            peer.ask("RNFR file");
+            peer.ask("OPTS UTF8 ON");
+            const std::string got = peer.fetch("RETR file", &end);
+            EXPECT_TRUE(got == "content" || end != "226 Transfer complete");
+            peer.fetch("LIST", &end);
+            if (const int data = peer.passive(); data >= 0) {
+                peer.ask("APPE other");
+                close(data);
+                peer.reply();
+            }
+        }
+        kestal_ftpd_stop(server, 0);
+        acceptor.join();
+        kestal_close_ftpd(server);
+    });
+    EXPECT_GT(failures, 10u);
+}
+
+TEST_F(ftpd, refuses_what_it_can_not_use)
+{
+    EXPECT_EQ(kestal_open_ftpd("not an address", 0), nullptr);
+    EXPECT_EQ(kestal_open_ftpd("127.0.0.1", static_cast<int32_t>(port())), nullptr) << "taken";
+    EXPECT_EQ(kestal_open_ftpd(nullptr, 70000), nullptr);
+    EXPECT_EQ(kestal_close_ftpd(nullptr), -1);
+    EXPECT_EQ(kestal_ftpd_do(nullptr, 0), -1);
+    EXPECT_EQ(kestal_ftpd_serve(nullptr, -1), -1);
+    EXPECT_EQ(kestal_ftpd_stop(nullptr, 0), -1);
+    EXPECT_EQ(kestal_ftpd_set_timeouts(nullptr, 0, 0, 0), -1);
+    EXPECT_EQ(kestal_ftpd_get_session_count(nullptr) + kestal_ftpd_get_port(nullptr), 0u);
+    EXPECT_EQ(kestal_ftpd_get_socket(nullptr), -1);
+    EXPECT_EQ(kestal_ftpd_add_account(server_, nullptr), -1);
+    EXPECT_EQ(kestal_ftpd_free_account(nullptr), -1);
+    EXPECT_EQ(kestal_ftpd_account_set_plain_password(nullptr, "x"), -1);
+    EXPECT_EQ(kestal_ftpd_account_set_path_home(nullptr, "x"), -1);
+    kestal_ftpd_account_t *account = nullptr;
+    EXPECT_EQ(kestal_ftpd_add_user(server_, &account, nullptr, "x", "/"), -1);
+    EXPECT_EQ(kestal_ftpd_add_user(nullptr, nullptr, "x", "x", "/"), -1);
+    EXPECT_EQ(account, nullptr);
+}
+
+} // namespace

@@ -115,7 +115,7 @@ bool parse_form(kestal_cgi_t &cgi)
     if (!text)
         return false;
     kestal_peek_buffer_ex(cgi.m_body, text.get(), size, 0, 1);
-    text[size] = '\0';
+    text[static_cast<size_t>(size)] = '\0';
     cgi.m_body_options = kestal_parse_uri_option(nullptr, text.get(), KESTAL_URI_OPTION_FORM);
     return true;
 }

@@ -122,7 +122,7 @@ public:
     }
     std::string body() const
     {
-        std::string text(kestal_get_buffer_size(opened->m_body), '\0');
+        std::string text(static_cast<size_t>(kestal_get_buffer_size(opened->m_body)), '\0');
         kestal_peek_buffer_ex(opened->m_body, text.data(), text.size(), 0, 1);
         return text;
     }

@@ -115,8 +115,7 @@ private:
     void give(rectangle_node *node, kestal_fbmap_t &map);
 
     void compose();
-    bool draw(rectangle_node &node);
-    bool blend(const rectangle_node &node);
+    void draw(const rectangle_node &node);
     bool prepare_composite();
     kestal_raw_bitmap_t composite_bitmap() const;
 
@@ -196,37 +195,32 @@ void redraw::give(rectangle_node *node, kestal_fbmap_t &map)
 // Draws from the back to the front: alone what is opaque, layer by layer in the composite buffer what is not.
 void redraw::compose()
 {
-    for (rectangle_node *node = head_, *next = nullptr; node != nullptr; node = next) {
-        next = node->next;
-        if (node->owner == nullptr || !draw(*node))
-            drop(node);
-    }
-    for (const rectangle_node *node = head_; node != nullptr; node = node->next) {
-        const kestal_rectangle_t &rectangle = node->rectangle;
-        get_box_operation.run(root_, nullptr, rectangle.m_x, rectangle.m_y, &rectangle, 0);
-    }
+    for (; head_ != nullptr; drop(head_))
+        if (head_->owner != nullptr)
+            draw(*head_);
 }
 
-// True when the rectangle is in the composite buffer and has to come from there to the root.
-bool redraw::draw(rectangle_node &node)
+void redraw::draw(const rectangle_node &node)
 {
+    const kestal_rectangle_t &rectangle = node.rectangle;
     const bool composes = (node.flags & rectangle_node::more_layers) != 0;
     if (composes && !prepare_composite()) {
         complete_ = false;
-        return false;
+        return;
     }
     const kestal_raw_bitmap_t target = composes ? composite_bitmap() : root_.m_bitmap;
     if (composes && is_composed(*node.owner) && (node.flags & rectangle_node::layer_behind) == 0)
-        kestal_copy_raw_bitmap(&target, &root_.m_bitmap, node.rectangle.m_x, node.rectangle.m_y, &node.rectangle);
+        kestal_copy_raw_bitmap(&target, &root_.m_bitmap, rectangle.m_x, rectangle.m_y, &rectangle);
 
     const absolute_region owner = absolute_region_of(*node.owner, {});
-    const kestal_rectangle_t local = area::of(node.rectangle).moved(-owner.x, -owner.y).rectangle();
-    get_box_operation.run(*node.owner, &target, node.rectangle.m_x, node.rectangle.m_y, &local, composes ? 1 : 0);
+    const kestal_rectangle_t local = area::of(rectangle).moved(-owner.x, -owner.y).rectangle();
+    get_box_operation.run(*node.owner, &target, rectangle.m_x, rectangle.m_y, &local, composes ? 1 : 0);
     if ((node.flags & rectangle_node::layer_in_front) != 0)
-        return false;
-    note_change(root_, area::of(node.rectangle));
-    node.owner = &root_;
-    return composes;
+        return;
+    // The last layer: what is composed goes to the root while it is at hand.
+    if (composes)
+        get_box_operation.run(root_, nullptr, rectangle.m_x, rectangle.m_y, &rectangle, 0);
+    note_change(root_, area::of(rectangle));
 }
 
 bool redraw::prepare_composite()

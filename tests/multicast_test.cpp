@@ -69,34 +69,31 @@ TEST_F(multicast, comes_by_the_interfaces_that_were_joined)
             const sockaddr_storage group = address_of(text);
             const bool is_v4 = group.ss_family == AF_INET;
             const owned_socket sock(kestal_open_udp_socket(any, -1));
-            const auto join = [&](size_t way, int32_t on) {
-                uint8_t raw[16];
-                EXPECT_EQ(kestal_inet_pton(0, text, raw), 0);
-                switch (way) {
-                case 0:
-                    return kestal_multicast_join(sock, &group, "va", 0, on);
-                case 1:
-                    return kestal_multicast_join(sock, &group, "", if_nametoindex("va"), on);
-                case 2:
-                    return kestal_multicast_join(sock, &group, nullptr, if_nametoindex("vb"), on);
-                case 3:
+            uint8_t raw[16];
+            EXPECT_EQ(kestal_inet_pton(0, text, raw), 0);
+            const uint32_t va = if_nametoindex("va");
+            const uint32_t vb = if_nametoindex("vb");
+            const std::function<int32_t(int32_t)> ways[] = {
+                [&](int32_t on) { return kestal_multicast_join(sock, &group, "va", 0, on); },
+                [&](int32_t on) { return kestal_multicast_join(sock, &group, "", va, on); },
+                [&](int32_t on) { return kestal_multicast_join(sock, &group, nullptr, vb, on); },
+                [&](int32_t on) {
                     return is_v4 ? kestal_inet_multicast_join(sock, raw, b4, on)
-                                 : kestal_inet6_multicast_join(sock, raw, if_nametoindex("vb"), on);
-                case 4:
-                    return kestal_multicast_join_all(sock, &group, on);
-                default:
+                                 : kestal_inet6_multicast_join(sock, raw, vb, on);
+                },
+                [&](int32_t on) { return kestal_multicast_join_all(sock, &group, on); },
+                [&](int32_t on) {
                     return is_v4 ? kestal_inet_multicast_join(sock, raw, nullptr, on)
                                  : kestal_multicast_join_all(sock, &group, on);
-                }
-            };
+                }};
             const std::string heard[] = {"0", "0", "1", "1", "01", "01"};
             for (size_t way = 0; way < std::size(heard); ++way) {
-                EXPECT_EQ(join(way, 1), 0) << text << " " << way;
-                EXPECT_EQ(join(way, 1), -1);
+                EXPECT_EQ(ways[way](1), 0) << text << " " << way;
+                EXPECT_EQ(ways[way](1), -1);
                 EXPECT_EQ(errno, EADDRINUSE);
                 EXPECT_EQ(net.exchange(sock, text, {a, b}, heard[way].back()), heard[way]) << text << " " << way;
-                EXPECT_EQ(join(way, 0), 0);
-                EXPECT_EQ(join(way, 0), -1);
+                EXPECT_EQ(ways[way](0), 0);
+                EXPECT_EQ(ways[way](0), -1);
                 char more;
                 EXPECT_EQ(kestal_recv(sock, &more, 1, 20), -2);
             }

@@ -249,14 +249,13 @@ bool kestal::parse_pasv_reply(const char *text, sockaddr_in &address)
     return address.sin_port != 0;
 }
 
-// "(|||port|)", in which protocol and address may be named, and another character may stand for "|".
+// "(|||port|)", in which protocol and address may be named, and another character but a digit may stand for "|".
 uint32_t kestal::parse_epsv_reply(const char *text)
 {
     const char *at = strchr(text, '(');
-    if (at == nullptr || at[1] == '\0')
+    if (at == nullptr || *++at == '\0' || *at == ')' || (*at >= '0' && *at <= '9'))
         return 0;
-    const char ends[] = {at[1], ')', '\0'};
-    ++at;
+    const char ends[] = {*at, ')', '\0'};
     for (int delimiters = 1; delimiters < 3 && at != nullptr; ++delimiters)
         at = strchr(at + 1, ends[0]);
     uint32_t port = 0;

@@ -14,7 +14,7 @@ set(KESTAL_FLOOR_8 color bitmap_font geometry raw_bitmap fill blend fbmap_record
     fbmap_draw fbmap_text fbmap_pattern
     ftp_engine ftp_command ftp_login ftp_stream ftp_download ftp
     http_digest cgi cgi_incoming cgi_authorization cgi_outgoing
-    http_line http_parser
+    http_line http_parser ssdp_option ssdp_key ssdp_socket ssdp_scan ssdp
     tftp
     ftpd_account ftpd_path ftpd_session ftpd_login ftpd_data ftpd_transfer ftpd_list ftpd_command ftpd)
 set(KESTAL_FLOOR_9 dynamic_library instance plugin interface stream_kind stream_file stream_socket stream_fb
@@ -27,6 +27,7 @@ set(KESTAL_COMPILED_FOR_SIZE assertion exception destroy_stack global_break diag
     event_service
     ftp_engine ftp_command ftp_login ftp_stream ftp_download ftp
     http_digest cgi cgi_incoming cgi_authorization cgi_outgoing
+    ssdp_option ssdp_key ssdp_socket ssdp_scan ssdp
     raw_bitmap fbmap_record fbmap fbmap_draw fbmap_text fbmap_pattern dynamic_library instance plugin
     interface stream_kind stream_file stream_socket stream_fb builtin_plugin simple_digest hash_file
     tftp stream_tftp stream_ftp builtin_ftp_plugin)

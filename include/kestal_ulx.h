@@ -77,6 +77,7 @@
 #include <kestal_ulx/http_digest.h>
 #include <kestal_ulx/http_line.h>
 #include <kestal_ulx/http_parser.h>
+#include <kestal_ulx/ssdp.h>
 #include <kestal_ulx/tftp.h>
 
 /* pictures */

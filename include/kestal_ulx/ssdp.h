@@ -11,7 +11,8 @@
  * The options, texts all, and what they are at first:
  *
  *  - "verbose" (0): not 0 prints what happens, errors and warnings on the error sink.
- *  - "network_interface_scan_interval" (300000): milliseconds between looks for new interfaces.
+ *  - "network_interface_scan_interval" (300000): milliseconds between looks for new interfaces; 0 and
+ *    negative: only the one at the start.
  *  - "multicast_ipv4_port" (1900), "multicast_ipv6_port" (1900): a socket for each value.
  *  - "multicast_ipv4_address" ("239.255.255.250"), "multicast_ipv6_address" ("ff02::c", "ff05::c"): the groups.
  *  - "stop_signal_event" (not set): not 0 ends the run on SIGINT, SIGQUIT and SIGTERM (SIGSEGV ends the process).

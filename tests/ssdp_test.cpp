@@ -1,0 +1,324 @@
+#include "descriptors.hpp"
+#include "namespaces.hpp"
+
+#include <csignal>
+#include <net/if.h>
+
+using kestal_test::caught_console;
+using kestal_test::in_own_network;
+using kestal_test::run;
+
+namespace {
+
+class ssdp : public kestal_test::descriptors_counted {};
+
+constexpr char search[] = "M-SEARCH * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\n\r\n";
+
+void replace(kestal_ssdp_t *ssdp, const char *name, const std::string &value)
+{
+    kestal_ssdp_set_option_string(ssdp, KESTAL_VALUE_REPLACE_BY_NAME, 1, name, value.c_str());
+}
+
+void add(kestal_ssdp_t *ssdp, const char *name, const std::string &value)
+{
+    kestal_ssdp_set_option_string(ssdp, KESTAL_VALUE_ADD_IF_ABSENT, 1, name, value.c_str());
+}
+
+// The values of an option, each with a blank behind it.
+std::string values(kestal_ssdp_t *ssdp, const char *name)
+{
+    std::string all;
+    const kestal_value_node_t *node = kestal_ssdp_get_option_node(ssdp, 1, name);
+    for (; node != nullptr; node = kestal_search_value_node_by_name(node->m_next, 1, name))
+        all += std::string(static_cast<char *>(node->m_data), node->m_size) + " ";
+    return all;
+}
+
+// A listener that runs in a thread of its own until it is stopped.
+class running {
+public:
+    explicit running(kestal_ssdp_t *ssdp) : thread_([this, ssdp] { result_ = kestal_ssdp_start(ssdp); }) {}
+    ~running()
+    {
+        if (thread_.joinable())
+            thread_.join();
+    }
+    running(const running &) = delete;
+    running &operator=(const running &) = delete;
+
+    bool is_over() const { return result_ != still_runs; }
+    int32_t result()
+    {
+        thread_.join();
+        return result_;
+    }
+
+private:
+    static constexpr int32_t still_runs = 7;
+
+    std::atomic<int32_t> result_ = still_runs;
+    std::thread thread_;
+};
+
+// Sends a datagram from the local address (with a "%" and the interface for IPv6) and port 5000.
+void send(const std::string &from, const std::string &to, uint32_t port, const std::string &datagram)
+{
+    sockaddr_storage local{}, remote{};
+    ASSERT_EQ(kestal_inet_ptos(0, from.c_str(), 5000, &local, sizeof local), 0) << from;
+    ASSERT_EQ(kestal_inet_ptos(local.ss_family, to.c_str(), port, &remote, sizeof remote), 0) << to;
+    const int32_t sock = kestal_open_socket(local.ss_family, SOCK_DGRAM, 0);
+    kestal_set_reuse_address_socket(sock, 1);
+    if (local.ss_family == AF_INET6)
+        reinterpret_cast<sockaddr_in6 &>(remote).sin6_scope_id = reinterpret_cast<sockaddr_in6 &>(local).sin6_scope_id;
+    else
+        setsockopt(sock, IPPROTO_IP, IP_MULTICAST_IF, &reinterpret_cast<sockaddr_in &>(local).sin_addr, 4);
+    EXPECT_EQ(kestal_bind(sock, &local, kestal_sockaddr_size(&local)), 0) << from;
+    EXPECT_EQ(kestal_sys_sendto(sock, datagram.data(), datagram.size(), 0, &remote, kestal_sockaddr_size(&remote)),
+              static_cast<int32_t>(datagram.size()));
+    kestal_close_socket(sock);
+}
+
+uint32_t free_port()
+{
+    const int32_t sock = kestal_open_udp_socket("0.0.0.0", 0);
+    const uint32_t port = kestal_test::port_of(sock);
+    kestal_close_socket(sock);
+    return port;
+}
+
+std::string message(const std::string &what, size_t size, const std::string &bound, uint32_t port,
+                    const std::string &from, const std::string &text, const char *head = "MESSAGE] \033[1;34m")
+{
+    const auto bold = [](const std::string &part) { return "\033[1;37m" + part + "\033[0m"; };
+    return std::string("ssdp: [") + head + "recv multicast event.\033[0m (" + what + ", " + bold(std::to_string(size)) +
+           " bytes, bind_address=\"" + bold(bound) + "\", bind_port=" + bold(std::to_string(port)) +
+           ", from_address=\"" + bold(from) + "\", from_port=" + bold("5000") + ") {\n" + text + "}\n";
+}
+
+TEST_F(ssdp, keeps_options)
+{
+    kestal_ssdp_t *listener = kestal_open_ssdp();
+    EXPECT_EQ(values(listener, "multicast_ipv6_address"), "ff02::c ff05::c ");
+    EXPECT_EQ(values(listener, "multicast_ipv4_port") + values(listener, "multicast_ipv6_port"), "1900 1900 ");
+    EXPECT_EQ(kestal_ssdp_get_option_int(listener, 1, "network_interface_scan_interval", 1), 300000);
+    EXPECT_EQ(kestal_ssdp_get_option_int(listener, 1, "stop_vt_event", -5), -5);
+    EXPECT_EQ(kestal_ssdp_get_option_int(listener, 0, "VERBOSE", -5), 0);
+    EXPECT_EQ(kestal_ssdp_get_option_string(listener, 1, "VERBOSE"), nullptr);
+
+    kestal_ssdp_set_option_int(listener, KESTAL_VALUE_ADD_IF_ABSENT, 1, "multicast_ipv4_port", 1901);
+    kestal_ssdp_set_option_int(listener, KESTAL_VALUE_ADD_IF_ABSENT, 1, "multicast_ipv4_port", 1900);
+    EXPECT_EQ(values(listener, "multicast_ipv4_port"), "1900 1901 ");
+    EXPECT_EQ(kestal_ssdp_remove_option_by_int(listener, 1, "multicast_ipv4_port", 1900), 0);
+    EXPECT_EQ(kestal_ssdp_remove_option_by_string(listener, 1, "multicast_ipv6_address", "ff02::c"), 0);
+    EXPECT_EQ(kestal_ssdp_remove_option_by_name(listener, 1, "multicast_ipv6_port"), 0);
+    EXPECT_STREQ(kestal_ssdp_get_option_string(listener, 1, "multicast_ipv4_port"), "1901");
+    EXPECT_EQ(values(listener, "multicast_ipv6_address") + values(listener, "multicast_ipv6_port"), "ff05::c ");
+    replace(listener, "empty", "");
+    uint64_t size = 1;
+    EXPECT_EQ(kestal_ssdp_get_option(listener, 1, "empty", &size), nullptr);
+    EXPECT_EQ(size, 0u);
+    EXPECT_EQ(kestal_ssdp_get_option_int(listener, 1, "empty", 5), 0);
+
+    EXPECT_EQ(kestal_ssdp_check_service(listener), -1) << "no event base";
+    EXPECT_EQ(kestal_ssdp_stop(listener), 0);
+    EXPECT_EQ(kestal_close_ssdp(listener) + kestal_close_ssdp(nullptr), 0);
+    EXPECT_EQ(kestal_ssdp_start(nullptr) + kestal_ssdp_stop(nullptr) + kestal_ssdp_restart(nullptr) +
+                  kestal_ssdp_check_service(nullptr) + kestal_ssdp_set_option_string(nullptr, 0, 0, "a", "b") +
+                  kestal_ssdp_remove_option_by_name(nullptr, 0, "a") + kestal_ssdp_get_option_int(nullptr, 0, "a", -1),
+              -7);
+}
+
+TEST_F(ssdp, traces_what_happens)
+{
+    const std::string port = std::to_string(free_port());
+    kestal_ssdp_t *listener = kestal_open_ssdp();
+    for (const char *value : {"70000", "0", "", "19x", port.c_str()})
+        add(listener, "multicast_ipv4_port", value);
+    kestal_ssdp_remove_option_by_int(listener, 1, "multicast_ipv4_port", 1900);
+    kestal_ssdp_remove_option_by_name(listener, 1, "multicast_ipv6_port");
+    replace(listener, "multicast_ipv4_address", "");
+    add(listener, "multicast_ipv4_address", "ff02::c");
+    replace(listener, "verbose", "1");
+    const caught_console console;
+    running run(listener);
+    console.wait_for("wake up network interface scan event.");
+    EXPECT_EQ(kestal_ssdp_check_service(listener), 0) << "no service of its own";
+    const uint32_t number =
+        listener->m_head->m_event.m_base == nullptr ? 0 : kestal_sockaddr_get_port(&listener->m_head->m_bind_address);
+    EXPECT_EQ(std::to_string(number), port);
+    const std::string invalid = "HTTP/1.1 200 OK\r\n%s%n\r\n"; // no end
+    for (const std::string &datagram :
+         {std::string(search), std::string("HTTP/1.1 200 OK\r\nA:b\r\n\r\nbody"), invalid, std::string()})
+        send("127.0.0.1", "127.0.0.1", number, datagram);
+    console.wait_for("recv multicast event", 4);
+    EXPECT_EQ(kestal_ssdp_stop(listener), 0);
+    EXPECT_EQ(run.result(), 0);
+    EXPECT_EQ(kestal_close_ssdp(listener), 0);
+
+    std::string text = console.text();
+    const size_t joins =
+        text.find("ssdp: [WARNING] \033[1;31mmulticast_ipv4_address option is empty", text.find("wake up"));
+    const size_t received = text.find("ssdp: [MESSAGE] \033[1;34mrecv");
+    ASSERT_LT(joins, received);
+    text.erase(joins, received - joins); // as many as there are interfaces
+    const auto bad = [](const char *option, const char *value) {
+        return std::string("ssdp: [WARNING] \033[1;31minvalid ") + option + " option !\033[0m (value=\"\033[1;37m" +
+               value + "\033[0m\")\n";
+    };
+    const std::string socket = " multicast event.\033[0m (bind_address=\"\033[1;37m0.0.0.0\033[0m\", "
+                               "bind_port=\033[1;37m" +
+                               port + "\033[0m)\n";
+    EXPECT_EQ(text, "ssdp: [MESSAGE] \033[1;33mstarting event service.\033[0m\n"
+                    "ssdp: [MESSAGE] \033[1;34massign network interface scan event.\033[0m\n" +
+                        bad("multicast_ipv4_port", "70000") + bad("multicast_ipv4_port", "0") +
+                        "ssdp: [WARNING] \033[1;31mmulticast_ipv4_port option is empty !\033[0m\n" +
+                        bad("multicast_ipv4_port", "19x") +
+                        "ssdp: [WARNING] \033[1;31mmulticast_ipv4_address option is empty !\033[0m\n" +
+                        bad("multicast_ipv4_address", "ff02::c") + "ssdp: [MESSAGE] \033[1;34massign" + socket +
+                        "ssdp: [MESSAGE] \033[1;32mwake up network interface scan event.\033[0m\n" +
+                        message("method=\"\033[1;37mM-SEARCH\033[0m\"", 51, "0.0.0.0", number, "127.0.0.1", search) +
+                        message("status-code=\033[1;37m200\033[0m", 28, "0.0.0.0", number, "127.0.0.1",
+                                "HTTP/1.1 200 OK\r\nA: b\r\n\r\n") +
+                        message("\033[1;31munknown-header\033[0m", invalid.size(), "0.0.0.0", number, "127.0.0.1",
+                                invalid, "WARNING] \033[1;31m") +
+                        message("\033[1;31munknown-header\033[0m", 0, "0.0.0.0", number, "127.0.0.1", "",
+                                "WARNING] \033[1;31m") +
+                        "ssdp: [MESSAGE] \033[1;33mstopping event service.\033[0m\n"
+                        "ssdp: [MESSAGE] \033[1;34munassign" +
+                        socket +
+                        "ssdp: [MESSAGE] \033[1;34munassign network interface scan event.\033[0m\n"
+                        "ssdp: [MESSAGE] \033[1;33mstopped event service.\033[0m\n"
+                        "ssdp: [MESSAGE] \033[1;33mclosing ssdp.\033[0m\n"
+                        "ssdp: [MESSAGE] \033[1;33mstopping event service.\033[0m\n"
+                        "ssdp: [MESSAGE] \033[1;33mstopped event service.\033[0m\n"
+                        "ssdp: [MESSAGE] \033[1;33mclosed ssdp.\033[0m\n");
+}
+
+TEST_F(ssdp, hears_the_groups_on_every_interface)
+{
+    in_own_network([] {
+        const kestal_test::other_network other;
+        const auto set_up = [](const std::string &side, const std::string &n) {
+            const std::string device = (side == "1" ? "a" : "b") + n;
+            run("ip addr add 10.0." + n + "." + side + "/24 dev " + device + " && ip link set " + device +
+                " addrgenmode none up && ip addr add fe80::" + side + ":" + n + "/64 dev " + device + " nodad");
+        };
+        // Makes an interface a<number> here and its other end b<number> there.
+        const auto connect = [&](int number) {
+            const std::string n = std::to_string(number);
+            run("ip link add a" + n + " type veth peer name b" + n + " netns " + other.process());
+            set_up("1", n);
+            other.run([&] { set_up("2", n); });
+        };
+        const auto search_from = [&other](const std::string &from, const std::string &group) {
+            other.run([=] { send(from, group, 1900, search); });
+        };
+        const auto heard = [](const std::string &bound, const std::string &from) {
+            return message("method=\"\033[1;37mM-SEARCH\033[0m\"", 51, bound, 1900, from, search);
+        };
+        run("ip link set lo up && sysctl -qw net.ipv4.igmp_max_memberships=4"); // lo, a0, a1 and one more
+        connect(0);
+        connect(1);
+        kestal_ssdp_t *listener = kestal_open_ssdp();
+        replace(listener, "verbose", "1");
+        const caught_console console;
+        running run_of_listener(listener);
+        const auto joined = [&console](const char *interface) {
+            console.wait_for("multicast_zone=\"\033[1;37mff05::c\033[0m\", network_interface_index=\033[1;37m" +
+                             std::to_string(if_nametoindex(interface)) + "\033[0m\n");
+        };
+        joined("a0");
+        joined("a1");
+        for (const char *n : {"0", "1"}) {
+            const std::string number = n;
+            search_from("10.0." + number + ".2", "239.255.255.250");
+            console.wait_for(heard("0.0.0.0", "10.0." + number + ".2"));
+            const std::string local = "fe80::2:" + number;
+            for (int turn = 1; turn <= 2; ++turn) {
+                search_from(local + "%b" + number, turn == 1 ? "ff02::c" : "ff05::c");
+                console.wait_for("from_address=\"\033[1;37m" + local + "%", turn);
+            }
+        }
+        for (int number = 2; number < 5; ++number) {
+            const std::string name = "a" + std::to_string(number), address = "10.0." + std::to_string(number) + ".2";
+            connect(number);
+            search_from(address, "239.255.255.250");
+            search_from("10.0.0.2", "239.255.255.250");
+            console.wait_for(heard("0.0.0.0", "10.0.0.2"), 2 * number - 2);
+            EXPECT_EQ(console.text().find(address), std::string::npos) << "not before the next scan";
+            kestal_test::advance_clock(300000);
+            search_from("10.0.0.2", "239.255.255.250"); // wakes the loop
+            joined(name.c_str());
+            search_from(address, "239.255.255.250");
+            console.wait_for(heard("0.0.0.0", address));
+            run("ip link del " + name);
+        }
+        EXPECT_EQ(kestal_close_ssdp(listener), 0);
+        EXPECT_EQ(run_of_listener.result(), 0);
+    });
+}
+
+kestal_ssdp_t *stopped_by_a_handler; // one of standard output
+std::atomic<int> scans;
+
+int32_t stop_at_scan(const char *text)
+{
+    const std::string trace = text == nullptr ? "" : text;
+    const bool joins = trace.find("interface_index=") != std::string::npos;
+    if (trace.find("wake up") != std::string::npos || (joins && trace.find("index=\033[1;37m0") == std::string::npos)) {
+        ++scans;
+        EXPECT_EQ(kestal_ssdp_start(stopped_by_a_handler), -1) << "runs already";
+        EXPECT_EQ(kestal_close_ssdp(stopped_by_a_handler), -1) << "still runs";
+    }
+    return 0;
+}
+
+TEST_F(ssdp, is_stopped_from_anywhere)
+{
+    kestal_puts_handler_t before, errors_before;
+    kestal_set_puts_handler(stop_at_scan, &before);
+    kestal_set_error_puts_handler(kestal_quiet_puts, &errors_before);
+    const std::string port = std::to_string(free_port());
+    const auto open = [&] {
+        kestal_ssdp_t *listener = kestal_open_ssdp();
+        if (listener != nullptr) {
+            replace(listener, "multicast_ipv4_port", port);
+            kestal_ssdp_remove_option_by_name(listener, 1, "multicast_ipv6_port");
+        }
+        return listener;
+    };
+    EXPECT_GT(kestal_test::with_each_allocation_failing([&] {
+                  kestal_ssdp_t *listener = open();
+                  if (listener == nullptr)
+                      return;
+                  stopped_by_a_handler = listener;
+                  kestal_ssdp_set_option_int(listener, KESTAL_VALUE_REPLACE_BY_NAME, 1, "verbose", 1);
+                  if (kestal_ssdp_get_option_int(listener, 1, "verbose", 0) == 1 && kestal_ssdp_start(listener) == 0) {
+                      EXPECT_EQ(listener->m_event_base, nullptr) << "torn down by start";
+                  }
+                  EXPECT_EQ(kestal_close_ssdp(listener), 0);
+              }),
+              20u);
+    EXPECT_GT(scans, 20);
+
+    kestal_ssdp_t *listener = open();
+    kestal_ssdp_set_option_int(listener, KESTAL_VALUE_REPLACE_BY_NAME, 1, "stop_signal_event", 1);
+    for (int turn = 0; turn < 20; ++turn) { // at any moment
+        running run(listener);
+        if (turn % 2 == 0)
+            kestal_test::wait_until([&] { return kestal_ssdp_check_service(listener) == 0; });
+        else
+            std::this_thread::yield();
+        kestal_test::wait_until([&] {
+            EXPECT_EQ(kestal_ssdp_stop(listener), 0);
+            return run.is_over();
+        });
+        EXPECT_EQ(run.result(), 0);
+        EXPECT_EQ(listener->m_head, nullptr);
+    }
+    EXPECT_EQ(kestal_close_ssdp(listener), 0);
+    kestal_set_puts_handler(before, nullptr);
+    kestal_set_error_puts_handler(errors_before, nullptr);
+}
+
+} // namespace

@@ -201,9 +201,9 @@ void find_events(kestal_event_base_t &base, uint64_t now, bool has_ready)
 uint32_t take_ready(const kestal_event_t &event, uint32_t found, int32_t &left)
 {
     found &= kestal::select_mask(event);
-    while (std::popcount(found) > left)
+    while (kestal::number_of(found) > left)
         found &= ~std::bit_floor(found);
-    left -= std::popcount(found);
+    left -= kestal::number_of(found);
     return found;
 }
 

@@ -3,7 +3,6 @@
 #include <kestal_ulx/memory.h>
 
 #include <algorithm>
-#include <bit>
 #include <errno.h>
 #include <string.h>
 #include <sys/timerfd.h>
@@ -307,7 +306,7 @@ int32_t kestal::readiness::collect()
             continue;
         }
         report.events = as_conditions(report.events) & watched.interest;
-        conditions += std::popcount(uint32_t{report.events});
+        conditions += number_of(report.events);
         // A list reports hang-ups and errors unasked. What nobody waits for is to be reported when it changes only.
         const uint32_t wanted = watched.listed & ~uint32_t{EPOLLET};
         if (report.events == 0 && watched.listed == wanted)

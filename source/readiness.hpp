@@ -13,6 +13,12 @@ struct kestal_event;
 
 namespace kestal {
 
+// How many of the three conditions there are among the bits.
+constexpr int32_t number_of(uint32_t conditions)
+{
+    return static_cast<int32_t>((conditions & 1) + (conditions >> 1 & 1) + (conditions >> 2 & 1));
+}
+
 class readiness {
 public:
     // All zero is a closed one. The set stays the caller's.

@@ -3,21 +3,20 @@
 passive and active, over IPv4 and IPv6, restart, abort, and servers that are killed in the middle of a file."""
 import ctypes
 import os
-import pwd
 import signal
 import sys
 
+import ftp_peers
 import peer
+from ftp_peers import root
 
-if os.environ.get("SANITIZED") or os.getuid() != 0:
-    print("needs a plain build, and root's rights for the servers")
+if os.environ.get("SANITIZED"):
+    print("needs a plain build")
     sys.exit(peer.SKIPPED)
-vsftpd, pure_ftpd, pure_pw = peer.need("vsftpd", "pure-ftpd", "pure-pw")
 library = ctypes.CDLL(sys.argv[1])
 library.kestal_open_ftp.restype = ctypes.c_void_p
 library.kestal_ftp_get_pwd.restype = ctypes.c_char_p
 
-SERVANT = "daemon"  # an account of every system, whose home is there
 BIG = peer.noise(3000000)
 HUGE = 1 << 25
 PASSIVE = 7
@@ -62,43 +61,6 @@ class Client:
         assert self.close_stream() == 0
 
 
-def serve_with_vsftpd(host, port):
-    address = "listen=NO\nlisten_ipv6=YES\nlisten_address6" if ":" in host else "listen=YES\nlisten_address"
-    os.makedirs(f"{peer.folder}/empty", exist_ok=True)
-    return [vsftpd, peer.write(f"vsftpd-{port}", f"""{address}={host}
-listen_port={port}
-background=NO
-anonymous_enable=YES
-anon_root={root}
-ftp_username={SERVANT}
-nopriv_user={SERVANT}
-write_enable=YES
-anon_upload_enable=YES
-anon_mkdir_write_enable=YES
-anon_other_write_enable=YES
-anon_umask=022
-secure_chroot_dir={peer.folder}/empty
-seccomp_sandbox=NO
-xferlog_enable=NO
-""".encode())]
-
-
-def serve_with_pure_ftpd(host, port):
-    accounts = f"{peer.folder}/accounts"
-    if not os.path.exists(accounts):
-        peer.run([pure_pw, "useradd", "joe", "-f", accounts, "-u", SERVANT, "-d", f"{root}/dir", "-m", "-F", accounts + ".pdb"],
-                 input=b"secret\nsecret\n")
-    return [pure_ftpd, "-S", f"{host},{port}", "-l", f"puredb:{accounts}.pdb", "-E", "-u", "1", "-H",
-            "-g", f"{peer.folder}/pure.pid"]
-
-
-def start(command, host):
-    port = peer.free_port(host=host)
-    process = peer.start(command(host, port))
-    peer.wait_for(lambda: peer.answers(port, host), "an FTP server")
-    return process, port
-
-
 def kill_with_children(process):
     """Sessions are not in the group of the server that made them."""
     with open(f"/proc/{process}/task/{process}/children", encoding="ascii") as children:
@@ -109,7 +71,7 @@ def kill_with_children(process):
 
 
 def check(command, host, *user):
-    server, port = start(command, host)
+    server, port = ftp_peers.start(command, host)
     client = Client(host, port, *user)
     where = b"" if user else b"dir/"
     for passive in (1, 0):
@@ -143,15 +105,12 @@ def check(command, host, *user):
     client.close()
 
 
-root = f"{peer.folder}/root"
 peer.write("root/dir/big", BIG)
 peer.write("root/dir/empty \uc548", b"")
 with open(f"{root}/dir/huge", "wb") as huge:
     huge.truncate(HUGE)
-os.chmod(peer.folder, 0o755)
-os.chown(f"{root}/dir", pwd.getpwnam(SERVANT).pw_uid, -1)
 library.kestal_init_network()
 library.kestal_uninit_network()
 for address in ["127.0.0.1"] + ["::1"] * (library.kestal_check_ipv6_support() == 0):
-    check(serve_with_vsftpd, address)
-    check(serve_with_pure_ftpd, address, b"joe", b"secret")
+    check(ftp_peers.vsftpd, address)
+    check(ftp_peers.pure_ftpd, address, b"joe", b"secret")

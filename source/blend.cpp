@@ -111,9 +111,8 @@ struct portable_step {
 };
 
 #if defined(__x86_64__)
-// Lays eight pixels over eight others. A channel beside the one below it and their weights are multiplied and added in one
-// go; for that the channels lose their sign bit's 128 first, and 255 x 128 comes back afterwards, with 128
-// more, which round.
+// Lays eight pixels over eight others. A channel of each and their weights are multiplied and added in one go. That takes
+// channels with a sign: they go in less 128, and 255 x 128 comes back afterwards, with 128 more, which round.
 template <weighing by>
 struct avx2_step {
     static constexpr size_t pixels = 8;

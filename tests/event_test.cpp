@@ -563,30 +563,23 @@ struct listener {
 uint32_t told_of_connection(kestal_event_base_t *base, const char *bind_address, const char *host, int32_t port,
                             int32_t descriptor = -1)
 {
-    struct outcome {
-        kestal_event_base_t *base;
-        uint32_t what;
-        int32_t descriptor;
-    } heard{base, 0, -1};
-    const auto note = [](kestal_event_t *at, int32_t connected, uint32_t what, void *context) {
-        auto &outcome_ = *static_cast<struct outcome *>(context);
-        if ((what & (KESTAL_EVENT_ASSIGNED | KESTAL_EVENT_UNASSIGNED)) != 0)
-            return;
-        outcome_.what |= what;
-        outcome_.descriptor = connected;
-        EXPECT_EQ(kestal_event_pending(at, KESTAL_EVENT_CONNECT, nullptr), KESTAL_EVENT_CONNECT);
+    uint32_t all = 0;
+    told client(base, -1, 0, [&](told &self, uint32_t what) {
+        all |= what;
+        EXPECT_EQ(kestal_event_pending(self.handle, KESTAL_EVENT_CONNECT, nullptr), KESTAL_EVENT_CONNECT);
         if ((what & (KESTAL_EVENT_CONNECTED | KESTAL_EVENT_CONNECT_FAILED | KESTAL_EVENT_TIMEOUT)) != 0)
-            kestal_event_base_exit_loop(outcome_.base, 0);
-    };
-    kestal_event_t *at = kestal_new_event_with_resolver(
-        base, descriptor, KESTAL_EVENT_CONNECT | KESTAL_EVENT_RESOLVE | KESTAL_EVENT_PERSIST | KESTAL_EVENT_READ, note,
-        &heard, bind_address, 0, host, port);
-    EXPECT_EQ(kestal_add_event(at, std::string(host) == "no host\n" ? 300 : 20000), 0);
+            kestal_event_base_exit_loop(base, 0);
+    });
+    kestal_assign_event_with_resolver(base, client.handle, descriptor,
+                                      KESTAL_EVENT_CONNECT | KESTAL_EVENT_RESOLVE | KESTAL_EVENT_PERSIST |
+                                          KESTAL_EVENT_READ,
+                                      told::handler, &client, bind_address, 0, host, port);
+    EXPECT_EQ(client.add(std::string(host) == "no host\n" ? 300 : 20000), 0);
     EXPECT_EQ(kestal_event_base_dispatch(base), 0);
-    kestal_free_event(at);
-    if (heard.descriptor >= 0)
-        close(heard.descriptor);
-    return heard.what;
+    kestal_del_event(client.handle);
+    if (client.handle->m_descriptor >= 0)
+        close(client.handle->m_descriptor);
+    return all;
 }
 
 TEST_F(event_connect, TellsHowItWent)
@@ -604,6 +597,7 @@ TEST_F(event_connect, TellsHowItWent)
     EXPECT_EQ(told_of_connection(base_, "127.0.0.7", "127.0.0.1", open_one.port) & ~connecting, resolved | connected);
     EXPECT_EQ(told_of_connection(base_, "::1", "127.0.0.1", open_one.port), resolved | failed) << "no such family";
     EXPECT_EQ(told_of_connection(base_, "192.0.2.1", "127.0.0.1", open_one.port), resolved | failed) << "not local";
+    EXPECT_EQ(told_of_connection(base_, nullptr, "255.255.255.255", 80), resolved | failed) << "unreachable";
     const kestal_test::temporary_directory directory;
     const std::string path = directory.path("socket");
     EXPECT_EQ(told_of_connection(base_, nullptr, path.c_str(), 0), resolved | failed) << "nobody listens";

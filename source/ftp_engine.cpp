@@ -12,7 +12,6 @@
 #include <algorithm>
 #include <errno.h>
 #include <netinet/tcp.h>
-#include <utility>
 
 namespace kestal {
 
@@ -102,16 +101,19 @@ void receive_some(kestal_ftp_t &ftp)
         kestal_sys_recv(ftp.m_control_socket, ftp.m_block, ftp_block_size, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (received < 0 && is_for_later())
         return;
-    if (received == 0)
-        errno = ECONNRESET; // the server has ended the connection
-    // Servers send a transfer's two replies as small pieces; an acknowledgement that takes its time would hold up the second.
+    if (received <= 0) {
+        errno = received == 0 ? ECONNRESET : errno; // the server has ended the connection
+        mark_broken(ftp);
+        return;
+    }
+    // Servers close a transfer with small pieces: a late acknowledgement of one would hold up the next.
     const int on = 1;
     kestal_setsockopt(ftp.m_control_socket, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
-    const auto length = static_cast<uint64_t>(std::max(received, 0));
-    if (length > 0 && kestal_push_buffer_ex(ftp.m_receive_queue, ftp.m_block, length, 0) == length)
+    const auto length = static_cast<uint64_t>(received);
+    if (kestal_push_buffer_ex(ftp.m_receive_queue, ftp.m_block, length, 0) == length)
         ftp.m_state |= KESTAL_FTP_RECEIVED;
     else
-        mark_broken(ftp);
+        mark_broken(ftp); // what was lost may have been a reply
 }
 
 void accept_data_connection(kestal_ftp_t &ftp)
@@ -212,7 +214,9 @@ bool send_queued(kestal_ftp_t &ftp, bool is_queued)
 void close_ftp_socket(int32_t &sock)
 {
     const int error = errno;
-    const owned_descriptor closing(std::exchange(sock, KESTAL_INVALID_SOCKET));
+    if (sock >= 0)
+        kestal_close_socket(sock);
+    sock = KESTAL_INVALID_SOCKET;
     errno = error;
 }
 
@@ -280,7 +284,7 @@ int32_t kestal_ftp_command_puts(kestal_ftp_t *ftp, const char *text)
 {
     if (ftp == nullptr)
         return -1;
-    if (text != nullptr && !kestal::send_queued(*ftp, kestal::queue(*ftp, text)))
+    if (text != nullptr && !kestal::send_queued(*ftp, text[0] != '\0' && kestal::queue(*ftp, text)))
         return -1;
     return kestal::read_ftp_reply(*ftp, ftp->m_command_timeout);
 }

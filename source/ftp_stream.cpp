@@ -92,8 +92,11 @@ int32_t connect_data(kestal_ftp_t &ftp, const socket_address &address)
 
 int32_t listen_beside_control(const kestal_ftp_t &ftp, socket_address &address)
 {
-    if (!get_control_name(ftp, kestal_getsockname, address) || kestal_sockaddr_set_port(&address, 0) != 0)
+    if (!get_control_name(ftp, kestal_getsockname, address))
         return -1;
+    if (ftp.m_family != AF_INET && ftp.m_family != AF_INET6)
+        return fail_with(EAFNOSUPPORT);
+    kestal_sockaddr_set_port(&address, 0);
     uint32_t length = kestal_sockaddr_size(&address);
     owned_descriptor sock(open_stream_socket(address));
     if (sock.get() < 0 || kestal_bind(sock.get(), &address, length) != 0 || kestal_listen(sock.get(), 1) != 0 ||

@@ -3,6 +3,7 @@
 
 #include <map>
 #include <mutex>
+#include <netinet/in.h>
 #include <string>
 #include <thread>
 
@@ -10,7 +11,7 @@ namespace kestal_test {
 
 class ftp_server {
 public:
-    explicit ftp_server(const char *host = "127.0.0.1");
+    explicit ftp_server(const std::string &host = "127.0.0.1");
     ~ftp_server();
     ftp_server(const ftp_server &) = delete;
     ftp_server &operator=(const ftp_server &) = delete;
@@ -19,7 +20,7 @@ public:
                     const std::string &user = "") const;
 
     // The answer to a command, named with its argument or without ("" is the greeting): sent as it stands. "hang up"
-    // ends the connection. "end" is the reply that closes a transfer.
+    // ends the connection. "end" is the reply that closes a download.
     void answer(const std::string &command, const std::string &text);
     // What every file and list holds. Both connections are reset once so much of it was sent.
     void serve(const std::string &content, size_t cut_after = SIZE_MAX);
@@ -29,20 +30,25 @@ public:
     std::string stored();
 
 private:
-    struct session;
     void run();
-    void serve(int control);
-    bool respond(session &at, const std::string &line);
+    bool respond(const std::string &line);
+    bool say(const std::string &text) const;
+    int open_data();
+    bool send_file(const std::string &content, size_t cut_after);
+    bool receive_file();
 
-    const std::string host_;
-    const int family_;
+    std::string host_;
     int listening_;
     int control_ = -1;
+    int passive_ = -1;             // listens for a data connection
+    sockaddr_storage active_ = {}; // where to connect one to
+    size_t offset_ = 0;
     std::mutex mutex_; // of all below
-    std::map<std::string, std::string> answers_;
+    std::map<std::string, std::string> answers_ = {{"", "220 test\r\n"},        {"USER", "331 and?\r\n"},
+                                                   {"PASS", "230 welcome\r\n"}, {"TYPE", "200 ok\r\n"},
+                                                   {"NOOP", "200 here\r\n"},    {"ABOR", "226 over\r\n"}};
     std::string content_, heard_, stored_;
     size_t cut_after_ = SIZE_MAX;
-    bool is_over_ = false;
     std::thread thread_;
 };
 

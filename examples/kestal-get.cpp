@@ -212,9 +212,21 @@ void catch_signals()
 
 // --- the stream
 
+// The location as messages name it: a password in it stays hidden.
+std::string presentable(std::string location)
+{
+    kestal_uri_t *parts = kestal_open_uri(location.c_str());
+    if (parts != nullptr && parts->m_scheme != nullptr && parts->m_password != nullptr) {
+        const size_t user = std::strlen(parts->m_scheme) + std::strlen("://") + std::strlen(parts->m_user) + 1;
+        location.replace(user, std::strlen(parts->m_password), "***");
+    }
+    kestal_close_uri(parts);
+    return location;
+}
+
 class input {
 public:
-    explicit input(const settings &wanted) : name_(wanted.location)
+    explicit input(const settings &wanted) : name_(presentable(wanted.location))
     {
         set_option("src", wanted.location == "-" ? "pipe://" : wanted.location);
         set_option("mode", "rb");
@@ -556,7 +568,7 @@ private:
         if (!size)
             return size;
         if (wanted_.offset > *size)
-            fail(wanted_.location, "ends before the offset");
+            fail(source_.name(), "ends before the offset");
         return *size - wanted_.offset;
     }
 

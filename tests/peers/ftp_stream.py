@@ -20,7 +20,8 @@ def fetch(location, *options, start=0):
 
 def refuse(location, cause):
     output = peer.run([get, location], status=1).decode()
-    assert location in output and cause in output, output
+    assert location.rpartition("@")[2] in output and cause in output, output
+    assert "cret@" not in output and "wrong" not in output, output
 
 
 def through_the_plugin(location):

@@ -50,6 +50,9 @@ int error_of_reply(int32_t code, bool is_upload)
     case 452:
     case 552:
         return ENOSPC;
+    case 421:
+        return ECONNREFUSED;
+    case 425:
     case 426:
     case 451:
         return ECONNABORTED;

@@ -162,7 +162,7 @@ TEST_P(stream_ftp, tells_what_went_wrong)
                     {"RETR", "502 no\r\n", EOPNOTSUPP},
                     {"PASV", "hang up", 0},
                     {"PASS", "530 who?\r\n", EACCES},
-                    {"", "421 busy\r\n", EPROTO}};
+                    {"", "421 busy\r\n", ECONNREFUSED}};
     for (const auto &each : refusals) {
         server_->answer(each.command, each.answer);
         EXPECT_EQ(read_location(server_->uri("/x")).substr(0, each.error == 0 ? 10 : 20),

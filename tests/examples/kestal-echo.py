@@ -98,7 +98,10 @@ def one_that_does_not_read(process, port):
     with connect(port, 65536) as peer:
         peer.sendall(bytes(taken - 40000))  # the end comes while both of the server's buffers hold something
         peer.shutdown(socket.SHUT_WR)
-        time.sleep(0.1)
+        for _ in range(20):  # until the server has taken it all
+            time.sleep(0.05)
+            if under_way(peer.getsockname()[1]) == 0:
+                break
         used = time_of(process)
         time.sleep(0.3)
         assert time_of(process) - used < 0.1, "the server does not wait"

@@ -58,10 +58,12 @@ kestal_http_node_t *new_node(uint32_t type, std::string_view line, size_t room)
         kestal_alloc_tag(sizeof(kestal_http_node_t) + room, "kestal_http_parser_new_node", __LINE__));
     if (node == nullptr)
         return nullptr;
-    memset(node, 0, offsetof(kestal_http_node_t, m_line));
+    node->m_previous = node->m_next = nullptr;
     node->m_type = type;
     node->m_size = line.size();
     node->m_start = node->m_extra = node->m_line;
+    node->m_text1 = node->m_text2 = node->m_text3 = node->m_text4 = nullptr;
+    node->m_major = node->m_minor = node->m_status_code = 0;
     if (!line.empty())
         memcpy(node->m_start, line.data(), line.size());
     node->m_start[line.size()] = '\0';

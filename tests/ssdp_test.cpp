@@ -37,7 +37,9 @@ std::string values(kestal_ssdp_t *ssdp, const char *name)
 // A listener that runs in a thread of its own until it is stopped.
 class running {
 public:
-    explicit running(kestal_ssdp_t *ssdp) : thread_([this, ssdp] { result_ = kestal_ssdp_start(ssdp); }) {}
+    explicit running(kestal_ssdp_t *ssdp, int32_t (*start)(kestal_ssdp_t *) = kestal_ssdp_start)
+        : thread_([this, ssdp, start] { result_ = start(ssdp); })
+    {}
     ~running()
     {
         if (thread_.joinable())
@@ -86,13 +88,13 @@ uint32_t free_port()
     return port;
 }
 
+// What a message's trace reads, colours named, behind its level and colour.
 std::string message(const std::string &what, size_t size, const std::string &bound, uint32_t port,
-                    const std::string &from, const std::string &text, const char *head = "MESSAGE] \033[1;34m")
+                    const std::string &from, const std::string &text)
 {
-    const auto bold = [](const std::string &part) { return "\033[1;37m" + part + "\033[0m"; };
-    return std::string("ssdp: [") + head + "recv multicast event.\033[0m (" + what + ", " + bold(std::to_string(size)) +
-           " bytes, bind_address=\"" + bold(bound) + "\", bind_port=" + bold(std::to_string(port)) +
-           ", from_address=\"" + bold(from) + "\", from_port=" + bold("5000") + ") {\n" + text + "}\n";
+    return "recv multicast event.> (" + what + ", <w:" + std::to_string(size) + "> bytes, bind_address=\"<w:" + bound +
+           ">\", bind_port=<w:" + std::to_string(port) + ">, from_address=\"<w:" + from +
+           ">\", from_port=<w:5000>) {\n" + text + "}\n";
 }
 
 TEST_F(ssdp, keeps_options)
@@ -155,43 +157,43 @@ TEST_F(ssdp, traces_what_happens)
     EXPECT_EQ(run.result(), 0);
     EXPECT_EQ(kestal_close_ssdp(listener), 0);
 
-    std::string text = console.text();
-    const size_t joins =
-        text.find("ssdp: [WARNING] \033[1;31mmulticast_ipv4_address option is empty", text.find("wake up"));
-    const size_t received = text.find("ssdp: [MESSAGE] \033[1;34mrecv");
+    std::string text = kestal_test::colours_named(console.text());
+    const size_t joins = text.find("ssdp: [WARNING] <r:multicast_ipv4_address", text.find("wake up"));
+    const size_t received = text.find("ssdp: [MESSAGE] <b:recv");
     ASSERT_LT(joins, received);
     text.erase(joins, received - joins); // as many as there are interfaces
-    const auto bad = [](const char *option, const char *value) {
-        return std::string("ssdp: [WARNING] \033[1;31minvalid ") + option + " option !\033[0m (value=\"\033[1;37m" +
-               value + "\033[0m\")\n";
+    const auto traced = [&](const char *what, size_t size, const std::string &datagram) {
+        return message(what, size, "0.0.0.0", number, "127.0.0.1", datagram);
     };
-    const std::string socket = " multicast event.\033[0m (bind_address=\"\033[1;37m0.0.0.0\033[0m\", "
-                               "bind_port=\033[1;37m" +
-                               port + "\033[0m)\n";
-    EXPECT_EQ(text, "ssdp: [MESSAGE] \033[1;33mstarting event service.\033[0m\n"
-                    "ssdp: [MESSAGE] \033[1;34massign network interface scan event.\033[0m\n" +
-                        bad("multicast_ipv4_port", "70000") + bad("multicast_ipv4_port", "0") +
-                        "ssdp: [WARNING] \033[1;31mmulticast_ipv4_port option is empty !\033[0m\n" +
-                        bad("multicast_ipv4_port", "19x") +
-                        "ssdp: [WARNING] \033[1;31mmulticast_ipv4_address option is empty !\033[0m\n" +
-                        bad("multicast_ipv4_address", "ff02::c") + "ssdp: [MESSAGE] \033[1;34massign" + socket +
-                        "ssdp: [MESSAGE] \033[1;32mwake up network interface scan event.\033[0m\n" +
-                        message("method=\"\033[1;37mM-SEARCH\033[0m\"", 51, "0.0.0.0", number, "127.0.0.1", search) +
-                        message("status-code=\033[1;37m200\033[0m", 28, "0.0.0.0", number, "127.0.0.1",
-                                "HTTP/1.1 200 OK\r\nA: b\r\n\r\n") +
-                        message("\033[1;31munknown-header\033[0m", invalid.size(), "0.0.0.0", number, "127.0.0.1",
-                                invalid, "WARNING] \033[1;31m") +
-                        message("\033[1;31munknown-header\033[0m", 0, "0.0.0.0", number, "127.0.0.1", "",
-                                "WARNING] \033[1;31m") +
-                        "ssdp: [MESSAGE] \033[1;33mstopping event service.\033[0m\n"
-                        "ssdp: [MESSAGE] \033[1;34munassign" +
-                        socket +
-                        "ssdp: [MESSAGE] \033[1;34munassign network interface scan event.\033[0m\n"
-                        "ssdp: [MESSAGE] \033[1;33mstopped event service.\033[0m\n"
-                        "ssdp: [MESSAGE] \033[1;33mclosing ssdp.\033[0m\n"
-                        "ssdp: [MESSAGE] \033[1;33mstopping event service.\033[0m\n"
-                        "ssdp: [MESSAGE] \033[1;33mstopped event service.\033[0m\n"
-                        "ssdp: [MESSAGE] \033[1;33mclosed ssdp.\033[0m\n");
+    const std::string socket = " multicast event.> (bind_address=\"<w:0.0.0.0>\", bind_port=<w:" + port + ">)\n";
+    const std::string expected[] = {
+        "[MESSAGE] <y:starting event service.>\n",
+        "[MESSAGE] <b:assign network interface scan event.>\n",
+        "[WARNING] <r:invalid multicast_ipv4_port option !> (value=\"<w:70000>\")\n",
+        "[WARNING] <r:invalid multicast_ipv4_port option !> (value=\"<w:0>\")\n",
+        "[WARNING] <r:multicast_ipv4_port option is empty !>\n",
+        "[WARNING] <r:invalid multicast_ipv4_port option !> (value=\"<w:19x>\")\n",
+        "[WARNING] <r:multicast_ipv4_address option is empty !>\n",
+        "[WARNING] <r:invalid multicast_ipv4_address option !> (value=\"<w:ff02::c>\")\n",
+        "[MESSAGE] <b:assign" + socket,
+        "[MESSAGE] <g:wake up network interface scan event.>\n",
+        "[MESSAGE] <b:" + traced("method=\"<w:M-SEARCH>\"", 51, search),
+        "[MESSAGE] <b:" + traced("status-code=<w:200>", 28, "HTTP/1.1 200 OK\r\nA: b\r\n\r\n"),
+        "[WARNING] <r:" + traced("<r:unknown-header>", invalid.size(), invalid),
+        "[WARNING] <r:" + traced("<r:unknown-header>", 0, ""),
+        "[MESSAGE] <y:stopping event service.>\n",
+        "[MESSAGE] <b:unassign" + socket,
+        "[MESSAGE] <b:unassign network interface scan event.>\n",
+        "[MESSAGE] <y:stopped event service.>\n",
+        "[MESSAGE] <y:closing ssdp.>\n",
+        "[MESSAGE] <y:stopping event service.>\n",
+        "[MESSAGE] <y:stopped event service.>\n",
+        "[MESSAGE] <y:closed ssdp.>\n",
+    };
+    std::string all;
+    for (const std::string &line : expected)
+        all += "ssdp: " + line;
+    EXPECT_EQ(text, all);
 }
 
 TEST_F(ssdp, hears_the_groups_on_every_interface)
@@ -213,9 +215,7 @@ TEST_F(ssdp, hears_the_groups_on_every_interface)
         const auto search_from = [&other](const std::string &from, const std::string &group) {
             other.run([=] { send(from, group, 1900, search); });
         };
-        const auto heard = [](const std::string &bound, const std::string &from) {
-            return message("method=\"\033[1;37mM-SEARCH\033[0m\"", 51, bound, 1900, from, search);
-        };
+        const auto from = [](const std::string &address) { return "from_address=\"\033[1;37m" + address; };
         run("ip link set lo up && sysctl -qw net.ipv4.igmp_max_memberships=4"); // lo, a0, a1 and one more
         connect(0);
         connect(1);
@@ -232,11 +232,11 @@ TEST_F(ssdp, hears_the_groups_on_every_interface)
         for (const char *n : {"0", "1"}) {
             const std::string number = n;
             search_from("10.0." + number + ".2", "239.255.255.250");
-            console.wait_for(heard("0.0.0.0", "10.0." + number + ".2"));
+            console.wait_for(from("10.0." + number + ".2"));
             const std::string local = "fe80::2:" + number;
             for (int turn = 1; turn <= 2; ++turn) {
                 search_from(local + "%b" + number, turn == 1 ? "ff02::c" : "ff05::c");
-                console.wait_for("from_address=\"\033[1;37m" + local + "%", turn);
+                console.wait_for(from(local + "%"), turn);
             }
         }
         for (int number = 2; number < 5; ++number) {
@@ -244,13 +244,13 @@ TEST_F(ssdp, hears_the_groups_on_every_interface)
             connect(number);
             search_from(address, "239.255.255.250");
             search_from("10.0.0.2", "239.255.255.250");
-            console.wait_for(heard("0.0.0.0", "10.0.0.2"), 2 * number - 2);
+            console.wait_for(from("10.0.0.2"), 2 * number - 2);
             EXPECT_EQ(console.text().find(address), std::string::npos) << "not before the next scan";
             kestal_test::advance_clock(300000);
             search_from("10.0.0.2", "239.255.255.250"); // wakes the loop
             joined(name.c_str());
             search_from(address, "239.255.255.250");
-            console.wait_for(heard("0.0.0.0", address));
+            console.wait_for(from(address));
             run("ip link del " + name);
         }
         EXPECT_EQ(kestal_close_ssdp(listener), 0);
@@ -316,6 +316,12 @@ TEST_F(ssdp, is_stopped_from_anywhere)
         EXPECT_EQ(run.result(), 0);
         EXPECT_EQ(listener->m_head, nullptr);
     }
+    running first(listener);
+    kestal_test::wait_until([&] { return kestal_ssdp_check_service(listener) == 0; });
+    running second(listener, kestal_ssdp_restart);
+    EXPECT_EQ(first.result(), 0) << "the second takes over";
+    kestal_test::wait_until([&] { return kestal_ssdp_stop(listener) == 0 && second.is_over(); });
+    EXPECT_EQ(second.result(), 0);
     EXPECT_EQ(kestal_close_ssdp(listener), 0);
     kestal_set_puts_handler(before, nullptr);
     kestal_set_error_puts_handler(errors_before, nullptr);

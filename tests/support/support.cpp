@@ -172,6 +172,19 @@ void in_threads(int count, const std::function<void(int)> &work)
         thread.join();
 }
 
+std::string colours_named(std::string text)
+{
+    for (const auto &[sequence, name] : {std::pair("\033[1;31m", "<r:"),
+                                         {"\033[1;32m", "<g:"},
+                                         {"\033[1;33m", "<y:"},
+                                         {"\033[1;34m", "<b:"},
+                                         {"\033[1;37m", "<w:"},
+                                         {"\033[0m", ">"}})
+        for (size_t at = 0; (at = text.find(sequence, at)) != std::string::npos;)
+            text.replace(at, strlen(sequence), name);
+    return text;
+}
+
 caught_errors::caught_errors()
 {
     errors.clear();

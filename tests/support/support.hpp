@@ -62,6 +62,10 @@ private:
 // The text with an N for each number that follows `before`: for what differs from run to run.
 std::string numbers_masked(std::string text, const std::string &before);
 
+// The text with "<r:", "<g:", "<y:", "<b:" or "<w:" for the escape sequences that begin bold red, green, yellow, blue or white,
+// and ">" for those that end it.
+std::string colours_named(std::string text);
+
 // While it lives, what is put on the error sink is kept here instead of being printed.
 class caught_errors {
 public:

@@ -132,19 +132,19 @@ int32_t send_eprt(kestal_ftp_t &ftp, socket_address address)
     return kestal_ftp_eprt(&ftp, text);
 }
 
-// Takes the server's connection as the data connection. It may come after the reply that announces it, but not after
-// a further one.
+// Takes the server's connection as the data connection. It may come after the reply that announces it; once there is a
+// further reply (more is queued than the LF behind the last one's CR) it is there already, or does not come.
 bool take_accepted(kestal_ftp_t &ftp)
 {
     const uint64_t start = kestal_time_stamp_msec();
     while (ftp.m_accepted_socket < 0) {
-        if ((ftp.m_state & KESTAL_FTP_USABLE) == 0 || kestal_get_buffer_size(ftp.m_receive_queue) > 1)
+        const bool is_last_look = kestal_get_buffer_size(ftp.m_receive_queue) > 1;
+        const uint64_t passed = kestal_time_stamp_msec() - start;
+        if (ftp.m_data_timeout >= 0 && passed > static_cast<uint64_t>(ftp.m_data_timeout))
+            return fail_with(ETIMEDOUT) == 0;
+        kestal::step_ftp(ftp, is_last_look ? 0 : accept_step_ms);
+        if (ftp.m_accepted_socket < 0 && (is_last_look || (ftp.m_state & KESTAL_FTP_USABLE) == 0))
             return false;
-        if (ftp.m_data_timeout >= 0 && kestal_time_stamp_msec() - start >= static_cast<uint64_t>(ftp.m_data_timeout)) {
-            errno = ETIMEDOUT;
-            return false;
-        }
-        kestal::step_ftp(ftp, accept_step_ms);
     }
     ftp.m_data_socket = std::exchange(ftp.m_accepted_socket, KESTAL_INVALID_SOCKET);
     kestal_set_non_block_socket(ftp.m_data_socket, 1);

@@ -198,7 +198,7 @@ bool queue(kestal_http_parser_t &parser, feed &feed, size_t length)
     return true;
 }
 
-// Goes on with the line that an earlier push began: up to each byte that may end it.
+// Goes on with the line that an earlier push began.
 progress take_begun_line(kestal_http_parser_t &parser, feed &feed)
 {
     kestal_buffer_t &input = *parser.m_input;
@@ -215,8 +215,10 @@ progress take_begun_line(kestal_http_parser_t &parser, feed &feed)
             fail(parser);
         if (feed.bytes.empty())
             return progress::more;
-        const size_t end = feed.bytes.find_first_of("\r\n");
-        if (!queue(parser, feed, end == std::string_view::npos ? feed.bytes.size() : end + 1))
+        const char *begin = feed.bytes.data(), *rest = begin + feed.bytes.size();
+        uint32_t high_byte = input.m_scan_high_byte;
+        const char *end = kestal::find_line_end(begin, rest, high_byte);
+        if (!queue(parser, feed, static_cast<size_t>(end - begin) + (end == rest ? 0 : 1)))
             return progress::failed;
     }
 }

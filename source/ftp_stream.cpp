@@ -155,13 +155,13 @@ bool take_accepted(kestal_ftp_t &ftp)
 // --- streams
 
 struct stream_mode {
-    char letter;
     const char *command;
+    char letter;
     bool needs_path;
 };
 
 constexpr stream_mode stream_modes[] = {
-    {'r', "RETR", true}, {'w', "STOR", true}, {'a', "APPE", true}, {'l', "LIST", false}, {'n', "NLST", false}};
+    {"RETR", 'r', true}, {"STOR", 'w', true}, {"APPE", 'a', true}, {"LIST", 'l', false}, {"NLST", 'n', false}};
 
 const stream_mode *find_mode(const char *mode)
 {

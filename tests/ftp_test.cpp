@@ -282,17 +282,22 @@ TEST_F(ftp, logs_in)
         EXPECT_EQ(kestal_ftp_connect(of, uri, 0), -1);
 }
 
-// Whether a text stands in the stack that the calls before have left, or in a block.
+// Whether a text stands in the stack that the calls before have left, or in the client's block.
 bool is_left(const std::string &text, const kestal_ftp_t *ftp)
 {
-    std::string memory(1 << 17, '\0');
-    char here = 0;
+    constexpr size_t page = 4096, pages = 8;
+    static char memory[page * pages]; // not on that stack
+    size_t length = 0;
     const int descriptor = open("/proc/self/mem", O_RDONLY | O_CLOEXEC);
-    const auto from = reinterpret_cast<off_t>(&here) - (1 << 16);
-    EXPECT_EQ(pread(descriptor, memory.data(), 1 << 16, from), 1 << 16);
+    const auto here = reinterpret_cast<uintptr_t>(&descriptor);
+    for (size_t i = 1; i <= pages; ++i)
+        if (pread(descriptor, memory + sizeof memory - i * page, page, static_cast<off_t>(here - i * page)) > 0)
+            length += page;
     close(descriptor);
-    memcpy(memory.data() + (1 << 16), ftp->m_block, 1 << 16);
-    return memory.find(text) != std::string::npos;
+    EXPECT_GT(length, 0u);
+    const std::string_view end(text.data() + text.size() - 8, 8); // what a shorter text on top of it leaves
+    return memmem(memory, sizeof memory, end.data(), end.size()) != nullptr ||
+           memmem(ftp->m_block, 65536, end.data(), end.size()) != nullptr;
 }
 
 TEST_F(ftp, asks_the_user)
@@ -307,6 +312,7 @@ TEST_F(ftp, asks_the_user)
         {{"wrong", "$"}, 2, 0, "joe@", "Password: Password: ", "USER joe|PASS wrong|PASS $|TYPE I|"},
         {{"a", "b", "$"}, -1, 0, "@", "Username: Password: Password: ", "USER a|PASS b|PASS $|TYPE I|"},
         {{"wrong"}, 1, -1, "joe@", "Password: ", "USER joe|PASS wrong|"},
+        {{"$"}, 1, -1, "joe@", "Password: ", "USER joe|PASS $|"},
         {{"$"}, 2, 0, "joe:wrong@", "Password: ", "USER joe|PASS wrong|PASS $|TYPE I|"},
         {{"anonymous"}, 1, -1, "", "Username: ", "USER anonymous|PASS anonymous@localhost|"},
         {{"\x04"}, 1, -1, "", "Username: ", ""}, // the end of the input
@@ -320,7 +326,7 @@ TEST_F(ftp, asks_the_user)
     for (const auto &[typed, attempts, result, user, prompts, heard] : cases) {
         ftp_server server;
         server.answer("PASS", "530 no\r\n");
-        server.answer("PASS " + secret, "230 yes\r\n");
+        server.answer("PASS " + secret, result == 0 ? "230 yes\r\n" : "332 account?\r\n");
         const client of(server.uri("", "ftp", user), false);
         caught_output output;
         output.typed = typed;
@@ -492,7 +498,6 @@ TEST_F(ftp, aborts_and_stays_in_step)
     } cases[] = {{"426 lost\r\n226 over\r\n", 0},
                  {"226 over\r\n225 nothing\r\n", 0},
                  {"426 lost\r\n225 nothing\r\n", -1},
-                 {"426 alone\r\n", -1},
                  {"226 alone\r\n", 0},
                  {"hang up", -1}};
     for (const auto &[answer, result] : cases) {
@@ -500,7 +505,6 @@ TEST_F(ftp, aborts_and_stays_in_step)
         server.answer("RETR", "150 wait\r\n");
         server.answer("ABOR", answer);
         const client of(server.uri());
-        of->m_command_timeout = strstr(answer, "alone") == nullptr ? 24000 : 50;
         EXPECT_EQ(kestal_ftp_open_stream(of, 0, "f", "r"), 0);
         EXPECT_EQ(kestal_ftp_abort_stream(of), result) << answer;
         EXPECT_EQ(of->m_data_socket, -1);

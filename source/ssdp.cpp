@@ -207,6 +207,15 @@ int32_t kestal_close_ssdp(kestal_ssdp_t *ssdp)
     return 0;
 }
 
+int32_t kestal_ssdp_set_handler(kestal_ssdp_t *ssdp, kestal_ssdp_handler_t handler, void *context)
+{
+    if (ssdp == nullptr)
+        return -1;
+    ssdp->m_handler = handler;
+    ssdp->m_handler_context = context;
+    return 0;
+}
+
 int32_t kestal_ssdp_start(kestal_ssdp_t *ssdp)
 {
     if (ssdp == nullptr)

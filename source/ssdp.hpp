@@ -27,16 +27,21 @@ void trace_error(kestal_ssdp_t &ssdp, const char *format, Arguments... arguments
         kestal_error_printf(format, arguments...);
 }
 
+inline const char *text_of(const kestal_value_node_t &value)
+{
+    return value.m_size == 0 ? "" : static_cast<const char *>(value.m_data);
+}
+
 // Calls visit(text) for each value of an option, in order.
 template <typename Visit>
 void each_value(kestal_ssdp_t &ssdp, const char *name, Visit visit)
 {
     const kestal_value_node_t *node = kestal_ssdp_get_option_node(&ssdp, 0, name);
     for (; node != nullptr; node = kestal_search_value_node_by_name(node->m_next, 0, name))
-        visit(node->m_size == 0 ? "" : static_cast<const char *>(node->m_data));
+        visit(text_of(*node));
 }
 
-// Opens a socket for each value of the port options and appends it to the list.
+// Opens a socket for each value of the port options, in the order of the options, and appends it to the list.
 void open_ssdp_sockets(kestal_ssdp_t &ssdp);
 
 void close_ssdp_sockets(kestal_ssdp_t &ssdp);

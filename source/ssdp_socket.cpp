@@ -94,20 +94,26 @@ void join_groups(kestal_ssdp_socket_t &socket, uint32_t interface_index, bool jo
 
 // --- messages
 
-void trace_message(kestal_ssdp_socket_t &socket, const char *datagram, int32_t size, const sockaddr_storage &sender)
+const char *or_empty(const char *text)
+{
+    return text == nullptr ? "" : text;
+}
+
+void trace_failure(kestal_ssdp_socket_t &socket, const sockaddr_storage &sender)
+{
+    const address_text bound(&socket.m_bind_address), from(&sender);
+    trace_error(*socket.m_ssdp,
+                "ssdp: [ERROR] \033[1;31mrecv multicast event failed !\033[0m (\033[1;37m%ld\033[0m bytes, "
+                "bind_address=\"\033[1;37m%s\033[0m\", bind_port=\033[1;37m%d\033[0m, "
+                "from_address=\"\033[1;37m%s\033[0m\", from_port=\033[1;37m%d\033[0m)\n",
+                int64_t{-1}, bound.text, bound.port, from.text, from.port);
+}
+
+void trace_message(kestal_ssdp_socket_t &socket, const char *datagram, int64_t size, const sockaddr_storage &sender)
 {
     kestal_ssdp_t &ssdp = *socket.m_ssdp;
     kestal_http_parser_t *parser = ssdp.m_http_parser;
     const address_text bound(&socket.m_bind_address), from(&sender);
-    const int64_t bytes = size;
-    if (size < 0) {
-        trace_error(ssdp,
-                    "ssdp: [ERROR] \033[1;31mrecv multicast event failed !\033[0m (\033[1;37m%ld\033[0m bytes, "
-                    "bind_address=\"\033[1;37m%s\033[0m\", bind_port=\033[1;37m%d\033[0m, "
-                    "from_address=\"\033[1;37m%s\033[0m\", from_port=\033[1;37m%d\033[0m)\n",
-                    bytes, bound.text, bound.port, from.text, from.port);
-        return;
-    }
     const char *head = kestal_get_output_http_parser(parser, nullptr);
     switch (kestal_http_parser_get_header_type(parser)) {
     case KESTAL_HTTP_NODE_REQUEST:
@@ -115,41 +121,47 @@ void trace_message(kestal_ssdp_socket_t &socket, const char *datagram, int32_t s
               "ssdp: [MESSAGE] \033[1;34mrecv multicast event.\033[0m (method=\"\033[1;37m%s\033[0m\", "
               "\033[1;37m%ld\033[0m bytes, bind_address=\"\033[1;37m%s\033[0m\", bind_port=\033[1;37m%d\033[0m, "
               "from_address=\"\033[1;37m%s\033[0m\", from_port=\033[1;37m%d\033[0m) {\n%s}\n",
-              kestal_http_parser_get_method(parser), bytes, bound.text, bound.port, from.text, from.port, head);
+              or_empty(kestal_http_parser_get_method(parser)), size, bound.text, bound.port, from.text, from.port,
+              or_empty(head));
         break;
     case KESTAL_HTTP_NODE_STATUS:
         trace(ssdp,
               "ssdp: [MESSAGE] \033[1;34mrecv multicast event.\033[0m (status-code=\033[1;37m%03u\033[0m, "
               "\033[1;37m%ld\033[0m bytes, bind_address=\"\033[1;37m%s\033[0m\", bind_port=\033[1;37m%d\033[0m, "
               "from_address=\"\033[1;37m%s\033[0m\", from_port=\033[1;37m%d\033[0m) {\n%s}\n",
-              kestal_http_parser_get_status_code(parser), bytes, bound.text, bound.port, from.text, from.port, head);
+              kestal_http_parser_get_status_code(parser), size, bound.text, bound.port, from.text, from.port,
+              or_empty(head));
         break;
     default:
         trace_error(ssdp,
                     "ssdp: [WARNING] \033[1;31mrecv multicast event.\033[0m (\033[1;31munknown-header\033[0m, "
                     "\033[1;37m%ld\033[0m bytes, bind_address=\"\033[1;37m%s\033[0m\", bind_port=\033[1;37m%d\033[0m, "
                     "from_address=\"\033[1;37m%s\033[0m\", from_port=\033[1;37m%d\033[0m) {\n%s}\n",
-                    bytes, bound.text, bound.port, from.text, from.port, datagram);
+                    size, bound.text, bound.port, from.text, from.port, datagram);
         break;
     }
 }
 
 void receive(kestal_ssdp_socket_t &socket)
 {
+    kestal_ssdp_t &ssdp = *socket.m_ssdp;
     char datagram[longest_message + 1];
     sockaddr_storage sender{};
     uint32_t length = sizeof sender;
     const int32_t size =
         kestal_sys_recvfrom(socket.m_socket, datagram, longest_message, MSG_DONTWAIT, &sender, &length);
-    if (size < 0 && (errno == EAGAIN || errno == EINTR))
+    if (size < 0) {
+        if (errno != EAGAIN && errno != EINTR)
+            trace_failure(socket, sender);
         return;
-    if (size >= 0) {
-        datagram[size] = '\0';
-        kestal_reset_http_parser(socket.m_ssdp->m_http_parser);
-        kestal_push_http_parser(socket.m_ssdp->m_http_parser, datagram, static_cast<uint64_t>(size));
     }
-    if (kestal::is_verbose(*socket.m_ssdp))
+    datagram[size] = '\0';
+    kestal_reset_http_parser(ssdp.m_http_parser);
+    kestal_push_http_parser(ssdp.m_http_parser, datagram, static_cast<uint64_t>(size));
+    if (kestal::is_verbose(ssdp))
         trace_message(socket, datagram, size, sender);
+    if (ssdp.m_handler != nullptr)
+        ssdp.m_handler(&ssdp, ssdp.m_http_parser, &sender, ssdp.m_handler_context);
 }
 
 void handle_socket(kestal_event_t *, int32_t, uint32_t what, void *context)
@@ -247,8 +259,10 @@ void open_socket(kestal_ssdp_t &ssdp, const family &its, const char *value)
 
 void kestal::open_ssdp_sockets(kestal_ssdp_t &ssdp)
 {
-    for (const family &each : families)
-        each_value(ssdp, each.port_option, [&](const char *value) { open_socket(ssdp, each, value); });
+    for (const kestal_value_node_t *node = ssdp.m_options.m_head; node != nullptr; node = node->m_next)
+        for (const family &each : families)
+            if (node->m_name != nullptr && strcasecmp(node->m_name, each.port_option) == 0)
+                open_socket(ssdp, each, text_of(*node));
 }
 
 void kestal::close_ssdp_sockets(kestal_ssdp_t &ssdp)

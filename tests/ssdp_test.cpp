@@ -130,6 +130,15 @@ TEST_F(ssdp, keeps_options)
               -7);
 }
 
+// Adds a message's method and sender to the text that is the context.
+void remember(kestal_ssdp_t *, kestal_http_parser_t *message, const void *sender, void *context)
+{
+    const char *method = kestal_http_parser_get_method(message);
+    char from[KESTAL_ADDRESS_TEXT_SIZE];
+    *static_cast<std::string *>(context) +=
+        std::string(method == nullptr ? "-" : method) + " " + kestal_inet_stop(sender, from, sizeof from) + "\n";
+}
+
 TEST_F(ssdp, traces_what_happens)
 {
     const std::string port = std::to_string(free_port());
@@ -141,6 +150,10 @@ TEST_F(ssdp, traces_what_happens)
     replace(listener, "multicast_ipv4_address", "");
     add(listener, "multicast_ipv4_address", "ff02::c");
     replace(listener, "verbose", "1");
+    std::string remembered;
+    EXPECT_EQ(kestal_ssdp_set_handler(listener, remember, &remembered) +
+                  kestal_ssdp_set_handler(nullptr, nullptr, nullptr),
+              -1);
     const caught_console console;
     running run(listener);
     console.wait_for("wake up network interface scan event.");
@@ -156,6 +169,7 @@ TEST_F(ssdp, traces_what_happens)
     EXPECT_EQ(kestal_ssdp_stop(listener), 0);
     EXPECT_EQ(run.result(), 0);
     EXPECT_EQ(kestal_close_ssdp(listener), 0);
+    EXPECT_EQ(remembered, "M-SEARCH 127.0.0.1\n- 127.0.0.1\n- 127.0.0.1\n- 127.0.0.1\n");
 
     std::string text = kestal_test::colours_named(console.text());
     const size_t joins = text.find("ssdp: [WARNING] <r:multicast_ipv4_address", text.find("wake up"));

@@ -2,7 +2,8 @@
  * @file
  * SSDP listener: sockets on the SSDP port that are members of the SSDP groups on every usable network interface, also
  * on those that come later, and the discovery messages (M-SEARCH, NOTIFY and responses) that arrive there. A message is
- * parsed and, with the option "verbose", traced on standard output; nothing is ever sent.
+ * parsed, handed to the application's handler if there is one, and with the option "verbose" traced on standard output;
+ * nothing is ever sent.
  *
  * Who opens a listener closes it. kestal_ssdp_start runs in the calling thread until the listener is told to end; stop,
  * close and restart may be called from any other thread meanwhile, and wait until it has ended. Options belong to the
@@ -42,6 +43,14 @@ KESTAL_BEGIN_DECLS
 typedef struct kestal_ssdp kestal_ssdp_t;
 typedef struct kestal_ssdp_socket kestal_ssdp_socket_t;
 
+/**
+ * Receives each datagram that has arrived, on the run's thread: `message` is what was understood of it, to be looked up
+ * with the calls of <kestal_ulx/http_parser.h> and void after the call (a datagram that is no message has no start
+ * line), `sender` a socket address. It may call kestal_ssdp_stop.
+ */
+typedef void (*kestal_ssdp_handler_t)(kestal_ssdp_t *ssdp, kestal_http_parser_t *message, const void *sender,
+                                      void *context);
+
 /** A listening socket; to be read only. */
 struct kestal_ssdp_socket {
     kestal_ssdp_socket_t *m_previous;
@@ -62,6 +71,8 @@ struct kestal_ssdp {
     kestal_event_t *m_network_interface_event;       /**< the scan */
     kestal_ssdp_socket_t *m_head;
     kestal_ssdp_socket_t *m_tail;
+    kestal_ssdp_handler_t m_handler; /**< private: the application's, or null */
+    void *m_handler_context;         /**< private */
     kestal_terminal_key_t *m_keys;   /**< private: the terminal, while its keys end the run */
     kestal_lock_t m_lock;            /**< private: guards what follows */
     kestal_lock_condition_t m_ended; /**< private: a run has ended */
@@ -78,6 +89,9 @@ KESTAL_API kestal_ssdp_t *kestal_open_ssdp(void);
  * the run to end and returns -1: the listener is there still.
  */
 KESTAL_API int32_t kestal_close_ssdp(kestal_ssdp_t *ssdp);
+
+/** Sets the handler of messages (null: none), between runs. 0, or -1 for null. */
+KESTAL_API int32_t kestal_ssdp_set_handler(kestal_ssdp_t *ssdp, kestal_ssdp_handler_t handler, void *context);
 
 /* --- runs */
 

@@ -1,5 +1,5 @@
-// FTP clients side by side, each with one session: a large file and small ones from the same server (vsftpd, which wants
-// root's rights) into memory that is used again.
+// FTP clients side by side, each with one session: a large file and small ones from the same server (vsftpd, which
+// wants root's rights) into memory that is used again.
 #include <kestal_ulx.h>
 
 #include "peer_process.hpp"

@@ -6,6 +6,7 @@
 #include <kestal_ulx/ftp.h>
 #include <kestal_ulx/memory.h>
 
+#include <errno.h>
 #include <string.h>
 
 namespace kestal {
@@ -38,7 +39,11 @@ inline bool is_empty(const char *text)
     return text == nullptr || text[0] == '\0';
 }
 
-int32_t fail_with(int error);
+inline int32_t fail_with(int error)
+{
+    errno = error;
+    return -1;
+}
 
 // Closes a socket of the client's and marks it closed; errno stays.
 void close_ftp_socket(int32_t &sock);

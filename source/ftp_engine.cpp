@@ -15,12 +15,6 @@
 
 namespace kestal {
 
-int32_t fail_with(int error)
-{
-    errno = error;
-    return -1;
-}
-
 namespace {
 
 constexpr uint64_t receive_limit = 0x20000; // bytes queued beyond which nothing more is received

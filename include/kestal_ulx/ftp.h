@@ -1,8 +1,8 @@
 /**
  * @file
  * FTP client (RFC 959, RFC 2428, RFC 3659) for scripted transfers: connect to the server that a URI names, log in, send
- * commands and read their replies, move files over passive or active data connections, download into a file, an INI object
- * or a buffer while an MD5 context is fed.
+ * commands and read their replies, move files over passive or active data connections, download into a file, an INI
+ * object or a buffer while an MD5 context is fed. FTP protects nothing: passwords and data travel as they are.
  *
  *     kestal_ftp_t *ftp = kestal_open_ftp();
  *     if (kestal_ftp_connect(ftp, "ftp://host/dir/file", 0) == 0 && kestal_ftp_login(ftp, NULL, NULL, "I") == 0)
@@ -73,7 +73,7 @@ typedef struct kestal_ftp {
     int32_t m_ask_password;      /**< not 0: an unknown password is asked for with "Password: ", with retries; 0 */
     int32_t m_password_attempts; /**< the most passwords sent when they are asked for, -1 for no limit; 1 */
     int32_t m_passive;           /**< 1: the client opens data connections, 0: the server does; 1 */
-    kestal_uri_t *m_uri;         /**< the server, null before the first connect */
+    kestal_uri_t *m_uri;         /**< the server, null when not connected */
     uint32_t m_state;            /**< KESTAL_FTP_USABLE and its like */
     int32_t m_family;            /**< address family of the control connection's peer, AF_ value */
     int32_t m_control_socket;    /**< the sockets: -1 when closed */
@@ -128,9 +128,9 @@ KESTAL_API int32_t kestal_ftp_set_connect_socket(kestal_ftp_t *ftp, int32_t sock
  *
  * The user is the one given, else the URI's (percent-decoded), else asked for where the setting says so, else
  * "anonymous"; the password the one given, else the URI's, else asked for where the setting says so and the user is not
- * anonymous, else a built-in one for anonymous users. Where passwords are asked for, a 530 asks again until the attempts
- * are used up. Questions go to the standard output sink, answers come from standard input, a password without echo on a
- * terminal; it is overwritten afterwards. 0, or -1.
+ * anonymous, else the built-in one that is sent for anonymous users. Where passwords are asked for, a 530 asks again
+ * until the attempts are used up. Questions go to the standard output sink, answers come from standard input, a
+ * password without echo on a terminal; it is overwritten afterwards. 0, or -1.
  */
 KESTAL_API int32_t kestal_ftp_login(kestal_ftp_t *ftp, const char *user, const char *password, const char *type);
 
@@ -159,8 +159,9 @@ KESTAL_API int32_t kestal_ftp_command_printf(kestal_ftp_t *ftp, const char *form
 KESTAL_API int32_t kestal_ftp_command_vprintf(kestal_ftp_t *ftp, const char *format, va_list list);
 
 /*
- * One call per command of RFC 959, 2428, 2389 and 3659. An argument that is null, or that holds a CR or LF (and so would be
- * more than one command), is refused with -1 and errno EINVAL; where "may be null" stands, null or empty leaves it out.
+ * One call per command of RFC 959, 2428, 2389 and 3659. An argument that is null, or that holds a CR or LF (and so
+ * would be more than one command), is refused with -1 and errno EINVAL; where "may be null" stands, null or empty
+ * leaves it out.
  */
 
 /** HELP; the command to explain may be null. */
@@ -255,7 +256,10 @@ KESTAL_API int32_t kestal_ftp_abor(kestal_ftp_t *ftp);
 /** The server's system, the text of its reply 215 to SYST; else null. */
 KESTAL_API const char *kestal_ftp_get_system(kestal_ftp_t *ftp);
 
-/** The size of a remote file in bytes (SIZE, 213), stored to `out_size` (may be null). 0; -1, and 0 stored, without one. */
+/**
+ * The size of a remote file in bytes (SIZE, 213), stored to `out_size` (may be null). 0; -1, and 0 stored, without
+ * one.
+ */
 KESTAL_API int32_t kestal_ftp_get_size(kestal_ftp_t *ftp, const char *path, uint64_t *out_size);
 
 /** Changes the server's current directory (CWD, 250). 0, or -1. */
@@ -287,7 +291,8 @@ KESTAL_API int32_t kestal_ftp_active(kestal_ftp_t *ftp);
 /**
  * Opens a data stream by the first letter of `mode`, in either case: "r" RETR, "w" STOR, "a" APPE, "l" LIST, "n" NLST.
  * The path may be null or empty for the lists; for the others the URI's path, percent-decoded and without one leading
- * "/", stands in for it. An offset other than 0 asks the server to go on there (REST, 350). 0; -1, without a data connection.
+ * "/", stands in for it. An offset other than 0 asks the server to go on there (REST) and fails unless it answers 350;
+ * the library's own server answers 320, so it is not resumed from. 0; -1, without a data connection.
  */
 KESTAL_API int32_t kestal_ftp_open_stream(kestal_ftp_t *ftp, uint64_t restart_offset, const char *path,
                                           const char *mode);
@@ -308,18 +313,18 @@ KESTAL_API int32_t kestal_ftp_send_stream(kestal_ftp_t *ftp, const void *data, u
 KESTAL_API int32_t kestal_ftp_close_stream(kestal_ftp_t *ftp);
 
 /**
- * Sends ABOR, closes the data connection and reads the answer, and, as the transfer may have its reply too, one more that
- * comes within a second. 0 when a 226 was among them, else -1.
+ * Sends ABOR, closes the data connection and reads the answer, and, as the transfer may have its reply too, one more
+ * that comes within a second. 0 when a 226 was among them, else -1.
  */
 KESTAL_API int32_t kestal_ftp_abort_stream(kestal_ftp_t *ftp);
 
 /* --- downloads: 0, or -1. `flags` are KESTAL_FTP_DOWNLOAD_ flags; `md5`, initialised here, is fed with every byte. */
 
 /**
- * Downloads a remote file. The local file (null or empty: the remote path's base name, in the current directory) is made
- * with the first block, or at the end of an empty file, in the place of what was there, and has mode `file_mode` in the
- * end, whatever the process's mask; it is synchronised before the call returns. `md5` may be null. On failure the
- * transfer is aborted.
+ * Downloads a remote file. The local file (null or empty: the remote path's base name, in the current directory) is
+ * made with the first block, or at the end of an empty file, in the place of what was there, and has mode `file_mode`
+ * in the end, whatever the process's mask; it is synchronised before the call returns. `md5` may be null. On failure
+ * the transfer is aborted.
  */
 KESTAL_API int32_t kestal_ftp_download_to_file_with_md5(kestal_ftp_t *ftp, uint32_t flags, const char *remote_path,
                                                         const char *local_path, uint32_t file_mode, kestal_md5_t *md5);
@@ -340,8 +345,8 @@ KESTAL_API int32_t kestal_ftp_download_to_buffer(kestal_ftp_t *ftp, uint32_t fla
                                                  kestal_buffer_t *buffer);
 
 /**
- * Downloads a remote file into an INI object, which is fed with all of it and ended; on failure it holds what came. `md5`
- * may be null. The flags about local files are without effect.
+ * Downloads a remote file into an INI object, which is fed with all of it and ended; on failure it holds what came.
+ * `md5` may be null. The flags about local files are without effect.
  */
 KESTAL_API int32_t kestal_ftp_download_to_ini_with_md5(kestal_ftp_t *ftp, uint32_t flags, const char *remote_path,
                                                        kestal_ini_t *ini, kestal_md5_t *md5);

@@ -13,10 +13,7 @@
 
 namespace {
 
-using kestal::ftpd_data_mode;
-using kestal::ftpd_listen_result;
 using kestal::ftpd_session;
-using kestal::ftpd_target_result;
 using kestal::ftpd_wait_result;
 using kestal::owned_descriptor;
 using kestal::socket_address;

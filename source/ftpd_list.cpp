@@ -185,7 +185,8 @@ bool ftpd_listing::send_entry(int folder, const char *name)
     else
         return true; // gone meanwhile
     make_printable(line, length);
-    memcpy(line + length, "\r\n", 2);
+    line[length] = '\r';
+    line[length + 1] = '\n';
     return put(line, length + 2);
 }
 

@@ -17,7 +17,6 @@
 
 namespace {
 
-using kestal::ftpd_login_result;
 using kestal::ftpd_session;
 
 constexpr const char *crypt_libraries[] = {"libcrypto.so", "libcrypt.so", "libcrypt.so.1"};

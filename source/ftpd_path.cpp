@@ -230,7 +230,9 @@ bool virtual_path::step(std::string_view part)
 int open_beneath_by_kernel(int home, const char *path, int flags, mode_t mode)
 {
     open_how how = {};
-    how.flags = static_cast<unsigned>(flags | O_CLOEXEC | ((flags & O_PATH) != 0 ? 0 : O_LARGEFILE));
+    how.flags = static_cast<unsigned>(flags | O_CLOEXEC);
+    if ((flags & O_PATH) == 0)
+        how.flags |= O_LARGEFILE; // which the C library adds to its own calls
     how.mode = (flags & O_CREAT) != 0 ? mode : 0;
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
     int opened = -1;

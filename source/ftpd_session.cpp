@@ -89,7 +89,8 @@ std::string_view without_telnet_bytes(std::string_view line)
 bool has_abort(const ftpd_session &session)
 {
     std::string_view input = input_of(session);
-    for (size_t end = 0; (end = input.find(line_end)) != input.npos; input.remove_prefix(end + line_end.size()))
+    for (size_t end = 0; (end = input.find(line_end)) != std::string_view::npos;
+         input.remove_prefix(end + line_end.size()))
         if (without_telnet_bytes({input.data(), end}) == "ABOR")
             return true;
     return false;
@@ -118,7 +119,7 @@ void skip_line(ftpd_session &session)
 {
     const std::string_view input = input_of(session);
     const size_t end = input.find(line_end);
-    session.is_skipping = end == input.npos;
+    session.is_skipping = end == std::string_view::npos;
     if (!session.is_skipping)
         drop_input(session, end + line_end.size());
     else
@@ -280,9 +281,9 @@ bool ftpd_reply(const ftpd_session &session, uint32_t code, const char *text)
     return ftpd_reply_format(session, "%03u%c%s", code, ' ', text);
 }
 
-bool ftpd_reply(const ftpd_session &session, uint32_t code, const char *text, const char *more)
+bool ftpd_reply(const ftpd_session &session, uint32_t code, const char *first, const char *second)
 {
-    return ftpd_reply_format(session, "%03u%c%s%s", code, ' ', text, more);
+    return ftpd_reply_format(session, "%03u%c%s%s", code, ' ', first, second);
 }
 
 } // namespace kestal

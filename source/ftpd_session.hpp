@@ -94,6 +94,6 @@ bool ftpd_send(const ftpd_session &session, const char *text, size_t length);
 bool ftpd_reply_format(const ftpd_session &session, const char *format, ...);
 
 bool ftpd_reply(const ftpd_session &session, uint32_t code, const char *text);
-bool ftpd_reply(const ftpd_session &session, uint32_t code, const char *text, const char *more);
+bool ftpd_reply(const ftpd_session &session, uint32_t code, const char *first, const char *second);
 
 } // namespace kestal

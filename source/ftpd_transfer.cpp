@@ -14,7 +14,6 @@
 namespace {
 
 using kestal::ftpd_session;
-using kestal::ftpd_wait_result;
 
 constexpr const char *read_failure = "Data read error !";
 constexpr const char *send_failure = "Data send error !";

@@ -14,20 +14,12 @@ TEST(ftpd_virtual_path, is_normalised_under_its_root)
     struct {
         const char *current, *argument, *path;
     } const cases[] = {
-        {"/", "", "/"},
-        {"/a", "", "/a"},
-        {"/", "b", "/b"},
-        {"/a", "b/c/", "/a/b/c"},
-        {"/a", "/b", "/b"},
-        {"/a/b", "..", "/a"},
-        {"/", "../../..", "/"},
-        {"/a", "././/b/.", "/a/b"},
-        {"/a", "../../b", "/b"},
-        {"/a", "...", "/a/..."},
-        {"/a", "..b/.c", "/a/..b/.c"},
-        {"/a", "b/../../../etc", "/etc"},
-        {"/", " x ", "/ x "},
-        {"/a", "/..//../.", "/"},
+        // clang-format off
+        {"/", "", "/"}, {"/a", "", "/a"}, {"/", "b", "/b"}, {"/a", "b/c/", "/a/b/c"}, {"/a", "/b", "/b"},
+        {"/a/b", "..", "/a"}, {"/", "../../..", "/"}, {"/a", "././/b/.", "/a/b"}, {"/a", "../../b", "/b"},
+        {"/a", "...", "/a/..."}, {"/a", "..b/.c", "/a/..b/.c"}, {"/a", "b/../../../etc", "/etc"},
+        {"/", " x ", "/ x "}, {"/a", "/..//../.", "/"},
+        // clang-format on
     };
     for (const auto &[current, argument, expected] : cases) {
         kestal::virtual_path path;
@@ -110,30 +102,15 @@ TEST_F(ftpd_confinement, follows_links_that_stay_inside_and_refuses_those_that_l
     struct {
         const char *path, *content;
     } const cases[] = {
-        {"file", "file"},
-        {"inside", "file"},
-        {"through", "file"},
-        {"folder/up", "file"},
-        {"folder/deeper/file", "deep"},
-        {"many", "file"},
-        {"folder/../file", "file"},
-        {"./folder/./deep/file", "deep"},
-        {"outside", "EXDEV"},
-        {"absolute", "EXDEV"},
-        {"absolute_inside", "EXDEV"},
-        {"parent", "EXDEV"},
-        {"parent/secret", "EXDEV"},
-        {"parent_again/secret", "EXDEV"},
-        {"folder/../../secret", "EXDEV"},
-        {"..", "EXDEV"},
-        {"magic/etc/passwd", "EXDEV"},
-        {"loop", "ELOOP"},
-        {"ping", "ELOOP"},
-        {"dangling", "ENOENT"},
-        {"nowhere/file", "ENOENT"},
-        {"file/more", "ENOTDIR"},
-        {"folder/deep", "EISDIR"},
-        {".", "EISDIR"},
+        // clang-format off
+        {"file", "file"}, {"inside", "file"}, {"through", "file"}, {"folder/up", "file"},
+        {"folder/deeper/file", "deep"}, {"many", "file"}, {"folder/../file", "file"},
+        {"./folder/./deep/file", "deep"}, {"outside", "EXDEV"}, {"absolute", "EXDEV"}, {"absolute_inside", "EXDEV"},
+        {"parent", "EXDEV"}, {"parent/secret", "EXDEV"}, {"parent_again/secret", "EXDEV"},
+        {"folder/../../secret", "EXDEV"}, {"..", "EXDEV"}, {"magic/etc/passwd", "EXDEV"}, {"loop", "ELOOP"},
+        {"ping", "ELOOP"}, {"dangling", "ENOENT"}, {"nowhere/file", "ENOENT"}, {"file/more", "ENOTDIR"},
+        {"folder/deep", "EISDIR"}, {".", "EISDIR"},
+        // clang-format on
     };
     for (const auto &[path, expected] : cases)
         for (const opener open : openers_)

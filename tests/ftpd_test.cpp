@@ -284,88 +284,54 @@ TEST_F(ftpd, answers_every_command_with_its_text)
     EXPECT_EQ(peer.reply(), "220 KESTAL FTP Server");
     for (const char *word : {"SYST", "TYPE I", "PWD", "NOOP", "HELP", "RETR file", "PASV", "RNTO x", "OPTS UTF8 ON"})
         EXPECT_EQ(peer.ask(word), "530 Please login with USER and PASS !") << word;
-    converse(peer, {{"user joe", "500 user not understood"},
-                    {"FEAT", "500 FEAT not understood"},
-                    {"", "500  not understood"},
-                    {"PASS secret", "530 Please login with USER !"},
-                    {"USER nobody", "331 Password required for nobody"},
-                    {"PASS secret", "530 Login incorrect !"},
-                    {"USER joe", "331 Password required for joe"},
-                    {"PASS wrong", "530 Login incorrect !"},
-                    {"USER joe", "331 Password required for joe"},
-                    {"PASS secret", "230 Login successful."}});
-    converse(peer, {{"SYST", "215 UNIX Type: L8"},
-                    {"TYPE a", "200 Type set to A"},
-                    {"SIZE file", "504 SIZE not implemented for type"},
-                    {"TYPE I", "200 Type set to I"},
-                    {"TYPE L", "200 Type set to L (byte size 8)"},
-                    {"TYPE L 8", "200 Type set to L 8"},
-                    {"TYPE L 7", "504 Byte size must be 8 !"},
-                    {"TYPE E", "501 Type unknown !"},
-                    {"TYPE", "500 TYPE not understood !"},
-                    {"TYPE A N", "500 TYPE not understood !"},
-                    {"TYPE Image", "500 TYPE not understood !"},
-                    {"MODE S", "502 MODE command not implemented !"},
-                    {"STRU F", "502 STRU command not implemented !"},
-                    {"ACCT x", "502 ACCT command not implemented !"},
-                    {"SITE x", "502 SITE command not implemented !"},
-                    {"ABOR", "426 Transfer aborted. Data connection closed."},
-                    {"NOOP", "200 NOOP command successful"},
-                    {"OPTS UTF8 ON", "200 OK, UTF-8 enabled"},
-                    {"OPTS UTF-8 enable", "200 OK, UTF-8 enabled"},
-                    {"OPTS UTF8 OFF", "504 UIF-8 disabled"},
-                    {"OPTS UTF8", "504 UIF-8 disabled"},
-                    {"OPTS LANG en", "200 OK"},
-                    {"OPTS MLST x", "501 OPTS: MLST x not understood"},
-                    {"REST 10", "320 Restart position ready"},
-                    {"REST -1", "501 Illegal REST command"},
-                    {"REST 99999999999999999999", "501 Illegal REST command"},
-                    {"EPRT |3|x|1|", "502 EPRT command not implemented !"},
-                    {"EPSV 2", "502 EPSV command not implemented !"},
-                    {"LIST", "451 Socket error !"}});
-    converse(peer, {{"PWD", "257 \"/\" is current directory."},
-                    {"CDUP", "250 CWD command successful"},
-                    {"MKD folder", "250 MKD command successful"},
-                    {"XMKD folder", "550 Can not make directory !"},
-                    {"MKD a \"b\" c", "250 MKD command successful"},
-                    {"CWD a \"b\" c", "250 CWD command successful"},
-                    {"XPWD", "257 \"/a \"\"b\"\" c\" is current directory."},
-                    {"CWD ../../..", "250 CWD command successful"},
-                    {"PWD", "257 \"/\" is current directory."},
-                    {"CWD nowhere/else", "550 /nowhere/else: No such file or directory"},
-                    {"CWD file", "550 Can not change directory !"},
-                    {"XCWD folder", "250 CWD command successful"},
-                    {"RMD .", "550 Can not remove current directory !"},
-                    {"DELE /folder", "550 Can not delete current directory !"},
-                    {"RMD /", "550 Can not remove home directory !"},
-                    {"DELE ..", "550 Can not delete home directory !"},
-                    {"XCUP", "250 CWD command successful"},
-                    {"RMD file", "550 Can not remove directory !"},
-                    {"DELE folder", "550 Can not delete file !"},
-                    {"DELE doomed", "250 DELE command successful"},
-                    {"RMD folder", "250 RMD command successful"},
-                    {"XRMD a \"b\" c", "250 RMD command successful"},
-                    {"SIZE file", "213 7"},
-                    {"SIZE gone", "550 Unknown size !"},
-                    {"SIZE /", "550 /: not a regular file."},
-                    {"MDTM file", "213 20000229000000"},
-                    {"MDTM gone", "550 Unknown size !"},
-                    {"MDTM pipe", "550 /pipe: not a plain file."},
-                    {"RNFR gone", "550 /gone: No such file or directory."},
-                    {"RNFR /", "550 RNFR error !"},
-                    {"RNTO new", "550 RNTO error !"},
-                    {"RNFR file", "350 RNFR successful"},
-                    {"RNTO no/where", "550 /no/where: Rename error."},
-                    {"RNFR file", "350 RNFR successful"},
-                    {"RNTO new\tname", "250 Rename successful"},
-                    {"SIZE new\tname", "213 7"},
-                    {"CWD new\tname/x\ny", "550 Can not change directory !"},
-                    {"RNFR x\ny", "550 /x?y: No such file or directory."},
-                    {"RETR gone", "550 Can not open file !"},
-                    {"RETR pipe", "550 Stream error !"},
-                    {"STOR pipe", "550 Stream error !"},
-                    {"RETR /", "550 Stream error !"},
-                    {"STOR no/where", "550 Can not open file !"}});
+    // clang-format off
+    converse(peer, {
+        {"user joe", "500 user not understood"}, {"FEAT", "500 FEAT not understood"}, {"", "500  not understood"},
+        {"PASS secret", "530 Please login with USER !"}, {"USER nobody", "331 Password required for nobody"},
+        {"PASS secret", "530 Login incorrect !"}, {"USER joe", "331 Password required for joe"},
+        {"PASS wrong", "530 Login incorrect !"}, {"USER joe", "331 Password required for joe"},
+        {"PASS secret", "230 Login successful."}});
+    converse(peer, {
+        {"SYST", "215 UNIX Type: L8"}, {"TYPE a", "200 Type set to A"},
+        {"SIZE file", "504 SIZE not implemented for type"}, {"TYPE I", "200 Type set to I"},
+        {"TYPE L", "200 Type set to L (byte size 8)"}, {"TYPE L 8", "200 Type set to L 8"},
+        {"TYPE L 7", "504 Byte size must be 8 !"}, {"TYPE E", "501 Type unknown !"},
+        {"TYPE", "500 TYPE not understood !"}, {"TYPE A N", "500 TYPE not understood !"},
+        {"TYPE Image", "500 TYPE not understood !"}, {"MODE S", "502 MODE command not implemented !"},
+        {"STRU F", "502 STRU command not implemented !"}, {"ACCT x", "502 ACCT command not implemented !"},
+        {"SITE x", "502 SITE command not implemented !"}, {"ABOR", "426 Transfer aborted. Data connection closed."},
+        {"NOOP", "200 NOOP command successful"}, {"OPTS UTF8 ON", "200 OK, UTF-8 enabled"},
+        {"OPTS UTF-8 enable", "200 OK, UTF-8 enabled"}, {"OPTS UTF8 OFF", "504 UIF-8 disabled"},
+        {"OPTS UTF8", "504 UIF-8 disabled"}, {"OPTS LANG en", "200 OK"},
+        {"OPTS MLST x", "501 OPTS: MLST x not understood"}, {"REST 10", "320 Restart position ready"},
+        {"REST -1", "501 Illegal REST command"}, {"REST 99999999999999999999", "501 Illegal REST command"},
+        {"EPRT |3|x|1|", "502 EPRT command not implemented !"}, {"EPSV 2", "502 EPSV command not implemented !"},
+        {"LIST", "451 Socket error !"}});
+    converse(peer, {
+        {"PWD", "257 \"/\" is current directory."}, {"CDUP", "250 CWD command successful"},
+        {"MKD folder", "250 MKD command successful"}, {"XMKD folder", "550 Can not make directory !"},
+        {"MKD a \"b\" c", "250 MKD command successful"}, {"CWD a \"b\" c", "250 CWD command successful"},
+        {"XPWD", "257 \"/a \"\"b\"\" c\" is current directory."}, {"CWD ../../..", "250 CWD command successful"},
+        {"PWD", "257 \"/\" is current directory."},
+        {"CWD nowhere/else", "550 /nowhere/else: No such file or directory"},
+        {"CWD file", "550 Can not change directory !"}, {"XCWD folder", "250 CWD command successful"},
+        {"RMD .", "550 Can not remove current directory !"},
+        {"DELE /folder", "550 Can not delete current directory !"}, {"RMD /", "550 Can not remove home directory !"},
+        {"DELE ..", "550 Can not delete home directory !"}, {"XCUP", "250 CWD command successful"},
+        {"RMD file", "550 Can not remove directory !"}, {"DELE folder", "550 Can not delete file !"},
+        {"DELE doomed", "250 DELE command successful"}, {"RMD folder", "250 RMD command successful"},
+        {"XRMD a \"b\" c", "250 RMD command successful"}, {"SIZE file", "213 7"}, {"SIZE gone", "550 Unknown size !"},
+        {"SIZE /", "550 /: not a regular file."}, {"MDTM file", "213 20000229000000"},
+        {"MDTM gone", "550 Unknown size !"}, {"MDTM pipe", "550 /pipe: not a plain file."},
+        {"RNFR gone", "550 /gone: No such file or directory."}, {"RNFR /", "550 RNFR error !"},
+        {"RNTO new", "550 RNTO error !"}, {"RNFR file", "350 RNFR successful"},
+        {"RNTO no/where", "550 /no/where: Rename error."}, {"RNFR file", "350 RNFR successful"},
+        {"RNTO new\tname", "250 Rename successful"}, {"SIZE new\tname", "213 7"},
+        {"CWD new\tname/x\ny", "550 Can not change directory !"},
+        {"RNFR x\ny", "550 /x?y: No such file or directory."}, {"RETR gone", "550 Can not open file !"},
+        {"RETR pipe", "550 Stream error !"}, {"STOR pipe", "550 Stream error !"}, {"RETR /", "550 Stream error !"},
+        {"STOR no/where", "550 Can not open file !"}});
+    // clang-format on
     EXPECT_EQ(peer.ask("HELP"), "214-The following commands are recognized (* =>'s unimplemented):\r\n"
                                 " CWD     XCWD    CDUP    XCUP    SMNT*   QUIT    PORT    PASV\r\n"
                                 " EPRT*   EPSV*   ALLO*   RNFR    RNTO    DELE    MDTM    RMD\r\n"
@@ -387,15 +353,13 @@ TEST_F(ftpd, carries_values_over_to_the_next_command_only)
     file("file", "0123456789");
     client peer(port());
     peer.log_in();
-    converse(peer, {{"RNFR file", "350 RNFR successful"},
-                    {"no such", "500 no not understood"},
-                    {"RNTO x", "550 RNTO error !"},
-                    {"RNFR file", "350 RNFR successful"},
-                    {"RNFR gone", "550 /gone: No such file or directory."},
-                    {"RNTO x", "550 RNTO error !"},
-                    {"RNFR file", "350 RNFR successful"},
-                    {"RNFR file", "350 RNFR successful"},
-                    {"RNTO file", "250 Rename successful"}});
+    // clang-format off
+    converse(peer, {
+        {"RNFR file", "350 RNFR successful"}, {"no such", "500 no not understood"}, {"RNTO x", "550 RNTO error !"},
+        {"RNFR file", "350 RNFR successful"}, {"RNFR gone", "550 /gone: No such file or directory."},
+        {"RNTO x", "550 RNTO error !"}, {"RNFR file", "350 RNFR successful"}, {"RNFR file", "350 RNFR successful"},
+        {"RNTO file", "250 Rename successful"}});
+    // clang-format on
     const auto fetch_after = [&](std::initializer_list<const char *> commands) {
         const int data = peer.passive();
         for (const char *command : commands)
@@ -696,27 +660,14 @@ TEST_F(ftpd, logs_in_by_the_first_account_that_fits)
         const char *user, *password;
         bool enters;
     } const cases[] = {
-        {"sha", "secret", true},
-        {"sha", "Secret", false},
-        {"sha", sha512, false},
-        {"md5", "plain first", true},
-        {"md5", "secret", false},
-        {"free", nullptr, true},
-        {"open", "", false},
-        {"old", "secret", false},
-        {"old", "secret", true},
-        {"short", "secret", true},
-        {"sha", "secret", true},
-        {"open", nullptr, true},
-        {"shadow-open", nullptr, true},
-        {"locked", "", false},
-        {"locked", "!", false},
-        {"starred", "*", false},
-        {"shadowless", "x", false},
-        {"plain", "secret", true},
-        {"plain", "", false},
-        {"empty-hash", "a", false},
+        // clang-format off
+        {"sha", "secret", true}, {"sha", "Secret", false}, {"sha", sha512, false}, {"md5", "plain first", true},
+        {"md5", "secret", false}, {"free", nullptr, true}, {"open", "", false}, {"old", "secret", false},
+        {"old", "secret", true}, {"short", "secret", true}, {"sha", "secret", true}, {"open", nullptr, true},
+        {"shadow-open", nullptr, true}, {"locked", "", false}, {"locked", "!", false}, {"starred", "*", false},
+        {"shadowless", "x", false}, {"plain", "secret", true}, {"plain", "", false}, {"empty-hash", "a", false},
         {"unheard-of", "", false},
+        // clang-format on
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
         if (i == 8) // from here on any user of the system

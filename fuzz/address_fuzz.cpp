@@ -1,21 +1,10 @@
 // Address strings: whatever reads is written as a text that reads as the same address, and nothing reaches beyond the
 // output.
-#include <kestal_ulx/address.h>
+#include "fuzz.hpp"
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <sys/socket.h>
-
-namespace {
-
-void require(bool condition)
-{
-    if (!condition)
-        abort();
-}
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -1,20 +1,13 @@
 // Base64: arbitrary text decoded at once and as a stream in any pieces, on the processor's instructions and without them,
 // gives the same bytes; what is encoded, in any lines, decodes to itself.
-#include <kestal_ulx.h>
+#include "fuzz.hpp"
 
 #include "../source/processor.hpp"
 
 #include <algorithm>
-#include <cstdlib>
 #include <string>
 
 namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 std::string taken(char *block, uint64_t size)
 {

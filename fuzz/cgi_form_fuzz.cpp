@@ -1,7 +1,6 @@
 // Form bodies of any content, on standard input: as many options as pieces, each made of the bytes that came.
-#include <kestal_ulx.h>
+#include "fuzz.hpp"
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -9,12 +8,6 @@
 #include <unistd.h>
 
 namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        abort();
-}
 
 // The pieces between "&", empty ones left out, each with an "&" behind it.
 std::string pieces_of(const std::string &text)

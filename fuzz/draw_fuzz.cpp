@@ -1,20 +1,13 @@
 // Draws, copies and redraws what any bytes say, over a tree of maps: no write may leave its bitmap, and a text ends where its
 // bytes do. The first byte picks what is done: 0 text, 1 raw bitmap copies, else a sequence of operations on maps.
-#include <kestal_ulx.h>
+#include "fuzz.hpp"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
 namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        abort();
-}
 
 // What a map notes for its next update lies in the map.
 void require_noted_inside(const kestal_fbmap_t *map)

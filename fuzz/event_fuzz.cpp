@@ -1,10 +1,9 @@
 // Bytes as operations on one base, between which and in whose handlers everything is compared with a small model that
 // walks all its events. Above some input sizes enough descriptors are watched for the kernel's list to wait.
-#include <kestal_ulx.h>
+#include "fuzz.hpp"
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <deque>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -17,12 +16,6 @@ constexpr uint32_t level_count = 3;
 constexpr int32_t far_away_ms = 100000000;
 constexpr size_t most_calls = 64;
 constexpr uint32_t calls_of_assignment = KESTAL_EVENT_ASSIGNED | KESTAL_EVENT_UNASSIGNED;
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 struct call {
     size_t event;

@@ -1,18 +1,12 @@
 // The addresses in replies to PASV and EPSV, beside patterns that say the same in another way.
 #include "ftp.hpp"
+#include "fuzz.hpp"
 
 #include <arpa/inet.h>
-#include <cstdlib>
 #include <regex>
 #include <string>
 
 namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 // The number of digits that do not matter is bounded by the pattern; one that is too large is none.
 uint32_t number(const std::string &digits, uint32_t most)

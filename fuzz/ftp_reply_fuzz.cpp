@@ -1,9 +1,8 @@
 // Replies of an FTP server in any pieces, beside a reader that has the whole of them before it.
-#include <kestal_ulx.h>
+#include "fuzz.hpp"
 
 #include <algorithm>
 #include <cctype>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <sys/socket.h>
@@ -13,12 +12,6 @@ namespace {
 
 constexpr size_t longest_line = 16383;
 constexpr size_t most_pieces = 100; // that a socket holds unread
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 // The text of the next reply in what is left of the input, which is taken from it; -1 without one, else the code.
 int32_t next_reply(std::string &rest, std::string &text)

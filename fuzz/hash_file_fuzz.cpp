@@ -1,20 +1,13 @@
 // Hash files of any content: what is loaded is well formed, and, written as a hash file again, is loaded the same.
 // Bytes of 0x80 and above are made smaller, since such a byte keeps a line end in the value.
-#include <kestal_ulx.h>
+#include "fuzz.hpp"
 
-#include <cstdlib>
 #include <string>
 
 #include <sys/mman.h>
 #include <unistd.h>
 
 namespace {
-
-void require(bool condition)
-{
-    if (!condition)
-        abort();
-}
 
 // The entries of a file with this content, as a hash file.
 std::string load(const std::string &content)

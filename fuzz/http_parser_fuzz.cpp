@@ -1,18 +1,11 @@
 // A head must come out the same however it was split into pushes, and what is written out must be read again as it was.
-#include <kestal_ulx.h>
+#include "fuzz.hpp"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <fuzzer/FuzzedDataProvider.h>
 
 namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        abort();
-}
 
 // A parser that destroys itself.
 struct parser {

@@ -1,17 +1,10 @@
 // INI texts of any content: the same entries however they are split; and parameter lists, which, written with quotes, come
 // back as they were.
-#include <kestal_ulx.h>
+#include "fuzz.hpp"
 
-#include <cstdlib>
 #include <string>
 
 namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        abort();
-}
 
 std::string quoted(const std::string &text)
 {

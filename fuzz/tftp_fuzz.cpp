@@ -1,19 +1,12 @@
 // Bytes as the packets of a server, each led by its length in two bytes: what a transfer takes from them is what a small
 // model takes, and nothing is written beyond the packet.
-#include <kestal_ulx.h>
+#include "fuzz.hpp"
 
 #include <algorithm>
-#include <cstdlib>
 #include <netinet/in.h>
 #include <string>
 
 namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        std::abort();
-}
 
 sockaddr_in name_of(int32_t sock)
 {

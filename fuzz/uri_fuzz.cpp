@@ -1,17 +1,10 @@
 // Cuts any text as a URI and checks what must hold for every one; percent coding must come back to where it began.
-#include <kestal_ulx.h>
+#include "fuzz.hpp"
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 namespace {
-
-void require(bool holds)
-{
-    if (!holds)
-        abort();
-}
 
 void check_uri(const std::string &text)
 {

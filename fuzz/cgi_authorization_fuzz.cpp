@@ -28,17 +28,6 @@ bool is_allowed(const std::string &header, const account &known, uint32_t checks
     return result;
 }
 
-std::string quoted(const std::string &text)
-{
-    std::string result = "\"";
-    for (const char character : text) {
-        if (character == '"' || character == '\\')
-            result += '\\';
-        result += character;
-    }
-    return result + "\"";
-}
-
 std::string digest_header(const account &used, const std::string &realm, const std::string &nonce,
                           const std::string &uri)
 {

@@ -6,14 +6,6 @@
 
 namespace {
 
-std::string quoted(const std::string &text)
-{
-    std::string result;
-    for (const char character : text)
-        result += character == '"' || character == '\\' ? std::string("\\") + character : std::string(1, character);
-    return "\"" + result + "\"";
-}
-
 // The entries, in lines or as a list of parameters with every value in quotes; the object is closed.
 std::string entries(kestal_ini_t *ini, bool as_list)
 {

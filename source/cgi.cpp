@@ -4,6 +4,7 @@
 
 #include <kestal_ulx/memory.h>
 
+#include <algorithm>
 #include <string.h>
 #include <string_view>
 
@@ -64,6 +65,24 @@ kestal_cgi_response_header_t *new_response_header(string_view name, string_view 
     return header;
 }
 
+bool is_header_name(string_view name)
+{
+    constexpr string_view marks = "!#$%&'*+-.^_`|~";
+    return !name.empty() && std::ranges::all_of(name, [marks](char character) {
+        const char lower = static_cast<char>(character | 0x20);
+        return (lower >= 'a' && lower <= 'z') || (character >= '0' && character <= '9') ||
+               marks.find(character) != string_view::npos;
+    });
+}
+
+bool is_header_value(string_view value)
+{
+    return std::ranges::none_of(value, [](char character) {
+        const auto byte = static_cast<uint8_t>(character);
+        return (byte < 0x20 && byte != '\t') || byte == 0x7F;
+    });
+}
+
 } // namespace
 
 kestal_cgi_t *kestal_open_cgi(int32_t argc, char *const *argv, char *const *envp)
@@ -116,8 +135,10 @@ int32_t kestal_cgi_add_account(kestal_cgi_t *cgi, const char *username, const ch
         if (account->m_username == view(username) && account->m_password == view(password))
             return 0;
     kestal_cgi_account_t *account = new_account(view(username), view(password));
-    if (account == nullptr)
+    if (account == nullptr) {
+        object_of(*cgi).lacks_account = 1;
         return -1;
+    }
     account->m_next = cgi->m_accounts;
     cgi->m_accounts = account;
     return 0;
@@ -128,6 +149,14 @@ int32_t kestal_cgi_set_basic_check(kestal_cgi_t *cgi, uint32_t on)
     if (cgi == nullptr)
         return -1;
     object_of(*cgi).checks_basic = on;
+    return 0;
+}
+
+int32_t kestal_cgi_set_header_check(kestal_cgi_t *cgi, uint32_t on)
+{
+    if (cgi == nullptr)
+        return -1;
+    object_of(*cgi).checks_headers = on;
     return 0;
 }
 
@@ -187,6 +216,8 @@ void *kestal_cgi_get_context(const kestal_cgi_t *cgi)
 int32_t kestal_cgi_set_response_header(kestal_cgi_t *cgi, const char *name, const char *value)
 {
     if (cgi == nullptr || name == nullptr)
+        return -1;
+    if (object_of(*cgi).checks_headers != 0 && !(is_header_name(name) && is_header_value(view(value))))
         return -1;
     kestal_cgi_response_header_t *header = new_response_header(name, view(value));
     if (header == nullptr)

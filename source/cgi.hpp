@@ -6,6 +6,8 @@
 // What an object keeps behind its public fields.
 struct kestal_cgi_object : kestal_cgi {
     uint32_t checks_basic;
+    uint32_t checks_headers;
+    uint32_t lacks_account; // one could not be added
     uint32_t reads_whole_body;
     void *context;
 };

@@ -141,7 +141,8 @@ int32_t kestal_cgi_digest_check(kestal_cgi_t *cgi)
 {
     if (cgi == nullptr)
         return -1;
-    if (cgi->m_accounts == nullptr || check(*cgi))
+    const bool is_open = cgi->m_accounts == nullptr && object_of(*cgi).lacks_account == 0;
+    if (is_open || check(*cgi))
         return 0;
     kestal_cgi_unauthorization(cgi);
     return -1;

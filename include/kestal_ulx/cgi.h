@@ -119,7 +119,8 @@ KESTAL_API int32_t kestal_close_cgi(kestal_cgi_t *cgi);
 /**
  * Adds an account, ahead of those that are there; one with just this name and password is there only once, while a name
  * may have several passwords: Digest credentials are then checked with the one added last. Null texts count as empty.
- * Returns 0; -1 for a null object or when memory is short.
+ * Returns 0; -1 for a null object or when memory is short. Even then the object no longer counts as one
+ * without accounts, which lets everybody in.
  */
 KESTAL_API int32_t kestal_cgi_add_account(kestal_cgi_t *cgi, const char *username, const char *password);
 
@@ -128,6 +129,12 @@ KESTAL_API int32_t kestal_cgi_add_account(kestal_cgi_t *cgi, const char *usernam
  * (so it is after opening) any that decode and split are accepted. Returns 0; -1 for null.
  */
 KESTAL_API int32_t kestal_cgi_set_basic_check(kestal_cgi_t *cgi, uint32_t on);
+
+/**
+ * With `on` other than 0 kestal_cgi_set_response_header refuses names that are no token (RFC 9110 section 5.6.2), and
+ * values with control characters other than tabs. Without (so it is after opening) it takes any text. Returns 0; -1 for null.
+ */
+KESTAL_API int32_t kestal_cgi_set_header_check(kestal_cgi_t *cgi, uint32_t on);
 
 /**
  * With `on` other than 0 a body is read until as many bytes have come as the content length says. Without (so it is
@@ -174,10 +181,10 @@ KESTAL_API void *kestal_cgi_get_context(const kestal_cgi_t *cgi);
 KESTAL_API int32_t kestal_cgi_incoming(kestal_cgi_t *cgi);
 
 /**
- * Checks the credentials of the request, after kestal_cgi_incoming. Without accounts every request is allowed. Digest
- * credentials (RFC 2617 and 2069, always as MD5) must carry the response that the account's password gives; their nonce
- * may be of any age, the URI in them is not compared with the request's, and where they name an "opaque", it must be
- * that of their realm. BASIC CREDENTIALS ARE NOT COMPARED with the accounts unless kestal_cgi_set_basic_check asks for it.
+ * Checks the credentials of the request, after kestal_cgi_incoming. When no account was ever added, every request is
+ * allowed. Digest credentials (RFC 2617 and 2069, always as MD5) must carry the response that the account's password
+ * gives; their nonce may be of any age, the URI in them is not compared with the request's, and where they name an
+ * "opaque", it must be that of their realm. BASIC CREDENTIALS ARE NOT COMPARED with the accounts unless kestal_cgi_set_basic_check asks for it.
  *
  * Returns 0 when the request is allowed. Otherwise -1, and the headers of the answer are set: status 401 and a challenge
  * for Digest with quality of protection "auth", whose realm is the first of the variables SERVER_ADMIN, SERVER_ADDR and
@@ -197,8 +204,10 @@ KESTAL_API const char *kestal_cgi_search_query_decode_value(kestal_cgi_t *cgi, c
 /* --- the answer */
 
 /**
- * Adds a header line behind those that are there; it never takes the place of one. Neither text may contain line ends:
- * they would reach the client. Returns 0; -1 for a null object or name, or when memory is short. A null value is empty.
+ * Adds a header line behind those that are there; it never takes the place of one. A null value is empty. The texts are
+ * written as they are: LINE ENDS IN THEM BEGIN NEW LINES of the head, so ask for kestal_cgi_set_header_check when any
+ * part of a text comes from the client. Returns 0; -1 for a null object or name, when memory is short, or when the check
+ * refuses a text.
  */
 KESTAL_API int32_t kestal_cgi_set_response_header(kestal_cgi_t *cgi, const char *name, const char *value);
 

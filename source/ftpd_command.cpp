@@ -193,13 +193,13 @@ bool do_opts(ftpd_session &session, const char *argument)
 bool do_help(ftpd_session &session, const char *)
 {
     char text[1024];
-    size_t length = kestal_snprintf(text, sizeof text, "%03u%c%s\r\n", 214u, '-',
-                                    "The following commands are recognized (* =>'s unimplemented):");
+    uint64_t length = kestal_snprintf(text, sizeof text, "%03u%c%s\r\n", 214u, '-',
+                                      "The following commands are recognized (* =>'s unimplemented):");
     for (const char *row : help_rows)
         length += kestal_snprintf(text + length, sizeof text - length, "%c%s\r\n", ' ', row);
     length += kestal_snprintf(text + length, sizeof text - length, "%03u%c%s\r\n", 214u, ' ',
                               "Direct comments to KESTAL Co.,LTD.");
-    return ftpd_send(session, text, length);
+    return ftpd_send(session, text, static_cast<size_t>(length));
 }
 
 // --- data connections

@@ -177,9 +177,10 @@ bool ftpd_listing::send_entry(int folder, const char *name)
     struct stat status;
     if (!is_long_) {
         const bool is_joined = prefix_.empty() || prefix_.ends_with('/');
-        length = is_folder_ ? kestal_snprintf(line, sizeof line - 2, "%.*s%s%s", static_cast<int>(prefix_.size()),
-                                              prefix_.data(), is_joined ? "" : "/", name)
-                            : kestal_snprintf(line, sizeof line - 2, "%s", written_.data());
+        length = static_cast<size_t>(is_folder_ ? kestal_snprintf(line, sizeof line - 2, "%.*s%s%s",
+                                                                  static_cast<int>(prefix_.size()), prefix_.data(),
+                                                                  is_joined ? "" : "/", name)
+                                                : kestal_snprintf(line, sizeof line - 2, "%s", written_.data()));
     } else if (fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) == 0)
         length = format_line(line, sizeof line - 2, folder, name, status);
     else
@@ -202,7 +203,7 @@ size_t ftpd_listing::format_line(char *line, size_t size, int folder, const char
     const time_t changed = status.st_mtime;
     gmtime_r(&changed, &when);
 
-    size_t length = kestal_snprintf(
+    uint64_t length = kestal_snprintf(
         line, size, "%s%4u %-8s %-8s %8llu %s %2u", mode, static_cast<uint32_t>(status.st_nlink), owner, owners,
         static_cast<uint64_t>(status.st_size), months[when.tm_mon], static_cast<uint32_t>(when.tm_mday));
     const int64_t age = static_cast<int64_t>(time(nullptr)) - changed;
@@ -213,12 +214,12 @@ size_t ftpd_listing::format_line(char *line, size_t size, int folder, const char
         length += kestal_snprintf(line + length, size - length, " %02u:%02u", hour, static_cast<uint32_t>(when.tm_min));
     length += kestal_snprintf(line + length, size - length, " %s", name);
     if (!S_ISLNK(status.st_mode))
-        return length;
+        return static_cast<size_t>(length);
     char target[PATH_MAX];
     const ssize_t target_length = readlinkat(folder, name, target, sizeof target);
     if (target_length > 0)
         length += kestal_snprintf(line + length, size - length, " -> %.*s", static_cast<int>(target_length), target);
-    return length;
+    return static_cast<size_t>(length);
 }
 
 bool ftpd_listing::put(const char *line, size_t length)

@@ -268,7 +268,7 @@ bool ftpd_reply_format(const ftpd_session &session, const char *format, ...)
     char text[2 * PATH_MAX + 128];
     va_list list;
     va_start(list, format);
-    const size_t length = kestal_vsnprintf(text, sizeof text - line_end.size(), format, list);
+    const auto length = static_cast<size_t>(kestal_vsnprintf(text, sizeof text - line_end.size(), format, list));
     va_end(list);
     const auto ends_line = [](char each) { return static_cast<unsigned char>(each) < ' ' || each == '\x7F'; };
     std::replace_if(text, text + length, ends_line, '?');

@@ -77,7 +77,7 @@ int64_t read_block(kestal_ctx_t &ctx, void *buffer, uint64_t size)
         ctx.m_last_error = KESTAL_CTX_ERROR_SHORT_BUFFER;
         return -1;
     }
-    memcpy(buffer, state.client->m_data, length);
+    memcpy(buffer, state.client->m_data, static_cast<size_t>(length));
     state.has_block = false;
     return static_cast<int64_t>(length);
 }

@@ -26,7 +26,7 @@ struct parser {
     {
         uint64_t size = 0;
         const char *text = kestal_get_output_http_parser(&get, &size);
-        return {text, size};
+        return {text, static_cast<size_t>(size)};
     }
 };
 

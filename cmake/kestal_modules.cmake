@@ -30,7 +30,8 @@ set(KESTAL_COMPILED_FOR_SIZE assertion exception destroy_stack global_break diag
     ssdp_option ssdp_key ssdp_socket ssdp_scan ssdp
     raw_bitmap fbmap_record fbmap fbmap_draw fbmap_text fbmap_pattern dynamic_library instance plugin
     interface stream_kind stream_file stream_socket stream_fb builtin_plugin simple_digest hash_file
-    tftp stream_tftp stream_ftp builtin_ftp_plugin)
+    tftp stream_tftp stream_ftp builtin_ftp_plugin
+    ftpd_account ftpd_path ftpd_session ftpd_login ftpd_data ftpd_transfer ftpd_list ftpd_command ftpd)
 
 set(KESTAL_MODULES)
 foreach(floor 1 2 3 4 5 6 7 8 9)

@@ -14,6 +14,11 @@ namespace {
 
 constexpr size_t block_bytes = 16;
 
+constexpr size_t rounds_of(size_t key_words)
+{
+    return key_words + 6;
+}
+
 constexpr uint8_t times_x(uint8_t a)
 {
     return static_cast<uint8_t>(a << 1 ^ ((a & 0x80) != 0 ? 0x1b : 0));
@@ -82,20 +87,19 @@ uint32_t substitute_word(uint32_t word)
            uint32_t{box[word >> 8 & 255u]} << 8 | box[word & 255u];
 }
 
-template <size_t KeyWords, size_t Rounds>
-void expand_key(uint8_t *round_key, const void *key)
+[[gnu::noinline]] void expand_key(uint8_t *round_key, const void *key, size_t key_words)
 {
-    memcpy(round_key, key, 4 * KeyWords);
+    memcpy(round_key, key, 4 * key_words);
     uint8_t round_constant = 1;
-    for (size_t i = KeyWords; i < 4 * (Rounds + 1); ++i) {
+    for (size_t i = key_words; i < 4 * (rounds_of(key_words) + 1); ++i) {
         uint32_t word = load_big_32(round_key + 4 * (i - 1));
-        if (i % KeyWords == 0) {
+        if (i % key_words == 0) {
             word = substitute_word(std::rotl(word, 8)) ^ uint32_t { round_constant } << 24;
             round_constant = times_x(round_constant);
-        } else if (KeyWords > 6 && i % KeyWords == 4) {
+        } else if (key_words > 6 && i % key_words == 4) {
             word = substitute_word(word);
         }
-        store_big_32(round_key + 4 * i, load_big_32(round_key + 4 * (i - KeyWords)) ^ word);
+        store_big_32(round_key + 4 * i, load_big_32(round_key + 4 * (i - key_words)) ^ word);
     }
 }
 
@@ -113,7 +117,7 @@ uint32_t look_up_last(const byte_table &table, uint32_t a, uint32_t b, uint32_t 
            uint32_t{table[c >> 8 & 255u]} << 8 | table[d & 255u];
 }
 
-constexpr size_t most_rounds = 14;
+constexpr size_t most_rounds = rounds_of(8);
 
 // Runs blocks through all rounds, side by side to hide the latency of the look-ups. The rows are shifted by one, two
 // and three columns, forwards or backwards: Step is 1 or 3.
@@ -219,117 +223,63 @@ private:
 
 // --- the choice between the processor's instructions and the tables
 
-struct aes_key {
-    static constexpr size_t block_size = block_bytes;
-    explicit aes_key(const void *key) : round_key(static_cast<const uint8_t *>(key)) {}
-    const uint8_t *round_key;
-};
+template <auto Instructions, typename Engine, auto Tables>
+[[gnu::noinline]] void *run(void *data, uint64_t size, void *iv, const void *round_key, size_t rounds)
+{
+    if (!kestal::aes_hardware::is_available())
+        return kestal::mode::run<Engine, Tables>(data, size, iv, round_key, rounds);
+    if (data == nullptr || iv == nullptr || round_key == nullptr)
+        return nullptr;
+    Instructions(static_cast<uint8_t *>(data), size, static_cast<uint8_t *>(iv),
+                 static_cast<const uint8_t *>(round_key), rounds);
+    return data;
+}
 
-template <size_t Rounds>
-struct aes_forward : aes_key {
-    using aes_key::aes_key;
-};
+namespace instructions = kestal::aes_hardware;
+namespace tables = kestal::mode;
 
-template <size_t Rounds>
-struct aes_inverse : aes_key {
-    using aes_key::aes_key;
+struct modes {
+    static constexpr auto ecb_encrypt = run<instructions::ecb_encrypt, table_forward, tables::ecb<table_forward>>;
+    static constexpr auto ecb_decrypt = run<instructions::ecb_decrypt, table_inverse, tables::ecb<table_inverse>>;
+    static constexpr auto cbc_encrypt =
+        run<instructions::cbc_encrypt, table_forward, tables::cbc_encrypt<table_forward>>;
+    static constexpr auto cbc_decrypt =
+        run<instructions::cbc_decrypt, table_inverse, tables::cbc_decrypt<table_inverse>>;
+    static constexpr auto cfb8_encrypt =
+        run<instructions::cfb8_encrypt, table_forward, tables::cfb8_encrypt<table_forward>>;
+    static constexpr auto cfb8_decrypt =
+        run<instructions::cfb8_decrypt, table_forward, tables::cfb8_decrypt<table_forward>>;
+    static constexpr auto ofb8 = run<instructions::ofb8, table_forward, tables::ofb8<table_forward>>;
 };
 
 } // namespace
-
-namespace kestal::mode {
-
-template <size_t Rounds>
-void ecb(const aes_forward<Rounds> &key, uint8_t *data, uint64_t size)
-{
-    if (aes_hardware::is_available())
-        aes_hardware::modes<Rounds>::ecb_encrypt(data, static_cast<size_t>(size / block_bytes), key.round_key);
-    else
-        ecb(table_forward(key.round_key, Rounds), data, size);
-}
-
-template <size_t Rounds>
-void ecb(const aes_inverse<Rounds> &key, uint8_t *data, uint64_t size)
-{
-    if (aes_hardware::is_available())
-        aes_hardware::modes<Rounds>::ecb_decrypt(data, static_cast<size_t>(size / block_bytes), key.round_key);
-    else
-        ecb(table_inverse(key.round_key, Rounds), data, size);
-}
-
-template <size_t Rounds>
-void cbc_encrypt(const aes_forward<Rounds> &key, uint8_t *data, uint64_t size, uint8_t *iv)
-{
-    if (aes_hardware::is_available())
-        aes_hardware::modes<Rounds>::cbc_encrypt(data, whole_blocks<aes_key>(size), iv, key.round_key);
-    else
-        cbc_encrypt(table_forward(key.round_key, Rounds), data, size, iv);
-}
-
-template <size_t Rounds>
-void cbc_decrypt(const aes_inverse<Rounds> &key, uint8_t *data, uint64_t size, uint8_t *iv)
-{
-    if (aes_hardware::is_available())
-        aes_hardware::modes<Rounds>::cbc_decrypt(data, whole_blocks<aes_key>(size), iv, key.round_key);
-    else
-        cbc_decrypt(table_inverse(key.round_key, Rounds), data, size, iv);
-}
-
-template <size_t Rounds>
-void cfb8_encrypt(const aes_forward<Rounds> &key, uint8_t *data, uint64_t size, uint8_t *iv)
-{
-    if (aes_hardware::is_available())
-        aes_hardware::modes<Rounds>::cfb8_encrypt(data, size, iv, key.round_key);
-    else
-        cfb8_encrypt(table_forward(key.round_key, Rounds), data, size, iv);
-}
-
-template <size_t Rounds>
-void cfb8_decrypt(const aes_forward<Rounds> &key, uint8_t *data, uint64_t size, uint8_t *iv)
-{
-    if (aes_hardware::is_available())
-        aes_hardware::modes<Rounds>::cfb8_decrypt(data, size, iv, key.round_key);
-    else
-        cfb8_decrypt(table_forward(key.round_key, Rounds), data, size, iv);
-}
-
-template <size_t Rounds>
-void ofb8(const aes_forward<Rounds> &key, uint8_t *data, uint64_t size, uint8_t *iv)
-{
-    if (aes_hardware::is_available())
-        aes_hardware::modes<Rounds>::ofb8(data, size, iv, key.round_key);
-    else
-        ofb8(table_forward(key.round_key, Rounds), data, size, iv);
-}
-
-} // namespace kestal::mode
 
 kestal_aes128_round_key_t *kestal_make_round_key_aes128(kestal_aes128_round_key_t *round_key, const void *key)
 {
     if (round_key == nullptr || key == nullptr)
         return nullptr;
-    expand_key<4, 10>(round_key->m_bytes, key);
+    expand_key(round_key->m_bytes, key, 4);
     return round_key;
 }
 
-KESTAL_DEFINE_CIPHER(aes128, aes_forward<10>, aes_inverse<10>)
+KESTAL_DEFINE_CIPHER(aes128, modes, rounds_of(4))
 
 kestal_aes192_round_key_t *kestal_make_round_key_aes192(kestal_aes192_round_key_t *round_key, const void *key)
 {
     if (round_key == nullptr || key == nullptr)
         return nullptr;
-    expand_key<6, 12>(round_key->m_bytes, key);
+    expand_key(round_key->m_bytes, key, 6);
     return round_key;
 }
 
-KESTAL_DEFINE_CIPHER(aes192, aes_forward<12>, aes_inverse<12>)
+KESTAL_DEFINE_CIPHER(aes192, modes, rounds_of(6))
 
 kestal_aes256_round_key_t *kestal_make_round_key_aes256(kestal_aes256_round_key_t *round_key, const void *key)
 {
     if (round_key == nullptr || key == nullptr)
         return nullptr;
-    expand_key<8, 14>(round_key->m_bytes, key);
+    expand_key(round_key->m_bytes, key, 8);
     return round_key;
 }
 
-KESTAL_DEFINE_CIPHER(aes256, aes_forward<14>, aes_inverse<14>)
+KESTAL_DEFINE_CIPHER(aes256, modes, rounds_of(8))

@@ -61,28 +61,28 @@ AES_INLINE block inverse_mix(block value)
     return _mm_aesimc_si128(value);
 }
 
-template <size_t Rounds, size_t Count>
-AES_INLINE void encrypt(block (&values)[Count], const block *keys)
+template <size_t Count>
+AES_INLINE void encrypt(block (&values)[Count], const uint8_t *keys, size_t rounds)
 {
     for (block &value : values)
-        value = combine(value, keys[0]);
-    for (size_t round = 1; round < Rounds; ++round)
+        value = combine(value, load(keys));
+    for (const uint8_t *last = keys + 16 * rounds; (keys += 16) < last;)
         for (block &value : values)
-            value = _mm_aesenc_si128(value, keys[round]);
+            value = _mm_aesenc_si128(value, load(keys));
     for (block &value : values)
-        value = _mm_aesenclast_si128(value, keys[Rounds]);
+        value = _mm_aesenclast_si128(value, load(keys));
 }
 
-template <size_t Rounds, size_t Count>
-AES_INLINE void decrypt(block (&values)[Count], const block *keys)
+template <size_t Count>
+AES_INLINE void decrypt(block (&values)[Count], const block *keys, size_t rounds)
 {
     for (block &value : values)
         value = combine(value, keys[0]);
-    for (size_t round = 1; round < Rounds; ++round)
+    for (const block *last = keys + rounds; ++keys < last;)
         for (block &value : values)
-            value = _mm_aesdec_si128(value, keys[round]);
+            value = _mm_aesdec_si128(value, *keys);
     for (block &value : values)
-        value = _mm_aesdeclast_si128(value, keys[Rounds]);
+        value = _mm_aesdeclast_si128(value, *keys);
 }
 
 constexpr size_t in_flight = 8;
@@ -127,47 +127,40 @@ AES_INLINE block inverse_mix(block value)
     return vaesimcq_u8(value);
 }
 
-template <size_t Rounds, size_t Count>
-AES_INLINE void encrypt(block (&values)[Count], const block *keys)
+template <size_t Count>
+AES_INLINE void encrypt(block (&values)[Count], const uint8_t *keys, size_t rounds)
 {
-    for (size_t round = 0; round + 1 < Rounds; ++round)
+    for (const uint8_t *last = keys + 16 * (rounds - 1); keys < last; keys += 16)
         for (block &value : values)
-            value = vaesmcq_u8(vaeseq_u8(value, keys[round]));
+            value = vaesmcq_u8(vaeseq_u8(value, load(keys)));
     for (block &value : values)
-        value = combine(vaeseq_u8(value, keys[Rounds - 1]), keys[Rounds]);
+        value = combine(vaeseq_u8(value, load(keys)), load(keys + 16));
 }
 
-template <size_t Rounds, size_t Count>
-AES_INLINE void decrypt(block (&values)[Count], const block *keys)
+template <size_t Count>
+AES_INLINE void decrypt(block (&values)[Count], const block *keys, size_t rounds)
 {
-    for (size_t round = 0; round + 1 < Rounds; ++round)
+    for (const block *last = keys + rounds - 1; keys < last; ++keys)
         for (block &value : values)
-            value = vaesimcq_u8(vaesdq_u8(value, keys[round]));
+            value = vaesimcq_u8(vaesdq_u8(value, keys[0]));
     for (block &value : values)
-        value = combine(vaesdq_u8(value, keys[Rounds - 1]), keys[Rounds]);
+        value = combine(vaesdq_u8(value, keys[0]), keys[1]);
 }
 
 constexpr size_t in_flight = 8;
 
 #endif
 
-// --- keys for either direction
+// Forwards the round keys are taken as they stand. For the equivalent inverse cipher: backwards, the inner ones through
+// the inverse column mix.
+constexpr size_t most_rounds = 14;
 
-template <size_t Rounds>
-AES_INLINE void load_forward_keys(block (&keys)[Rounds + 1], const uint8_t *round_key)
+AES_INLINE void load_inverse_keys(block (&keys)[most_rounds + 1], const uint8_t *round_key, size_t rounds)
 {
-    for (size_t i = 0; i <= Rounds; ++i)
-        keys[i] = load(round_key + 16 * i);
-}
-
-// For the equivalent inverse cipher: backwards, the inner ones through the inverse column mix.
-template <size_t Rounds>
-AES_INLINE void load_inverse_keys(block (&keys)[Rounds + 1], const uint8_t *round_key)
-{
-    keys[0] = load(round_key + 16 * Rounds);
-    for (size_t i = 1; i < Rounds; ++i)
-        keys[i] = inverse_mix(load(round_key + 16 * (Rounds - i)));
-    keys[Rounds] = load(round_key);
+    keys[0] = load(round_key + 16 * rounds);
+    for (size_t i = 1; i < rounds; ++i)
+        keys[i] = inverse_mix(load(round_key + 16 * (rounds - i)));
+    keys[rounds] = load(round_key);
 }
 
 template <size_t Count>
@@ -184,17 +177,23 @@ AES_INLINE void store_blocks(uint8_t *to, const block (&values)[Count])
         store(to + 16 * i, values[i]);
 }
 
+// The number of blocks that CBC processes: a partial last block counts as whole.
+uint64_t whole_blocks(uint64_t size)
+{
+    return size / 16 + (size % 16 != 0);
+}
+
 // --- steps over `Count` blocks at once
 
-template <size_t Rounds, size_t Count>
-AES_INLINE void cbc_decrypt_step(uint8_t *data, block &chain, const block *keys)
+template <size_t Count>
+AES_INLINE void cbc_decrypt_step(uint8_t *data, block &chain, const block *keys, size_t rounds)
 {
     block received[Count];
     load_blocks(received, data);
     block values[Count];
     for (size_t i = 0; i < Count; ++i)
         values[i] = received[i];
-    decrypt<Rounds>(values, keys);
+    decrypt(values, keys, rounds);
     values[0] = combine(values[0], chain);
     for (size_t i = 1; i < Count; ++i)
         values[i] = combine(values[i], received[i - 1]);
@@ -202,15 +201,15 @@ AES_INLINE void cbc_decrypt_step(uint8_t *data, block &chain, const block *keys)
     store_blocks(data, values);
 }
 
-template <size_t Rounds, size_t Count>
-AES_INLINE void cfb8_decrypt_step(uint8_t *data, block &shift_register, const block *keys)
+template <size_t Count>
+AES_INLINE void cfb8_decrypt_step(uint8_t *data, block &shift_register, const uint8_t *keys, size_t rounds)
 {
     block values[Count];
     for (size_t i = 0; i < Count; ++i) {
         values[i] = shift_register;
         shift_register = shift_in(shift_register, data[i]);
     }
-    encrypt<Rounds>(values, keys);
+    encrypt(values, keys, rounds);
     for (size_t i = 0; i < Count; ++i)
         data[i] = static_cast<uint8_t>(data[i] ^ first_byte(values[i]));
 }
@@ -238,105 +237,92 @@ AES_CODE uint32_t substitute_word(uint32_t word)
 #endif
 }
 
-template <size_t Rounds>
-AES_CODE void modes<Rounds>::ecb_encrypt(uint8_t *data, size_t blocks, const uint8_t *round_key)
+AES_CODE void ecb_encrypt(uint8_t *data, uint64_t size, uint8_t *, const uint8_t *round_key, size_t rounds)
 {
-    block keys[Rounds + 1];
-    load_forward_keys<Rounds>(keys, round_key);
+    uint64_t blocks = size / 16;
     for (; blocks >= in_flight; blocks -= in_flight, data += 16 * in_flight) {
         block values[in_flight];
         load_blocks(values, data);
-        encrypt<Rounds>(values, keys);
+        encrypt(values, round_key, rounds);
         store_blocks(data, values);
     }
     for (; blocks > 0; --blocks, data += 16) {
         block value[1] = {load(data)};
-        encrypt<Rounds>(value, keys);
+        encrypt(value, round_key, rounds);
         store(data, value[0]);
     }
 }
 
-template <size_t Rounds>
-AES_CODE void modes<Rounds>::ecb_decrypt(uint8_t *data, size_t blocks, const uint8_t *round_key)
+AES_CODE void ecb_decrypt(uint8_t *data, uint64_t size, uint8_t *, const uint8_t *round_key, size_t rounds)
 {
-    block keys[Rounds + 1];
-    load_inverse_keys<Rounds>(keys, round_key);
+    uint64_t blocks = size / 16;
+    block keys[most_rounds + 1];
+    load_inverse_keys(keys, round_key, rounds);
     for (; blocks >= in_flight; blocks -= in_flight, data += 16 * in_flight) {
         block values[in_flight];
         load_blocks(values, data);
-        decrypt<Rounds>(values, keys);
+        decrypt(values, keys, rounds);
         store_blocks(data, values);
     }
     for (; blocks > 0; --blocks, data += 16) {
         block value[1] = {load(data)};
-        decrypt<Rounds>(value, keys);
+        decrypt(value, keys, rounds);
         store(data, value[0]);
     }
 }
 
-template <size_t Rounds>
-AES_CODE void modes<Rounds>::cbc_encrypt(uint8_t *data, uint64_t blocks, uint8_t *iv, const uint8_t *round_key)
+AES_CODE void cbc_encrypt(uint8_t *data, uint64_t size, uint8_t *iv, const uint8_t *round_key, size_t rounds)
 {
-    block keys[Rounds + 1];
-    load_forward_keys<Rounds>(keys, round_key);
+    uint64_t blocks = whole_blocks(size);
     block chain[1] = {load(iv)};
     for (; blocks > 0; --blocks, data += 16) {
         chain[0] = combine(chain[0], load(data));
-        encrypt<Rounds>(chain, keys);
+        encrypt(chain, round_key, rounds);
         store(data, chain[0]);
     }
     store(iv, chain[0]);
 }
 
-template <size_t Rounds>
-AES_CODE void modes<Rounds>::cbc_decrypt(uint8_t *data, uint64_t blocks, uint8_t *iv, const uint8_t *round_key)
+AES_CODE void cbc_decrypt(uint8_t *data, uint64_t size, uint8_t *iv, const uint8_t *round_key, size_t rounds)
 {
-    block keys[Rounds + 1];
-    load_inverse_keys<Rounds>(keys, round_key);
+    uint64_t blocks = whole_blocks(size);
+    block keys[most_rounds + 1];
+    load_inverse_keys(keys, round_key, rounds);
     block chain = load(iv);
     for (; blocks >= in_flight; blocks -= in_flight, data += 16 * in_flight)
-        cbc_decrypt_step<Rounds, in_flight>(data, chain, keys);
+        cbc_decrypt_step<in_flight>(data, chain, keys, rounds);
     for (; blocks > 0; --blocks, data += 16)
-        cbc_decrypt_step<Rounds, 1>(data, chain, keys);
+        cbc_decrypt_step<1>(data, chain, keys, rounds);
     store(iv, chain);
 }
 
-template <size_t Rounds>
-AES_CODE void modes<Rounds>::cfb8_encrypt(uint8_t *data, uint64_t size, uint8_t *iv, const uint8_t *round_key)
+AES_CODE void cfb8_encrypt(uint8_t *data, uint64_t size, uint8_t *iv, const uint8_t *round_key, size_t rounds)
 {
-    block keys[Rounds + 1];
-    load_forward_keys<Rounds>(keys, round_key);
     block shift_register = load(iv);
     for (uint64_t i = 0; i < size; ++i) {
         block value[1] = {shift_register};
-        encrypt<Rounds>(value, keys);
+        encrypt(value, round_key, rounds);
         data[i] = static_cast<uint8_t>(data[i] ^ first_byte(value[0]));
         shift_register = shift_in(shift_register, data[i]);
     }
     store(iv, shift_register);
 }
 
-template <size_t Rounds>
-AES_CODE void modes<Rounds>::cfb8_decrypt(uint8_t *data, uint64_t size, uint8_t *iv, const uint8_t *round_key)
+AES_CODE void cfb8_decrypt(uint8_t *data, uint64_t size, uint8_t *iv, const uint8_t *round_key, size_t rounds)
 {
-    block keys[Rounds + 1];
-    load_forward_keys<Rounds>(keys, round_key);
     block shift_register = load(iv);
     for (; size >= in_flight; size -= in_flight, data += in_flight)
-        cfb8_decrypt_step<Rounds, in_flight>(data, shift_register, keys);
+        cfb8_decrypt_step<in_flight>(data, shift_register, round_key, rounds);
     for (; size > 0; --size, ++data)
-        cfb8_decrypt_step<Rounds, 1>(data, shift_register, keys);
+        cfb8_decrypt_step<1>(data, shift_register, round_key, rounds);
     store(iv, shift_register);
 }
 
-template <size_t Rounds>
-AES_CODE void modes<Rounds>::ofb8(uint8_t *data, uint64_t size, uint8_t *iv, const uint8_t *round_key)
+AES_CODE void ofb8(uint8_t *data, uint64_t size, uint8_t *iv, const uint8_t *round_key, size_t rounds)
 {
-    block keys[Rounds + 1];
-    load_forward_keys<Rounds>(keys, round_key);
     block value[1] = {load(iv)};
     for (uint64_t i = 0; i < size; ++i) {
-        encrypt<Rounds>(value, keys);
+        encrypt(value, round_key, rounds);
         data[i] = static_cast<uint8_t>(data[i] ^ first_byte(value[0]));
         value[0] = rotate(value[0]);
     }
@@ -355,38 +341,27 @@ uint32_t substitute_word(uint32_t)
     return 0;
 }
 
-template <size_t Rounds>
-void modes<Rounds>::ecb_encrypt(uint8_t *, size_t, const uint8_t *)
+void ecb_encrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *, size_t)
 {}
 
-template <size_t Rounds>
-void modes<Rounds>::ecb_decrypt(uint8_t *, size_t, const uint8_t *)
+void ecb_decrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *, size_t)
 {}
 
-template <size_t Rounds>
-void modes<Rounds>::cbc_encrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *)
+void cbc_encrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *, size_t)
 {}
 
-template <size_t Rounds>
-void modes<Rounds>::cbc_decrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *)
+void cbc_decrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *, size_t)
 {}
 
-template <size_t Rounds>
-void modes<Rounds>::cfb8_encrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *)
+void cfb8_encrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *, size_t)
 {}
 
-template <size_t Rounds>
-void modes<Rounds>::cfb8_decrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *)
+void cfb8_decrypt(uint8_t *, uint64_t, uint8_t *, const uint8_t *, size_t)
 {}
 
-template <size_t Rounds>
-void modes<Rounds>::ofb8(uint8_t *, uint64_t, uint8_t *, const uint8_t *)
+void ofb8(uint8_t *, uint64_t, uint8_t *, const uint8_t *, size_t)
 {}
 
 #endif
-
-template struct modes<10>;
-template struct modes<12>;
-template struct modes<14>;
 
 } // namespace kestal::aes_hardware

@@ -1,8 +1,8 @@
 // The modes of operation as templates over an engine: a cipher in one direction under one round key.
 //
-// An engine is made from the address of a round-key object, states its `block_size`, and transforms `count` blocks in
-// a row with transform(blocks, count), which is kept out of line so that the modes share it. What it copies of the keys,
-// and what the modes keep of the key stream, does not stay behind on the stack.
+// An engine is made from the address of a round-key object and its number of rounds, states its `block_size`, and
+// transforms `count` blocks in a row with transform(blocks, count), which is kept out of line so that the modes share it.
+// What it copies of the keys, and what the modes keep of the key stream, does not stay behind on the stack.
 #pragma once
 
 #include <algorithm>
@@ -37,7 +37,7 @@ void shift_in(uint8_t *shift_register, uint8_t byte)
 }
 
 template <typename Engine>
-void ecb(const Engine &engine, uint8_t *data, uint64_t size)
+void ecb(const Engine &engine, uint8_t *data, uint64_t size, uint8_t *)
 {
     engine.transform(data, static_cast<size_t>(size / Engine::block_size));
 }
@@ -132,33 +132,49 @@ void ofb8(const Engine &forward, uint8_t *data, uint64_t size, uint8_t *iv)
     }
 }
 
+// What stands behind an exported function: `Mode` over an engine of this round key, for all its numbers of rounds.
+template <typename Engine, void (*Mode)(const Engine &engine, uint8_t *data, uint64_t size, uint8_t *iv)>
+[[gnu::noinline]] void *run(void *data, uint64_t size, void *iv, const void *round_key, size_t rounds)
+{
+    if (data == nullptr || iv == nullptr || round_key == nullptr)
+        return nullptr;
+    Mode(Engine(static_cast<const uint8_t *>(round_key), rounds), static_cast<uint8_t *>(data), size,
+         static_cast<uint8_t *>(iv));
+    return data;
+}
+
+template <typename Forward, typename Inverse>
+struct modes {
+    static constexpr auto ecb_encrypt = run<Forward, ecb<Forward>>;
+    static constexpr auto ecb_decrypt = run<Inverse, ecb<Inverse>>;
+    static constexpr auto cbc_encrypt = run<Forward, mode::cbc_encrypt<Forward>>;
+    static constexpr auto cbc_decrypt = run<Inverse, mode::cbc_decrypt<Inverse>>;
+    static constexpr auto cfb8_encrypt = run<Forward, mode::cfb8_encrypt<Forward>>;
+    static constexpr auto cfb8_decrypt = run<Forward, mode::cfb8_decrypt<Forward>>;
+    static constexpr auto ofb8 = run<Forward, mode::ofb8<Forward>>;
+};
+
 } // namespace kestal::mode
 
-// The exported functions of one cipher: NAME as in kestal_encrypt_NAME_ecb, and its engine in each direction.
-#define KESTAL_DEFINE_CIPHER_MODE(function, mode_call, Engine)                                                         \
+// The exported functions of one cipher: NAME as in kestal_encrypt_NAME_ecb; MODES with the members of kestal::mode::modes.
+#define KESTAL_DEFINE_CIPHER_MODE(function, mode_call, rounds)                                                         \
     void *function(void *data, uint64_t size, void *iv, const void *round_key)                                         \
     {                                                                                                                  \
-        if (data == nullptr || iv == nullptr || round_key == nullptr)                                                  \
-            return nullptr;                                                                                            \
-        kestal::mode::mode_call(Engine(round_key), static_cast<uint8_t *>(data), size, static_cast<uint8_t *>(iv));    \
-        return data;                                                                                                   \
+        return mode_call(data, size, iv, round_key, rounds);                                                           \
     }
 
-#define KESTAL_DEFINE_CIPHER_ECB(function, Engine)                                                                     \
+#define KESTAL_DEFINE_CIPHER_ECB(function, mode_call, rounds)                                                          \
     void *function(void *data, uint64_t size, const void *round_key)                                                   \
     {                                                                                                                  \
-        if (data == nullptr || round_key == nullptr)                                                                   \
-            return nullptr;                                                                                            \
-        kestal::mode::ecb(Engine(round_key), static_cast<uint8_t *>(data), size);                                      \
-        return data;                                                                                                   \
+        return mode_call(data, size, data, round_key, rounds);                                                         \
     }
 
-#define KESTAL_DEFINE_CIPHER(NAME, Forward, Inverse)                                                                   \
-    KESTAL_DEFINE_CIPHER_ECB(kestal_encrypt_##NAME##_ecb, Forward)                                                     \
-    KESTAL_DEFINE_CIPHER_ECB(kestal_decrypt_##NAME##_ecb, Inverse)                                                     \
-    KESTAL_DEFINE_CIPHER_MODE(kestal_encrypt_##NAME##_cbc, cbc_encrypt, Forward)                                       \
-    KESTAL_DEFINE_CIPHER_MODE(kestal_decrypt_##NAME##_cbc, cbc_decrypt, Inverse)                                       \
-    KESTAL_DEFINE_CIPHER_MODE(kestal_encrypt_##NAME##_cfb8, cfb8_encrypt, Forward)                                     \
-    KESTAL_DEFINE_CIPHER_MODE(kestal_decrypt_##NAME##_cfb8, cfb8_decrypt, Forward)                                     \
-    KESTAL_DEFINE_CIPHER_MODE(kestal_encrypt_##NAME##_ofb8, ofb8, Forward)                                             \
-    KESTAL_DEFINE_CIPHER_MODE(kestal_decrypt_##NAME##_ofb8, ofb8, Forward)
+#define KESTAL_DEFINE_CIPHER(NAME, MODES, ROUNDS)                                                                      \
+    KESTAL_DEFINE_CIPHER_ECB(kestal_encrypt_##NAME##_ecb, MODES::ecb_encrypt, ROUNDS)                                  \
+    KESTAL_DEFINE_CIPHER_ECB(kestal_decrypt_##NAME##_ecb, MODES::ecb_decrypt, ROUNDS)                                  \
+    KESTAL_DEFINE_CIPHER_MODE(kestal_encrypt_##NAME##_cbc, MODES::cbc_encrypt, ROUNDS)                                 \
+    KESTAL_DEFINE_CIPHER_MODE(kestal_decrypt_##NAME##_cbc, MODES::cbc_decrypt, ROUNDS)                                 \
+    KESTAL_DEFINE_CIPHER_MODE(kestal_encrypt_##NAME##_cfb8, MODES::cfb8_encrypt, ROUNDS)                               \
+    KESTAL_DEFINE_CIPHER_MODE(kestal_decrypt_##NAME##_cfb8, MODES::cfb8_decrypt, ROUNDS)                               \
+    KESTAL_DEFINE_CIPHER_MODE(kestal_encrypt_##NAME##_ofb8, MODES::ofb8, ROUNDS)                                       \
+    KESTAL_DEFINE_CIPHER_MODE(kestal_decrypt_##NAME##_ofb8, MODES::ofb8, ROUNDS)

@@ -4,6 +4,7 @@
 #include "crc_instructions.hpp"
 #include "settled.hpp"
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -76,6 +77,15 @@ private:
         reciprocal(),
         polynomial};
 
+    static void load_step(uint64_t (&words)[(slices + 7) / 8], const uint8_t *data)
+    {
+        if constexpr (slices == 4)
+            words[0] = kestal::load_little_32(data);
+        else
+            for (size_t i = 0; i < slices / 8; ++i)
+                words[i] = kestal::load_little_64(data + 8 * i);
+    }
+
     // What bytes of a step leave in the register: those from `first` on, as many as there are offsets.
     template <size_t first, size_t... offset>
     [[gnu::always_inline]] static Word look_up_bytes([[maybe_unused]] const uint64_t *words,
@@ -90,15 +100,14 @@ private:
     static Word look_up(Word value, const uint8_t *data, size_t size)
     {
         // The register goes into the first bytes alone: the others need not wait for it.
-        constexpr std::make_index_sequence<sizeof(Word)> mixed;
-        constexpr std::make_index_sequence<slices - sizeof(Word)> unmixed;
+        constexpr size_t mixed = std::min(slices, sizeof(Word));
         for (; size >= slices; size -= slices, data += slices) {
-            uint64_t words[slices / 8];
-            for (size_t i = 0; i < slices / 8; ++i)
-                words[i] = kestal::load_little_64(data + 8 * i);
-            const Word rest = kestal::settled(look_up_bytes<sizeof(Word)>(words, unmixed));
+            uint64_t words[(slices + 7) / 8];
+            load_step(words, data);
+            const Word rest = kestal::settled(look_up_bytes<mixed>(words, std::make_index_sequence<slices - mixed>()));
             words[0] ^= value;
-            value = static_cast<Word>(rest ^ look_up_bytes<0>(words, mixed));
+            const Word left = slices < sizeof(Word) ? static_cast<Word>(value >> 8 * mixed) : Word{0};
+            value = static_cast<Word>(rest ^ left ^ look_up_bytes<0>(words, std::make_index_sequence<mixed>()));
         }
         for (; size > 0; --size, ++data)
             value = static_cast<Word>(uint64_t{value} >> 8 ^ tables[0][(value ^ *data) & 0xFF]);
@@ -106,10 +115,10 @@ private:
     }
 };
 
-using ibm = reflected_crc<uint16_t, 0xA001, 8>;
-using ccitt = reflected_crc<uint16_t, 0x8408, 8>;
+using ibm = reflected_crc<uint16_t, 0xA001, 4>;
+using ccitt = reflected_crc<uint16_t, 0x8408, 4>;
 using ieee_802_3 = reflected_crc<uint32_t, 0xEDB88320, 16>;
-using iso = reflected_crc<uint64_t, 0xD800000000000000, 8>;
+using iso = reflected_crc<uint64_t, 0xD800000000000000, 4>;
 
 // The checks whose register is complemented before, unless it is given raw, and afterwards.
 template <typename Crc, typename Word>

@@ -140,9 +140,8 @@ uint32_t round_output(uint32_t half, packed_round key)
            permuted_boxes[5][even >> 8 & 63u] ^ permuted_boxes[7][even & 63u];
 }
 
-// `Keys` DES transformations in a row, each in the direction that the order of its round keys says. The final
+// DES transformations in a row, one for each 16 round keys, in the direction that the order of these says. The final
 // permutation of one and the initial one of the next cancel out.
-template <size_t Keys>
 class des_engine {
 public:
     static constexpr size_t block_size = block_bytes;
@@ -159,8 +158,8 @@ public:
     des_engine &operator=(const des_engine &) = delete;
 
 protected:
-    des_engine() = default;
-    ~des_engine() { explicit_bzero(rounds_, sizeof rounds_); }
+    explicit des_engine(size_t count) : count_(count) {}
+    ~des_engine() { explicit_bzero(rounds_, count_ * sizeof rounds_[0]); }
     void set_round(size_t position, const uint8_t *bits) { rounds_[position] = pack(bits); }
 
 private:
@@ -171,8 +170,7 @@ private:
         halves states[Blocks];
         for (size_t i = 0; i < Blocks; ++i)
             states[i] = load_block(blocks + i * block_bytes);
-        const packed_round *round = rounds_;
-        for (size_t key = 0; key < Keys; ++key) {
+        for (const packed_round *round = rounds_; round != rounds_ + count_;) {
             for (int pair = 0; pair < rounds / 2; ++pair, round += 2) {
                 for (halves &state : states)
                     state.left ^= round_output(state.right, round[0]);
@@ -186,30 +184,27 @@ private:
             store_block(blocks + i * block_bytes, states[i]);
     }
 
-    packed_round rounds_[Keys * rounds];
+    size_t count_;
+    packed_round rounds_[3 * rounds];
 };
 
-template <size_t Keys>
-class des_forward : public des_engine<Keys> {
-public:
-    [[gnu::noinline]] explicit des_forward(const void *round_key)
+struct des_forward : des_engine {
+    [[gnu::noinline]] des_forward(const uint8_t *bits, size_t count) : des_engine(count)
     {
-        const uint8_t *bits = static_cast<const uint8_t *>(round_key);
-        for (size_t i = 0; i < Keys * rounds; ++i)
-            this->set_round(i, bits + i * round_bits);
+        for (size_t i = 0; i < count; ++i)
+            set_round(i, bits + i * round_bits);
     }
 };
 
-template <size_t Keys>
-class des_inverse : public des_engine<Keys> {
-public:
-    [[gnu::noinline]] explicit des_inverse(const void *round_key)
+struct des_inverse : des_engine {
+    [[gnu::noinline]] des_inverse(const uint8_t *bits, size_t count) : des_engine(count)
     {
-        const uint8_t *bits = static_cast<const uint8_t *>(round_key);
-        for (size_t i = 0; i < Keys * rounds; ++i)
-            this->set_round(i, bits + (Keys * rounds - 1 - i) * round_bits);
+        for (size_t i = 0; i < count; ++i)
+            set_round(i, bits + (count - 1 - i) * round_bits);
     }
 };
+
+using modes = kestal::mode::modes<des_forward, des_inverse>;
 
 void print_round(const uint8_t *bits)
 {
@@ -243,7 +238,7 @@ kestal_des_round_key_t *kestal_make_round_key_des(kestal_des_round_key_t *round_
     return round_key;
 }
 
-KESTAL_DEFINE_CIPHER(des, des_forward<1>, des_inverse<1>)
+KESTAL_DEFINE_CIPHER(des, modes, rounds)
 
 void kestal_dump_round_key_des(const kestal_des_round_key_t *round_key)
 {
@@ -265,7 +260,7 @@ kestal_3des_round_key_t *kestal_make_round_key_3des(kestal_3des_round_key_t *rou
     return round_key;
 }
 
-KESTAL_DEFINE_CIPHER(3des, des_forward<3>, des_inverse<3>)
+KESTAL_DEFINE_CIPHER(3des, modes, 3 * rounds)
 
 void kestal_dump_round_key_3des(const kestal_3des_round_key_t *round_key)
 {

@@ -12,6 +12,12 @@ using kestal::store_big_32;
 namespace {
 
 constexpr size_t block_bytes = 16;
+
+constexpr size_t rounds_of(size_t key_words)
+{
+    return 2 * key_words + 8;
+}
+
 constexpr uint32_t key_constant = 0x9e3779b9u; // from the golden ratio; rotated left by one more bit each round
 
 // --- the boxes: S(x) = A x^n + b over GF(2^8) modulo x^8 + x^6 + x^5 + x + 1
@@ -83,46 +89,43 @@ uint32_t mix(uint32_t word)
 // --- the key schedule
 
 // Rotates a row of words as one number by eight bits.
-template <size_t Words>
-void rotate_right_8(uint32_t *words)
+void rotate_right_8(uint32_t *words, size_t count)
 {
-    const uint32_t last = words[Words - 1];
-    for (size_t i = Words - 1; i > 0; --i)
+    const uint32_t last = words[count - 1];
+    for (size_t i = count - 1; i > 0; --i)
         words[i] = words[i] >> 8 | words[i - 1] << 24;
     words[0] = words[0] >> 8 | last << 24;
 }
 
-template <size_t Words>
-void rotate_left_8(uint32_t *words)
+void rotate_left_8(uint32_t *words, size_t count)
 {
     const uint32_t first = words[0];
-    for (size_t i = 0; i + 1 < Words; ++i)
+    for (size_t i = 0; i + 1 < count; ++i)
         words[i] = words[i] << 8 | words[i + 1] >> 24;
-    words[Words - 1] = words[Words - 1] << 8 | first >> 24;
+    words[count - 1] = words[count - 1] << 8 | first >> 24;
 }
 
 // The standard's schedule for keys of four words; for six and eight words the same sums run over all of them, and each
 // half of the key is rotated in its turn, so that every round key depends on every word.
-template <size_t KeyWords, size_t Rounds>
-void expand_key(uint32_t *round_keys, const void *key)
+[[gnu::noinline]] void expand_key(uint32_t *round_keys, const void *key, size_t key_words)
 {
-    uint32_t words[KeyWords];
-    for (size_t i = 0; i < KeyWords; ++i)
+    uint32_t words[8];
+    for (size_t i = 0; i < key_words; ++i)
         words[i] = load_big_32(static_cast<const uint8_t *>(key) + 4 * i);
-    for (size_t round = 0; round < Rounds; ++round) {
+    for (size_t round = 0; round < rounds_of(key_words); ++round) {
         const uint32_t constant = std::rotl(key_constant, static_cast<int>(round));
         uint32_t even = 0 - constant;
         uint32_t odd = constant;
-        for (size_t i = 0; i < KeyWords; i += 2) {
+        for (size_t i = 0; i < key_words; i += 2) {
             even += words[i];
             odd += i % 4 == 0 ? words[i + 1] : 0 - words[i + 1];
         }
         round_keys[2 * round] = mix(even);
         round_keys[2 * round + 1] = mix(odd);
         if (round % 2 == 0)
-            rotate_right_8<KeyWords / 2>(words);
+            rotate_right_8(words, key_words / 2);
         else
-            rotate_left_8<KeyWords / 2>(words + KeyWords / 2);
+            rotate_left_8(words + key_words / 2, key_words / 2);
     }
     explicit_bzero(words, sizeof words);
 }
@@ -195,21 +198,19 @@ private:
     size_t rounds_;
 };
 
-template <size_t Rounds, bool Backwards>
-class seed_engine : public seed_cipher {
-public:
-    explicit seed_engine(const void *round_key)
-        : seed_cipher(static_cast<const uint32_t *>(round_key) + (Backwards ? 2 * (Rounds - 1) : 0), Backwards ? -2 : 2,
-                      Rounds)
+struct seed_forward : seed_cipher {
+    seed_forward(const uint8_t *round_key, size_t rounds)
+        : seed_cipher(reinterpret_cast<const uint32_t *>(round_key), 2, rounds)
     {}
 };
 
-using seed128_forward = seed_engine<16, false>;
-using seed128_inverse = seed_engine<16, true>;
-using seed192_forward = seed_engine<20, false>;
-using seed192_inverse = seed_engine<20, true>;
-using seed256_forward = seed_engine<24, false>;
-using seed256_inverse = seed_engine<24, true>;
+struct seed_inverse : seed_cipher {
+    seed_inverse(const uint8_t *round_key, size_t rounds)
+        : seed_cipher(reinterpret_cast<const uint32_t *>(round_key) + 2 * (rounds - 1), -2, rounds)
+    {}
+};
+
+using modes = kestal::mode::modes<seed_forward, seed_inverse>;
 
 } // namespace
 
@@ -217,35 +218,35 @@ kestal_seed128_round_key_t *kestal_make_round_key_seed128(kestal_seed128_round_k
 {
     if (round_key == nullptr || key == nullptr)
         return nullptr;
-    expand_key<4, 16>(round_key->m_words, key);
+    expand_key(round_key->m_words, key, 4);
     return round_key;
 }
 
-KESTAL_DEFINE_CIPHER(seed128, seed128_forward, seed128_inverse)
+KESTAL_DEFINE_CIPHER(seed128, modes, rounds_of(4))
 
 kestal_seed128_round_key_t *kestal_make_round_key_seed(kestal_seed128_round_key_t *round_key, const void *key)
 {
     return kestal_make_round_key_seed128(round_key, key);
 }
 
-KESTAL_DEFINE_CIPHER(seed, seed128_forward, seed128_inverse)
+KESTAL_DEFINE_CIPHER(seed, modes, rounds_of(4))
 
 kestal_seed192_round_key_t *kestal_make_round_key_seed192(kestal_seed192_round_key_t *round_key, const void *key)
 {
     if (round_key == nullptr || key == nullptr)
         return nullptr;
-    expand_key<6, 20>(round_key->m_words, key);
+    expand_key(round_key->m_words, key, 6);
     return round_key;
 }
 
-KESTAL_DEFINE_CIPHER(seed192, seed192_forward, seed192_inverse)
+KESTAL_DEFINE_CIPHER(seed192, modes, rounds_of(6))
 
 kestal_seed256_round_key_t *kestal_make_round_key_seed256(kestal_seed256_round_key_t *round_key, const void *key)
 {
     if (round_key == nullptr || key == nullptr)
         return nullptr;
-    expand_key<8, 24>(round_key->m_words, key);
+    expand_key(round_key->m_words, key, 8);
     return round_key;
 }
 
-KESTAL_DEFINE_CIPHER(seed256, seed256_forward, seed256_inverse)
+KESTAL_DEFINE_CIPHER(seed256, modes, rounds_of(8))

@@ -2,6 +2,7 @@
 
 #include "byte_order.hpp"
 #include "digest.hpp"
+#include "settled.hpp"
 #include "sha256_instructions.hpp"
 
 #include <bit>
@@ -24,40 +25,52 @@ constexpr uint32_t constants[64] = {
     0x19A4C116, 0x1E376C08, 0x2748774C, 0x34B0BCB5, 0x391C0CB3, 0x4ED8AA4A, 0x5B9CCA4F, 0x682E6FF3,
     0x748F82EE, 0x78A5636F, 0x84C87814, 0x8CC70208, 0x90BEFFFA, 0xA4506CEB, 0xBEF9A3F7, 0xC67178F2};
 
-// One of the 64 steps. The chaining words change roles instead of places; `schedule` holds the last 16 message words.
-template <size_t index>
-[[gnu::always_inline]] inline void step(uint32_t (&words)[8], uint32_t (&schedule)[16])
+// One of 16 steps. The chaining words change roles instead of places; `schedule` holds the last 16 message words.
+template <size_t index, bool extends>
+[[gnu::always_inline]] inline void step(uint32_t (&words)[8], uint32_t (&schedule)[16], uint32_t constant)
 {
-    const uint32_t a = words[(64 - index) % 8];
-    const uint32_t b = words[(65 - index) % 8];
-    const uint32_t c = words[(66 - index) % 8];
-    uint32_t &d = words[(67 - index) % 8];
-    const uint32_t e = words[(68 - index) % 8];
-    const uint32_t f = words[(69 - index) % 8];
-    const uint32_t g = words[(70 - index) % 8];
-    uint32_t &h = words[(71 - index) % 8];
+    const uint32_t a = words[(16 - index) % 8];
+    const uint32_t b = words[(17 - index) % 8];
+    const uint32_t c = words[(18 - index) % 8];
+    uint32_t &d = words[(19 - index) % 8];
+    const uint32_t e = words[(20 - index) % 8];
+    const uint32_t f = words[(21 - index) % 8];
+    const uint32_t g = words[(22 - index) % 8];
+    uint32_t &h = words[(23 - index) % 8];
 
-    uint32_t &message = schedule[index % 16];
-    if constexpr (index >= 16) {
+    uint32_t &message = schedule[index];
+    if constexpr (extends) {
         const uint32_t early = schedule[(index + 1) % 16];
         const uint32_t late = schedule[(index + 14) % 16];
         message += (std::rotr(early, 7) ^ std::rotr(early, 18) ^ early >> 3) + schedule[(index + 9) % 16] +
                    (std::rotr(late, 17) ^ std::rotr(late, 19) ^ late >> 10);
     }
-    h += message + constants[index] + (g ^ (e & (f ^ g))) + (std::rotr(e, 6) ^ std::rotr(e, 11) ^ std::rotr(e, 25));
+    // The sums over e and a come last: the next step waits for them.
+    h = kestal::settled(h + message + constant);
+    h = kestal::settled(h + (g ^ (e & (f ^ g)))) + (std::rotr(e, 6) ^ std::rotr(e, 11) ^ std::rotr(e, 25));
     d += h;
-    h += (b ^ ((a ^ b) & (b ^ c))) + (std::rotr(a, 2) ^ std::rotr(a, 13) ^ std::rotr(a, 22));
+    h = kestal::settled(h + (b ^ ((a ^ b) & (b ^ c)))) + std::rotr(std::rotr(std::rotr(a, 9) ^ a, 11) ^ a, 2);
 }
 
-template <size_t... index>
-void compress_block(uint32_t (&state)[8], const uint8_t *block, std::index_sequence<index...>)
+// Sixteen of the 64 steps, after which all words stand in their places again.
+template <bool extends, size_t... index>
+[[gnu::always_inline]] inline void steps(uint32_t (&words)[8], uint32_t (&schedule)[16], const uint32_t *added,
+                                         std::index_sequence<index...>)
 {
+    (step<index, extends>(words, schedule, added[index]), ...);
+}
+
+void compress_block(uint32_t (&state)[8], const uint8_t *block)
+{
+    constexpr std::make_index_sequence<16> all;
     uint32_t schedule[16];
     for (size_t i = 0; i < 16; ++i)
         schedule[i] = kestal::load_big_32(block + 4 * i);
     uint32_t words[8];
     std::copy_n(state, 8, words);
-    (step<index>(words, schedule), ...);
+    steps<false>(words, schedule, constants, all);
+    for (size_t done = 16; done < 64; done += 16)
+        steps<true>(words, schedule, constants + done, all);
     for (size_t i = 0; i < 8; ++i)
         state[i] += words[i];
 }
@@ -67,7 +80,7 @@ void compress(uint32_t (&state)[8], const uint8_t *blocks, size_t count)
     if (kestal::sha256_instructions::usable())
         return kestal::sha256_instructions::compress(state, blocks, count, constants);
     for (; count > 0; --count, blocks += kestal::digest_block_size)
-        compress_block(state, blocks, std::make_index_sequence<64>());
+        compress_block(state, blocks);
 }
 
 void end_message(kestal_sha256_t *context)

@@ -180,8 +180,10 @@ template <typename Transfer>
 void row(const std::string &name, Transfer once)
 {
     benchmark::RegisterBenchmark((name + ":kestal").c_str(), transfer<kestal, Transfer>, once)->UseRealTime();
-    benchmark::RegisterBenchmark((name + ":vsftpd").c_str(), transfer<vsftpd, Transfer>, once)->UseRealTime();
-    benchmark::RegisterBenchmark((name + ":pure-ftpd").c_str(), transfer<pure_ftpd, Transfer>, once)->UseRealTime();
+    if (!kestal_bench::find_program("vsftpd").empty())
+        benchmark::RegisterBenchmark((name + ":vsftpd").c_str(), transfer<vsftpd, Transfer>, once)->UseRealTime();
+    if (!kestal_bench::find_program("pure-ftpd").empty())
+        benchmark::RegisterBenchmark((name + ":pure-ftpd").c_str(), transfer<pure_ftpd, Transfer>, once)->UseRealTime();
 }
 
 [[maybe_unused]] const bool registered = [] {

@@ -520,6 +520,13 @@ const char *store(ftpd_session &session, int32_t sock, owned_descriptor &file)
     return close(file.release()) != 0 && failure == nullptr ? "Data send error !" : failure;
 }
 
+// Lets a file end at so many bytes. One that does so already is left alone: file systems flush a file that was cut.
+bool cut(int file, off_t size)
+{
+    struct stat status;
+    return fstat(file, &status) == 0 && (status.st_size == size || ftruncate(file, size) == 0);
+}
+
 bool do_stor(ftpd_session &session, const char *argument)
 {
     const char *failure = nullptr;
@@ -529,7 +536,7 @@ bool do_stor(ftpd_session &session, const char *argument)
     const auto kept = static_cast<off_t>(session.restart_offset);
     return run_transfer(session, "Opening data connection", [&](int32_t sock) {
         // Not before the client is there: until then the old content stays.
-        return ftruncate(file.get(), kept) == 0 ? store(session, sock, file) : "Stream error !";
+        return cut(file.get(), kept) ? store(session, sock, file) : "Stream error !";
     });
 }
 

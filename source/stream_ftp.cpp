@@ -56,9 +56,10 @@ int error_of_reply(int32_t code, bool is_upload)
     case 426:
     case 451:
         return ECONNABORTED;
-    default: // a command that the server does not know
-        return code / 10 == 50 || code / 100 == 3 ? EOPNOTSUPP : EPROTO;
     }
+    if (code / 100 <= 2) // the server agreed: what failed is at this end, such as connecting for the data
+        return errno == 0 || errno == EAGAIN || errno == EINPROGRESS ? EPROTO : errno;
+    return code / 10 == 50 || code / 100 == 3 ? EOPNOTSUPP : EPROTO; // a command that the server does not know
 }
 
 bool log_in(kestal_ftp_t &client, const stream_request &request, int32_t connect_timeout)
@@ -114,6 +115,7 @@ uint32_t open_ftp_transfer(kestal_ctx_t &ctx, const stream_request &request, int
     owned_client client;
     if (client.get() == nullptr)
         return KESTAL_CTX_ERROR_REMOTE;
+    errno = 0;
     if (!log_in(*client.get(), request, connect_timeout) || !open_stream(*client.get(), *transfer.get(), request)) {
         errno = error_of_reply(client->m_reply_code, transfer->is_upload);
         return KESTAL_CTX_ERROR_REMOTE;

@@ -14,8 +14,8 @@
  * "verbose" (prints the server's replies). User and password are the location's, or anonymous. Connecting has no time
  * limit of its own.
  *
- * Refusals: last error 3 for other types and schemes, a missing source or a bad mode, 10 when the server cannot be reached
- * or refuses. The remote size (KESTAL_CTX_CONTROL_GET_SIZE) is stored as asked, but the call says -1 with last error 3:
+ * Refusals: last error 3 for other types and schemes, a missing source or a bad mode, 8 when the source cannot be cut into
+ * its parts, 10 when the server cannot be reached or refuses. The remote size (KESTAL_CTX_CONTROL_GET_SIZE) is stored as asked, but the call says -1 with last error 3:
  * read the record, not the result. Waits say at once that the stream is ready. Nothing can be sought. A read that gives 0 has
  * the server's word that the file is whole.
  */

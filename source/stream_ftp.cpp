@@ -50,6 +50,8 @@ int error_of_reply(int32_t code, bool is_upload)
     case 452:
     case 552:
         return ENOSPC;
+    case 554: // no such offset
+        return EINVAL;
     case 421:
         return ECONNREFUSED;
     case 425:

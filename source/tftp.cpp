@@ -22,6 +22,7 @@ constexpr char local_machine[] = "tftp://localhost";
 constexpr int32_t resolver_timeout_ms = 60000;
 constexpr int32_t hop_limit = 64;
 constexpr int32_t receive_buffer_size = 0x100000;
+constexpr uint32_t most_dropped = 4096;
 
 enum opcode : uint16_t { read_request = 1, write_request, data, acknowledgement, refusal };
 constexpr int32_t header_size = 4; // opcode, and a block number or an error code
@@ -138,6 +139,14 @@ int32_t receive_packet(kestal_tftp_t &tftp, peer_address &sender, int32_t timeou
     }
 }
 
+// What came late for the transfer before must not be taken for data of the next one.
+void drop_waiting_packets(kestal_tftp_t &tftp)
+{
+    for (uint32_t i = 0; i < most_dropped; ++i)
+        if (kestal_sys_recvfrom(tftp.m_socket, tftp.m_packet, 1, MSG_DONTWAIT, nullptr, nullptr) < 0)
+            return;
+}
+
 const char *path_of(const kestal_uri_t &uri)
 {
     const char *path = uri.m_decoded_path;
@@ -226,6 +235,8 @@ int32_t kestal_tftp_read_request(kestal_tftp_t *tftp, const char *filename, cons
 {
     if (tftp == nullptr)
         return -1;
+    if (tftp->m_stream == 0 && tftp->m_socket != KESTAL_INVALID_SOCKET)
+        drop_waiting_packets(*tftp);
     tftp->m_block = 0;
     tftp->m_state = KESTAL_TFTP_RECEIVING;
     return __kestal_tftp_request(tftp, read_request, filename, mode, timeout_ms);

@@ -28,9 +28,9 @@ struct open_socket {
     bool is_owned = false; // closed with the context
     // UDP only
     bool is_debugging = false;
-    socket_address group{};    // family 0: none
-    uint64_t missed_ms = 0;    // without data until the group is joined again; 0: never
-    uint64_t last_data = 0;    // milliseconds
+    socket_address group{}; // family 0: none
+    uint64_t missed_ms = 0; // without data until the group is joined again; 0: never
+    uint64_t last_data = 0; // milliseconds
     uint64_t last_join = 0;
 };
 

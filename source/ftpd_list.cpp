@@ -122,7 +122,7 @@ bool ftpd_listing::open(const char *argument)
     struct stat status;
     if (file.folder() < 0)
         return false;
-    strcpy(name_, file.name());
+    name_ = file.name();
     if (fstatat(file.folder(), name_, &status, AT_SYMLINK_NOFOLLOW) != 0)
         return strpbrk(name_, "*?") != nullptr && open_pattern();
     folder_ = openat(file.folder(), ".", O_PATH | O_DIRECTORY | O_CLOEXEC);

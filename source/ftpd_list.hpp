@@ -46,8 +46,8 @@ private:
     std::string_view written_; // the path as the client wrote it
     const char *pattern_ = nullptr;
     virtual_path path_;
-    char name_[NAME_MAX + 1];
-    size_t used_ = 0; // of the session's data buffer
+    const char *name_ = nullptr; // its last part
+    size_t used_ = 0;            // of the session's data buffer
     id_name owner_;
     id_name group_;
 };

@@ -159,7 +159,7 @@ void say_farewell(ftpd_session &session)
 {
     const deadline due(farewell_ms);
     kestal_shutdown_socket(session.control, SHUT_WR);
-    while (!session.has_ended) {
+    while (!session.has_ended && due.remaining() != 0) { // however much it still has to say
         pollfd peer = {session.control, POLLIN, 0};
         const int ready = poll(&peer, 1, due.remaining());
         if (ready == 0 || (ready < 0 && errno != EINTR))

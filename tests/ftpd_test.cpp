@@ -452,6 +452,9 @@ TEST_F(ftpd, lists_folders_patterns_and_files)
     EXPECT_EQ(sorted(peer.fetch("NLST folder/*.t?t")), (lines{"folder/one.txt", "folder/two.txt"}));
     EXPECT_EQ(peer.fetch("NLST folder/one.txt"), "folder/one.txt\r\n");
     EXPECT_EQ(peer.ask("LIST folder/none"), "550 /folder/none: No such file or directory");
+    const std::string none(500, 'x'); // no file system has a name so long
+    EXPECT_EQ(peer.ask("LIST " + none), "550 /" + none + ": No such file or directory");
+    EXPECT_EQ(peer.fetch("NLST *" + none), "");
 
     struct stat status;
     stat(path("folder/two.txt").c_str(), &status);
@@ -569,6 +572,13 @@ TEST_F(ftpd, gives_up_on_clients_that_stall)
     EXPECT_EQ(kestal_ftpd_set_timeouts(server_, 20, 60000, 60000), 0);
     client silent(port());
     EXPECT_EQ(silent.replies(2), "220 KESTAL FTP Server||");
+    peer.send("QUIT\r\n" + std::string(1000, 'x'));
+    silent.hang_up();
+    const std::string more(1 << 20, 'x');
+    const time_t limit = time(nullptr) + 20;
+    while (kestal_ftpd_get_session_count(server_) != 0 && time(nullptr) < limit)
+        peer.send(more);
+    EXPECT_EQ(kestal_ftpd_get_session_count(server_), 0u) << "one that never stops talking";
 }
 
 TEST_F(ftpd, ends_transfers_on_abor_hang_up_and_stop)

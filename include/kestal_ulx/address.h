@@ -23,8 +23,8 @@ KESTAL_BEGIN_DECLS
 #define KESTAL_SCOPE_LINK 2               /**< this link only */
 #define KESTAL_SCOPE_SITE 5               /**< private */
 #define KESTAL_SCOPE_GLOBAL 14            /**< anywhere */
-#define KESTAL_SCOPE_V4_MAPPED 0xFF01     /**< ::ffff:a.b.c.d */
-#define KESTAL_SCOPE_V4_COMPATIBLE 0xFF02 /**< ::a.b.c.d */
+#define KESTAL_SCOPE_V4_MAPPED 0xFF01     /**< 0:0:0:0:0:ffff:a.b.c.d */
+#define KESTAL_SCOPE_V4_COMPATIBLE 0xFF02 /**< 0:0:0:0:0:0:a.b.c.d */
 #define KESTAL_SCOPE_MULTICAST 0xFF03     /**< a group */
 
 /** Room for any address text of this library with its NUL: a unix path is the longest. */
@@ -155,7 +155,7 @@ KESTAL_API int32_t kestal_in6addr_is_multicast(const void *raw_address);
 /** fec0::/10. */
 KESTAL_API int32_t kestal_in6addr_is_site_local(const void *raw_address);
 
-/** ::ffff:0:0/96. */
+/** 0:0:0:0:0:ffff:0:0/96. */
 KESTAL_API int32_t kestal_in6addr_is_v4_mapped(const void *raw_address);
 
 /** ::/96 but for "::" and "::1". */

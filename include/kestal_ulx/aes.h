@@ -18,17 +18,17 @@ KESTAL_BEGIN_DECLS
 
 /** The expanded key of AES-128: 11 round keys. */
 typedef struct kestal_aes128_round_key {
-    uint8_t m_bytes[176];
+    uint8_t m_bytes[176]; /**< 11 round keys of 16 bytes, in the order of encryption */
 } kestal_aes128_round_key_t;
 
 /** The expanded key of AES-192: 13 round keys. */
 typedef struct kestal_aes192_round_key {
-    uint8_t m_bytes[208];
+    uint8_t m_bytes[208]; /**< 13 round keys of 16 bytes, in the order of encryption */
 } kestal_aes192_round_key_t;
 
 /** The expanded key of AES-256: 15 round keys. */
 typedef struct kestal_aes256_round_key {
-    uint8_t m_bytes[240];
+    uint8_t m_bytes[240]; /**< 15 round keys of 16 bytes, in the order of encryption */
 } kestal_aes256_round_key_t;
 
 KESTAL_STATIC_ASSERT(sizeof(kestal_aes128_round_key_t) == 176, "11 round keys of 16 bytes");

@@ -10,7 +10,9 @@
 KESTAL_BEGIN_DECLS
 
 /* The calls with the call site filled in. */
+/** kestal_vassert_fail_tag with the caller's file, name and line. */
 #define kestal_vassert_fail(format, list) kestal_vassert_fail_tag(__FILE__, __func__, __LINE__, (format), (list))
+/** kestal_assertf_fail_tag with the caller's file, name and line. */
 #define kestal_assertf_fail(...) kestal_assertf_fail_tag(__FILE__, __func__, __LINE__, __VA_ARGS__)
 
 /** Reports a formatted message; the format itself when it cannot be formatted (no memory, text too long). */

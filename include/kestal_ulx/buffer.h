@@ -53,16 +53,16 @@ typedef void (*kestal_buffer_handler_t)(void *context, void *block, uint64_t len
 
 /** A buffer queue; to be read only, and changed through the calls below. */
 typedef struct kestal_buffer {
-    kestal_buffer_node_t *m_head;
-    kestal_buffer_node_t *m_tail;
-    uint32_t m_flags;     /**< creation flags in the low byte, line state and end in the second */
-    uint64_t m_unit_size; /**< 4096: the least room of a node that copies */
-    uint64_t m_offset;    /**< bytes popped */
-    uint64_t m_size;      /**< bytes queued */
-    kestal_lock_t m_lock; /**< taken only when there is a service */
-    kestal_service_t *m_service;
-    void *m_handler_context;
-    kestal_buffer_handler_t m_handler;
+    kestal_buffer_node_t *m_head;      /**< the node to pop from; null when empty */
+    kestal_buffer_node_t *m_tail;      /**< the node pushed last; null when empty */
+    uint32_t m_flags;                  /**< creation flags in the low byte, line state and end in the second */
+    uint64_t m_unit_size;              /**< 4096: the least room of a node that copies */
+    uint64_t m_offset;                 /**< bytes popped */
+    uint64_t m_size;                   /**< bytes queued */
+    kestal_lock_t m_lock;              /**< taken only when there is a service */
+    kestal_service_t *m_service;       /**< of the handler, or null */
+    void *m_handler_context;           /**< passed to the handler */
+    kestal_buffer_handler_t m_handler; /**< null: none */
     kestal_buffer_node_t *m_scan_node; /**< private: where the search for a line's end goes on; null: at the head */
     uint64_t m_scan_position;          /**< private: the place in that node */
     uint64_t m_scan_length;            /**< private: bytes from the head that were searched */

@@ -35,33 +35,34 @@ KESTAL_BEGIN_DECLS
 #define KESTAL_CGI_BODY_LIMIT 65536
 
 /* Indices of the method table. */
-#define KESTAL_CGI_METHOD_NONE 0u /**< the empty text: no request was read, or it named no method */
-#define KESTAL_CGI_METHOD_GET 1u
-#define KESTAL_CGI_METHOD_HEAD 2u
-#define KESTAL_CGI_METHOD_POST 3u
-#define KESTAL_CGI_METHOD_PUT 4u
-#define KESTAL_CGI_METHOD_DELETE 5u
-#define KESTAL_CGI_METHOD_LINK 6u
-#define KESTAL_CGI_METHOD_UNLINK 7u
-#define KESTAL_CGI_METHOD_OTHER 8u /**< a method that the table does not have */
+#define KESTAL_CGI_METHOD_NONE 0u   /**< the empty text: no request was read, or it named no method */
+#define KESTAL_CGI_METHOD_GET 1u    /**< GET */
+#define KESTAL_CGI_METHOD_HEAD 2u   /**< HEAD */
+#define KESTAL_CGI_METHOD_POST 3u   /**< POST */
+#define KESTAL_CGI_METHOD_PUT 4u    /**< PUT */
+#define KESTAL_CGI_METHOD_DELETE 5u /**< DELETE */
+#define KESTAL_CGI_METHOD_LINK 6u   /**< LINK */
+#define KESTAL_CGI_METHOD_UNLINK 7u /**< UNLINK */
+#define KESTAL_CGI_METHOD_OTHER 8u  /**< a method that the table does not have */
 
+/** The object of a CGI program: one request and its answer. */
 typedef struct kestal_cgi kestal_cgi_t;
 
 /** One account: a single allocation with its texts behind it, overwritten when the object is closed. */
 typedef struct kestal_cgi_account {
     struct kestal_cgi_account *m_next; /**< the account added before this one, or null */
-    uint64_t m_username_length;
-    char *m_username;
-    uint64_t m_password_length;
-    char *m_password; /**< in plain text */
+    uint64_t m_username_length;        /**< bytes without the NUL */
+    char *m_username;                  /**< never null */
+    uint64_t m_password_length;        /**< bytes without the NUL */
+    char *m_password;                  /**< in plain text */
 } kestal_cgi_account_t;
 
 /** One header line of the answer: a single allocation with its texts behind it. */
 typedef struct kestal_cgi_response_header {
     struct kestal_cgi_response_header *m_next; /**< the header added next, or null */
-    char *m_name;
-    uint64_t m_value_length;
-    char *m_value;
+    char *m_name;                              /**< the field's name */
+    uint64_t m_value_length;                   /**< bytes without the NUL */
+    char *m_value;                             /**< the field's value */
 } kestal_cgi_response_header_t;
 
 /**

@@ -18,12 +18,12 @@ KESTAL_BEGIN_DECLS
 
 /** 16 round keys of 48 bits, one byte (0 or 1) a bit. */
 typedef struct kestal_des_round_key {
-    uint8_t m_bits[768];
+    uint8_t m_bits[768]; /**< round by round, the highest bit first */
 } kestal_des_round_key_t;
 
 /** The round keys of key 1 (bytes 0 to 7 of the key), key 2 (8 to 15) and key 3 (16 to 23). */
 typedef struct kestal_3des_round_key {
-    kestal_des_round_key_t m_keys[3];
+    kestal_des_round_key_t m_keys[3]; /**< for keys 1, 2 and 3 */
 } kestal_3des_round_key_t;
 
 KESTAL_STATIC_ASSERT(sizeof(kestal_des_round_key_t) == 768, "16 round keys of 48 bytes");

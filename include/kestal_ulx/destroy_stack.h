@@ -24,7 +24,7 @@ typedef void *(*kestal_destructor_t)(void *argument);
 typedef struct kestal_destroy_stack {
     struct kestal_destroy_stack *m_next; /**< the step below, done before; null at the bottom */
     kestal_destructor_t m_destructor;    /**< null: the argument is a block to release */
-    void *m_argument;
+    void *m_argument;                    /**< what the destructor is called with */
 } kestal_destroy_stack_t;
 
 /**

@@ -38,26 +38,26 @@
 KESTAL_BEGIN_DECLS
 
 /* What an event waits for: given to assign. */
-#define KESTAL_EVENT_READ 0x0001u
-#define KESTAL_EVENT_WRITE 0x0002u
-#define KESTAL_EVENT_EXCEPTION 0x0004u
-#define KESTAL_EVENT_SIGNAL 0x0008u  /**< the descriptor is a signal number, 0 to 64 */
-#define KESTAL_EVENT_PERSIST 0x0010u /**< stays in the base when its handler has run; its time-out begins anew */
-#define KESTAL_EVENT_RESOLVE 0x0800u /**< the resolver name is looked up in the background */
+#define KESTAL_EVENT_READ 0x0001u      /**< there is something to read, or the end */
+#define KESTAL_EVENT_WRITE 0x0002u     /**< there is room to write */
+#define KESTAL_EVENT_EXCEPTION 0x0004u /**< the descriptor has an exceptional condition */
+#define KESTAL_EVENT_SIGNAL 0x0008u    /**< the descriptor is a signal number, 0 to 64 */
+#define KESTAL_EVENT_PERSIST 0x0010u   /**< stays in the base when its handler has run; its time-out begins anew */
+#define KESTAL_EVENT_RESOLVE 0x0800u   /**< the resolver name is looked up in the background */
 /** Makes an outgoing stream connection to the addresses that KESTAL_EVENT_RESOLVE finds. */
 #define KESTAL_EVENT_CONNECT 0x1000u
 
 /* Its state: kept by the module in the same word. */
-#define KESTAL_EVENT_IN_TIMER_QUEUE 0x0020u
-#define KESTAL_EVENT_INITIALIZED 0x0080u
-#define KESTAL_EVENT_ALLOCATED 0x0100u /**< made by kestal_new_event, released by kestal_free_event */
-#define KESTAL_EVENT_REGISTERED 0x0200u
-#define KESTAL_EVENT_ACTIVE 0x0400u
-#define KESTAL_EVENT_CONNECTING 0x2000u /**< also a result */
-#define KESTAL_EVENT_CONNECTED 0x4000u  /**< also a result */
+#define KESTAL_EVENT_IN_TIMER_QUEUE 0x0020u /**< it has a deadline and is waiting for it */
+#define KESTAL_EVENT_INITIALIZED 0x0080u    /**< it was assigned */
+#define KESTAL_EVENT_ALLOCATED 0x0100u      /**< made by kestal_new_event, released by kestal_free_event */
+#define KESTAL_EVENT_REGISTERED 0x0200u     /**< it was added to its base */
+#define KESTAL_EVENT_ACTIVE 0x0400u         /**< its handler is to be called */
+#define KESTAL_EVENT_CONNECTING 0x2000u     /**< also a result */
+#define KESTAL_EVENT_CONNECTED 0x4000u      /**< also a result */
 
 /* What a handler is told beside the conditions that are named as they are waited for (read, write, exception, signal). */
-#define KESTAL_EVENT_TIMEOUT 0x0020u
+#define KESTAL_EVENT_TIMEOUT 0x0020u        /**< its time-out ran out */
 #define KESTAL_EVENT_UNASSIGNED 0x0040u     /**< the last call that an event's handler receives */
 #define KESTAL_EVENT_ASSIGNED 0x0080u       /**< the first one, made by assign itself */
 #define KESTAL_EVENT_RESOLVED 0x0800u       /**< the addresses are there */
@@ -68,7 +68,9 @@ KESTAL_BEGIN_DECLS
 #define KESTAL_EVENT_LOOP_NON_BLOCK 0x0002u    /**< never waits: until nothing is active */
 #define KESTAL_EVENT_LOOP_GLOBAL_BREAK 0x8000u /**< also ends when kestal_get_global_break says so */
 
+/** Events and the loop that serves them. */
 typedef struct kestal_event_base kestal_event_base_t;
+/** One thing to wait for. */
 typedef struct kestal_event kestal_event_t;
 
 /**
@@ -79,74 +81,76 @@ typedef void (*kestal_event_handler_t)(kestal_event_t *event, int32_t descriptor
 
 /** An event; to be read only, and changed through the calls below. */
 struct kestal_event {
-    kestal_event_base_t *m_base;
-    uint32_t m_priority;
-    int32_t m_timeout;   /**< ms; negative: none */
-    uint64_t m_deadline; /**< ms of kestal_time_stamp_msec */
-    uint32_t m_flags;
-    uint32_t m_result; /**< what the handler is told */
-    int32_t m_descriptor;
-    kestal_event_handler_t m_handler;
-    void *m_context;
-    char *m_bind_address;
-    int32_t m_bind_port; /**< -1: none */
-    char *m_resolver_name;
-    int32_t m_resolver_port; /**< -1: none */
-    kestal_resolver_t *m_resolved;
-    kestal_buffer_t *m_input_buffer;
-    uint64_t m_input_high_watermark; /**< bytes; 0: no limit */
-    kestal_buffer_t *m_output_buffer;
-    uint64_t m_output_low_watermark; /**< bytes */
-    kestal_signal_node_t *m_signal_node;
-    kestal_event_t *m_prev; /**< in the list of the registered */
-    kestal_event_t *m_next;
-    kestal_event_t *m_timer_prev;
-    kestal_event_t *m_timer_next;
-    kestal_event_t *m_active_prev;
-    kestal_event_t *m_active_next;
-    kestal_event_t *m_timer_child;   /**< private: the queue is a heap */
-    uint64_t m_timer_order;          /**< private: parts equal deadlines */
-    uint64_t m_order;                /**< private: place in the list of the registered */
-    uint32_t m_ready;                /**< private: conditions of this look */
-    uint32_t m_state;                /**< private: bits of the module */
-    kestal_event_t *m_same_next;     /**< private: others on the same descriptor */
-    kestal_event_t *m_same_prev;     /**< private */
-    kestal_event_t *m_attended_prev; /**< private: those that every look takes in */
-    kestal_event_t *m_attended_next; /**< private */
-    kestal_event_t *m_self;          /**< private: tells an assigned record from chance */
+    kestal_event_base_t *m_base;         /**< null: none */
+    uint32_t m_priority;                 /**< the level, 0 is served first */
+    int32_t m_timeout;                   /**< ms; negative: none */
+    uint64_t m_deadline;                 /**< ms of kestal_time_stamp_msec */
+    uint32_t m_flags;                    /**< the KESTAL_EVENT_ bits of what it waits for and of its state */
+    uint32_t m_result;                   /**< what the handler is told */
+    int32_t m_descriptor;                /**< or a signal number; -1: none */
+    kestal_event_handler_t m_handler;    /**< called for each result */
+    void *m_context;                     /**< passed to the handler */
+    char *m_bind_address;                /**< connecting: the local address; null: any */
+    int32_t m_bind_port;                 /**< -1: none */
+    char *m_resolver_name;               /**< the host to look up */
+    int32_t m_resolver_port;             /**< -1: none */
+    kestal_resolver_t *m_resolved;       /**< its addresses, once found */
+    kestal_buffer_t *m_input_buffer;     /**< what was read; null: no input buffer */
+    uint64_t m_input_high_watermark;     /**< bytes; 0: no limit */
+    kestal_buffer_t *m_output_buffer;    /**< what is to be written; null: no output buffer */
+    uint64_t m_output_low_watermark;     /**< bytes */
+    kestal_signal_node_t *m_signal_node; /**< a signal event's place among the signal's handlers */
+    kestal_event_t *m_prev;              /**< in the list of the registered */
+    kestal_event_t *m_next;              /**< in the list of the registered */
+    kestal_event_t *m_timer_prev;        /**< private: links of the heap */
+    kestal_event_t *m_timer_next;        /**< private */
+    kestal_event_t *m_active_prev;       /**< in the queue of its level */
+    kestal_event_t *m_active_next;       /**< in the queue of its level */
+    kestal_event_t *m_timer_child;       /**< private: the queue is a heap */
+    uint64_t m_timer_order;              /**< private: parts equal deadlines */
+    uint64_t m_order;                    /**< private: place in the list of the registered */
+    uint32_t m_ready;                    /**< private: conditions of this look */
+    uint32_t m_state;                    /**< private: bits of the module */
+    kestal_event_t *m_same_next;         /**< private: others on the same descriptor */
+    kestal_event_t *m_same_prev;         /**< private */
+    kestal_event_t *m_attended_prev;     /**< private: those that every look takes in */
+    kestal_event_t *m_attended_next;     /**< private */
+    kestal_event_t *m_self;              /**< private: tells an assigned record from chance */
 };
 
+/** One operation of the service that runs a base's loop: 0, or -1 when it fails. */
 typedef int32_t (*kestal_event_base_service_operation_t)(kestal_event_base_t *base);
 
 /** An event base; to be read only, but for the maximum wait. */
 struct kestal_event_base {
-    kestal_lock_t *m_lock;     /**< held by the loop but for handler calls */
-    uint64_t m_thread_id;      /**< the thread that made the base, then that of the last loop */
-    uint32_t m_running;        /**< 1 while a loop runs */
-    uint32_t m_exit;           /**< asked to end after the look under way */
-    uint32_t m_break;          /**< asked to end after the handler under way */
-    int32_t m_maximum_wait;    /**< ms that shorten a wait which has an end; -1: none. Yours to set */
-    kestal_select_t *m_select; /**< the interest in every descriptor */
-    uint64_t m_event_count;
-    kestal_event_t *m_head;
-    kestal_event_t *m_tail;
-    uint64_t m_timer_event_count;
-    kestal_event_t *m_timer_head; /**< the first to be due */
-    uint32_t m_max_priority;      /**< number of levels */
-    uint64_t m_active_event_count;
+    kestal_lock_t *m_lock;         /**< held by the loop but for handler calls */
+    uint64_t m_thread_id;          /**< the thread that made the base, then that of the last loop */
+    uint32_t m_running;            /**< 1 while a loop runs */
+    uint32_t m_exit;               /**< asked to end after the look under way */
+    uint32_t m_break;              /**< asked to end after the handler under way */
+    int32_t m_maximum_wait;        /**< ms that shorten a wait which has an end; -1: none. Yours to set */
+    kestal_select_t *m_select;     /**< the interest in every descriptor */
+    uint64_t m_event_count;        /**< registered */
+    kestal_event_t *m_head;        /**< the registered, in the order of adding */
+    kestal_event_t *m_tail;        /**< the last of them */
+    uint64_t m_timer_event_count;  /**< those with a deadline */
+    kestal_event_t *m_timer_head;  /**< the first to be due */
+    uint32_t m_max_priority;       /**< number of levels */
+    uint64_t m_active_event_count; /**< in all queues together */
+    /** One level of priority: its active events, the first to be served first. */
     struct kestal_event_queue {
-        kestal_event_t *m_head;
-        kestal_event_t *m_tail;
-    } * m_active;        /**< a queue per level */
-    uint32_t m_notified; /**< a wake-up byte is under way */
-    int32_t m_notify[2]; /**< read end, write end */
-    kestal_event_t m_notify_event;
-    kestal_resolver_cache_t *m_resolver_cache;
-    kestal_event_base_service_operation_t m_check_service;
-    kestal_event_base_service_operation_t m_start_service;
-    kestal_event_base_service_operation_t m_stop_service;
-    kestal_service_t *m_service;
-    struct kestal_event_state *m_state; /**< private: what the loop keeps */
+        kestal_event_t *m_head;                            /**< the next to be served */
+        kestal_event_t *m_tail;                            /**< the one activated last */
+    } * m_active;                                          /**< a queue per level */
+    uint32_t m_notified;                                   /**< a wake-up byte is under way */
+    int32_t m_notify[2];                                   /**< read end, write end */
+    kestal_event_t m_notify_event;                         /**< watches the read end */
+    kestal_resolver_cache_t *m_resolver_cache;             /**< for the events that resolve; null: none yet */
+    kestal_event_base_service_operation_t m_check_service; /**< 1 while the service runs; null: there is none */
+    kestal_event_base_service_operation_t m_start_service; /**< starts it */
+    kestal_event_base_service_operation_t m_stop_service;  /**< stops it */
+    kestal_service_t *m_service;                           /**< runs the loop; null: none */
+    struct kestal_event_state *m_state;                    /**< private: what the loop keeps */
 };
 
 /* --- bases */

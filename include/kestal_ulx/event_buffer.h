@@ -19,8 +19,8 @@
 KESTAL_BEGIN_DECLS
 
 /* Directions. */
-#define KESTAL_EVENT_BUFFER_INPUT 1u
-#define KESTAL_EVENT_BUFFER_OUTPUT 2u
+#define KESTAL_EVENT_BUFFER_INPUT 1u  /**< what the descriptor sends us */
+#define KESTAL_EVENT_BUFFER_OUTPUT 2u /**< what we send to the descriptor */
 
 /** Makes the buffers of the directions that are not there yet. 0; -1 when one could not be made, or for a bad event. */
 KESTAL_API int32_t kestal_event_enable_buffer(kestal_event_t *event, uint32_t directions);

@@ -21,12 +21,15 @@ typedef struct kestal_exception {
     uint64_t m_entry_time;            /**< kestal_time_stamp_msec at entry */
     const char *m_file;               /**< not copied */
     const char *m_function;           /**< not copied */
-    uint64_t m_line;
+    uint64_t m_line;                  /**< of the entry */
 } kestal_exception_t;
 
 /* The calls with the call site filled in. */
+/** kestal_add_exception_tag with the caller's file, name and line. */
 #define kestal_add_exception() kestal_add_exception_tag(__FILE__, __func__, __LINE__)
+/** kestal_del_exception_tag. */
 #define kestal_del_exception(record) kestal_del_exception_tag(record)
+/** kestal_dump_exception_tag with the caller's file, name and line. */
 #define kestal_dump_exception(force) kestal_dump_exception_tag((force), __FILE__, __func__, __LINE__)
 
 /**

@@ -37,24 +37,25 @@ KESTAL_BEGIN_DECLS
 /** What shows through a map with any of these bits is composed behind it. */
 #define KESTAL_FBMAP_COMPOSED (KESTAL_FBMAP_CCOLOR | KESTAL_FBMAP_ALPHA_WINDOW | KESTAL_FBMAP_ALPHA_PIXEL)
 
+/** A frame-buffer map: pixels, their place in a parent, and what lies in them. */
 typedef struct kestal_fbmap kestal_fbmap_t;
 
 /** How text is drawn (fbmap_draw.h); set by the brush calls of fbmap.h. Colours are in the map's format. */
 typedef struct kestal_fbmap_brush {
-    uint32_t m_fcolor; /**< glyphs: at first white */
-    uint32_t m_bcolor; /**< cells: at first opaque black */
-    uint32_t m_ocolor; /**< outlines: at first opaque black */
-    uint32_t m_x_scale_numerator;
-    uint32_t m_x_scale_denominator;
-    uint32_t m_y_scale_numerator;
-    uint32_t m_y_scale_denominator;
-    int32_t m_x_interval; /**< pixels between characters, before scaling */
-    int32_t m_y_interval; /**< pixels between lines, before scaling */
-    int32_t m_angle;      /**< degrees, clockwise around the origin */
-    int32_t m_x;          /**< origin, in the map */
-    int32_t m_y;
-    int32_t m_cursor_x; /**< where the next character goes, from the origin on, before scaling */
-    int32_t m_cursor_y;
+    uint32_t m_fcolor;              /**< glyphs: at first white */
+    uint32_t m_bcolor;              /**< cells: at first opaque black */
+    uint32_t m_ocolor;              /**< outlines: at first opaque black */
+    uint32_t m_x_scale_numerator;   /**< widening: 1 at first */
+    uint32_t m_x_scale_denominator; /**< by this: 1 at first */
+    uint32_t m_y_scale_numerator;   /**< heightening: 1 at first */
+    uint32_t m_y_scale_denominator; /**< by this: 1 at first */
+    int32_t m_x_interval;           /**< pixels between characters, before scaling */
+    int32_t m_y_interval;           /**< pixels between lines, before scaling */
+    int32_t m_angle;                /**< degrees, clockwise around the origin */
+    int32_t m_x;                    /**< origin, in the map */
+    int32_t m_y;                    /**< the origin's row */
+    int32_t m_cursor_x;             /**< where the next character goes, from the origin on, before scaling */
+    int32_t m_cursor_y;             /**< its row */
 } kestal_fbmap_brush_t;
 
 /**
@@ -64,26 +65,41 @@ typedef struct kestal_fbmap_brush {
  * itself in a slot counts as null.
  */
 typedef struct kestal_fbmap_operations {
+    /** kestal_fbmap_transfer. */
     int32_t (*m_transfer)(kestal_fbmap_t *map);
+    /** kestal_fbmap_convert_color. */
     uint32_t (*m_convert_color)(kestal_fbmap_t *map, uint32_t target, uint32_t source, uint32_t color);
+    /** kestal_fbmap_draw_clear. */
     int32_t (*m_draw_clear)(kestal_fbmap_t *map, uint32_t color);
+    /** kestal_fbmap_draw_pixel. */
     int32_t (*m_draw_pixel)(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y);
+    /** kestal_fbmap_draw_hline. */
     int32_t (*m_draw_hline)(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y, uint32_t length);
+    /** kestal_fbmap_draw_vline. */
     int32_t (*m_draw_vline)(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y, uint32_t length);
+    /** kestal_fbmap_draw_box. */
     int32_t (*m_draw_box)(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y, uint32_t width, uint32_t height,
                           uint32_t fill);
+    /** kestal_fbmap_draw_line. */
     int32_t (*m_draw_line)(kestal_fbmap_t *map, uint32_t color, int32_t x1, int32_t y1, int32_t x2, int32_t y2);
+    /** kestal_fbmap_draw_circle. */
     int32_t (*m_draw_circle)(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y, uint32_t radius, uint32_t fill);
+    /** kestal_fbmap_draw_fill. */
     int32_t (*m_draw_fill)(kestal_fbmap_t *map, uint32_t color, int32_t x, int32_t y);
+    /** kestal_fbmap_get_pixel. */
     int32_t (*m_get_pixel)(kestal_fbmap_t *map, const kestal_raw_bitmap_t *target, int32_t x, int32_t y, uint32_t width,
                            uint32_t height);
+    /** kestal_fbmap_get_box. */
     int32_t (*m_get_box)(kestal_fbmap_t *map, const kestal_raw_bitmap_t *target, int32_t x, int32_t y,
                          const kestal_rectangle_t *rectangle, uint32_t blend);
+    /** kestal_fbmap_set_box. */
     int32_t (*m_set_box)(kestal_fbmap_t *map, const kestal_raw_bitmap_t *source, int32_t x, int32_t y,
                          const kestal_rectangle_t *rectangle);
+    /** kestal_fbmap_get_scale_box. */
     int32_t (*m_get_scale_box)(kestal_fbmap_t *map, const kestal_raw_bitmap_t *target,
                                const kestal_rectangle_t *target_rectangle, const kestal_rectangle_t *rectangle,
                                uint32_t blend);
+    /** kestal_fbmap_set_scale_box. */
     int32_t (*m_set_scale_box)(kestal_fbmap_t *map, const kestal_raw_bitmap_t *source,
                                const kestal_rectangle_t *rectangle, const kestal_rectangle_t *source_rectangle);
 } kestal_fbmap_operations_t;
@@ -93,24 +109,24 @@ typedef struct kestal_fbmap_operations {
  * after the map is made; everything else is read only and changed by calls.
  */
 struct kestal_fbmap {
-    kestal_fbmap_t *m_previous; /**< the sibling in front */
-    kestal_fbmap_t *m_next;     /**< the sibling behind */
-    kestal_fbmap_t *m_parent;   /**< null for a root */
-    kestal_fbmap_t *m_child;    /**< the front-most child */
-    uint32_t m_flags;
+    kestal_fbmap_t *m_previous;   /**< the sibling in front */
+    kestal_fbmap_t *m_next;       /**< the sibling behind */
+    kestal_fbmap_t *m_parent;     /**< null for a root */
+    kestal_fbmap_t *m_child;      /**< the front-most child */
+    uint32_t m_flags;             /**< KESTAL_FBMAP_ bits */
     uint32_t m_identifier;        /**< the caller's; all ones when destroyed */
     char *m_name;                 /**< may be null */
     kestal_raw_bitmap_t m_bitmap; /**< the pixels; without pixels a map shows nothing and only holds its children */
-    uint32_t m_bits_per_pixel;
-    int32_t m_x; /**< position in the parent, pixels */
-    int32_t m_y;
-    void *m_composite;       /**< root: where translucent maps are composed; as large as the pixels */
-    void *m_context;         /**< the back end's, inherited from the parent */
-    uint32_t m_ccolor;       /**< the colour key, in the map's format */
-    uint32_t m_alpha_window; /**< 0 (nothing is seen) to 255 (opaque), at first 255 */
-    kestal_fbmap_brush_t m_brush;
-    kestal_rectangle_t m_update; /**< what changed since the last redraw; empty: nothing */
-    kestal_fbmap_operations_t m_operations;
+    uint32_t m_bits_per_pixel;    /**< of the format: 8, 16, 24 or 32 */
+    int32_t m_x;                  /**< position in the parent, pixels */
+    int32_t m_y;                  /**< position in the parent, rows */
+    void *m_composite;            /**< root: where translucent maps are composed; as large as the pixels */
+    void *m_context;              /**< the back end's, inherited from the parent */
+    uint32_t m_ccolor;            /**< the colour key, in the map's format */
+    uint32_t m_alpha_window;      /**< 0 (nothing is seen) to 255 (opaque), at first 255 */
+    kestal_fbmap_brush_t m_brush; /**< how text is drawn */
+    kestal_rectangle_t m_update;  /**< what changed since the last redraw; empty: nothing */
+    kestal_fbmap_operations_t m_operations; /**< null: the library's */
 };
 
 #if KESTAL_POINTER_IS_64_BIT

@@ -20,8 +20,8 @@ KESTAL_BEGIN_DECLS
 
 /** Ids in use from m_first up to, not including, m_end. */
 typedef struct kestal_fragment_interval {
-    uint64_t m_first;
-    uint64_t m_end;
+    uint64_t m_first; /**< the lowest */
+    uint64_t m_end;   /**< above the highest */
 } kestal_fragment_interval_t;
 
 /** An allocator. To be placed, not touched; private throughout. */

@@ -24,6 +24,7 @@
 
 KESTAL_BEGIN_DECLS
 
+/** The port of a server whose location names none. */
 #define KESTAL_FTP_DEFAULT_PORT 21
 
 /** State: the control connection is usable. */
@@ -80,19 +81,19 @@ typedef struct kestal_ftp {
     int32_t m_listen_socket;     /**< waits for the server's data connection (active mode) */
     int32_t m_accepted_socket;   /**< the server's data connection before its stream is open (active mode) */
     int32_t m_data_socket;       /**< the data connection */
-    kestal_buffer_t *m_send_queue;
-    kestal_buffer_t *m_receive_queue;
-    uint8_t *m_block;            /**< room for 65536 bytes of input and output */
-    char *m_reply_line;          /**< the current reply line without its end */
-    uint64_t m_reply_length;     /**< its length */
-    int32_t m_reply_code;        /**< the code of the last reply, -1 before any */
-    const char *m_reply_text;    /**< the text behind the code, inside the line; null before any */
-    uint64_t m_start_time;       /**< of the transfer, on the clock of kestal_time_stamp_msec */
-    uint64_t m_elapsed;          /**< ms since then, up to the last block */
-    uint64_t m_bytes;            /**< moved by the transfer */
-    uint64_t m_bytes_per_second; /**< on the average of the transfer */
-    kestal_select_t *m_select;   /**< what the engine waits with */
-    int32_t m_same_host;         /**< not 0: data connections only with the host of the control connection, whatever
+    kestal_buffer_t *m_send_queue;    /**< commands on their way */
+    kestal_buffer_t *m_receive_queue; /**< what the server sent and was not yet read as a reply */
+    uint8_t *m_block;                 /**< room for 65536 bytes of input and output */
+    char *m_reply_line;               /**< the current reply line without its end */
+    uint64_t m_reply_length;          /**< its length */
+    int32_t m_reply_code;             /**< the code of the last reply, -1 before any */
+    const char *m_reply_text;         /**< the text behind the code, inside the line; null before any */
+    uint64_t m_start_time;            /**< of the transfer, on the clock of kestal_time_stamp_msec */
+    uint64_t m_elapsed;               /**< ms since then, up to the last block */
+    uint64_t m_bytes;                 /**< moved by the transfer */
+    uint64_t m_bytes_per_second;      /**< on the average of the transfer */
+    kestal_select_t *m_select;        /**< what the engine waits with */
+    int32_t m_same_host; /**< not 0: data connections only with the host of the control connection, whatever
                                        address the server's reply names; 0 */
 } kestal_ftp_t;
 

@@ -23,15 +23,16 @@
 
 KESTAL_BEGIN_DECLS
 
+/** A server: its accounts, its listener and its sessions. */
 typedef struct kestal_ftpd kestal_ftpd_t;
 
 /** The port of FTP, which -1 stands for. */
 #define KESTAL_FTPD_PORT 21
 
 /* What kestal_ftpd_set_timeouts begins with, in milliseconds. */
-#define KESTAL_FTPD_COMMAND_TIMEOUT 300000
-#define KESTAL_FTPD_SEND_TIMEOUT 60000
-#define KESTAL_FTPD_DATA_TIMEOUT 60000
+#define KESTAL_FTPD_COMMAND_TIMEOUT 300000 /**< for the next command */
+#define KESTAL_FTPD_SEND_TIMEOUT 60000     /**< for the peer to take a reply */
+#define KESTAL_FTPD_DATA_TIMEOUT 60000     /**< for a data connection, and in it for every further byte */
 
 /**
  * Opens a server that listens for IPv6 and IPv4 alike, or, where the system has no IPv6, for IPv4. `address` is an IPv6 or

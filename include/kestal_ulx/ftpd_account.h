@@ -22,12 +22,12 @@ KESTAL_BEGIN_DECLS
 
 /** One account. Read freely, changed by the calls below; the links are the caller's until a server has the account. */
 typedef struct kestal_ftpd_account {
-    struct kestal_ftpd_account *m_prev;
-    struct kestal_ftpd_account *m_next;
-    uint32_t m_flags;
-    char *m_user;           /**< null in a system account: any user of the machine */
-    char *m_plain_password; /**< null: logs in without a password */
-    char *m_path_home;      /**< null: the environment's HOME, else HOMEDRIVE and HOMEPATH, else "/" */
+    struct kestal_ftpd_account *m_prev; /**< the account added before */
+    struct kestal_ftpd_account *m_next; /**< the account added next */
+    uint32_t m_flags;                   /**< KESTAL_FTPD_ACCOUNT_ bits */
+    char *m_user;                       /**< null in a system account: any user of the machine */
+    char *m_plain_password;             /**< null: logs in without a password */
+    char *m_path_home;                  /**< null: the environment's HOME, else HOMEDRIVE and HOMEPATH, else "/" */
 } kestal_ftpd_account_t;
 
 /**

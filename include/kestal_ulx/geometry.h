@@ -14,10 +14,10 @@ KESTAL_BEGIN_DECLS
 
 /** A rectangle of pixels. */
 typedef struct kestal_rectangle {
-    int32_t m_x;
-    int32_t m_y;
-    uint32_t m_width;
-    uint32_t m_height;
+    int32_t m_x;       /**< left edge */
+    int32_t m_y;       /**< upper edge */
+    uint32_t m_width;  /**< pixels; 0: empty */
+    uint32_t m_height; /**< rows; 0: empty */
 } kestal_rectangle_t;
 
 KESTAL_STATIC_ASSERT(sizeof(kestal_rectangle_t) == 16, "layout of kestal_rectangle_t");

@@ -16,28 +16,29 @@ KESTAL_BEGIN_DECLS
 /** Releases what a node's data points to and returns the value to store back, usually null. */
 typedef void *(*kestal_hash_data_destructor_t)(void *data);
 
+/** An entry of a hash table. */
 typedef struct kestal_hash_node kestal_hash_node_t;
 
 /** One entry. The key must not change while the node is in a table. */
 struct kestal_hash_node {
-    kestal_hash_node_t *m_previous; /**< on the table's ordered list */
-    kestal_hash_node_t *m_next;
+    kestal_hash_node_t *m_previous;        /**< on the table's ordered list */
+    kestal_hash_node_t *m_next;            /**< the entry behind */
     kestal_hash_node_t *m_bucket_previous; /**< on the list of its bucket */
-    kestal_hash_node_t *m_bucket_next;
-    uint32_t m_key;
-    void *m_data; /**< the table's when it has a data destructor, else the caller's */
+    kestal_hash_node_t *m_bucket_next;     /**< the entry behind */
+    uint32_t m_key;                        /**< what it is found by */
+    void *m_data;                          /**< the table's when it has a data destructor, else the caller's */
 };
 
 /** A table, in one block with its buckets. To be read, not written. */
 typedef struct kestal_hash {
-    uint64_t m_bucket_count; /**< at least 1 */
-    kestal_hash_data_destructor_t m_data_destructor;
-    kestal_hash_node_t *m_head; /**< the ordered list of all nodes */
-    kestal_hash_node_t *m_tail;
-    kestal_hash_node_t **m_buckets; /**< the heads of the bucket lists */
-    uint64_t m_node_count;
-    uint64_t m_modulus; /**< private, as what follows */
-    uint64_t m_reciprocal;
+    uint64_t m_bucket_count;                         /**< at least 1 */
+    kestal_hash_data_destructor_t m_data_destructor; /**< null: data is the caller's */
+    kestal_hash_node_t *m_head;                      /**< the ordered list of all nodes */
+    kestal_hash_node_t *m_tail;                      /**< the last of it */
+    kestal_hash_node_t **m_buckets;                  /**< the heads of the bucket lists */
+    uint64_t m_node_count;                           /**< nodes in the table */
+    uint64_t m_modulus;                              /**< private, as what follows */
+    uint64_t m_reciprocal;                           /**< private */
 } kestal_hash_t;
 
 #if KESTAL_POINTER_IS_64_BIT

@@ -19,6 +19,7 @@ KESTAL_BEGIN_DECLS
 #define KESTAL_HTTP_NODE_CONTINUATION UINT32_C(0x1000) /**< folded line; joined to the line before, never kept */
 #define KESTAL_HTTP_NODE_UNKNOWN UINT32_C(0x8000)      /**< none of these */
 
+/** A line of a head, as an element of a list. */
 typedef struct kestal_http_node kestal_http_node_t;
 
 /**
@@ -26,20 +27,20 @@ typedef struct kestal_http_node kestal_http_node_t;
  * kestal_strdup and its like, in its place: it goes with the node.
  */
 struct kestal_http_node {
-    kestal_http_node_t *m_previous;
-    kestal_http_node_t *m_next;
-    uint32_t m_type;        /**< KESTAL_HTTP_NODE_ value */
-    uint64_t m_size;        /**< bytes of the line from m_start on, without the terminator */
-    char *m_start;          /**< the line, in m_line */
-    char *m_extra;          /**< what follows the part that was understood; in m_line too */
-    char *m_text1;          /**< field name; request method; protocol of a status line ("HTTP") */
-    char *m_text2;          /**< field value; request URI; protocol version of a status line ("1.1") */
-    char *m_text3;          /**< protocol of a request line; the three digits of a status code */
-    char *m_text4;          /**< protocol version of a request line; reason phrase */
-    uint32_t m_major;       /**< major version */
-    uint32_t m_minor;       /**< minor version */
-    uint32_t m_status_code; /**< the status code as a number */
-    char m_line[4];         /**< the characters, as many as there are, and a terminator */
+    kestal_http_node_t *m_previous; /**< the line above */
+    kestal_http_node_t *m_next;     /**< the line below */
+    uint32_t m_type;                /**< KESTAL_HTTP_NODE_ value */
+    uint64_t m_size;                /**< bytes of the line from m_start on, without the terminator */
+    char *m_start;                  /**< the line, in m_line */
+    char *m_extra;                  /**< what follows the part that was understood; in m_line too */
+    char *m_text1;                  /**< field name; request method; protocol of a status line ("HTTP") */
+    char *m_text2;                  /**< field value; request URI; protocol version of a status line ("1.1") */
+    char *m_text3;                  /**< protocol of a request line; the three digits of a status code */
+    char *m_text4;                  /**< protocol version of a request line; reason phrase */
+    uint32_t m_major;               /**< major version */
+    uint32_t m_minor;               /**< minor version */
+    uint32_t m_status_code;         /**< the status code as a number */
+    char m_line[4];                 /**< the characters, as many as there are, and a terminator */
 };
 
 #if KESTAL_POINTER_IS_64_BIT

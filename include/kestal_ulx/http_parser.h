@@ -30,13 +30,13 @@ KESTAL_BEGIN_DECLS
 
 /** A parser. To be read, but for the verbose flag and the nodes' texts. */
 typedef struct kestal_http_parser {
-    void *m_owner[2];         /**< the owner's, neither read nor written here */
-    uint32_t m_flags;         /**< KESTAL_HTTP_PARSER_ bits */
-    kestal_buffer_t *m_input; /**< bytes of the line that is not complete yet; null without a head under way */
-    kestal_http_node_t *m_head;
-    kestal_http_node_t *m_tail;
-    char *m_output;         /**< the text that kestal_get_output_http_parser made last */
-    uint64_t m_output_size; /**< its length in bytes */
+    void *m_owner[2];           /**< the owner's, neither read nor written here */
+    uint32_t m_flags;           /**< KESTAL_HTTP_PARSER_ bits */
+    kestal_buffer_t *m_input;   /**< bytes of the line that is not complete yet; null without a head under way */
+    kestal_http_node_t *m_head; /**< the first line; null: none yet */
+    kestal_http_node_t *m_tail; /**< the last line */
+    char *m_output;             /**< the text that kestal_get_output_http_parser made last */
+    uint64_t m_output_size;     /**< its length in bytes */
 } kestal_http_parser_t;
 
 #if KESTAL_POINTER_IS_64_BIT

@@ -27,7 +27,7 @@ KESTAL_BEGIN_DECLS
 
 /* --- last errors: set by this layer and by plugins, cleared by every option and forwarded call */
 
-#define KESTAL_CTX_ERROR_NONE UINT32_C(0)
+#define KESTAL_CTX_ERROR_NONE UINT32_C(0) /**< nothing failed */
 /** The device or file could not be opened, or the plugin has no state for the request. */
 #define KESTAL_CTX_ERROR_NOT_OPENED UINT32_C(1)
 /** No plugin, no such operation, the wrong kind, or a failed open. Lets the next plugin try. */
@@ -36,25 +36,25 @@ KESTAL_BEGIN_DECLS
 #define KESTAL_CTX_ERROR_BAD_ARGUMENT UINT32_C(4)
 /** The caller's buffer is smaller than the datagram to deliver. */
 #define KESTAL_CTX_ERROR_SHORT_BUFFER UINT32_C(5)
-#define KESTAL_CTX_ERROR_NO_MEMORY UINT32_C(8)
-#define KESTAL_CTX_ERROR_ALREADY_OPEN UINT32_C(9)
+#define KESTAL_CTX_ERROR_NO_MEMORY UINT32_C(8)    /**< memory is short */
+#define KESTAL_CTX_ERROR_ALREADY_OPEN UINT32_C(9) /**< the context is open already */
 /** The remote transfer could not be set up. */
 #define KESTAL_CTX_ERROR_REMOTE UINT32_C(10)
 
 /* --- the kinds of context that the built-in plugin serves: a context's m_kind */
 
-#define KESTAL_CTX_KIND_BASE 0
-#define KESTAL_CTX_KIND_MULTICALL 1
-#define KESTAL_CTX_KIND_STREAM 100 /**< before the source's scheme has picked one of the next */
-#define KESTAL_CTX_KIND_STREAM_FILE 101
-#define KESTAL_CTX_KIND_STREAM_TFTP 102
-#define KESTAL_CTX_KIND_STREAM_FTP 103
-#define KESTAL_CTX_KIND_STREAM_PIPE 104
-#define KESTAL_CTX_KIND_STREAM_UDP 105
-#define KESTAL_CTX_KIND_STREAM_TCP 106
-#define KESTAL_CTX_KIND_FB 200
-#define KESTAL_CTX_KIND_LINUXFB 201
-#define KESTAL_CTX_KIND_WINDOWS_DIB 202
+#define KESTAL_CTX_KIND_BASE 0          /**< no source: a handle to the library itself */
+#define KESTAL_CTX_KIND_MULTICALL 1     /**< no source: for plugins that serve several requests at once */
+#define KESTAL_CTX_KIND_STREAM 100      /**< before the source's scheme has picked one of the next */
+#define KESTAL_CTX_KIND_STREAM_FILE 101 /**< a file */
+#define KESTAL_CTX_KIND_STREAM_TFTP 102 /**< a file of a TFTP server */
+#define KESTAL_CTX_KIND_STREAM_FTP 103  /**< a file of an FTP server */
+#define KESTAL_CTX_KIND_STREAM_PIPE 104 /**< a pipe, or a descriptor that was open */
+#define KESTAL_CTX_KIND_STREAM_UDP 105  /**< datagrams of a port or group */
+#define KESTAL_CTX_KIND_STREAM_TCP 106  /**< a TCP connection */
+#define KESTAL_CTX_KIND_FB 200          /**< a frame buffer of whatever kind; the built-in plugin serves the next */
+#define KESTAL_CTX_KIND_LINUXFB 201     /**< a frame-buffer device */
+#define KESTAL_CTX_KIND_WINDOWS_DIB 202 /**< for plugins that draw into a window's bitmap */
 
 /* --- control codes, and the records that go with them */
 
@@ -64,15 +64,15 @@ KESTAL_BEGIN_DECLS
 #define KESTAL_CTX_CONTROL_GET_FBINFO UINT32_C(0x01030011)
 
 /* X-controls that a plugin which serves a database answers, each with its record below. */
-#define KESTAL_CTX_CONTROL_DB_GET_QUERY UINT32_C(0x0102000B)
-#define KESTAL_CTX_CONTROL_DB_SET_QUERY UINT32_C(0x0202000B)
-#define KESTAL_CTX_CONTROL_DB_FREE_RESULT UINT32_C(0x0602000C)
-#define KESTAL_CTX_CONTROL_DB_DUMP_RESULT UINT32_C(0x0902000C)
-#define KESTAL_CTX_CONTROL_DB_FETCH_ROW UINT32_C(0x0802000D)
-#define KESTAL_CTX_CONTROL_DB_GET_ROW_COUNT UINT32_C(0x0102000E)
-#define KESTAL_CTX_CONTROL_DB_GET_FIELD_COUNT UINT32_C(0x0102000F)
-#define KESTAL_CTX_CONTROL_DB_GET_FIELD_INDEX UINT32_C(0x01020010)
-#define KESTAL_CTX_CONTROL_DB_GET_FIELD_NAME UINT32_C(0x01020012)
+#define KESTAL_CTX_CONTROL_DB_GET_QUERY UINT32_C(0x0102000B)       /**< kestal_ctx_db_get_query_record_t */
+#define KESTAL_CTX_CONTROL_DB_SET_QUERY UINT32_C(0x0202000B)       /**< kestal_ctx_db_set_query_record_t */
+#define KESTAL_CTX_CONTROL_DB_FREE_RESULT UINT32_C(0x0602000C)     /**< kestal_ctx_db_free_result_record_t */
+#define KESTAL_CTX_CONTROL_DB_DUMP_RESULT UINT32_C(0x0902000C)     /**< kestal_ctx_db_dump_result_record_t */
+#define KESTAL_CTX_CONTROL_DB_FETCH_ROW UINT32_C(0x0802000D)       /**< kestal_ctx_db_fetch_row_record_t */
+#define KESTAL_CTX_CONTROL_DB_GET_ROW_COUNT UINT32_C(0x0102000E)   /**< kestal_ctx_db_get_count_record_t */
+#define KESTAL_CTX_CONTROL_DB_GET_FIELD_COUNT UINT32_C(0x0102000F) /**< kestal_ctx_db_get_count_record_t */
+#define KESTAL_CTX_CONTROL_DB_GET_FIELD_INDEX UINT32_C(0x01020010) /**< kestal_ctx_db_get_field_index_record_t */
+#define KESTAL_CTX_CONTROL_DB_GET_FIELD_NAME UINT32_C(0x01020012)  /**< kestal_ctx_db_get_field_name_record_t */
 
 /** What kestal_ctx_get_fbinfo fills. */
 typedef struct kestal_ctx_fbinfo {
@@ -84,17 +84,17 @@ typedef struct kestal_ctx_fbinfo {
 
 /** KESTAL_CTX_CONTROL_DB_GET_QUERY: runs a query that has a result. */
 typedef struct kestal_ctx_db_get_query_record {
-    uint64_t m_result; /**< out: the result's handle; 0 before */
-    uint64_t m_reserved;
-    const char *m_query;
+    uint64_t m_result;   /**< out: the result's handle; 0 before */
+    uint64_t m_reserved; /**< 0 */
+    const char *m_query; /**< the query's text */
 } kestal_ctx_db_get_query_record_t;
 
 /** KESTAL_CTX_CONTROL_DB_SET_QUERY: runs a query that has none. */
 typedef struct kestal_ctx_db_set_query_record {
-    int32_t m_status; /**< out: 0 for success; -1 before */
-    uint32_t m_padding;
-    uint64_t m_reserved;
-    const char *m_query;
+    int32_t m_status;    /**< out: 0 for success; -1 before */
+    uint32_t m_padding;  /**< 0 */
+    uint64_t m_reserved; /**< 0 */
+    const char *m_query; /**< the query's text */
 } kestal_ctx_db_set_query_record_t;
 
 /** KESTAL_CTX_CONTROL_DB_FREE_RESULT. */
@@ -104,47 +104,47 @@ typedef struct kestal_ctx_db_free_result_record {
 
 /** KESTAL_CTX_CONTROL_DB_FETCH_ROW. */
 typedef struct kestal_ctx_db_fetch_row_record {
-    uint64_t m_row; /**< out: the row's handle; 0 before */
-    uint64_t m_result;
+    uint64_t m_row;    /**< out: the row's handle; 0 before */
+    uint64_t m_result; /**< the result's handle */
 } kestal_ctx_db_fetch_row_record_t;
 
 /** KESTAL_CTX_CONTROL_DB_GET_ROW_COUNT and KESTAL_CTX_CONTROL_DB_GET_FIELD_COUNT. */
 typedef struct kestal_ctx_db_get_count_record {
-    uint64_t m_count; /**< out; 0 before */
-    uint64_t m_result;
+    uint64_t m_count;  /**< out; 0 before */
+    uint64_t m_result; /**< the result's handle */
 } kestal_ctx_db_get_count_record_t;
 
 /** KESTAL_CTX_CONTROL_DB_GET_FIELD_INDEX. */
 typedef struct kestal_ctx_db_get_field_index_record {
-    int32_t m_index; /**< out: the field's number; -1 before */
-    uint32_t m_flags;
-    const char *m_name;
-    uint64_t m_result;
+    int32_t m_index;    /**< out: the field's number; -1 before */
+    uint32_t m_flags;   /**< the plugin's to define */
+    const char *m_name; /**< the field's name */
+    uint64_t m_result;  /**< the result's handle */
 } kestal_ctx_db_get_field_index_record_t;
 
 /** KESTAL_CTX_CONTROL_DB_GET_FIELD_NAME. */
 typedef struct kestal_ctx_db_get_field_name_record {
     const char *m_name; /**< out: the plugin's own text; null before */
-    uint32_t m_index;
-    uint32_t m_padding;
-    uint64_t m_result;
+    uint32_t m_index;   /**< the field's number */
+    uint32_t m_padding; /**< 0 */
+    uint64_t m_result;  /**< the result's handle */
 } kestal_ctx_db_get_field_name_record_t;
 
 /** KESTAL_CTX_CONTROL_DB_DUMP_RESULT. */
 typedef struct kestal_ctx_db_dump_result_record {
-    uint64_t m_a; /**< the plugin's to define, as is m_b */
-    uint64_t m_b;
-    uint64_t m_result;
+    uint64_t m_a;      /**< the plugin's to define, as is m_b */
+    uint64_t m_b;      /**< the plugin's to define */
+    uint64_t m_result; /**< the result's handle */
 } kestal_ctx_db_dump_result_record_t;
 
 /* --- the records that plugins work on */
 
 /** One option of a context: a single allocation, with name and value behind the record. */
 typedef struct kestal_ctx_option {
-    struct kestal_ctx_option *m_next;
-    char *m_name;          /**< null when set without a name or with an empty one */
-    uint64_t m_value_size; /**< in bytes, without the NUL that stands behind the value */
-    void *m_value;         /**< null when the size is 0 */
+    struct kestal_ctx_option *m_next; /**< the option set next */
+    char *m_name;                     /**< null when set without a name or with an empty one */
+    uint64_t m_value_size;            /**< in bytes, without the NUL that stands behind the value */
+    void *m_value;                    /**< null when the size is 0 */
 } kestal_ctx_option_t;
 
 /** A context, as plugins see it. Applications hold the id. */
@@ -153,12 +153,12 @@ typedef struct kestal_ctx {
     uint32_t m_base_plugin_id;          /**< a counted use of the built-in plugin */
     struct kestal_plugin *m_plugin;     /**< the plugin that serves; null while closed */
     kestal_ctx_option_t *m_option_head; /**< the options in the order set */
-    kestal_ctx_option_t *m_option_tail;
-    char *m_mime_type;      /**< as opened; null while closed */
-    int32_t m_kind;         /**< the serving plugin's own code; -1 while closed */
-    void *m_plugin_state;   /**< the serving plugin's; null while closed */
-    uint32_t m_last_error;  /**< KESTAL_CTX_ERROR_... or a code of the plugin's */
-    uint64_t m_reserved[2]; /**< free for the serving plugin; zero at creation only */
+    kestal_ctx_option_t *m_option_tail; /**< the last of them */
+    char *m_mime_type;                  /**< as opened; null while closed */
+    int32_t m_kind;                     /**< the serving plugin's own code; -1 while closed */
+    void *m_plugin_state;               /**< the serving plugin's; null while closed */
+    uint32_t m_last_error;              /**< KESTAL_CTX_ERROR_... or a code of the plugin's */
+    uint64_t m_reserved[2];             /**< free for the serving plugin; zero at creation only */
 } kestal_ctx_t;
 
 #if KESTAL_POINTER_IS_64_BIT

@@ -29,39 +29,57 @@ KESTAL_BEGIN_DECLS
 
 /* The calls with the call site filled in as the tag: the ones to use. What stands as "..." are the link positions
  * (KESTAL_LINKS, KESTAL_LINK or numbers) and what follows them. */
+/** kestal_doubly_linked_list_prepend_tag with the caller's name and line. */
 #define kestal_doubly_linked_list_prepend(head, tail, node, ...)                                                       \
     kestal_doubly_linked_list_prepend_tag((head), (tail), (node), __VA_ARGS__, __func__, __LINE__)
+/** kestal_doubly_linked_list_append_tag with the caller's name and line. */
 #define kestal_doubly_linked_list_append(head, tail, node, ...)                                                        \
     kestal_doubly_linked_list_append_tag((head), (tail), (node), __VA_ARGS__, __func__, __LINE__)
+/** kestal_doubly_linked_list_delete_tag with the caller's name and line. */
 #define kestal_doubly_linked_list_delete(head, tail, node, ...)                                                        \
     kestal_doubly_linked_list_delete_tag((head), (tail), (node), __VA_ARGS__, __func__, __LINE__)
+/** kestal_doubly_linked_list_replace_tag with the caller's name and line. */
 #define kestal_doubly_linked_list_replace(head, tail, old_node, new_node, ...)                                         \
     kestal_doubly_linked_list_replace_tag((head), (tail), (old_node), (new_node), __VA_ARGS__, __func__, __LINE__)
+/** kestal_doubly_linked_list_insert_tag with the caller's name and line. */
 #define kestal_doubly_linked_list_insert(head, tail, existing, new_node, ...)                                          \
     kestal_doubly_linked_list_insert_tag((head), (tail), (existing), (new_node), __VA_ARGS__, __func__, __LINE__)
+/** kestal_doubly_linked_list_sort_insert_tag with the caller's name and line. */
 #define kestal_doubly_linked_list_sort_insert(head, tail, node, ...)                                                   \
     kestal_doubly_linked_list_sort_insert_tag((head), (tail), (node), __VA_ARGS__, __func__, __LINE__)
+/** kestal_doubly_linked_list_sort_tag with the caller's name and line. */
 #define kestal_doubly_linked_list_sort(head, tail, ...)                                                                \
     kestal_doubly_linked_list_sort_tag((head), (tail), __VA_ARGS__, __func__, __LINE__)
+/** kestal_singly_linked_list_prepend_tag with the caller's name and line. */
 #define kestal_singly_linked_list_prepend(head, tail, node, next)                                                      \
     kestal_singly_linked_list_prepend_tag((head), (tail), (node), (next), __func__, __LINE__)
+/** kestal_singly_linked_list_append_tag with the caller's name and line. */
 #define kestal_singly_linked_list_append(head, tail, node, next)                                                       \
     kestal_singly_linked_list_append_tag((head), (tail), (node), (next), __func__, __LINE__)
+/** kestal_singly_linked_list_delete_tag with the caller's name and line. */
 #define kestal_singly_linked_list_delete(head, tail, node, next)                                                       \
     kestal_singly_linked_list_delete_tag((head), (tail), (node), (next), __func__, __LINE__)
+/** kestal_singly_linked_list_replace_tag with the caller's name and line. */
 #define kestal_singly_linked_list_replace(head, tail, old_node, new_node, next)                                        \
     kestal_singly_linked_list_replace_tag((head), (tail), (old_node), (new_node), (next), __func__, __LINE__)
+/** kestal_singly_linked_list_insert_tag with the caller's name and line. */
 #define kestal_singly_linked_list_insert(head, tail, existing, new_node, next)                                         \
     kestal_singly_linked_list_insert_tag((head), (tail), (existing), (new_node), (next), __func__, __LINE__)
+/** kestal_singly_linked_list_sort_insert_tag with the caller's name and line. */
 #define kestal_singly_linked_list_sort_insert(head, tail, node, next, compare)                                         \
     kestal_singly_linked_list_sort_insert_tag((head), (tail), (node), (next), (compare), __func__, __LINE__)
+/** kestal_singly_linked_list_sort_tag with the caller's name and line. */
 #define kestal_singly_linked_list_sort(head, tail, next, compare)                                                      \
     kestal_singly_linked_list_sort_tag((head), (tail), (next), (compare), __func__, __LINE__)
+/** kestal_linked_list_get_tail_tag with the caller's name and line. */
 #define kestal_linked_list_get_tail(head, tail, next)                                                                  \
     kestal_linked_list_get_tail_tag((head), (tail), (next), __func__, __LINE__)
+/** kestal_linked_list_index_tag with the caller's name and line. */
 #define kestal_linked_list_index(head, node, next)                                                                     \
     kestal_linked_list_index_tag((head), (node), (next), __func__, __LINE__)
+/** kestal_linked_list_count_tag with the caller's name and line. */
 #define kestal_linked_list_count(head, next) kestal_linked_list_count_tag((head), (next), __func__, __LINE__)
+/** kestal_linked_list_search_tag with the caller's name and line. */
 #define kestal_linked_list_search(head, key, next, match)                                                              \
     kestal_linked_list_search_tag((head), (key), (next), (match), __func__, __LINE__)
 

@@ -29,25 +29,25 @@ KESTAL_BEGIN_DECLS
 
 /** One thread's hold on, or wait for, a lock. */
 typedef struct kestal_lock_claim {
-    struct kestal_lock_claim *m_prev;
-    struct kestal_lock_claim *m_next;
-    uint64_t m_thread_id; /**< 0 when the lock is not recursive */
-    int32_t m_pipe[2];    /**< read and write end that wake a waiter; -1 when there is none */
-    const char *m_name;
-    uint64_t m_line;
+    struct kestal_lock_claim *m_prev; /**< the newer hold; the waiter ahead */
+    struct kestal_lock_claim *m_next; /**< the older hold; the waiter behind */
+    uint64_t m_thread_id;             /**< 0 when the lock is not recursive */
+    int32_t m_pipe[2];                /**< read and write end that wake a waiter; -1 when there is none */
+    const char *m_name;               /**< tag of the caller */
+    uint64_t m_line;                  /**< line of the caller */
 } kestal_lock_claim_t;
 
 /** A lock. The message and recursion bits and the default time-out are the owner's to set; the rest is private. */
 typedef struct kestal_lock {
-    uint32_t m_flags;
-    uint32_t m_default_timeout;    /**< ms before an endless wait warns of a dead-lock; all ones: 1,800,000 */
-    kestal_short_lock_t m_guard;   /**< guards the lists; its value also stands for the simplest of them */
-    kestal_lock_claim_t *m_holder; /**< most recent first; kept up only while it says more than m_guard does */
-    kestal_lock_claim_t *m_waiter_head;
-    kestal_lock_claim_t *m_waiter_tail;
-    const char *m_name; /**< tag of the initialiser */
-    uint64_t m_line;
-    kestal_lock_claim_t m_first_hold; /**< private: the hold that found the lock free needs no memory of its own */
+    uint32_t m_flags;                   /**< KESTAL_LOCK_ bits */
+    uint32_t m_default_timeout;         /**< ms before an endless wait warns of a dead-lock; all ones: 1,800,000 */
+    kestal_short_lock_t m_guard;        /**< guards the lists; its value also stands for the simplest of them */
+    kestal_lock_claim_t *m_holder;      /**< most recent first; kept up only while it says more than m_guard does */
+    kestal_lock_claim_t *m_waiter_head; /**< first come */
+    kestal_lock_claim_t *m_waiter_tail; /**< last come */
+    const char *m_name;                 /**< tag of the initialiser */
+    uint64_t m_line;                    /**< line of the initialiser */
+    kestal_lock_claim_t m_first_hold;   /**< private: the hold that found the lock free needs no memory of its own */
 } kestal_lock_t;
 
 /** A lock initialised at compile time: what kestal_init_lock makes, under this tag. For locks of static storage. */
@@ -61,21 +61,21 @@ typedef struct kestal_lock {
 
 /** One thread's wait on a condition, on that thread's stack. */
 typedef struct kestal_lock_condition_waiter {
-    struct kestal_lock_condition_waiter *m_prev;
-    struct kestal_lock_condition_waiter *m_next;
-    uint32_t m_signalled;
-    int32_t m_pipe[2];
-    const char *m_name;
-    uint64_t m_line;
+    struct kestal_lock_condition_waiter *m_prev; /**< the one ahead */
+    struct kestal_lock_condition_waiter *m_next; /**< the one behind */
+    uint32_t m_signalled;                        /**< 1: woken */
+    int32_t m_pipe[2];                           /**< read and write end that wake it */
+    const char *m_name;                          /**< tag of the caller */
+    uint64_t m_line;                             /**< line of the caller */
 } kestal_lock_condition_waiter_t;
 
 /** A condition: all private. */
 typedef struct kestal_lock_condition {
-    kestal_short_lock_t m_guard;
-    kestal_lock_condition_waiter_t *m_waiter_head;
-    kestal_lock_condition_waiter_t *m_waiter_tail;
-    const char *m_name; /**< tag of the initialiser */
-    uint64_t m_line;
+    kestal_short_lock_t m_guard;                   /**< guards the list */
+    kestal_lock_condition_waiter_t *m_waiter_head; /**< the first to be woken */
+    kestal_lock_condition_waiter_t *m_waiter_tail; /**< the last */
+    const char *m_name;                            /**< tag of the initialiser */
+    uint64_t m_line;                               /**< line of the initialiser */
 } kestal_lock_condition_t;
 
 #if KESTAL_POINTER_IS_64_BIT
@@ -86,23 +86,39 @@ KESTAL_STATIC_ASSERT(sizeof(kestal_lock_condition_t) == 40, "layout of kestal_lo
 #endif
 
 /* The calls with the call site filled in as the tag: the ones to use. */
+/** kestal_init_lock_tag with the caller's name and line. */
 #define kestal_init_lock(lock) kestal_init_lock_tag((lock), __func__, __LINE__)
+/** kestal_uninit_lock_tag with the caller's name and line. */
 #define kestal_uninit_lock(lock) kestal_uninit_lock_tag((lock), __func__, __LINE__)
+/** kestal_new_lock_tag with the caller's name and line. */
 #define kestal_new_lock() kestal_new_lock_tag(__func__, __LINE__)
+/** kestal_free_lock_tag with the caller's name and line. */
 #define kestal_free_lock(lock) kestal_free_lock_tag((lock), __func__, __LINE__)
+/** kestal_lock_timeout_tag with the caller's name and line. */
 #define kestal_lock_timeout(lock, timeout) kestal_lock_timeout_tag((lock), (timeout), __func__, __LINE__)
+/** kestal_lock_timeout_tag without a limit, with the caller's name and line. */
 #define kestal_lock(lock) kestal_lock_timeout_tag((lock), KESTAL_LOCK_NO_TIMEOUT, __func__, __LINE__)
+/** kestal_try_lock_tag with the caller's name and line. */
 #define kestal_try_lock(lock) kestal_try_lock_tag((lock), __func__, __LINE__)
+/** kestal_unlock_tag with the caller's name and line. */
 #define kestal_unlock(lock) kestal_unlock_tag((lock), __func__, __LINE__)
+/** kestal_init_lock_condition_tag with the caller's name and line. */
 #define kestal_init_lock_condition(condition) kestal_init_lock_condition_tag((condition), __func__, __LINE__)
+/** kestal_uninit_lock_condition_tag with the caller's name and line. */
 #define kestal_uninit_lock_condition(condition) kestal_uninit_lock_condition_tag((condition), __func__, __LINE__)
+/** kestal_new_lock_condition_tag with the caller's name and line. */
 #define kestal_new_lock_condition() kestal_new_lock_condition_tag(__func__, __LINE__)
+/** kestal_free_lock_condition_tag with the caller's name and line. */
 #define kestal_free_lock_condition(condition) kestal_free_lock_condition_tag((condition), __func__, __LINE__)
+/** kestal_lock_condition_wait_timeout_tag with the caller's name and line. */
 #define kestal_lock_condition_wait_timeout(condition, lock, timeout)                                                   \
     kestal_lock_condition_wait_timeout_tag((condition), (lock), (timeout), __func__, __LINE__)
+/** kestal_lock_condition_wait_timeout_tag without a limit, with the caller's name and line. */
 #define kestal_lock_condition_wait(condition, lock)                                                                    \
     kestal_lock_condition_wait_timeout_tag((condition), (lock), KESTAL_LOCK_NO_TIMEOUT, __func__, __LINE__)
+/** kestal_lock_condition_wakeup_tag with the caller's name and line. */
 #define kestal_lock_condition_wakeup(condition) kestal_lock_condition_wakeup_tag((condition), __func__, __LINE__)
+/** kestal_lock_condition_wakeup_broadcast_tag with the caller's name and line. */
 #define kestal_lock_condition_wakeup_broadcast(condition)                                                              \
     kestal_lock_condition_wakeup_broadcast_tag((condition), __func__, __LINE__)
 

@@ -14,14 +14,23 @@
 KESTAL_BEGIN_DECLS
 
 /* The calls with the call site filled in as the tag: the ones to use. */
+/** kestal_alloc_tag with the caller's name and line. */
 #define kestal_alloc(size) kestal_alloc_tag((size), __func__, __LINE__)
+/** kestal_calloc_tag with the caller's name and line. */
 #define kestal_calloc(count, size) kestal_calloc_tag((count), (size), __func__, __LINE__)
+/** kestal_realloc_tag with the caller's name and line. */
 #define kestal_realloc(block, size) kestal_realloc_tag((block), (size), __func__, __LINE__)
+/** kestal_free_tag with the caller's name and line. */
 #define kestal_free(block) kestal_free_tag((block), __func__, __LINE__)
+/** kestal_check_free_tag with the caller's name and line. */
 #define kestal_check_free(block) kestal_check_free_tag((block), __func__, __LINE__)
+/** kestal_strdup_tag with the caller's name and line. */
 #define kestal_strdup(text) kestal_strdup_tag((text), __func__, __LINE__)
+/** kestal_strndup_tag with the caller's name and line. */
 #define kestal_strndup(text, limit) kestal_strndup_tag((text), (limit), __func__, __LINE__)
+/** kestal_realloc_strdup_tag with the caller's name and line. */
 #define kestal_realloc_strdup(old, text) kestal_realloc_strdup_tag((old), (text), __func__, __LINE__)
+/** kestal_realloc_strndup_tag with the caller's name and line. */
 #define kestal_realloc_strndup(old, text, limit) kestal_realloc_strndup_tag((old), (text), (limit), __func__, __LINE__)
 
 /**

@@ -52,30 +52,30 @@ KESTAL_BEGIN_DECLS
 
 /** One address of an interface. */
 typedef struct kestal_network_address {
-    struct kestal_network_address *m_next;
-    uint32_t m_change;        /**< KESTAL_NETWORK_CHANGE_ bits */
-    int32_t m_family;         /**< AF_INET or AF_INET6 */
-    int32_t m_scope;          /**< KESTAL_SCOPE_ value */
-    uint32_t m_prefix_length; /**< bits */
-    void *m_address;          /**< struct sockaddr_in or sockaddr_in6, port 0 */
-    void *m_netmask;          /**< the same of the prefix */
-    void *m_peer;             /**< broadcast address, or the other end of a point-to-point link; null when none */
+    struct kestal_network_address *m_next; /**< the next address of the interface */
+    uint32_t m_change;                     /**< KESTAL_NETWORK_CHANGE_ bits */
+    int32_t m_family;                      /**< AF_INET or AF_INET6 */
+    int32_t m_scope;                       /**< KESTAL_SCOPE_ value */
+    uint32_t m_prefix_length;              /**< bits */
+    void *m_address;                       /**< struct sockaddr_in or sockaddr_in6, port 0 */
+    void *m_netmask;                       /**< the same of the prefix */
+    void *m_peer; /**< broadcast address, or the other end of a point-to-point link; null when none */
 } kestal_network_address_t;
 
 /** One interface. */
 typedef struct kestal_network_interface {
-    struct kestal_network_interface *m_next;
-    uint32_t m_change;       /**< KESTAL_NETWORK_CHANGE_ bits */
-    uint32_t m_flags;        /**< KESTAL_NETWORK_INTERFACE_ bits */
-    uint32_t m_index;        /**< the system's, from 1 */
-    uint32_t m_system_flags; /**< IFF_UP, IFF_LOOPBACK, IFF_MULTICAST ... of the system */
-    const char *m_name;
-    uint8_t m_hardware_address[8];
-    uint32_t m_hardware_address_size; /**< bytes of it, 6 for Ethernet */
-    uint64_t m_received_bytes;
-    uint64_t m_received_packets;
-    uint64_t m_sent_bytes;
-    uint64_t m_sent_packets;
+    struct kestal_network_interface *m_next;  /**< the next interface */
+    uint32_t m_change;                        /**< KESTAL_NETWORK_CHANGE_ bits */
+    uint32_t m_flags;                         /**< KESTAL_NETWORK_INTERFACE_ bits */
+    uint32_t m_index;                         /**< the system's, from 1 */
+    uint32_t m_system_flags;                  /**< IFF_UP, IFF_LOOPBACK, IFF_MULTICAST ... of the system */
+    const char *m_name;                       /**< "eth0" */
+    uint8_t m_hardware_address[8];            /**< the first bytes count */
+    uint32_t m_hardware_address_size;         /**< bytes of it, 6 for Ethernet */
+    uint64_t m_received_bytes;                /**< as the system counts, all four: since the interface is there */
+    uint64_t m_received_packets;              /**< packets received */
+    uint64_t m_sent_bytes;                    /**< bytes sent */
+    uint64_t m_sent_packets;                  /**< packets sent */
     kestal_network_address_t *m_address_head; /**< in the system's order */
 } kestal_network_interface_t;
 

@@ -30,32 +30,32 @@ KESTAL_BEGIN_DECLS
 
 /** A loaded plugin. */
 typedef struct kestal_plugin {
-    char m_magic[4]; /**< "WULP", without a terminator */
-    struct kestal_plugin *m_previous;
-    struct kestal_plugin *m_next;
+    char m_magic[4];                  /**< "WULP", without a terminator */
+    struct kestal_plugin *m_previous; /**< loaded after this one */
+    struct kestal_plugin *m_next;     /**< loaded before this one */
     kestal_spin_lock_t m_lock; /**< exclusive to change count, flags and table, shared while a context calls in */
     uint32_t m_flags;          /**< KESTAL_PLUGIN_... */
     uint32_t m_id;             /**< registered with the type "application/ulx_base_plugin" */
     uint64_t m_used_count;     /**< loads not yet matched by unloads */
     void *m_library;           /**< null for a built-in plugin */
-    char *m_path;
-    char *m_name; /**< base name of the path; empty for the library's own plugin */
-    kestal_plugin_initialize_t m_initialize;
-    kestal_plugin_uninitialize_t m_uninitialize;
-    const char *m_mime_type_hint; /**< this and the next two as initialize stored them */
-    uint64_t m_interface_size;
-    const kestal_ctx0_v0_interface_t *m_interface;
+    char *m_path;              /**< as it was loaded */
+    char *m_name;              /**< base name of the path; empty for the library's own plugin */
+    kestal_plugin_initialize_t m_initialize;       /**< the entry point that makes it ready */
+    kestal_plugin_uninitialize_t m_uninitialize;   /**< the entry point that ends it */
+    const char *m_mime_type_hint;                  /**< this and the next two as initialize stored them */
+    uint64_t m_interface_size;                     /**< bytes of the table */
+    const kestal_ctx0_v0_interface_t *m_interface; /**< its operations */
     /* Private: how many of the list and of the threads in a load hold the record, the last of which releases it; the
      * thread that runs initialize or uninitialize, or will; and the order in which all are unloaded. */
-    uint64_t m_holders;
-    uint64_t m_entry_thread;
-    struct kestal_plugin *m_next_to_finish;
+    uint64_t m_holders;                     /**< private */
+    uint64_t m_entry_thread;                /**< private */
+    struct kestal_plugin *m_next_to_finish; /**< private */
 } kestal_plugin_t;
 
 /** The registry: loaded plugins, the newest first. Whoever holds both locks takes this one before a plugin's. */
 typedef struct kestal_plugin_info {
-    kestal_spin_lock_t m_lock; /**< exclusive to load and unload, shared to walk the list */
-    kestal_plugin_t *m_head;
+    kestal_spin_lock_t m_lock;  /**< exclusive to load and unload, shared to walk the list */
+    kestal_plugin_t *m_head;    /**< the plugin loaded last */
     kestal_plugin_t *m_leaving; /**< private: unlinked, and not yet uninitialised */
 } kestal_plugin_info_t;
 

@@ -39,15 +39,18 @@ typedef struct kestal_ctx0_v0_interface {
     uint32_t m_version;  /**< 1 */
     uint32_t m_size;     /**< size of the whole table in bytes */
     uint32_t m_revision; /**< 0 for this table, 1 for the extended one */
-    uint32_t m_padding;
+    uint32_t m_padding;  /**< 0 */
 
     /** 0: this plugin serves the context from now on. -1: refused; last error 3 lets the next plugin try. */
     int32_t (*m_open)(struct kestal_ctx *ctx);
+    /** Ends what open began; the context is closed whatever is returned. */
     int32_t (*m_close)(struct kestal_ctx *ctx);
     /** The three control families: a code, then a pointer to its record and the record's size as a uint64_t. A plugin
      * that has one of the other two must have this one too. */
     int32_t (*m_vbcontrol)(struct kestal_ctx *ctx, uint32_t code, va_list arguments);
+    /** The extended family. */
     int32_t (*m_vxcontrol)(struct kestal_ctx *ctx, uint32_t code, va_list arguments);
+    /** The plain family. */
     int32_t (*m_vcontrol)(struct kestal_ctx *ctx, uint32_t code, va_list arguments);
     /** Waits up to `timeout` ms: positive when there is something to read or the end, 0 when there is not. */
     int32_t (*m_is_readable)(struct kestal_ctx *ctx, int32_t timeout);
@@ -59,12 +62,16 @@ typedef struct kestal_ctx0_v0_interface {
     int64_t (*m_write)(struct kestal_ctx *ctx, const void *data, uint64_t size);
     /** The new position in bytes from the start; `whence` as of lseek. */
     int64_t (*m_seek)(struct kestal_ctx *ctx, int64_t offset, uint32_t whence);
+    /** 0 when all that was written has gone on its way. */
     int32_t (*m_sync)(struct kestal_ctx *ctx);
     /** A value of the plugin's own, named by two words of its definition; its size goes to `size`, which is 0 before
      * and may be null. */
     void *(*m_get_env)(struct kestal_ctx *ctx, uint64_t a, uint64_t b, uint64_t *size);
+    /** Sets a value of the plugin's own. */
     int32_t (*m_set_env)(struct kestal_ctx *ctx, uint64_t a, uint64_t b, uint64_t c, uint64_t d);
+    /** The context's last error. */
     uint32_t (*m_get_last_error)(struct kestal_ctx *ctx);
+    /** Sets it: 0, or -1. */
     int32_t (*m_set_last_error)(struct kestal_ctx *ctx, uint32_t code);
     /** Read from extended tables only. */
     kestal_main_entry_t m_main;
@@ -72,8 +79,8 @@ typedef struct kestal_ctx0_v0_interface {
 
 /** The extended table: the base table, and room that is reserved and null. */
 typedef struct kestal_ctx0_v1_interface {
-    kestal_ctx0_v0_interface_t m_base;
-    void *m_reserved[9];
+    kestal_ctx0_v0_interface_t m_base; /**< as the base table */
+    void *m_reserved[9];               /**< null */
 } kestal_ctx0_v1_interface_t;
 
 #if KESTAL_POINTER_IS_64_BIT

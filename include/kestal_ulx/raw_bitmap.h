@@ -21,8 +21,8 @@ typedef struct kestal_raw_bitmap {
     uint32_t m_color_interface; /**< format of a pixel; 0 in a target: that of the source */
     uint32_t m_width;           /**< pixels */
     uint32_t m_height;          /**< rows */
-    uint32_t m_reserved;
-    uint64_t m_line_length; /**< bytes from one row to the next */
+    uint32_t m_reserved;        /**< 0 */
+    uint64_t m_line_length;     /**< bytes from one row to the next */
 } kestal_raw_bitmap_t;
 
 #if KESTAL_POINTER_IS_64_BIT

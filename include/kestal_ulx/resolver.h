@@ -16,6 +16,7 @@
 KESTAL_BEGIN_DECLS
 
 /* The calls with the call site filled in as the tag: the ones to use. */
+/** kestal_get_fqdn_alloc_tag with the caller's name and line. */
 #define kestal_get_fqdn_alloc() kestal_get_fqdn_alloc_tag(__func__, __LINE__)
 
 /** How long an entry of the process-wide cache lives unused, in milliseconds. */
@@ -23,14 +24,15 @@ KESTAL_BEGIN_DECLS
 
 /** One address of a host; the address and the text stand in the same block as the record. */
 typedef struct kestal_resolver {
-    struct kestal_resolver *m_next;
-    int32_t m_family; /**< AF_INET or AF_INET6 */
-    uint32_t m_address_length;
-    void *m_address; /**< struct sockaddr_in or sockaddr_in6 */
-    char *m_text;    /**< the address as kestal_inet_stop writes it */
-    uint32_t m_port; /**< host order */
+    struct kestal_resolver *m_next; /**< the host's next address; null: the last */
+    int32_t m_family;               /**< AF_INET or AF_INET6 */
+    uint32_t m_address_length;      /**< bytes of m_address */
+    void *m_address;                /**< struct sockaddr_in or sockaddr_in6 */
+    char *m_text;                   /**< the address as kestal_inet_stop writes it */
+    uint32_t m_port;                /**< host order */
 } kestal_resolver_t;
 
+/** A cache of looked-up hosts. */
 typedef struct kestal_resolver_cache kestal_resolver_cache_t;
 
 /**

@@ -18,17 +18,17 @@ KESTAL_BEGIN_DECLS
 
 /** SEED-128: a pair of words for each of 16 rounds. */
 typedef struct kestal_seed128_round_key {
-    uint32_t m_words[32];
+    uint32_t m_words[32]; /**< two for each round */
 } kestal_seed128_round_key_t;
 
 /** SEED-192: a pair of words for each of 20 rounds. */
 typedef struct kestal_seed192_round_key {
-    uint32_t m_words[40];
+    uint32_t m_words[40]; /**< two for each round */
 } kestal_seed192_round_key_t;
 
 /** SEED-256: a pair of words for each of 24 rounds. */
 typedef struct kestal_seed256_round_key {
-    uint32_t m_words[48];
+    uint32_t m_words[48]; /**< two for each round */
 } kestal_seed256_round_key_t;
 
 KESTAL_STATIC_ASSERT(sizeof(kestal_seed128_round_key_t) == 128, "16 pairs of words");

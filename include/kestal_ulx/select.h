@@ -14,10 +14,11 @@
 
 KESTAL_BEGIN_DECLS
 
-#define KESTAL_SELECT_READ UINT32_C(1)
-#define KESTAL_SELECT_WRITE UINT32_C(2)
-#define KESTAL_SELECT_EXCEPTION UINT32_C(4)
+#define KESTAL_SELECT_READ UINT32_C(1)      /**< something to read, the end, or a connection to accept */
+#define KESTAL_SELECT_WRITE UINT32_C(2)     /**< room to write */
+#define KESTAL_SELECT_EXCEPTION UINT32_C(4) /**< out-of-band data */
 
+/** A set of descriptors to wait on. */
 typedef struct kestal_select kestal_select_t;
 
 /** A new empty set, or null when memory is short. */

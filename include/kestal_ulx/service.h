@@ -25,11 +25,12 @@ KESTAL_BEGIN_DECLS
 #define KESTAL_SERVICE_COMMAND_RUN 5u     /**< from the start */
 #define KESTAL_SERVICE_COMMAND_BREAK 6u   /**< asked to end */
 /* ... and of m_status. */
-#define KESTAL_SERVICE_STATUS_ERROR 1u
-#define KESTAL_SERVICE_STATUS_STARTING 4u
-#define KESTAL_SERVICE_STATUS_RUNNING 5u /**< acknowledged */
-#define KESTAL_SERVICE_STATUS_FINISHED 6u
+#define KESTAL_SERVICE_STATUS_ERROR 1u    /**< failed before it was acknowledged */
+#define KESTAL_SERVICE_STATUS_STARTING 4u /**< not acknowledged yet */
+#define KESTAL_SERVICE_STATUS_RUNNING 5u  /**< acknowledged */
+#define KESTAL_SERVICE_STATUS_FINISHED 6u /**< the thread is through */
 
+/** A named thread in the background, and the handle on it. */
 typedef struct kestal_service kestal_service_t;
 
 /** The body of a service, on a thread of its own. */
@@ -40,20 +41,20 @@ typedef int32_t (*kestal_service_close_notify_handler_t)(void *argument);
 
 /** A service. To be read and changed through the calls below only. */
 struct kestal_service {
-    kestal_lock_t m_lock; /**< guards command, status and the close-notify handler */
-    kestal_lock_condition_t m_lock_condition;
-    kestal_short_lock_t m_flags_lock; /**< guards the lock flags and the user data */
-    uint32_t m_lock_flags;
-    const char *m_name;
-    uint32_t m_command;
-    uint32_t m_status;
-    void *m_argument;
-    kestal_service_function_t m_function;
-    kestal_service_close_notify_handler_t m_close_notify_handler;
-    void *m_close_notify_argument;
-    void *m_user_data;
-    uint32_t m_acknowledged; /**< private: kestal_ack_service was called */
-    uint32_t m_users;        /**< private: closer and thread; the last to leave releases the memory */
+    kestal_lock_t m_lock;                     /**< guards command, status and the close-notify handler */
+    kestal_lock_condition_t m_lock_condition; /**< goes with m_lock: a change of command or status */
+    kestal_short_lock_t m_flags_lock;         /**< guards the lock flags and the user data */
+    uint32_t m_lock_flags;                    /**< the application's bits */
+    const char *m_name;                       /**< in the reports; not copied */
+    uint32_t m_command;                       /**< KESTAL_SERVICE_COMMAND_ value */
+    uint32_t m_status;                        /**< KESTAL_SERVICE_STATUS_ value */
+    void *m_argument;                         /**< passed to the function */
+    kestal_service_function_t m_function;     /**< the body */
+    kestal_service_close_notify_handler_t m_close_notify_handler; /**< null: none */
+    void *m_close_notify_argument;                                /**< passed to it */
+    void *m_user_data;                                            /**< the application's */
+    uint32_t m_acknowledged;                                      /**< private: kestal_ack_service was called */
+    uint32_t m_users; /**< private: closer and thread; the last to leave releases the memory */
 };
 
 #if KESTAL_POINTER_IS_64_BIT

@@ -22,6 +22,7 @@ typedef void (*kestal_signal_handler_t)(int32_t number, void *argument);
 /** A handler as the C runtime knows it, SIG_DFL, SIG_IGN and SIG_ERR included. */
 typedef void (*kestal_plain_signal_handler_t)(int number);
 
+/** A handler attached to a signal. */
 typedef struct kestal_signal_node kestal_signal_node_t;
 
 #if defined(SA_RESTART) /* absent where the compiler is held to plain C: the node is opaque there */

@@ -19,17 +19,19 @@
 
 KESTAL_BEGIN_DECLS
 
+/** No socket. */
 #define KESTAL_INVALID_SOCKET INT32_C(-1)
 
 /** The result of a receive whose time-out ran out. */
 #define KESTAL_RECEIVE_TIMEOUT INT32_C(-2)
 
 /* The calls with the call site filled in as the tag: the ones to use. */
+/** kestal_get_hostname_alloc_tag with the caller's name and line. */
 #define kestal_get_hostname_alloc() kestal_get_hostname_alloc_tag(__func__, __LINE__)
 
 /** Two connected descriptors: the connecting end, then the accepted (or bound) one. Both -1 after a failure. */
 typedef struct kestal_socket_ends {
-    int32_t m_socket[2];
+    int32_t m_socket[2]; /**< the two descriptors */
 } kestal_socket_pair_t;
 
 /* --- names */

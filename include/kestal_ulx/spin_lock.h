@@ -15,16 +15,16 @@
 KESTAL_BEGIN_DECLS
 
 /* The modes of the reference calls: bit 1 asks for exclusive holding. */
-#define KESTAL_SPIN_LOCK_SHARED 1
-#define KESTAL_SPIN_LOCK_EXCLUSIVE 3
+#define KESTAL_SPIN_LOCK_SHARED 1    /**< holds beside others */
+#define KESTAL_SPIN_LOCK_EXCLUSIVE 3 /**< holds alone */
 
 /** A free lock is all zero. */
 typedef struct kestal_spin_lock {
     kestal_short_lock_t m_guard; /**< guards the fields below */
     const char *m_name;          /**< tag of the holder that raised the count from 0 to 1 */
-    uint64_t m_line;
-    uint32_t m_exclusive; /**< 1 while held exclusively */
-    uint32_t m_count;     /**< number of holders */
+    uint64_t m_line;             /**< line of that holder */
+    uint32_t m_exclusive;        /**< 1 while held exclusively */
+    uint32_t m_count;            /**< number of holders */
 } kestal_spin_lock_t;
 
 #if KESTAL_POINTER_IS_64_BIT
@@ -32,15 +32,23 @@ KESTAL_STATIC_ASSERT(sizeof(kestal_spin_lock_t) == 32, "layout of kestal_spin_lo
 #endif
 
 /* The calls with the call site filled in as the tag: the ones to use. */
+/** kestal_reference_try_spin_lock_tag with the caller's name and line. */
 #define kestal_reference_try_spin_lock(lock, mode)                                                                     \
     kestal_reference_try_spin_lock_tag((lock), (mode), __func__, __LINE__)
+/** kestal_reference_spin_lock_tag with the caller's name and line. */
 #define kestal_reference_spin_lock(lock, mode) kestal_reference_spin_lock_tag((lock), (mode), __func__, __LINE__)
+/** kestal_reference_spin_lock_timeout_tag with the caller's name and line. */
 #define kestal_reference_spin_lock_timeout(lock, mode, timeout)                                                        \
     kestal_reference_spin_lock_timeout_tag((lock), (mode), (timeout), __func__, __LINE__)
+/** kestal_reference_spin_unlock_tag with the caller's name and line. */
 #define kestal_reference_spin_unlock(lock) kestal_reference_spin_unlock_tag((lock), __func__, __LINE__)
+/** kestal_try_spin_lock_tag with the caller's name and line. */
 #define kestal_try_spin_lock(lock) kestal_try_spin_lock_tag((lock), __func__, __LINE__)
+/** kestal_spin_lock_tag with the caller's name and line. */
 #define kestal_spin_lock(lock) kestal_spin_lock_tag((lock), __func__, __LINE__)
+/** kestal_spin_lock_timeout_tag with the caller's name and line. */
 #define kestal_spin_lock_timeout(lock, timeout) kestal_spin_lock_timeout_tag((lock), (timeout), __func__, __LINE__)
+/** kestal_spin_unlock_tag with the caller's name and line. */
 #define kestal_spin_unlock(lock) kestal_spin_unlock_tag((lock), __func__, __LINE__)
 
 /** Makes the lock free and returns it. Null reports an assertion and gives null. */

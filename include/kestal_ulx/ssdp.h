@@ -36,11 +36,13 @@
 KESTAL_BEGIN_DECLS
 
 /* Families of a listening socket. */
-#define KESTAL_SSDP_FAMILY_NONE UINT32_C(0)
-#define KESTAL_SSDP_FAMILY_IPV4 UINT32_C(1)
-#define KESTAL_SSDP_FAMILY_IPV6 UINT32_C(2)
+#define KESTAL_SSDP_FAMILY_NONE UINT32_C(0) /**< no IP address */
+#define KESTAL_SSDP_FAMILY_IPV4 UINT32_C(1) /**< IPv4 */
+#define KESTAL_SSDP_FAMILY_IPV6 UINT32_C(2) /**< IPv6 */
 
+/** A listener for SSDP messages. */
 typedef struct kestal_ssdp kestal_ssdp_t;
+/** One of its sockets. */
 typedef struct kestal_ssdp_socket kestal_ssdp_socket_t;
 
 /**
@@ -53,32 +55,32 @@ typedef void (*kestal_ssdp_handler_t)(kestal_ssdp_t *ssdp, kestal_http_parser_t 
 
 /** A listening socket; to be read only. */
 struct kestal_ssdp_socket {
-    kestal_ssdp_socket_t *m_previous;
-    kestal_ssdp_socket_t *m_next;
-    kestal_ssdp_t *m_ssdp;
+    kestal_ssdp_socket_t *m_previous;       /**< opened before */
+    kestal_ssdp_socket_t *m_next;           /**< opened after */
+    kestal_ssdp_t *m_ssdp;                  /**< whose it is */
     uint32_t m_family;                      /**< KESTAL_SSDP_FAMILY_ value */
     struct sockaddr_storage m_bind_address; /**< what it is bound to */
     int32_t m_socket;                       /**< -1: none */
-    kestal_event_t m_event;
+    kestal_event_t m_event;                 /**< waits for messages */
 };
 
 /** A listener; to be read only, on the thread that runs it. */
 struct kestal_ssdp {
-    kestal_value_t m_options;
+    kestal_value_t m_options;                        /**< as set by the option calls */
     kestal_event_base_t *m_event_base;               /**< from start to the end of the run */
     kestal_http_parser_t *m_http_parser;             /**< the last message */
     kestal_network_interface_t *m_network_interface; /**< as the last scan found them */
     kestal_event_t *m_network_interface_event;       /**< the scan */
-    kestal_ssdp_socket_t *m_head;
-    kestal_ssdp_socket_t *m_tail;
-    kestal_ssdp_handler_t m_handler; /**< private: the application's, or null */
-    void *m_handler_context;         /**< private */
-    kestal_terminal_key_t *m_keys;   /**< private: the terminal, while its keys end the run */
-    kestal_lock_t m_lock;            /**< private: guards what follows */
-    kestal_lock_condition_t m_ended; /**< private: a run has ended */
-    uint64_t m_thread_id;            /**< private: the thread of the run under way */
-    uint32_t m_running;              /**< private: there is one */
-    uint32_t m_stopping;             /**< private: it was asked to end */
+    kestal_ssdp_socket_t *m_head;                    /**< the sockets */
+    kestal_ssdp_socket_t *m_tail;                    /**< the last of them */
+    kestal_ssdp_handler_t m_handler;                 /**< private: the application's, or null */
+    void *m_handler_context;                         /**< private */
+    kestal_terminal_key_t *m_keys;                   /**< private: the terminal, while its keys end the run */
+    kestal_lock_t m_lock;                            /**< private: guards what follows */
+    kestal_lock_condition_t m_ended;                 /**< private: a run has ended */
+    uint64_t m_thread_id;                            /**< private: the thread of the run under way */
+    uint32_t m_running;                              /**< private: there is one */
+    uint32_t m_stopping;                             /**< private: it was asked to end */
 };
 
 /** A new listener with the options' first values, or null when memory is short. */

@@ -15,9 +15,12 @@
 KESTAL_BEGIN_DECLS
 
 /* The calls with the call site filled in as the tag: the ones to use. */
+/** kestal_alloc_word_tag with the caller's name and line. */
 #define kestal_alloc_word(cursor, separators, flags)                                                                   \
     kestal_alloc_word_tag((cursor), (separators), (flags), __func__, __LINE__)
+/** kestal_alloc_basename_tag with the caller's name and line. */
 #define kestal_alloc_basename(path) kestal_alloc_basename_tag((path), __func__, __LINE__)
+/** kestal_comma_string_alloc_tag with the caller's name and line. */
 #define kestal_comma_string_alloc(value) kestal_comma_string_alloc_tag((value), __func__, __LINE__)
 
 /** Word flag: quotes group, '"' or "'": separators between them belong to the word. */

@@ -37,25 +37,25 @@ KESTAL_BEGIN_DECLS
 #define KESTAL_TFTP_PACKET_SIZE 1024
 
 /* States of a transfer. */
-#define KESTAL_TFTP_FAILED INT32_C(-1) /**< failed, or nothing requested yet */
-#define KESTAL_TFTP_RECEIVING INT32_C(0)
-#define KESTAL_TFTP_COMPLETE INT32_C(1)
+#define KESTAL_TFTP_FAILED INT32_C(-1)   /**< failed, or nothing requested yet */
+#define KESTAL_TFTP_RECEIVING INT32_C(0) /**< blocks are under way */
+#define KESTAL_TFTP_COMPLETE INT32_C(1)  /**< the last block is here */
 
 /** A transfer. */
 typedef struct kestal_tftp {
-    uint32_t m_stream;   /**< 1: over a connected stream socket; 0: over datagrams */
-    kestal_uri_t *m_uri; /**< the server's location */
-    uint32_t m_local_address_length;
-    struct sockaddr_storage m_local_address; /**< what was bound to: the any-address, port 0 */
-    uint32_t m_server_address_length;
-    struct sockaddr_storage m_server_address; /**< where requests go */
-    int32_t m_socket;                         /**< -1 when there is none */
-    uint8_t *m_packet;                        /**< m_packet_buffer */
-    uint32_t m_block;                         /**< number of the last block received, 0 to 65535 */
-    int32_t m_state;                          /**< KESTAL_TFTP_FAILED and its like */
-    uint64_t m_data_length;                   /**< bytes of data in the last block */
-    uint8_t *m_data;                          /**< the last block's data; a NUL stands behind them */
-    uint8_t m_packet_buffer[KESTAL_TFTP_PACKET_SIZE + 1];
+    uint32_t m_stream;                                    /**< 1: over a connected stream socket; 0: over datagrams */
+    kestal_uri_t *m_uri;                                  /**< the server's location */
+    uint32_t m_local_address_length;                      /**< bytes of the next field */
+    struct sockaddr_storage m_local_address;              /**< what was bound to: the any-address, port 0 */
+    uint32_t m_server_address_length;                     /**< bytes of the next field */
+    struct sockaddr_storage m_server_address;             /**< where requests go */
+    int32_t m_socket;                                     /**< -1 when there is none */
+    uint8_t *m_packet;                                    /**< m_packet_buffer */
+    uint32_t m_block;                                     /**< number of the last block received, 0 to 65535 */
+    int32_t m_state;                                      /**< KESTAL_TFTP_FAILED and its like */
+    uint64_t m_data_length;                               /**< bytes of data in the last block */
+    uint8_t *m_data;                                      /**< the last block's data; a NUL stands behind them */
+    uint8_t m_packet_buffer[KESTAL_TFTP_PACKET_SIZE + 1]; /**< one packet, and room for a NUL */
 } kestal_tftp_t;
 
 #if KESTAL_POINTER_IS_64_BIT

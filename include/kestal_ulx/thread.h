@@ -17,8 +17,10 @@ KESTAL_BEGIN_DECLS
 typedef void (*kestal_thread_function_t)(void *argument);
 
 /* The calls with the call site filled in as the tag: the ones to use. */
+/** kestal_detached_thread_ex_tag with the caller's name and line. */
 #define kestal_detached_thread_ex(function, argument, stack_size)                                                      \
     kestal_detached_thread_ex_tag((function), (argument), (stack_size), __func__, __LINE__)
+/** kestal_detached_thread_ex_tag with the usual stack size, the caller's name and line. */
 #define kestal_detached_thread(function, argument)                                                                     \
     kestal_detached_thread_ex_tag((function), (argument), 0, __func__, __LINE__)
 

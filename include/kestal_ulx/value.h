@@ -28,22 +28,23 @@ KESTAL_BEGIN_DECLS
 #define KESTAL_VALUE_REPLACE_BY_DATA UINT32_C(2) /**< take the place of the first entry of equal data, else append */
 #define KESTAL_VALUE_ADD_IF_ABSENT UINT32_C(3)   /**< append unless an entry with name and data is there */
 
+/** An entry of a value list. */
 typedef struct kestal_value_node kestal_value_node_t;
 
 /** One entry. To be read; its data bytes may be written. */
 struct kestal_value_node {
-    kestal_value_node_t *m_previous;
-    kestal_value_node_t *m_next;
-    char *m_name;    /**< null for an unnamed entry */
-    uint64_t m_size; /**< of the data; a zero byte that is not counted always follows it */
-    void *m_data;    /**< null when the size is 0 */
+    kestal_value_node_t *m_previous; /**< the entry before */
+    kestal_value_node_t *m_next;     /**< the entry behind */
+    char *m_name;                    /**< null for an unnamed entry */
+    uint64_t m_size;                 /**< of the data; a zero byte that is not counted always follows it */
+    void *m_data;                    /**< null when the size is 0 */
 };
 
 /** A list: the caller's record, or one from kestal_new_value. */
 typedef struct kestal_value {
-    uint32_t m_flags;
-    kestal_value_node_t *m_head;
-    kestal_value_node_t *m_tail;
+    uint32_t m_flags;            /**< KESTAL_VALUE_ bits of the list */
+    kestal_value_node_t *m_head; /**< the first entry */
+    kestal_value_node_t *m_tail; /**< the last entry */
 } kestal_value_t;
 
 #if KESTAL_POINTER_IS_64_BIT

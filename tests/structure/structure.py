@@ -9,14 +9,19 @@ declarations SHARED_OBJECT SOURCE every name that a public header declares is ex
 headers SOURCE                    every public header compiles alone as C11 and as C++; every declaration in it is documented
 floors SOURCE                     no module includes a higher floor, no includes go in a circle, and
                                   ARCHITECTURE.md shows every module on its floor and has a line for it
+docs SOURCE                       Doxygen has nothing to say against the public headers and the guide (77 where it is missing)
+guide SHARED_OBJECT SOURCE        every page of the guide shows its program as it stands beside it, and what it really prints
+names SOURCE                      every name of the library that the pages of the tree mention is declared
 words SOURCE                      no marks of unfinished work, and no word that leans on a text outside the tree
 
 CC and CXX name the compilers. Prints what is wrong, a line each, and exits 1 if anything is.
 """
 import os
 import re
+import shutil
 import subprocess
 import sys
+import tempfile
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
@@ -184,6 +189,57 @@ def check_floors(source):
         for other in sorted(graph[room]):
             if floor_of(other) > listed[room]:
                 yield f"{room} (floor {listed[room]}) includes {other} (floor {floor_of(other)})"
+
+
+def check_docs(source):
+    if not shutil.which("doxygen"):
+        print("doxygen is missing")
+        sys.exit(77)
+    with tempfile.TemporaryDirectory() as folder:
+        result = subprocess.run(["doxygen", "docs/Doxyfile"], cwd=source, env={**os.environ, "KESTAL_DOCS": folder},
+                                stderr=subprocess.PIPE, text=True, check=False)
+    yield from result.stderr.splitlines()
+    if result.returncode != 0:
+        yield f"doxygen ended with {result.returncode}"
+
+
+def run_guide_program(library, source, program, folder):
+    """What a program of the guide prints, or a text that says why it does not."""
+    built = f"{folder}/{program.stem}"
+    commands = [[os.environ["CC"], "-std=c11", "-Wall", "-Wextra", "-Wpedantic", "-Werror", "-I", source / "include",
+                 program, "-o", built, library, f"-Wl,-rpath,{library.parent}"], [built]]
+    for command in commands:
+        result = subprocess.run([str(part) for part in command], cwd=folder, stdin=subprocess.DEVNULL, timeout=60,
+                                capture_output=True, text=True, check=False)
+        if result.returncode != 0:
+            return f"{Path(command[0]).name} ended with {result.returncode}: {result.stderr}"
+    return result.stdout
+
+
+def check_guide(library, source):
+    pages = {page.stem: page for page in (source / "docs/guide").glob("*.md")}
+    programs = sorted((source / "docs/guide").glob("*.c"))
+    if not programs:
+        yield "no program in docs/guide"
+    for program in programs:
+        page = pages[program.stem].read_text() if program.stem in pages else ""
+        if f"```c\n{program.read_text()}```\n" not in page:
+            yield f"{program.name}: its page does not show it as it stands"
+        with tempfile.TemporaryDirectory() as folder:
+            printed = run_guide_program(library, source, program, folder)
+        if f"```text\n{printed}```\n" not in page:
+            yield f"{program.name}: its page does not show what it prints:\n{printed}"
+
+
+def check_names(source):
+    declared = set()
+    for header in public_headers(source):
+        declared.update(re.findall(r"\w+", re.sub(r"/\*.*?\*/", "", header.read_text(), flags=re.DOTALL)))
+    pages = [*(source / "docs").rglob("*.md"), *source.glob("*.md")]
+    for page in sorted(pages):
+        for name in sorted(set(re.findall(r"\b(?:__)?(?:kestal|KESTAL)_\w+", page.read_text())) - declared):
+            if name != "kestal_ulx" and not name.endswith("_"):
+                yield f"{page.relative_to(source)}: {name} is declared nowhere"
 
 
 def check_words(source):

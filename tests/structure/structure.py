@@ -11,7 +11,7 @@ floors SOURCE                     no module includes a higher floor, no includes
                                   ARCHITECTURE.md shows every module on its floor and has a line for it
 docs SOURCE                       Doxygen has nothing to say against the public headers and the guide (77 where it is missing)
 guide SHARED_OBJECT SOURCE        every page of the guide shows its program as it stands beside it, and what it really prints
-names SOURCE                      every name of the library that the pages of the tree mention is declared
+names SOURCE                      every name of the library that the guide, README.md and SECURITY.md mention is declared
 words SOURCE                      no marks of unfinished work, and no word that leans on a text outside the tree
 
 CC and CXX name the compilers. Prints what is wrong, a line each, and exits 1 if anything is.
@@ -235,8 +235,8 @@ def check_names(source):
     declared = set()
     for header in public_headers(source):
         declared.update(re.findall(r"\w+", re.sub(r"/\*.*?\*/", "", header.read_text(), flags=re.DOTALL)))
-    pages = [*(source / "docs").rglob("*.md"), *source.glob("*.md")]
-    for page in sorted(pages):
+    pages = [*(source / "docs").rglob("*.md"), *(source / name for name in ("README.md", "SECURITY.md"))]
+    for page in filter(Path.exists, sorted(pages)):
         for name in sorted(set(re.findall(r"\b(?:__)?(?:kestal|KESTAL)_\w+", page.read_text())) - declared):
             if name != "kestal_ulx" and not name.endswith("_"):
                 yield f"{page.relative_to(source)}: {name} is declared nowhere"

@@ -278,7 +278,6 @@ TEST_F(cgi, challenges_with_a_nonce_of_the_minute)
         EXPECT_EQ(std::string(status->m_name) + ": " + status->m_value, "Status: 401 Unauthorized");
         EXPECT_STREQ(given->m_name, "WWW-Authenticate");
         EXPECT_TRUE(given->m_value == earliest || given->m_value == challenge(realm, time(nullptr)));
-        EXPECT_EQ(given->m_value_length, earliest.size());
         EXPECT_EQ(given->m_next, nullptr);
     }
     unsetenv("TZ");

@@ -33,13 +33,11 @@ protected:
 
     // 0, or the last error of the refusal.
     uint32_t open(const std::string &location, const char *mode, const char *type = "application/ulx_stream",
-                  const char *offset = nullptr)
+                  const char *offset = "0")
     {
         id_ = kestal_new_ctx();
-        kestal_ctx_set_option_string(id_, 1, "src", location.c_str());
-        kestal_ctx_set_option_string(id_, 1, "mode", mode);
-        if (offset != nullptr)
-            kestal_ctx_set_option_string(id_, 1, "offset", offset);
+        for (const auto &[name, value] : {std::pair("src", location.c_str()), {"mode", mode}, {"offset", offset}})
+            kestal_ctx_set_option_string(id_, 1, name, value);
         errno = 0;
         if (kestal_open_ctx(id_, type) == 0)
             return 0;
@@ -62,7 +60,7 @@ protected:
         }
     }
 
-    std::string read_location(const std::string &location, const char *offset = nullptr)
+    std::string read_location(const std::string &location, const char *offset = "0")
     {
         const uint32_t error = open(location, "rb", "application/ulx_stream_ftp", offset);
         const std::string all =
@@ -133,16 +131,14 @@ TEST_P(stream_ftp, writes_files)
 
 TEST_P(stream_ftp, tells_what_went_wrong)
 {
-    const auto error = [](int number) { return "!" + std::to_string(number); };
+    const std::string reset = "!" + std::to_string(ECONNRESET), aborted = "!" + std::to_string(ECONNABORTED);
     server_->serve(std::string(100000, 'c'), 60000);
-    const std::string broken = read_location(server_->uri("/x"));
-    EXPECT_EQ(broken.substr(broken.find('!')), error(ECONNRESET));
-
+    EXPECT_TRUE(read_location(server_->uri("/x")).ends_with(reset));
     server_->serve("short");
     server_->answer("end", "426 lost\r\n");
     ASSERT_EQ(open(server_->uri("/x"), "rb"), 0u);
-    EXPECT_EQ(read_all(), "short" + error(ECONNABORTED));
-    EXPECT_EQ(read_all(), error(ECONNABORTED));
+    EXPECT_EQ(read_all(), "short" + aborted);
+    EXPECT_EQ(read_all(), aborted);
     close();
     server_->answer("end", "250 some servers say so\r\n");
     EXPECT_EQ(read_location(server_->uri("/x")), "short");

@@ -144,17 +144,17 @@ TEST_F(tftp, takes_blocks_in_order_and_once)
 TEST_F(tftp, failed_transfers_stay_failed)
 {
     EXPECT_EQ(read(), failed(EINVAL));
-    const std::pair<std::string, int> cases[] = {{word(5) + word(1) + "File not found\0"s, ENOENT},
-                                                 {word(5) + word(7) + "?\0"s, EPERM},
-                                                 {word(5), EPROTO},
-                                                 {word(5) + word(8) + "?\0"s, EPROTO},
-                                                 {word(4) + word(1), EPROTO},
-                                                 {data(1, full + "x"), EPROTO},
-                                                 {data(1, full + full + full), EPROTO},
-                                                 {"", EPROTO},
-                                                 {data(1, "x"), ENOMEM},
-                                                 {"time-out", ETIMEDOUT}};
-    for (const auto &[packet, error] : cases) {
+    const std::string refusal = word(5);
+    for (const auto &[packet, error] : {std::pair(refusal + word(1) + "File not found\0"s, ENOENT),
+                                        {refusal + word(7) + "?\0"s, EPERM},
+                                        {refusal + word(8) + "?\0"s, EPROTO},
+                                        {refusal, EPROTO},
+                                        {word(4) + word(1), EPROTO},
+                                        {data(1, full + "x"), EPROTO},
+                                        {data(1, full + full + full), EPROTO},
+                                        {"", EPROTO},
+                                        {data(1, "x"), ENOMEM},
+                                        {"time-out", ETIMEDOUT}}) {
         request();
         if (error != ETIMEDOUT)
             send(packet);
@@ -173,7 +173,8 @@ TEST_F(tftp, works_over_a_stream)
 {
     const int32_t listening = kestal_open_listen_socket("127.0.0.1", 0);
     const std::string location = "tftp://127.0.0.1:" + std::to_string(port_of(listening)) + "/file";
-    for (const std::string &last : {data(2, "end"), data(1, full), ""s}) {
+    for (const auto &[last, result] :
+         {std::pair(data(2, "end"), "end"s), {data(1, full), failed(EPROTO)}, {"", failed(EPROTO)}}) {
         kestal_close_tftp(client_);
         client_ = kestal_open_tftp(1, location.c_str(), patience);
         const int32_t peer = kestal_accept(listening, nullptr, nullptr, patience);
@@ -184,7 +185,7 @@ TEST_F(tftp, works_over_a_stream)
         EXPECT_EQ(receive(peer), word(4) + word(1));
         kestal_send(peer, last.data(), last.size(), patience);
         kestal_shutdown_socket(peer, 1);
-        EXPECT_EQ(read(), last == data(2, "end") ? "end" : failed(EPROTO));
+        EXPECT_EQ(read(), result);
         kestal_close_socket(peer);
     }
     kestal_close_socket(listening);

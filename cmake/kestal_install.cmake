@@ -16,15 +16,21 @@ add_library(kestal_ulx::static ALIAS kestal_ulx_static)
 install(TARGETS kestal_ulx kestal_ulx_static EXPORT kestal_ulx
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
-install(FILES include/kestal_ulx.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+install(FILES ${KESTAL_UMBRELLA} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
+set(left_out)
+foreach(module ${KESTAL_MODULES_LEFT_OUT})
+    list(APPEND left_out PATTERN ${module}.h EXCLUDE)
+endforeach()
 install(DIRECTORY include/kestal_ulx DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
-    FILES_MATCHING PATTERN "*.h")
+    FILES_MATCHING PATTERN "*.h" ${left_out})
+list(JOIN KESTAL_PARTS_PRESENT " " kestal_parts)
 
 # Written when installing, for the prefix that "cmake --install --prefix" names counts.
 install(CODE "
     set(PROJECT_NAME ${PROJECT_NAME})
     set(PROJECT_DESCRIPTION \"${PROJECT_DESCRIPTION}\")
     set(PROJECT_VERSION ${PROJECT_VERSION})
+    set(KESTAL_PARTS \"${kestal_parts}\")
     set(CMAKE_INSTALL_LIBDIR ${CMAKE_INSTALL_LIBDIR})
     set(CMAKE_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR})
     configure_file(${CMAKE_CURRENT_SOURCE_DIR}/cmake/kestal_ulx.pc.in ${CMAKE_CURRENT_BINARY_DIR}/kestal_ulx.pc @ONLY)

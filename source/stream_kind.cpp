@@ -14,8 +14,15 @@ namespace kestal {
 
 namespace {
 
-constexpr const stream_kind *kinds[] = {&base_kind, &multicall_kind, &file_kind, &pipe_kind, &tcp_kind,
-                                        &udp_kind,  &tftp_kind,      &ftp_kind,  &fb_kind};
+constexpr const stream_kind *kinds[] = {
+    &base_kind, &multicall_kind, &file_kind, &pipe_kind, &tcp_kind, &udp_kind,
+#if KESTAL_PROTOCOLS
+    &tftp_kind, &ftp_kind,
+#endif
+#if KESTAL_PICTURES
+    &fb_kind,
+#endif
+};
 
 uint32_t open_without_state(kestal_ctx_t &, stream_request &)
 {

@@ -42,7 +42,21 @@ read -ra flags < <(pkg-config --static --cflags --libs kestal_ulx)
 "$CC" -std=c11 "${strict[@]}" "$work/first.c" -static "${flags[@]}" -o "$work/first_static"
 check "$(env -u LD_LIBRARY_PATH "$work/first_static")" "$expected"
 
-cmake -S "$source/tests/install" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DFIRST_PROGRAM="$work/first.c" >/dev/null
+# What the build was told to leave out has no header and is no component.
+parts=()
+for part in pictures protocols ciphers; do
+    ! grep -q "^KESTAL_${part^^}:BOOL=ON$" "$build/CMakeCache.txt" || parts+=("$part")
+done
+check "$(pkg-config --variable=parts kestal_ulx)" "${parts[*]}"
+for header in fbmap:pictures ftp:protocols aes:ciphers; do
+    there=no wanted=no
+    [ ! -e "$prefix/include/kestal_ulx/${header%:*}.h" ] || there=yes
+    [[ " ${parts[*]} " != *" ${header#*:} "* ]] || wanted=yes
+    check "$header $there" "$header $wanted"
+done
+
+cmake -S "$source/tests/install" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DFIRST_PROGRAM="$work/first.c" \
+    -DPARTS="$(IFS=';' && printf '%s' "${parts[*]}")" >/dev/null
 cmake --build "$work/cmake" >/dev/null
 check "$("$work/cmake/first_c")" "$expected"
 check "$(env -u LD_LIBRARY_PATH "$work/cmake/first_c_static")" "$expected"

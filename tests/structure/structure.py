@@ -4,8 +4,9 @@
 library SHARED_OBJECT             needs only the C runtime; its soname; every export under the one version node
 hardening SHARED_OBJECT ARCHIVE   nothing writable once loaded that need not be, no executable stack, no text relocations; smashed
                                   stacks are noticed, and where the compiler can, jumps land only where one was meant to
-exports SHARED_OBJECT SOURCE      every exported name is declared in a public header
-declarations SHARED_OBJECT SOURCE every name that a public header declares is exported
+exports SHARED_OBJECT INCLUDE...  every exported name is declared in a public header, looked for in the folders INCLUDE
+declarations SHARED_OBJECT INCLUDE...
+                                  every name that a public header declares is exported
 headers SOURCE                    every public header compiles alone as C11 and as C++; every declaration in it is documented
 floors SOURCE                     no module includes a higher floor, no includes go in a circle, and
                                   ARCHITECTURE.md shows every module on its floor and has a line for it
@@ -44,10 +45,11 @@ def public_headers(source):
     return [source / "include/kestal_ulx.h", *sorted((source / "include/kestal_ulx").glob("*.h"))]
 
 
-def declared_names(source):
+def declared_names(include_folders):
     """The functions and objects that the preprocessed public header marks as exported."""
-    text = output_of(os.environ["CC"], "-std=c11", "-E", "-P", "-I", str(source / "include"),
-                     str(source / "include/kestal_ulx.h"))
+    folders = [f"-I{folder}" for folder in include_folders]
+    text = subprocess.run([os.environ["CC"], "-std=c11", "-E", "-P", *folders, "-x", "c", "-"], check=True,
+                          capture_output=True, text=True, input="#include <kestal_ulx.h>\n").stdout
     mark = r'__attribute__\(\(visibility\("default"\)\)\)'
     return {re.search(r"(\w+)\s*(?:\(|\[|;|$)", re.sub(r"__attribute__\s*\(\(.*?\)\)", "", declaration)).group(1)
             for declaration in re.findall(mark + r"([^;]*)", text)}
@@ -85,13 +87,13 @@ def check_hardening(library, archive):
                 yield f"no control-flow protection in {note.splitlines()[0]}"
 
 
-def check_exports(library, source):
-    for name in sorted({name for name, _ in exported_names(library)} - declared_names(source)):
+def check_exports(library, *include_folders):
+    for name in sorted({name for name, _ in exported_names(library)} - declared_names(include_folders)):
         yield f"{name} is exported but stands in no public header"
 
 
-def check_declarations(library, source):
-    for name in sorted(declared_names(source) - {name for name, _ in exported_names(library)}):
+def check_declarations(library, *include_folders):
+    for name in sorted(declared_names(include_folders) - {name for name, _ in exported_names(library)}):
         yield f"{name} is declared but not exported"
 
 
@@ -119,7 +121,7 @@ def check_headers(source):
 
 def floors_of_modules(source):
     text = (source / "cmake/kestal_modules.cmake").read_text()
-    return {module: int(floor) for floor, modules in re.findall(r"set\(KESTAL_FLOOR_(\d+) ([^)]*)\)", text)
+    return {module: int(floor) for floor, modules in re.findall(r"set\(KESTAL_FLOOR_(\d+)\w* ([^)]*)\)", text)
             for module in modules.split()}
 
 

@@ -26,7 +26,7 @@ set(KESTAL_FLOOR_9_PROTOCOLS stream_tftp stream_ftp builtin_ftp_plugin)
 
 # What waits for people, peers or the kernel, or runs once, is compiled for size; the rest for speed.
 set(KESTAL_COMPILED_FOR_SIZE assertion exception destroy_stack global_break diagnostics assertion_format version terminal
-    terminal_key output service signal argument uri file ini address network_interface resolver multicast socket_opener socket event_connect
+    terminal_key output service signal argument text percent select uri file ini address network_interface resolver multicast socket_opener socket event_connect
     event_service
     ftp_engine ftp_command ftp_login ftp_stream ftp_download ftp
     http_digest cgi cgi_incoming cgi_authorization cgi_outgoing

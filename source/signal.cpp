@@ -51,6 +51,23 @@ void dispatch(int number)
     errno = saved_errno;
 }
 
+// As dispatch, for a signal that a failing instruction raises. One that a process has sent is over with the handlers;
+// after a real fault the instruction is tried again, and meets the prior action: a crash stays one.
+void dispatch_fault(int number, siginfo_t *info, void *)
+{
+    running_dispatchers.fetch_add(1);
+    dispatch(number);
+    const node *first = link(slots[static_cast<uint32_t>(number)].head).load();
+    if (first != nullptr && info->si_code > 0)
+        sigaction(number, &first->m_action, nullptr);
+    running_dispatchers.fetch_sub(1);
+}
+
+bool is_fault(uint32_t number)
+{
+    return number == SIGSEGV || number == SIGBUS || number == SIGFPE || number == SIGILL;
+}
+
 // --- the lists, under the lock
 
 void append(slot &signal, node *fresh)
@@ -137,6 +154,10 @@ kestal_signal_node_t *kestal_add_signal(uint32_t number, kestal_signal_handler_t
     struct sigaction action {};
     action.sa_handler = dispatch;
     action.sa_flags = SA_RESTART;
+    if (is_fault(number)) {
+        action.sa_sigaction = dispatch_fault;
+        action.sa_flags |= SA_SIGINFO;
+    }
     sigfillset(&action.sa_mask);
     bool installed = false;
     {

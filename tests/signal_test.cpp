@@ -3,6 +3,10 @@
 #include <csignal>
 #include <memory>
 #include <pthread.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace {
 
@@ -68,6 +72,28 @@ TEST_F(signal, handlers_are_called_in_order_and_counted)
     raise(SIGUSR1);
     EXPECT_EQ(call_count, 6u);
     EXPECT_EQ(prior_calls, 1);
+}
+
+TEST_F(signal, a_crash_stays_one)
+{
+    const auto before = kestal_exchange_signal(SIGSEGV, 0, SIG_DFL);
+    kestal_add_signal(SIGSEGV, note, &one_);
+    void *page = mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(30);
+        prctl(PR_SET_DUMPABLE, 0);
+        raise(SIGSEGV);
+        if (call_count == 1) // one that is sent is no crash
+            *static_cast<volatile char *>(page) = 1;
+        _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV) << status;
+    munmap(page, 1);
+    kestal_restore_signal(SIGSEGV);
+    kestal_exchange_signal(SIGSEGV, 0, before);
 }
 
 TEST_F(signal, restoring_detaches_everything_and_counts_are_reset_apart)

@@ -16,7 +16,7 @@
  *    negative: only the one at the start.
  *  - "multicast_ipv4_port" (1900), "multicast_ipv6_port" (1900): a socket for each value.
  *  - "multicast_ipv4_address" ("239.255.255.250"), "multicast_ipv6_address" ("ff02::c", "ff05::c"): the groups.
- *  - "stop_signal_event" (not set): not 0 ends the run on SIGINT, SIGQUIT and SIGTERM (SIGSEGV ends the process).
+ *  - "stop_signal_event" (not set): not 0 ends the run on SIGINT, SIGQUIT, SIGTERM and SIGSEGV (a crash stays one).
  *  - "stop_vt_event" (not set): not 0 ends it on the key ESC or q of the terminal.
  *
  * The ports and groups take several values: set further ones with KESTAL_VALUE_ADD_IF_ABSENT, others with

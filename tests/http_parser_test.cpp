@@ -1,65 +1,15 @@
+#include "http_heads.hpp"
 #include "support.hpp"
-
-#include <chrono>
-#include <random>
 
 using kestal_test::caught_console;
 using kestal_test::failing_allocation;
+using kestal_test::shown;
 using kestal_test::with_each_allocation_failing;
+using parser = kestal_test::http_head;
 
 namespace {
 
 class http_parser : public kestal_test::counted {};
-
-// A parser that destroys itself.
-struct parser {
-    kestal_http_parser_t get;
-    parser() { kestal_init_http_parser(&get); }
-    explicit parser(const std::string &head) : parser() { push(head); }
-    ~parser() { kestal_destroy_http_parser(&get); }
-    parser(const parser &) = delete;
-    parser &operator=(const parser &) = delete;
-
-    int64_t push(const std::string &bytes) { return kestal_push_http_parser(&get, bytes.data(), bytes.size()); }
-    bool has(uint32_t flag) const { return (get.m_flags & flag) != 0; }
-    std::string output()
-    {
-        uint64_t size = 0;
-        const char *text = kestal_get_output_http_parser(&get, &size);
-        return {text, static_cast<size_t>(size)};
-    }
-};
-
-// A line as "TYPE" with its texts, numbers, and what follows the part that was understood.
-std::string shown(const kestal_http_node_t *node)
-{
-    char type[16];
-    kestal_snprintf(type, sizeof type, "%x", node->m_type);
-    std::string line = type;
-    for (const char *text : {node->m_text1, node->m_text2, node->m_text3, node->m_text4})
-        if (text != nullptr)
-            line += "|" + std::string(text);
-    if (node->m_type == KESTAL_HTTP_NODE_REQUEST || node->m_type == KESTAL_HTTP_NODE_STATUS)
-        line += " " + std::to_string(node->m_major) + "." + std::to_string(node->m_minor);
-    if (node->m_status_code != 0)
-        line += " " + std::to_string(node->m_status_code);
-    if (node->m_type == KESTAL_HTTP_NODE_LINE || node->m_type == KESTAL_HTTP_NODE_UNKNOWN)
-        line += "|" + std::string(node->m_start);
-    else
-        line += "+" + std::string(node->m_extra);
-    EXPECT_EQ(node->m_size, strlen(node->m_start));
-    return line;
-}
-
-std::string shown(const kestal_http_parser_t &parser)
-{
-    std::string lines;
-    for (const kestal_http_node_t *node = parser.m_head; node != nullptr; node = node->m_next) {
-        lines += shown(node) + "\n";
-        EXPECT_EQ(node->m_next == nullptr ? parser.m_tail : node->m_next->m_previous, node);
-    }
-    return lines;
-}
 
 TEST_F(http_parser, classifies_lines)
 {
@@ -116,15 +66,11 @@ TEST_F(http_parser, joins_folded_lines)
         EXPECT_EQ(shown(parser(head).get), expected);
 
     parser long_one("A: ");
-    const auto start = std::chrono::steady_clock::now();
     std::string value;
-    for (int i = 0; i < 100000; ++i) {
+    for (int i = 0; i < 1000; ++i, value += "fold")
         EXPECT_EQ(long_one.push("\r\n fold"), 7);
-        value += "fold";
-    }
     long_one.push("\r\n\r\n");
     EXPECT_EQ(kestal_http_parser_get_field(&long_one.get, "a"), value);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30)) << "linear";
 }
 
 TEST_F(http_parser, takes_bytes_in_any_pieces)
@@ -135,30 +81,26 @@ TEST_F(http_parser, takes_bytes_in_any_pieces)
         "A: b\n\rC: d\n\r\n\r",
         "A: b\r \r\n\r",
     };
-    std::mt19937 random(1);
     for (const std::string &head : heads) {
         const std::string message = head + "BODY\r\n";
         parser whole;
         ASSERT_EQ(whole.push(message), static_cast<int64_t>(head.size()));
         EXPECT_EQ(whole.push("more") + whole.push(""), 0) << "complete";
-        for (int run = 0; run < 200; ++run) {
-            parser split;
-            size_t taken = 0;
-            for (size_t at = 0, size; at < message.size(); at += size) {
-                size = run == 0
-                           ? 1
-                           : std::min<size_t>(1 + random() % static_cast<size_t>(run % 30 + 1), message.size() - at);
-                const bool was_complete = split.has(KESTAL_HTTP_PARSER_COMPLETE);
-                const int64_t result = split.push(message.substr(at, size));
-                const bool is_complete = split.has(KESTAL_HTTP_PARSER_COMPLETE);
-                EXPECT_TRUE(is_complete || result == static_cast<int64_t>(size));
-                EXPECT_TRUE(!was_complete || result == 0);
-                taken += static_cast<size_t>(result);
+        for (size_t first = 1; first < message.size(); ++first)
+            for (size_t piece = 1; piece <= message.size() - first; ++piece) {
+                parser split;
+                size_t taken = 0;
+                for (size_t at = 0, size = first; at < message.size(); at += size, size = piece) {
+                    const std::string bytes = message.substr(at, size);
+                    const bool was_complete = split.is_complete();
+                    const auto result = static_cast<size_t>(split.push(bytes));
+                    EXPECT_TRUE(was_complete ? result == 0 : split.is_complete() || result == bytes.size());
+                    taken += result;
+                }
+                EXPECT_EQ(shown(split.get), shown(whole.get));
+                // The second byte of a pair is the head's if it comes with the first.
+                EXPECT_TRUE(taken == head.size() || (taken + 1 == head.size() && head.back() != head[taken - 1]));
             }
-            EXPECT_EQ(shown(split.get), shown(whole.get));
-            // The second byte of a pair is the head's if it comes with the first.
-            EXPECT_TRUE(taken == head.size() || (taken + 1 == head.size() && head.back() != head[taken - 1]));
-        }
     }
 }
 

@@ -1,5 +1,7 @@
 #include "ftp.hpp"
 
+#include "uri.hpp"
+
 #include <kestal_ulx/socket.h>
 #include <kestal_ulx/socket_opener.h>
 #include <kestal_ulx/text.h>
@@ -67,7 +69,7 @@ bool note_peer(kestal_ftp_t &ftp)
 
 bool set_up(kestal_ftp_t &ftp, const char *uri, int32_t default_port)
 {
-    ftp.m_uri = kestal_open_uri(uri);
+    ftp.m_uri = kestal::open_whole_uri(uri);
     if (ftp.m_uri == nullptr)
         return false;
     choose_data_mode(ftp);

@@ -1,6 +1,7 @@
 #include "stream_kind.hpp"
 
 #include "deadline.hpp"
+#include "uri.hpp"
 
 #include <kestal_ulx/file.h>
 #include <kestal_ulx/text.h>
@@ -91,7 +92,7 @@ uint32_t prepare_stream(stream_request &request)
         return KESTAL_CTX_ERROR_NONE;
     if (request.source == nullptr)
         return KESTAL_CTX_ERROR_NOT_SUPPORTED;
-    request.uri.reset(kestal_open_uri(request.source));
+    request.uri.reset(open_whole_uri(request.source));
     return request.uri.get() == nullptr ? KESTAL_CTX_ERROR_NO_MEMORY : KESTAL_CTX_ERROR_NONE;
 }
 

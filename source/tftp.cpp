@@ -7,6 +7,7 @@
 
 #include "deadline.hpp"
 #include "guard.hpp"
+#include "uri.hpp"
 
 #include <errno.h>
 #include <netinet/in.h>
@@ -219,7 +220,7 @@ kestal_tftp_t *kestal_open_tftp(uint32_t stream, const char *uri, int32_t timeou
     tftp->m_state = KESTAL_TFTP_FAILED;
     tftp->m_packet = tftp->m_packet_buffer;
     tftp->m_data = tftp->m_packet_buffer + header_size;
-    tftp->m_uri = kestal_open_uri(uri == nullptr ? local_machine : uri);
+    tftp->m_uri = kestal::open_whole_uri(uri == nullptr ? local_machine : uri);
     if (tftp->m_uri != nullptr)
         open_first_socket(*tftp, timeout_ms);
     if (tftp->m_socket == KESTAL_INVALID_SOCKET) {

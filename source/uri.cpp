@@ -4,7 +4,10 @@
 #include <kestal_ulx/percent.h>
 #include <kestal_ulx/text.h>
 
+#include "uri.hpp"
+
 #include <algorithm>
+#include <errno.h>
 #include <limits>
 #include <string.h>
 #include <string_view>
@@ -13,9 +16,24 @@ namespace {
 
 using std::string_view;
 
-char *copy_of(string_view part)
+// A URI in the making.
+struct making {
+    kestal_uri_t *uri;
+    bool is_whole; // no part was left out for want of memory
+};
+
+char *copy_of(making &made, string_view part)
 {
-    return kestal_strndup_tag(part.data(), part.size(), "kestal_open_uri", 0);
+    char *copy = kestal_strndup_tag(part.data(), part.size(), "kestal_open_uri", 0);
+    made.is_whole = made.is_whole && copy != nullptr;
+    return copy;
+}
+
+char *decoded(making &made, const char *path)
+{
+    char *copy = kestal_decode_percent_string(path);
+    made.is_whole = made.is_whole && copy != nullptr;
+    return copy;
 }
 
 string_view before(string_view text, size_t at)
@@ -45,60 +63,60 @@ int32_t port_number(string_view digits)
     return static_cast<int32_t>(value);
 }
 
-void take_scheme(kestal_uri_t &uri, string_view scheme)
+void take_scheme(making &made, string_view scheme)
 {
-    uri.m_scheme = copy_of(scheme);
+    made.uri->m_scheme = copy_of(made, scheme);
     const size_t at = scheme.find('@');
-    uri.m_scheme_name = copy_of(before(scheme, std::min(at, scheme.size())));
+    made.uri->m_scheme_name = copy_of(made, before(scheme, std::min(at, scheme.size())));
     if (at != string_view::npos)
-        uri.m_scheme_qualifier = copy_of(behind(scheme, at));
+        made.uri->m_scheme_qualifier = copy_of(made, behind(scheme, at));
 }
 
-void take_path(kestal_uri_t &uri, string_view path)
+void take_path(making &made, string_view path)
 {
-    uri.m_path_query = copy_of(path);
+    made.uri->m_path_query = copy_of(made, path);
     const size_t mark = path.find('?');
-    uri.m_path = copy_of(before(path, std::min(mark, path.size())));
-    uri.m_decoded_path = kestal_decode_percent_string(uri.m_path);
+    made.uri->m_path = copy_of(made, before(path, std::min(mark, path.size())));
+    made.uri->m_decoded_path = decoded(made, made.uri->m_path);
     if (mark == string_view::npos)
         return;
-    uri.m_query = copy_of(behind(path, mark));
-    uri.m_options = kestal_parse_uri_option(nullptr, uri.m_query, 0);
+    made.uri->m_query = copy_of(made, behind(path, mark));
+    made.uri->m_options = kestal_parse_uri_option(nullptr, made.uri->m_query, 0);
 }
 
 // Takes the port off the authority and returns what is left.
-string_view take_port(kestal_uri_t &uri, string_view authority)
+string_view take_port(making &made, string_view authority)
 {
     // Only digits may follow the colon that counts, so it is the last one.
     const size_t colon = authority.rfind(':');
     if (colon == string_view::npos || !is_number(behind(authority, colon)))
         return authority;
-    uri.m_port_text = copy_of(behind(authority, colon));
-    uri.m_port = port_number(behind(authority, colon));
+    made.uri->m_port_text = copy_of(made, behind(authority, colon));
+    made.uri->m_port = port_number(behind(authority, colon));
     return before(authority, colon);
 }
 
-void take_user(kestal_uri_t &uri, string_view user)
+void take_user(making &made, string_view user)
 {
     const size_t colon = user.find(':');
-    uri.m_user = copy_of(before(user, std::min(colon, user.size())));
+    made.uri->m_user = copy_of(made, before(user, std::min(colon, user.size())));
     if (colon != string_view::npos)
-        uri.m_password = copy_of(behind(user, colon));
+        made.uri->m_password = copy_of(made, behind(user, colon));
 }
 
-void take_authority(kestal_uri_t &uri, string_view authority)
+void take_authority(making &made, string_view authority)
 {
-    string_view host = take_port(uri, authority);
+    string_view host = take_port(made, authority);
     if (host.empty())
         return;
     const size_t at = host.rfind('@');
     if (at != string_view::npos) {
-        take_user(uri, before(host, at));
+        take_user(made, before(host, at));
         host = behind(host, at);
     }
     if (host.starts_with('[') && host.ends_with(']'))
         host = {host.data() + 1, host.size() - 2};
-    uri.m_host = copy_of(host);
+    made.uri->m_host = copy_of(made, host);
 }
 
 // Copies a piece behind an option and returns the place behind the copy.
@@ -129,34 +147,51 @@ kestal_uri_option_t *new_option(string_view text, uint32_t flags)
     return option;
 }
 
-} // namespace
-
-kestal_uri_t *kestal_open_uri(const char *text)
+making make(const char *text)
 {
     if (text == nullptr)
-        return nullptr;
+        return {nullptr, false};
     const string_view whole = text;
-    auto *uri = static_cast<kestal_uri_t *>(kestal_calloc(1, sizeof(kestal_uri_t) + whole.size() + 1));
+    auto *uri = static_cast<kestal_uri_t *>(
+        kestal_calloc_tag(1, sizeof(kestal_uri_t) + whole.size() + 1, "kestal_open_uri", __LINE__));
+    making made{uri, uri != nullptr};
     if (uri == nullptr)
-        return nullptr;
+        return made;
     uri->m_uri = static_cast<char *>(memcpy(uri + 1, text, whole.size() + 1));
 
     string_view rest = whole;
     const size_t separator = whole.find("://");
     if (separator != string_view::npos) {
-        take_scheme(*uri, before(whole, separator));
+        take_scheme(made, before(whole, separator));
         rest = behind(whole, separator + 2);
     }
-    uri->m_location = copy_of(rest);
+    uri->m_location = copy_of(made, rest);
     const size_t slash = rest.find('/');
     if (slash == string_view::npos) {
-        uri->m_decoded_path = kestal_decode_percent_string("/");
+        uri->m_decoded_path = decoded(made, "/");
     } else {
-        take_path(*uri, {rest.data() + slash, rest.size() - slash});
+        take_path(made, {rest.data() + slash, rest.size() - slash});
         rest = before(rest, slash);
     }
-    take_authority(*uri, rest);
-    return uri;
+    take_authority(made, rest);
+    return made;
+}
+
+} // namespace
+
+kestal_uri_t *kestal::open_whole_uri(const char *text)
+{
+    const making made = make(text);
+    if (made.is_whole)
+        return made.uri;
+    kestal_close_uri(made.uri);
+    errno = text == nullptr ? EINVAL : ENOMEM;
+    return nullptr;
+}
+
+kestal_uri_t *kestal_open_uri(const char *text)
+{
+    return make(text).uri;
 }
 
 int32_t kestal_close_uri(kestal_uri_t *uri)

@@ -24,10 +24,9 @@ struct told {
         self->what |= what & ~(KESTAL_EVENT_ASSIGNED | KESTAL_EVENT_UNASSIGNED);
         if ((what & connected) != 0)
             self->peer = peer_of(sock);
-        if ((what & (connected | failed | KESTAL_EVENT_TIMEOUT)) == 0)
-            return;
-        kestal_event_base_exit_loop(self->base, 0);
-        kestal_close_socket(sock);
+        // Without memory the loop goes on, to the next time-out.
+        if ((what & (connected | failed | KESTAL_EVENT_TIMEOUT)) != 0)
+            kestal_event_base_exit_loop(self->base, 0);
     }
 
     static std::string peer_of(int32_t sock)
@@ -51,7 +50,9 @@ std::pair<uint32_t, std::string> connect_by_event(const char *host, int32_t port
         nullptr, -1, host, port);
     if (kestal_add_event(event, timeout_ms) == 0)
         kestal_event_base_dispatch(heard.base);
+    const int32_t sock = event == nullptr ? -1 : event->m_descriptor;
     kestal_free_event(event);
+    kestal_close_socket(sock);
     kestal_free_event_base(heard.base);
     return {heard.what, heard.peer};
 }

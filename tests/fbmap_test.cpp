@@ -92,8 +92,9 @@ TEST_F(fbmap, fails_without_a_trace)
                       kestal_free_fbmap(map);
               }),
               3u);
-    EXPECT_EQ(reports.messages(),
-              (std::vector<std::string>{"kestal_unlikely(s_name != ((char *)0))", "s_fbmap->m_map is null !"}));
+    EXPECT_EQ(reports.distinct(),
+              (std::set<std::string>{"kestal_unlikely(s_name != ((char *)0))", "s_fbmap->m_map is null !"}));
+    const size_t before = reports.messages().size();
     EXPECT_EQ(kestal_new_fbmap(nullptr, own, KESTAL_COLOR_ARGB8888, 0, 0, UINT32_MAX, UINT32_MAX, 0, "huge"), nullptr);
     EXPECT_EQ(kestal_init_fbmap(nullptr, nullptr, own, 0, 0, 0, 0, 0, 0, nullptr), nullptr);
     EXPECT_EQ(kestal_free_fbmap(nullptr), nullptr);
@@ -104,7 +105,7 @@ TEST_F(fbmap, fails_without_a_trace)
     EXPECT_EQ(kestal_fbmap_set_brush_x(nullptr, 1), -1);
     EXPECT_EQ(kestal_fbmap_update(nullptr), -1);
     EXPECT_EQ(reports.messages().back(), "s_fbmap is null !");
-    EXPECT_EQ(reports.messages().size(), 11u);
+    EXPECT_EQ(reports.messages().size(), before + 9);
 }
 
 TEST_F(fbmap, the_lock_lets_its_holder_in_and_nobody_else)

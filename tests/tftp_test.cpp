@@ -198,6 +198,16 @@ TEST_F(tftp, files_are_streams)
     const std::string location = location_ + "/a%20b";
     kestal_test::with_each_allocation_failing(
         [&] { kestal_destroy_ctx(kestal_open_ctx_stream(location.c_str(), "rb", 0)); });
+    // A location is all there or not opened: without its host or path it would be another.
+    kestal_test::with_each_allocation_failing([] {
+        if (kestal_tftp_t *opened = kestal_open_tftp(0, "tftp://user@127.0.0.9:70/f", patience)) {
+            EXPECT_STREQ(opened->m_uri->m_host, "127.0.0.9");
+            EXPECT_STREQ(opened->m_uri->m_user, "user");
+            EXPECT_STREQ(opened->m_uri->m_decoded_path, "/f");
+            EXPECT_EQ(kestal_sockaddr_get_port(&opened->m_server_address), 70u);
+            kestal_close_tftp(opened);
+        }
+    });
     while (receive(server_, 0) != "nothing")
         ;
     uint32_t id = kestal_open_ctx_stream(location.c_str(), "rb", 0);

@@ -1,30 +1,38 @@
 #include "support.hpp"
 
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <stdexcept>
 
 namespace {
 
-std::atomic<uint64_t> allocations_until_failure{0};
-std::atomic<uint64_t> failures_to_come{0};
+using steady = std::chrono::steady_clock;
+constexpr std::chrono::milliseconds a_while(50);
+
+std::atomic<uint64_t> first_failure{0}; // which allocation; 0: none fails
+std::atomic<uint64_t> failures{1};
+std::atomic<uint64_t> allocations{0};
+std::atomic<steady::rep> memory_returns{0};
 std::atomic<bool> failure_happened{false};
 
 bool must_fail()
 {
-    uint64_t left = allocations_until_failure.load(std::memory_order_relaxed);
-    while (left != 0 && !allocations_until_failure.compare_exchange_weak(left, left - 1))
-        ;
-    if (left != 1)
+    const uint64_t first = first_failure;
+    if (first == 0)
         return false;
+    const uint64_t number = ++allocations;
+    if (number < first || number - first >= failures)
+        return false;
+    if (number == first)
+        memory_returns = (steady::now() + a_while).time_since_epoch().count();
     failure_happened = true;
-    if (--failures_to_come > 0)
-        allocations_until_failure = 1;
-    return true;
+    return failures != kestal_test::for_a_while || steady::now().time_since_epoch().count() < memory_returns;
 }
 
 void *out_of_memory()
@@ -100,13 +108,15 @@ namespace kestal_test {
 failing_allocation::failing_allocation(uint64_t nth, uint64_t times)
 {
     failure_happened = false;
-    failures_to_come = times;
-    allocations_until_failure = nth;
+    allocations = 0;
+    memory_returns = std::numeric_limits<steady::rep>::max();
+    failures = times;
+    first_failure = nth;
 }
 
 failing_allocation::~failing_allocation()
 {
-    allocations_until_failure = 0;
+    first_failure = 0;
 }
 
 bool failing_allocation::happened() const
@@ -138,7 +148,7 @@ uint64_t with_each_allocation_failing(const std::function<void()> &scenario, uin
 {
     // script/torture lets more of them fail in a row.
     const std::vector<uint64_t> rows =
-        getenv("KESTAL_TORTURE") == nullptr ? std::vector<uint64_t>{1} : std::vector<uint64_t>{1, 2, 3, 5, 1000000};
+        getenv("KESTAL_TORTURE") == nullptr ? std::vector<uint64_t>{1} : std::vector<uint64_t>{1, 2, 3, 5, for_a_while};
     uint64_t met = most;
     for (const uint64_t times : rows) {
         uint64_t nth = 1;
@@ -169,6 +179,12 @@ std::vector<std::string> caught_assertions::messages() const
 {
     const std::lock_guard guard(reports_mutex);
     return reports;
+}
+
+std::set<std::string> caught_assertions::distinct() const
+{
+    const std::lock_guard guard(reports_mutex);
+    return {reports.begin(), reports.end()};
 }
 
 std::string numbers_masked(std::string text, const std::string &before)

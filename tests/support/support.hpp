@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -29,6 +30,9 @@ private:
     uint64_t blocks_ = 0;
 };
 
+// For so many failures: all for some fifty milliseconds, so that what waits for memory goes on in the end.
+constexpr uint64_t for_a_while = UINT64_MAX;
+
 // While it lives, the `nth` allocation (from 1) that the library makes on any thread fails, and those after it until
 // `times` have.
 class failing_allocation {
@@ -42,7 +46,9 @@ public:
 };
 
 // Runs the scenario with the 1st, 2nd, 3rd ... allocation failing, until one run meets no failure. After each run, once
-// its threads are gone, the live-block count must be where it was. Returns the number of failures met, so that a test can ask for at least one.
+// its threads are gone, the live-block count must be where it was. Returns the number of failures met, so that a test
+// can ask for at least one. With KESTAL_TORTURE in the environment all of it again with more and more of the allocations
+// behind failing as well.
 uint64_t with_each_allocation_failing(const std::function<void()> &scenario, uint64_t most = 10000);
 
 // While it lives, assertion reports are kept here instead of being printed.
@@ -54,6 +60,7 @@ public:
     caught_assertions &operator=(const caught_assertions &) = delete;
 
     std::vector<std::string> messages() const;
+    std::set<std::string> distinct() const; // however often each came
 
 private:
     kestal_assert_handler_t previous_ = nullptr;

@@ -3,6 +3,7 @@
 //     kestal-ftpd --port 2121                               anybody, from the home folder of who starts it
 //     kestal-ftpd --port 0 --user joe:secret:/srv/joe       a free port, printed; one user, who sees that folder only
 //     kestal-ftpd --address ::1 --user ann:pw:/a --system   users in this order, then those of the machine
+//     kestal-ftpd --sessions 20 --idle 60                   so many at once, and a minute for the next command
 //
 // An empty password in "--user joe::/srv/joe" lets joe in without one.
 #include <kestal_ulx.h>
@@ -28,6 +29,7 @@ struct options {
     const char *address = nullptr;
     bool serves_system_users = false;
     int32_t idle_seconds = KESTAL_FTPD_COMMAND_TIMEOUT / 1000;
+    int32_t most_sessions = 0;
     std::vector<user> users;
 };
 
@@ -65,9 +67,10 @@ bool parse(int count, char **words, options &wanted)
             return false;
         if (name == "--address")
             wanted.address = words[i];
-        else if (name == "--port"   ? !parse_number(words[i], 65535, wanted.port)
-                 : name == "--idle" ? !parse_number(words[i], 86400, wanted.idle_seconds)
-                                    : name != "--user" || !parse_user(words[i], wanted))
+        else if (name == "--port"       ? !parse_number(words[i], 65535, wanted.port)
+                 : name == "--idle"     ? !parse_number(words[i], 86400, wanted.idle_seconds)
+                 : name == "--sessions" ? !parse_number(words[i], 1000000, wanted.most_sessions)
+                                        : name != "--user" || !parse_user(words[i], wanted))
             return false;
     }
     return true;
@@ -98,8 +101,9 @@ int main(int count, char **words)
 {
     options wanted;
     if (!parse(count, words, wanted)) {
-        std::fprintf(stderr, "usage: kestal-ftpd [--address ADDRESS] [--port PORT] [--idle SECONDS] [--system] "
-                             "[--user NAME:PASSWORD:HOME]...\n");
+        std::fprintf(stderr,
+                     "usage: kestal-ftpd [--address ADDRESS] [--port PORT] [--idle SECONDS] [--sessions NUMBER] "
+                     "[--system] [--user NAME:PASSWORD:HOME]...\n");
         return 2;
     }
     watch_signals();
@@ -110,6 +114,7 @@ int main(int count, char **words)
         return 1;
     }
     kestal_ftpd_set_timeouts(server, wanted.idle_seconds * 1000, KESTAL_FTPD_SEND_TIMEOUT, KESTAL_FTPD_DATA_TIMEOUT);
+    kestal_ftpd_set_session_limit(server, static_cast<uint32_t>(wanted.most_sessions));
     const bool is_ready = add_users(server, wanted);
     if (is_ready) {
         std::printf("port %u\n", static_cast<unsigned>(kestal_ftpd_get_port(server)));

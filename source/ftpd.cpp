@@ -19,6 +19,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
+#include <string_view>
 #include <sys/eventfd.h>
 
 struct kestal_ftpd {
@@ -32,6 +33,7 @@ struct kestal_ftpd {
     std::atomic<int32_t> data_ms;
     std::atomic<uint32_t> users; // the owner and every session: the last one releases
     std::atomic<uint32_t> sessions;
+    std::atomic<uint32_t> most_sessions;
 };
 
 namespace {
@@ -155,8 +157,21 @@ struct visit {
     ftpd_session *session;
 };
 
+void end_use(kestal_ftpd *server)
+{
+    server->sessions.fetch_sub(1, std::memory_order_release);
+    leave(server);
+}
+
+// Null when there are as many as may be, or without memory.
 visit *new_visit(kestal_ftpd *server, int32_t sock)
 {
+    server->users.fetch_add(1, std::memory_order_relaxed);
+    const uint32_t most = server->most_sessions.load(std::memory_order_relaxed);
+    if (server->sessions.fetch_add(1, std::memory_order_relaxed) >= most) {
+        end_use(server);
+        return nullptr;
+    }
     const kestal::ftpd_timeouts timeouts = {server->command_ms.load(std::memory_order_relaxed),
                                             server->send_ms.load(std::memory_order_relaxed),
                                             server->data_ms.load(std::memory_order_relaxed)};
@@ -165,12 +180,18 @@ visit *new_visit(kestal_ftpd *server, int32_t sock)
         fresh == nullptr ? nullptr : kestal::ftpd_new_session(server->account_head, timeouts, sock, server->stop);
     if (session == nullptr) {
         kestal_check_free(fresh);
+        end_use(server);
         return nullptr;
     }
     *fresh = {server, session};
-    server->users.fetch_add(1, std::memory_order_relaxed);
-    server->sessions.fetch_add(1, std::memory_order_relaxed);
     return fresh;
+}
+
+void turn_away(int32_t sock)
+{
+    constexpr std::string_view reply = "421 Service not available !\r\n";
+    kestal_sys_send(sock, reply.data(), reply.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    kestal_close_socket(sock);
 }
 
 void end_visit(visit *ended)
@@ -180,8 +201,7 @@ void end_visit(visit *ended)
     ftpd_log_out(*ended->session);
     ftpd_free_session(ended->session);
     kestal_free(ended);
-    server->sessions.fetch_sub(1, std::memory_order_release);
-    leave(server);
+    end_use(server);
 }
 
 void set_up(int32_t sock)
@@ -216,6 +236,7 @@ kestal_ftpd_t *kestal_open_ftpd(const char *address, int32_t port)
     if (server == nullptr)
         return nullptr;
     server->users = 1;
+    server->most_sessions = UINT32_MAX;
     server->command_ms = KESTAL_FTPD_COMMAND_TIMEOUT;
     server->send_ms = KESTAL_FTPD_SEND_TIMEOUT;
     server->data_ms = KESTAL_FTPD_DATA_TIMEOUT;
@@ -256,7 +277,7 @@ int32_t kestal_ftpd_do(kestal_ftpd_t *server, int32_t timeout_ms)
     }
     visit *fresh = new_visit(server, sock);
     if (fresh == nullptr) {
-        kestal_close_socket(sock);
+        turn_away(sock);
         return -1;
     }
     if (kestal_detached_thread_ex(run_visit, fresh, stack_size) == 0)
@@ -270,7 +291,7 @@ int32_t kestal_ftpd_serve(kestal_ftpd_t *server, int32_t sock)
 {
     visit *fresh = server == nullptr || is_stopped(*server) ? nullptr : new_visit(server, sock);
     if (fresh == nullptr) {
-        kestal_close_socket(sock);
+        turn_away(sock);
         return -1;
     }
     run_visit(fresh);
@@ -313,6 +334,14 @@ int32_t kestal_ftpd_set_timeouts(kestal_ftpd_t *server, int32_t command_ms, int3
     server->command_ms.store(command_ms, std::memory_order_relaxed);
     server->send_ms.store(send_ms, std::memory_order_relaxed);
     server->data_ms.store(data_ms, std::memory_order_relaxed);
+    return 0;
+}
+
+int32_t kestal_ftpd_set_session_limit(kestal_ftpd_t *server, uint32_t most)
+{
+    if (server == nullptr)
+        return -1;
+    server->most_sessions.store(most == 0 ? UINT32_MAX : most, std::memory_order_relaxed);
     return 0;
 }
 

@@ -30,7 +30,6 @@ using kestal::ftpd_login_result;
 using kestal::ftpd_reply;
 using kestal::ftpd_reply_format;
 using kestal::ftpd_session;
-using kestal::ftpd_target_result;
 using kestal::name_beneath;
 using kestal::open_beneath;
 using kestal::owned_descriptor;
@@ -206,21 +205,16 @@ bool do_help(ftpd_session &session, const char *)
 
 bool do_port(ftpd_session &session, const char *argument)
 {
-    if (ftpd_set_target(session, argument, false) == ftpd_target_result::done)
+    if (ftpd_set_target(session, argument, false))
         return ftpd_reply(session, 200, "PORT command successful");
     return ftpd_reply(session, 501, "Illegal PORT command");
 }
 
 bool do_eprt(ftpd_session &session, const char *argument)
 {
-    switch (ftpd_set_target(session, argument, true)) {
-    case ftpd_target_result::done:
+    if (ftpd_set_target(session, argument, true))
         return ftpd_reply(session, 200, "EPRT command successful");
-    case ftpd_target_result::foreign:
-        return ftpd_reply(session, 501, "Illegal PORT command");
-    default:
-        return ftpd_reply(session, 502, "EPRT command not implemented !");
-    }
+    return ftpd_reply(session, 502, "EPRT command not implemented !");
 }
 
 bool reply_not_listening(ftpd_session &session, uint32_t code, const char *command, ftpd_listen_result result)

@@ -75,6 +75,14 @@ bool parse_extended_port(const char *text, socket_address &address)
            kestal_sockaddr_get_port(&address) == port;
 }
 
+// Some clients leave their IPv6 address open: "::".
+bool is_of_client(const ftpd_session &session, const socket_address &target)
+{
+    return kestal_compare_sockaddr_address(&target, &session.peer) == 0 ||
+           (family_of(&target) == AF_INET6 && family_of(&session.peer) == AF_INET6 &&
+            kestal_in6addr_is_unspecified(&target.v6.sin6_addr) != 0);
+}
+
 int32_t connect_to_client(ftpd_session &session, const char *&failure)
 {
     failure = "Socket error !";
@@ -143,19 +151,19 @@ ftpd_listen_result ftpd_listen(ftpd_session &session)
     return ftpd_listen_result::done;
 }
 
-ftpd_target_result ftpd_set_target(ftpd_session &session, const char *text, bool is_extended)
+bool ftpd_set_target(ftpd_session &session, const char *text, bool is_extended)
 {
     socket_address target = {};
     if (!(is_extended ? parse_extended_port : parse_port)(text, target))
-        return ftpd_target_result::malformed;
+        return false;
     const uint32_t port = kestal_sockaddr_get_port(&target);
-    if (port == 0 || kestal_compare_sockaddr_address(&target, &session.peer) != 0)
-        return ftpd_target_result::foreign;
+    if (port == 0 || !is_of_client(session, target))
+        return false;
     ftpd_forget_data(session);
     session.data_address = session.peer; // with the scope of a link-local address
     kestal_sockaddr_set_port(&session.data_address, port);
     session.data_mode = ftpd_data_mode::active;
-    return ftpd_target_result::done;
+    return true;
 }
 
 void ftpd_forget_data(ftpd_session &session)

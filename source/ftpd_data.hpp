@@ -11,9 +11,9 @@ enum class ftpd_listen_result { done, no_socket, no_bind, no_name, no_listen };
 // Listens for a data connection on the address that the client has reached, at a port that is stored to data_address.
 ftpd_listen_result ftpd_listen(ftpd_session &session);
 
-// Notes where the client listens. `is_extended`: written as for EPRT, else as for PORT.
-enum class ftpd_target_result { done, malformed, foreign };
-ftpd_target_result ftpd_set_target(ftpd_session &session, const char *text, bool is_extended);
+// Notes where the client listens. `is_extended`: written as for EPRT, else as for PORT. False for what can not be read, and
+// for any place but the client's.
+bool ftpd_set_target(ftpd_session &session, const char *text, bool is_extended);
 
 // Forgets what was announced.
 void ftpd_forget_data(ftpd_session &session);

@@ -140,17 +140,18 @@ size_t salt_size(const char *hash)
 bool matches_hash(const char *password, const char *hash)
 {
     const kestal::lock_guard guard(database_lock);
-    const size_t size = salt_size(hash);
-    const kestal::owned_block<char> salt(kestal_strndup(hash, size), __func__);
     crypt_function function = nullptr;
-    void *library = salt ? open_crypt(function) : nullptr;
+    void *library = open_crypt(function);
     if (library == nullptr)
         return false;
-    char *result = function(password, salt.get());
+    const size_t size = salt_size(hash);
+    const kestal::owned_block<char> salt(kestal_strndup(hash, size), __func__);
+    char *result = salt ? function(password, salt.get()) : nullptr;
     const bool matches = result != nullptr && equals_in_even_time(result, hash);
     if (result != nullptr)
         explicit_bzero(result, strlen(result));
-    explicit_bzero(salt.get(), size);
+    if (salt)
+        explicit_bzero(salt.get(), size);
     dlclose(library);
     return matches;
 }

@@ -521,10 +521,9 @@ TEST_F(ftpd, makes_data_connections_to_the_client_only)
          {"127,0,0,2" + tail, "10,0,0,1" + tail, std::string("127,0,0,1,0,0"), "127,0,0,1" + tail + ",1",
           std::string("127,0,0,1,256,1"), std::string("127,0,0,1,1"), std::string(), "127,0,0,,1" + tail})
         EXPECT_EQ(peer.ask("PORT " + target), "501 Illegal PORT command") << target;
-    EXPECT_EQ(peer.ask("EPRT |1|127.0.0.2|" + std::to_string(at) + "|"), "501 Illegal PORT command");
-    EXPECT_EQ(peer.ask("EPRT |2|::1|" + std::to_string(at) + "|"), "501 Illegal PORT command");
-    for (const char *target : {"", "|1|127.0.0.1|", "|1|127.0.0.1|70000|", "|1|127.0.0.1|21", "1127.0.0.121", "|1||21|",
-                               "|1|127.0.0.1|21|x"})
+    for (const char *target :
+         {"|1|127.0.0.2|21|", "|1|0.0.0.0|21|", "|2|::1|21|", "|2|::|21|", "|1|127.0.0.1|0|", "", "|1|127.0.0.1|",
+          "|1|127.0.0.1|70000|", "|1|127.0.0.1|21", "1127.0.0.121", "|1||21|", "|1|127.0.0.1|21|x"})
         EXPECT_EQ(peer.ask(std::string("EPRT ") + target), "502 EPRT command not implemented !") << target;
     EXPECT_EQ(peer.ask("RETR file"), "451 Socket error !");
 
@@ -614,6 +613,11 @@ TEST_F(ftpd, ends_transfers_on_abor_hang_up_and_stop)
     EXPECT_EQ(send(upload, "x", 1, 0), 1);
     kestal_test::wait_until([&] { return content("upload") == "x"; });
     EXPECT_EQ(kestal_ftpd_get_session_count(server_), 2u);
+    EXPECT_EQ(kestal_ftpd_set_session_limit(server_, 2), 0);
+    EXPECT_EQ(client(port()).replies(2), "421 Service not available !||");
+    EXPECT_EQ(kestal_ftpd_set_session_limit(server_, 0), 0);
+    EXPECT_EQ(client(port()).reply(), "220 KESTAL FTP Server");
+    wait_for_sessions(2);
     EXPECT_EQ(kestal_ftpd_stop(server_, 0), -1) << "two are left";
     EXPECT_EQ(peer.replies(2), "550 Data send error !||");
     EXPECT_EQ(other.replies(2), "550 Data read error !||");
@@ -639,6 +643,8 @@ TEST_F(ftpd, serves_many_sessions_over_both_families)
         if (number % 2 == 0) {
             EXPECT_EQ(peer.ask("PASV"), "425 Can not open passive connection");
             EXPECT_EQ(peer.ask("EPSV 1"), "502 EPSV command not implemented !");
+            EXPECT_EQ(peer.ask("EPRT |2|::2|21|"), "502 EPRT command not implemented !");
+            EXPECT_EQ(peer.ask("EPRT |2|::|21|"), "200 EPRT command successful") << "the client's own, left open";
         }
         const std::string name = "file" + std::to_string(number);
         EXPECT_EQ(peer.ask("MKD own" + name), "250 MKD command successful");
@@ -791,6 +797,7 @@ TEST_F(ftpd, refuses_what_it_can_not_use)
     EXPECT_EQ(kestal_ftpd_serve(nullptr, -1), -1);
     EXPECT_EQ(kestal_ftpd_stop(nullptr, 0), -1);
     EXPECT_EQ(kestal_ftpd_set_timeouts(nullptr, 0, 0, 0), -1);
+    EXPECT_EQ(kestal_ftpd_set_session_limit(nullptr, 0), -1);
     EXPECT_EQ(kestal_ftpd_get_session_count(nullptr) + kestal_ftpd_get_port(nullptr), 0u);
     EXPECT_EQ(kestal_ftpd_get_socket(nullptr), -1);
     EXPECT_EQ(kestal_ftpd_add_account(server_, nullptr), -1);

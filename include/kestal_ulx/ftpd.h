@@ -49,15 +49,15 @@ KESTAL_API int32_t kestal_close_ftpd(kestal_ftpd_t *server);
 
 /**
  * Waits at most `timeout_ms` (negative: no limit) for one connection and hands it to a detached thread. 0 when that
- * was done; -1 when none came, the thread could not be made (the connection is then closed), a signal came (EINTR) or
- * the server has been stopped (ECANCELED).
+ * was done; -1 when none came, it could not be served (it is then closed; beyond the limit of sessions or without memory
+ * with a reply 421), a signal came (EINTR) or the server has been stopped (ECANCELED).
  */
 KESTAL_API int32_t kestal_ftpd_do(kestal_ftpd_t *server, int32_t timeout_ms);
 
 /**
  * Serves one connected control socket in the calling thread, from the greeting to the end, and closes it: for programs
- * that accept connections themselves. 0; -1, with the socket closed too, when the server is null or stopped or memory
- * is short.
+ * that accept connections themselves. 0; -1, with a reply 421 and the socket closed too, when the server is null, stopped
+ * or at its limit of sessions, or memory is short.
  */
 KESTAL_API int32_t kestal_ftpd_serve(kestal_ftpd_t *server, int32_t sock);
 
@@ -84,6 +84,12 @@ KESTAL_API uint32_t kestal_ftpd_get_port(const kestal_ftpd_t *server);
  */
 KESTAL_API int32_t kestal_ftpd_set_timeouts(kestal_ftpd_t *server, int32_t command_ms, int32_t send_ms,
                                             int32_t data_ms);
+
+/**
+ * Sets how many sessions there may be at once: who comes then is told 421 and sent away. 0, with which a server begins,
+ * is no limit. Sessions that have begun stay. 0; -1 for null.
+ */
+KESTAL_API int32_t kestal_ftpd_set_session_limit(kestal_ftpd_t *server, uint32_t most);
 
 /**
  * Appends a whole chain of accounts (linked by m_next, which may be one), which the server owns from now on. Order

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <deque>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -209,7 +210,14 @@ public:
         char byte = 0;
         require((readable ? write(ends_[i][1], "x", 1) : read(ends_[i][0], &byte, 1)) == 1);
     }
-    void loop() { require(kestal_event_base_loop(base_, KESTAL_EVENT_LOOP_ONCE | KESTAL_EVENT_LOOP_NON_BLOCK) == 0); }
+    void loop()
+    {
+        int32_t result = 0;
+        do // the fuzzer's own timer may interrupt a wait
+            result = kestal_event_base_loop(base_, KESTAL_EVENT_LOOP_ONCE | KESTAL_EVENT_LOOP_NON_BLOCK);
+        while (result != 0 && errno == EINTR);
+        require(result == 0);
+    }
     kestal_event_t *event(size_t i) { return &events_[i]; }
     uint64_t registered() const { return base_->m_event_count - 1; }
     uint64_t active() const { return base_->m_active_event_count; }

@@ -182,7 +182,7 @@ void serve_tftp(const served &all, sockaddr_storage peer, uint32_t length, std::
             if (rude && random() % 20 == 0)
                 send(noise(random() % 600, seed + static_cast<unsigned>(block)));
             char reply[600];
-            if (kestal_recv(sock, reply, sizeof reply, 2000) < 4 || data.size() < 512)
+            if (kestal_recv(sock, reply, sizeof reply, rude ? 2000 : 20000) < 4 || data.size() < 512)
                 break;
         }
     kestal_close_socket(sock);

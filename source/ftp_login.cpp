@@ -157,7 +157,7 @@ bool log_in(kestal_ftp_t &ftp, const char *user, const char *password)
 int32_t kestal_ftp_login(kestal_ftp_t *ftp, const char *user, const char *password, const char *type)
 {
     if (ftp == nullptr || ftp->m_uri == nullptr)
-        return -1;
+        return kestal::fail_with(ENOTCONN);
     if (!log_in(*ftp, user, password))
         return -1;
     // Whatever the server thinks of the type, the session stands.

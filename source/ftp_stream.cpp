@@ -345,7 +345,8 @@ int32_t kestal_ftp_abort_stream(kestal_ftp_t *ftp)
     const int32_t first = is_sent ? kestal::read_ftp_reply(*ftp, ftp->m_command_timeout) : -1;
     if (first == -1 || !had_stream)
         return first == code_closing ? 0 : -1;
-    // The transfer and the abort have a reply each; a server that sends one for both is not waited for any longer.
+    // The transfer and the abort have a reply each, whatever the first one's code: a transfer that was complete already
+    // is told by 226, and the abort then by 225 or 426. A server that sends one for both is not waited for any longer.
     const int32_t grace =
         ftp->m_command_timeout < 0 ? abort_grace_ms : std::min(ftp->m_command_timeout, abort_grace_ms);
     const int32_t second = kestal::read_ftp_reply(*ftp, grace);

@@ -10,35 +10,33 @@ namespace kestal_test {
 
 namespace {
 
-const sockaddr *raw(const sockaddr_storage &address)
+int stream_socket(const sockaddr_storage &address, int (*attach)(int, const sockaddr *, socklen_t))
 {
-    return reinterpret_cast<const sockaddr *>(&address);
+    const int sock = socket(address.ss_family, SOCK_STREAM, 0);
+    attach(sock, reinterpret_cast<const sockaddr *>(&address), kestal_sockaddr_size(&address));
+    return sock;
 }
 
 int listen_on(const std::string &host)
 {
-    const sockaddr_storage local = address_of(host);
-    const int sock = socket(local.ss_family, SOCK_STREAM, 0);
-    EXPECT_EQ(bind(sock, raw(local), kestal_sockaddr_size(&local)), 0);
+    const int sock = stream_socket(address_of(host), bind);
     EXPECT_EQ(listen(sock, 16), 0);
     return sock;
 }
 
 bool send_all(int sock, const std::string &data)
 {
-    for (size_t sent = 0; sent < data.size();) {
-        const ssize_t count = send(sock, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
-        if (count < 0)
-            return false;
-        sent += static_cast<size_t>(count);
-    }
-    return true;
+    return send(sock, data.data(), data.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(data.size());
 }
 
 } // namespace
 
-ftp_server::ftp_server(const std::string &host) : host_(host), listening_(listen_on(host)), thread_([this] { run(); })
-{}
+ftp_server::ftp_server(const std::string &host, const answers &told)
+    : host_(host), listening_(listen_on(host)), thread_([this] { run(); })
+{
+    for (const auto &[command, text] : told)
+        answer(command, text);
+}
 
 ftp_server::~ftp_server()
 {
@@ -138,12 +136,8 @@ bool ftp_server::respond(const std::string &line)
 // Answers that the transfer begins; an active connection is made after that.
 int ftp_server::open_data()
 {
-    if (passive_ < 0) {
-        say("150 I come\r\n");
-        const int data = socket(active_.ss_family, SOCK_STREAM, 0);
-        connect(data, raw(active_), kestal_sockaddr_size(&active_)); // a client may have given up
-        return data;
-    }
+    if (passive_ < 0)
+        return say("150 I come\r\n") ? stream_socket(active_, connect) : -1; // the client may have given up
     const int data = accept(passive_, nullptr, nullptr);
     close(std::exchange(passive_, -1));
     say("125 go on\r\n");

@@ -11,7 +11,9 @@ namespace kestal_test {
 
 class ftp_server {
 public:
-    explicit ftp_server(const std::string &host = "127.0.0.1");
+    using answers = std::map<std::string, std::string>;
+
+    explicit ftp_server(const std::string &host = "127.0.0.1", const answers &told = {});
     ~ftp_server();
     ftp_server(const ftp_server &) = delete;
     ftp_server &operator=(const ftp_server &) = delete;
@@ -44,9 +46,8 @@ private:
     sockaddr_storage active_ = {}; // where to connect one to
     size_t offset_ = 0;
     std::mutex mutex_; // of all below
-    std::map<std::string, std::string> answers_ = {{"", "220 test\r\n"},        {"USER", "331 and?\r\n"},
-                                                   {"PASS", "230 welcome\r\n"}, {"TYPE", "200 ok\r\n"},
-                                                   {"NOOP", "200 here\r\n"},    {"ABOR", "226 over\r\n"}};
+    answers answers_ = {{"", "220 test\r\n"},   {"USER", "331 and?\r\n"}, {"PASS", "230 welcome\r\n"},
+                        {"TYPE", "200 ok\r\n"}, {"NOOP", "200 here\r\n"}, {"ABOR", "226 over\r\n"}};
     std::string content_, heard_, stored_;
     size_t cut_after_ = SIZE_MAX;
     std::thread thread_;

@@ -603,12 +603,17 @@ TEST_F(ftp, downloads_into_memory_and_in_one_call)
     EXPECT_EQ(kestal_test::owned(kestal_alloc_pop_buffer_ex(buffer, 2 * text.size(), 1), 2 * text.size()), text + text);
     EXPECT_EQ(kestal_ftp_download_to_buffer(of, 0, "f", nullptr) + kestal_ftp_download_to_ini(of, 0, "f", nullptr), -2);
     server.serve("");
+    // A device, here a terminal of the test's own, keeps its permissions.
+    int terminal = -1, device = -1;
+    ASSERT_EQ(openpty(&terminal, &device, nullptr, nullptr, nullptr), 0);
     struct stat status;
     EXPECT_EQ(kestal_ftp_download_to_file(of, 0, "f", "f", 0400) |
-                  kestal_ftp_download_to_file(of, 0, "f", "/dev/null", 0400) | stat("/dev/null", &status),
+                  kestal_ftp_download_to_file(of, 0, "f", ttyname(device), 0400) | fstat(device, &status),
               0);
     EXPECT_EQ(content_of(directory.path("f")), "");
     EXPECT_NE(status.st_mode & 07777, 0400u);
+    close(terminal);
+    close(device);
     std::filesystem::current_path(before);
     // An upload to a connection that is gone, without a signal to the process.
     EXPECT_EQ(kestal_ftp_passive(of), 0);
@@ -625,6 +630,7 @@ TEST_F(ftp, draws_progress)
         uint64_t bytes, elapsed, total;
         const char *text;
     } cases[] = {{0, 0, 100, "         0,   0.00 bps, ETA 99:59"},
+                 {0, 0, 0, "         0,   0.00 bps, ETA 00:00"},
                  {100, 6481, 100, "       100, 123.43 bps, ETA 00:00"},
                  {1240, 8000, 2480, "      1240,   1.24Kbps, ETA 00:08"},
                  {154, 1, 154, "       154,   1.23Mbps, ETA 00:00"},

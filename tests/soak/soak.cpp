@@ -326,7 +326,7 @@ private:
         const bool rude = name.starts_with("rude-");
         kestal_tftp_t *tftp = kestal_open_tftp(0, ("tftp://127.0.0.1:" + std::to_string(at_.tftp)).c_str(), 1000);
         std::string received;
-        if (tftp != nullptr && kestal_tftp_read_request(tftp, name.c_str(), nullptr, 1000) == 0)
+        if (tftp != nullptr && kestal_tftp_read_request(tftp, name.c_str(), nullptr, rude ? 1000 : 20000) == 0)
             for (int32_t size; (size = kestal_tftp_read_data(tftp, rude ? 300 : 20000)) > 0;)
                 received.append(reinterpret_cast<const char *>(tftp->m_data), static_cast<size_t>(size));
         if (!rude && received != expected && !over)
@@ -433,6 +433,12 @@ long resident_kilobytes()
     return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool is_sanitized = true; // a sanitizer keeps released memory for a while
+#else
+constexpr bool is_sanitized = false;
+#endif
+
 struct account {
     uint64_t blocks = kestal_get_alloc_count();
     size_t threads = entries("/proc/self/task");
@@ -523,6 +529,9 @@ int main(int count, char **words)
     const account before;
     const long memory = resident_kilobytes();
     soak(all, std::chrono::duration_cast<std::chrono::seconds>(minutes));
+    // A thread is counted out a moment before the system has ended it.
+    for (int i = 0; i < 100 && entries("/proc/self/task") > before.threads; ++i)
+        std::this_thread::sleep_for(100ms);
     const account after;
     const long memory_after = resident_kilobytes();
 
@@ -530,7 +539,7 @@ int main(int count, char **words)
     fine = same("threads", before.threads, after.threads) && fine;
     fine = same("descriptors", before.descriptors, after.descriptors) && fine;
     std::printf("%-12s %ld KB before, %ld KB after\n", "memory", memory, memory_after);
-    fine = fine && memory_after < memory + 16384;
+    fine = fine && (is_sanitized || memory_after < memory + 16384);
     std::printf("%llu polite turns, %llu rude ones\n", static_cast<unsigned long long>(polite_done),
                 static_cast<unsigned long long>(rude_done));
     for (const auto &[what, times] : failures)

@@ -18,6 +18,19 @@
 
 namespace {
 
+constexpr char help[] = R"(usage: kestal-ftpd [OPTION]...
+Serves folders over FTP until SIGINT or SIGTERM ends it. Without users anybody is let in, to the home folder of who
+starts it.
+
+      --address ADDRESS          listen on this address only
+      --port PORT                listen on this port (21); 0: a free one, which is printed
+      --user NAME:PASSWORD:HOME  let in NAME, who sees HOME only; an empty password: without one. May be repeated
+      --system                   let in the users of the machine, behind those named
+      --sessions NUMBER          so many at once; 0: as many as come (0)
+      --idle SECONDS             how long a session waits for the next command; 0: without limit (300)
+  -h, --help                     this text
+)";
+
 volatile std::sig_atomic_t stopped = 0;
 
 struct user {
@@ -30,6 +43,7 @@ struct options {
     bool serves_system_users = false;
     int32_t idle_seconds = KESTAL_FTPD_COMMAND_TIMEOUT / 1000;
     int32_t most_sessions = 0;
+    bool wants_help = false;
     std::vector<user> users;
 };
 
@@ -59,8 +73,8 @@ bool parse(int count, char **words, options &wanted)
 {
     for (int i = 1; i < count; ++i) {
         const std::string name = words[i];
-        if (name == "--system") {
-            wanted.serves_system_users = true;
+        if (name == "--system" || name == "--help" || name == "-h") {
+            (name == "--system" ? wanted.serves_system_users : wanted.wants_help) = true;
             continue;
         }
         if (++i == count)
@@ -101,11 +115,11 @@ int main(int count, char **words)
 {
     options wanted;
     if (!parse(count, words, wanted)) {
-        std::fprintf(stderr,
-                     "usage: kestal-ftpd [--address ADDRESS] [--port PORT] [--idle SECONDS] [--sessions NUMBER] "
-                     "[--system] [--user NAME:PASSWORD:HOME]...\n");
+        std::fputs(help, stderr);
         return 2;
     }
+    if (wanted.wants_help)
+        return std::fputs(help, stdout) < 0;
     watch_signals();
     kestal_ftpd_t *server = kestal_open_ftpd(wanted.address, wanted.port);
     if (server == nullptr) {
@@ -113,7 +127,8 @@ int main(int count, char **words)
                      std::strerror(errno));
         return 1;
     }
-    kestal_ftpd_set_timeouts(server, wanted.idle_seconds * 1000, KESTAL_FTPD_SEND_TIMEOUT, KESTAL_FTPD_DATA_TIMEOUT);
+    kestal_ftpd_set_timeouts(server, wanted.idle_seconds == 0 ? -1 : wanted.idle_seconds * 1000,
+                             KESTAL_FTPD_SEND_TIMEOUT, KESTAL_FTPD_DATA_TIMEOUT);
     kestal_ftpd_set_session_limit(server, static_cast<uint32_t>(wanted.most_sessions));
     const bool is_ready = add_users(server, wanted);
     if (is_ready) {

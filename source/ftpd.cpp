@@ -31,8 +31,7 @@ struct kestal_ftpd {
     std::atomic<int32_t> command_ms;
     std::atomic<int32_t> send_ms;
     std::atomic<int32_t> data_ms;
-    std::atomic<uint32_t> users; // the owner and every session: the last one releases
-    std::atomic<uint32_t> sessions;
+    std::atomic<uint32_t> users; // the owner and every session, which ends with its use: the last one releases
     std::atomic<uint32_t> most_sessions;
 };
 
@@ -43,6 +42,7 @@ using kestal::ftpd_session;
 using kestal::socket_address;
 
 constexpr int backlog = 128;
+constexpr uint32_t owner = 1; // of the users
 constexpr int32_t close_ms = 5000;
 constexpr uint64_t stack_size = 512 << 10;
 
@@ -66,7 +66,7 @@ int32_t open_socket(int32_t &family)
 {
     for (const int32_t each : {AF_INET6, AF_INET}) {
         family = each;
-        const int32_t sock = kestal_open_socket(family, SOCK_STREAM, IPPROTO_TCP);
+        const int32_t sock = socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP);
         if (sock != KESTAL_INVALID_SOCKET)
             return sock;
     }
@@ -86,7 +86,7 @@ int32_t listen_on(const char *text, uint32_t port, socket_address &address)
     kestal_set_reuse_address_socket(sock.get(), 1);
     uint32_t size = kestal_sockaddr_size(&address);
     if (kestal_bind(sock.get(), &address, size) != 0 || kestal_listen(sock.get(), backlog) != 0 ||
-        kestal_getsockname(sock.get(), &address, &size) != 0 || kestal_set_non_block_socket(sock.get(), 1) != 0)
+        kestal_getsockname(sock.get(), &address, &size) != 0)
         return KESTAL_INVALID_SOCKET;
     return sock.release();
 }
@@ -157,19 +157,12 @@ struct visit {
     ftpd_session *session;
 };
 
-void end_use(kestal_ftpd *server)
-{
-    server->sessions.fetch_sub(1, std::memory_order_release);
-    leave(server);
-}
-
 // Null when there are as many as may be, or without memory.
 visit *new_visit(kestal_ftpd *server, int32_t sock)
 {
-    server->users.fetch_add(1, std::memory_order_relaxed);
     const uint32_t most = server->most_sessions.load(std::memory_order_relaxed);
-    if (server->sessions.fetch_add(1, std::memory_order_relaxed) >= most) {
-        end_use(server);
+    if (server->users.fetch_add(1, std::memory_order_relaxed) - owner >= most) {
+        leave(server);
         return nullptr;
     }
     const kestal::ftpd_timeouts timeouts = {server->command_ms.load(std::memory_order_relaxed),
@@ -180,7 +173,7 @@ visit *new_visit(kestal_ftpd *server, int32_t sock)
         fresh == nullptr ? nullptr : kestal::ftpd_new_session(server->account_head, timeouts, sock, server->stop);
     if (session == nullptr) {
         kestal_check_free(fresh);
-        end_use(server);
+        leave(server);
         return nullptr;
     }
     *fresh = {server, session};
@@ -201,7 +194,7 @@ void end_visit(visit *ended)
     ftpd_log_out(*ended->session);
     ftpd_free_session(ended->session);
     kestal_free(ended);
-    end_use(server);
+    leave(server);
 }
 
 void set_up(int32_t sock)
@@ -235,7 +228,7 @@ kestal_ftpd_t *kestal_open_ftpd(const char *address, int32_t port)
     auto *server = static_cast<kestal_ftpd *>(kestal_calloc(1, sizeof(kestal_ftpd)));
     if (server == nullptr)
         return nullptr;
-    server->users = 1;
+    server->users = owner;
     server->most_sessions = UINT32_MAX;
     server->command_ms = KESTAL_FTPD_COMMAND_TIMEOUT;
     server->send_ms = KESTAL_FTPD_SEND_TIMEOUT;
@@ -270,7 +263,7 @@ int32_t kestal_ftpd_do(kestal_ftpd_t *server, int32_t timeout_ms)
             errno = ready == 0 ? ETIMEDOUT : ECANCELED;
         return -1;
     }
-    const int32_t sock = kestal_accept(server->sock, nullptr, nullptr, -1);
+    const int32_t sock = accept4(server->sock, nullptr, nullptr, SOCK_CLOEXEC);
     if (sock == KESTAL_INVALID_SOCKET) {
         pause_when_exhausted(errno);
         return -1;
@@ -304,7 +297,7 @@ int32_t kestal_ftpd_stop(kestal_ftpd_t *server, int32_t timeout_ms)
         return -1;
     eventfd_write(server->stop, 1);
     const kestal::timer due(timeout_ms < 0 ? 0 : static_cast<uint64_t>(timeout_ms));
-    while (server->sessions.load(std::memory_order_acquire) != 0) {
+    while (kestal_ftpd_get_session_count(server) != 0) {
         if (timeout_ms >= 0 && due.expired())
             return -1;
         kestal_load_balance_short();
@@ -314,7 +307,7 @@ int32_t kestal_ftpd_stop(kestal_ftpd_t *server, int32_t timeout_ms)
 
 uint32_t kestal_ftpd_get_session_count(const kestal_ftpd_t *server)
 {
-    return server == nullptr ? 0 : server->sessions.load(std::memory_order_acquire);
+    return server == nullptr ? 0 : server->users.load(std::memory_order_acquire) - owner;
 }
 
 int32_t kestal_ftpd_get_socket(const kestal_ftpd_t *server)

@@ -475,8 +475,17 @@ bool do_nlst(ftpd_session &session, const char *argument)
     return list(session, argument, false);
 }
 
-// Opens a regular file at the restart offset. -1, and the reply, for anything else. Opening never waits: the name may be
-// that of a pipe.
+// Why a file that is not there can not be made, as far as can be told without making it; else null.
+const char *why_not_made(const ftpd_session &session, const virtual_path &path, int flags)
+{
+    const name_beneath place(session.home, path);
+    if (place.folder() < 0 || faccessat(place.folder(), ".", W_OK | X_OK, AT_EACCESS) != 0)
+        return "Can not open file !";
+    return (flags & O_APPEND) != 0 || session.restart_offset == 0 ? nullptr : "Can not seek file !";
+}
+
+// Opens a regular file at the restart offset. -1, and the reply, for anything else; -1 without a reply for one to write to
+// that is not there and can be made, by O_CREAT. Opening never waits: the name may be that of a pipe.
 int open_regular(ftpd_session &session, const char *argument, int flags, const char *&failure)
 {
     virtual_path path;
@@ -484,10 +493,11 @@ int open_regular(ftpd_session &session, const char *argument, int flags, const c
     if (!locate(session, argument, path))
         return -1;
     owned_descriptor file(open_beneath(session.home, path.beneath(), flags | O_NONBLOCK | O_NOCTTY, 0666));
+    if (file.get() < 0 && errno == ENOENT && (flags & (O_WRONLY | O_CREAT)) == O_WRONLY)
+        failure = why_not_made(session, path, flags);
+    else if (file.get() >= 0 || errno == EISDIR || errno == ENXIO)
+        failure = "Stream error !";
     struct stat status;
-    if (file.get() < 0 && errno != EISDIR && errno != ENXIO)
-        return -1;
-    failure = "Stream error !";
     if (file.get() < 0 || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
         return -1;
     failure = "Can not seek file !";
@@ -507,13 +517,6 @@ bool do_retr(ftpd_session &session, const char *argument)
                         [&](int32_t sock) { return ftpd_send_file(session, sock, file.get()); });
 }
 
-// Receives into the file and closes it: some file systems tell only then that they could not store it.
-const char *store(ftpd_session &session, int32_t sock, owned_descriptor &file)
-{
-    const char *failure = ftpd_receive_file(session, sock, file.get());
-    return close(file.release()) != 0 && failure == nullptr ? "Data send error !" : failure;
-}
-
 // Lets a file end at so many bytes. One that does so already is left alone: file systems flush a file that was cut.
 bool cut(int file, off_t size)
 {
@@ -521,26 +524,35 @@ bool cut(int file, off_t size)
     return fstat(file, &status) == 0 && (status.st_size == size || ftruncate(file, size) == 0);
 }
 
-bool do_stor(ftpd_session &session, const char *argument)
+// STOR and APPE, which differ in `flags`. Nothing is made or cut before the client has made its data connection.
+bool store(ftpd_session &session, const char *argument, int flags)
 {
     const char *failure = nullptr;
-    owned_descriptor file(open_regular(session, argument, O_WRONLY | O_CREAT, failure));
-    if (file.get() < 0)
+    owned_descriptor file(open_regular(session, argument, O_WRONLY | flags, failure));
+    if (file.get() < 0 && failure != nullptr)
         return ftpd_reply(session, 550, failure);
     const auto kept = static_cast<off_t>(session.restart_offset);
     return run_transfer(session, "Opening data connection", [&](int32_t sock) {
-        // Not before the client is there: until then the old content stays.
-        return cut(file.get(), kept) ? store(session, sock, file) : "Stream error !";
+        owned_descriptor target(file.get() < 0 ? open_regular(session, argument, O_WRONLY | O_CREAT | flags, failure)
+                                               : file.release());
+        if (target.get() < 0)
+            return failure;
+        if ((flags & O_APPEND) == 0 && !cut(target.get(), kept))
+            return "Stream error !";
+        failure = ftpd_receive_file(session, sock, target.get());
+        // Some file systems tell only when a file is closed that they could not store it.
+        return close(target.release()) != 0 && failure == nullptr ? "Data send error !" : failure;
     });
+}
+
+bool do_stor(ftpd_session &session, const char *argument)
+{
+    return store(session, argument, 0);
 }
 
 bool do_appe(ftpd_session &session, const char *argument)
 {
-    const char *failure = nullptr;
-    owned_descriptor file(open_regular(session, argument, O_WRONLY | O_CREAT | O_APPEND, failure));
-    if (file.get() < 0)
-        return ftpd_reply(session, 550, failure);
-    return run_transfer(session, "Opening data connection", [&](int32_t sock) { return store(session, sock, file); });
+    return store(session, argument, O_APPEND);
 }
 
 // --- the table

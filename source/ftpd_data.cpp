@@ -25,7 +25,7 @@ bool has_ip(const socket_address &address)
 
 int32_t open_for(const socket_address &address)
 {
-    return kestal_open_socket(family_of(&address), SOCK_STREAM, IPPROTO_TCP);
+    return socket(family_of(&address), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP);
 }
 
 // A decimal number up to `most` with nothing behind it but `end`, behind which the text goes on.
@@ -92,7 +92,6 @@ int32_t connect_to_client(ftpd_session &session, const char *&failure)
     socket_address own = session.local;
     kestal_sockaddr_set_port(&own, 0);
     kestal_bind(sock.get(), &own, kestal_sockaddr_size(&own)); // else the system chooses
-    kestal_set_non_block_socket(sock.get(), 1);
 
     failure = "Connect error !";
     const uint32_t size = kestal_sockaddr_size(&session.data_address);
@@ -115,10 +114,10 @@ int32_t accept_client(ftpd_session &session, const char *&failure)
         if (ftpd_wait_data(session, session.data_listener, POLLIN) != ftpd_wait_result::ready)
             return -1;
         socket_address peer = {};
-        uint32_t length = sizeof peer;
-        owned_descriptor sock(kestal_accept(session.data_listener, &peer, &length, -1));
-        if (sock.get() >= 0 && kestal_compare_sockaddr_address(&peer, &session.peer) == 0 &&
-            kestal_set_non_block_socket(sock.get(), 1) == 0)
+        socklen_t length = sizeof peer;
+        owned_descriptor sock(
+            accept4(session.data_listener, reinterpret_cast<sockaddr *>(&peer), &length, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (sock.get() >= 0 && kestal_compare_sockaddr_address(&peer, &session.peer) == 0)
             return sock.release();
     } while (session.timeouts.data_ms < 0 || !due.expired());
     return -1;
@@ -143,7 +142,6 @@ ftpd_listen_result ftpd_listen(ftpd_session &session)
     uint32_t length = sizeof session.data_address;
     if (kestal_getsockname(sock.get(), &session.data_address, &length) != 0)
         return ftpd_listen_result::no_name;
-    kestal_set_non_block_socket(sock.get(), 1);
     if (kestal_listen(sock.get(), 1) != 0)
         return ftpd_listen_result::no_listen;
     session.data_listener = sock.release();

@@ -217,6 +217,7 @@ protected:
     void SetUp() override
     {
         descriptors_counted::SetUp();
+        descriptors_ = kestal_test::open_descriptors();
         mkdir(path("").c_str(), 0755);
         chmod(files_.path("").c_str(), 0755);
         start();
@@ -225,6 +226,7 @@ protected:
     void TearDown() override
     {
         stop();
+        EXPECT_EQ(kestal_test::open_descriptors(), descriptors_) << "closed, it has given back all";
         descriptors_counted::TearDown();
     }
 
@@ -259,6 +261,7 @@ protected:
     }
 
     kestal_test::temporary_directory files_;
+    size_t descriptors_ = 0;
     kestal_ftpd_t *server_ = nullptr;
     std::thread acceptor_;
 };
@@ -561,6 +564,10 @@ TEST_F(ftpd, gives_up_on_clients_that_stall)
     EXPECT_EQ(peer.ask_twice("STOR short"), "150 Opening data connection|226 Transfer complete|");
     peer.ask("EPSV");
     EXPECT_EQ(peer.ask_twice("RETR large"), "150 Opening data connection|451 Accept error !|");
+    peer.ask("EPSV");
+    EXPECT_EQ(peer.ask_twice("STOR never"), "150 Opening data connection|451 Accept error !|");
+    EXPECT_EQ(peer.ask_twice("REST 1\r\nSTOR never"), "320 Restart position ready|550 Can not seek file !|");
+    EXPECT_EQ(peer.ask("SIZE never"), "550 Unknown size !") << "nothing is made for a client that does not come";
     data = peer.passive();
     EXPECT_EQ(peer.ask_twice("RETR large"), "150 Opening data connection|550 Data send error !|");
     close(data);

@@ -42,8 +42,9 @@ typedef struct kestal_ftpd kestal_ftpd_t;
 KESTAL_API kestal_ftpd_t *kestal_open_ftpd(const char *address, int32_t port);
 
 /**
- * Stops the server as kestal_ftpd_stop does, waits at most five seconds for its sessions, and releases it with its
- * accounts; a session that takes longer keeps what it needs, and the last one out releases it. 0; -1 for null.
+ * Stops the server as kestal_ftpd_stop does, waits at most five seconds until its sessions have given back all that they
+ * held, and releases it with its accounts; a session that takes longer keeps what it needs, and the last one out releases
+ * it. 0; -1 for null.
  */
 KESTAL_API int32_t kestal_close_ftpd(kestal_ftpd_t *server);
 

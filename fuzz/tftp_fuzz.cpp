@@ -9,11 +9,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *bytes, size_t size)
 {
     static const int32_t server = kestal_open_udp_socket("127.0.0.1", -1);
     static kestal_tftp_t *const tftp = kestal_open_tftp(0, "tftp://127.0.0.1:9", 0);
+    kestal_tftp_read_request(tftp, "x", nullptr, 0);
     sockaddr_in client = {};
     uint32_t client_size = sizeof client;
     kestal_getsockname(tftp->m_socket, &client, &client_size);
     client.sin_addr.s_addr = kestal_be32_order(INADDR_LOOPBACK);
-    kestal_tftp_read_request(tftp, "x", nullptr, 0);
     tftp->m_packet_buffer[KESTAL_TFTP_PACKET_SIZE] = 0;
     while (size >= 2 && tftp->m_state == KESTAL_TFTP_RECEIVING) {
         const size_t wanted = static_cast<size_t>(bytes[0] << 8 | bytes[1]) % 1200;

@@ -1,5 +1,6 @@
 #include <kestal_ulx/tftp.h>
 
+#include <kestal_ulx/address.h>
 #include <kestal_ulx/assertion.h>
 #include <kestal_ulx/memory.h>
 #include <kestal_ulx/resolver.h>
@@ -23,10 +24,26 @@ constexpr char local_machine[] = "tftp://localhost";
 constexpr int32_t resolver_timeout_ms = 60000;
 constexpr int32_t hop_limit = 64;
 constexpr int32_t receive_buffer_size = 0x100000;
-constexpr uint32_t most_dropped = 4096;
+constexpr uint32_t most_waiting = 4096; // packets, more than a socket holds
 
 enum opcode : uint16_t { read_request = 1, write_request, data, acknowledgement, refusal };
 constexpr int32_t header_size = 4; // opcode, and a block number or an error code
+
+struct peer_address {
+    sockaddr_storage address;
+    uint32_t length;
+};
+
+// A transfer, and what it keeps to itself.
+struct own_transfer : kestal_tftp_t {
+    bool has_requested; // through the socket's port
+    peer_address peer;  // whose blocks are taken, over datagrams; length 0: nobody has sent one yet
+};
+
+own_transfer &own(kestal_tftp_t &tftp)
+{
+    return static_cast<own_transfer &>(tftp);
+}
 
 int32_t fail_with(int error)
 {
@@ -103,11 +120,6 @@ void open_first_socket(kestal_tftp_t &tftp, int32_t timeout_ms)
 
 // --- packets
 
-struct peer_address {
-    sockaddr_storage address;
-    uint32_t length;
-};
-
 // Sends a whole packet to an address; over a stream that is the connection's, whatever is given.
 bool send_packet(const kestal_tftp_t &tftp, const uint8_t *packet, uint64_t size, const void *address,
                  uint32_t address_length, int32_t timeout_ms)
@@ -128,9 +140,8 @@ bool send_packet(const kestal_tftp_t &tftp, const uint8_t *packet, uint64_t size
 }
 
 // The size of the packet received, or -1. The first look comes before any wait: what a caller waited for is there.
-int32_t receive_packet(kestal_tftp_t &tftp, peer_address &sender, int32_t timeout_ms)
+int32_t receive_packet(kestal_tftp_t &tftp, peer_address &sender, const deadline &end)
 {
-    const deadline end(timeout_ms);
     for (;;) {
         sender.length = sizeof sender.address;
         const int32_t size = kestal_sys_recvfrom(tftp.m_socket, tftp.m_packet, KESTAL_TFTP_PACKET_SIZE, MSG_DONTWAIT,
@@ -140,12 +151,26 @@ int32_t receive_packet(kestal_tftp_t &tftp, peer_address &sender, int32_t timeou
     }
 }
 
-// What came late for the transfer before must not be taken for data of the next one.
-void drop_waiting_packets(kestal_tftp_t &tftp)
+// What came late for the transfer before, and what is still to come, must not be taken for data of the next one: that
+// one has a port of its own.
+void leave_port(kestal_tftp_t &tftp)
 {
-    for (uint32_t i = 0; i < most_dropped; ++i)
+    if (own(tftp).has_requested) {
+        constexpr sockaddr nobody = {.sa_family = AF_UNSPEC, .sa_data = {}};
+        kestal_connect(tftp.m_socket, &nobody, sizeof nobody, -1); // gives back the port that the system chose
+        kestal_bind(tftp.m_socket, &tftp.m_local_address, tftp.m_local_address_length);
+    }
+    own(tftp).peer.length = 0;
+    for (uint32_t i = 0; i < most_waiting; ++i)
         if (kestal_sys_recvfrom(tftp.m_socket, tftp.m_packet, 1, MSG_DONTWAIT, nullptr, nullptr) < 0)
             return;
+}
+
+// Whether another host or port than the one that sends the blocks has sent a packet.
+bool is_stranger(const peer_address &sender, const peer_address &peer)
+{
+    return peer.length != 0 && (kestal_compare_sockaddr_address(&sender.address, &peer.address) != 0 ||
+                                kestal_sockaddr_get_port(&sender.address) != kestal_sockaddr_get_port(&peer.address));
 }
 
 const char *path_of(const kestal_uri_t &uri)
@@ -159,6 +184,7 @@ int32_t __kestal_tftp_request(kestal_tftp_t *s_tftp, opcode request, const char 
 {
     if (s_tftp->m_socket == KESTAL_INVALID_SOCKET)
         return fail_with(EBADF);
+    own(*s_tftp).has_requested = true;
     if (filename == nullptr && s_tftp->m_uri == nullptr)
         kestal_assert_fail_tag("./source/tftp", __func__, __LINE__, "s_tftp->m_uri != ((kestal_uri_t *)0)");
     else if (filename == nullptr)
@@ -212,7 +238,7 @@ int32_t end_failed(kestal_tftp_t &tftp, int error)
 
 kestal_tftp_t *kestal_open_tftp(uint32_t stream, const char *uri, int32_t timeout_ms)
 {
-    auto *tftp = static_cast<kestal_tftp_t *>(kestal_calloc(1, sizeof(kestal_tftp_t)));
+    auto *tftp = static_cast<own_transfer *>(kestal_calloc(1, sizeof(own_transfer)));
     if (tftp == nullptr)
         return nullptr;
     tftp->m_stream = stream == 1 ? 1 : 0;
@@ -237,7 +263,7 @@ int32_t kestal_tftp_read_request(kestal_tftp_t *tftp, const char *filename, cons
     if (tftp == nullptr)
         return -1;
     if (tftp->m_stream == 0 && tftp->m_socket != KESTAL_INVALID_SOCKET)
-        drop_waiting_packets(*tftp);
+        leave_port(*tftp);
     tftp->m_block = 0;
     tftp->m_state = KESTAL_TFTP_RECEIVING;
     return __kestal_tftp_request(tftp, read_request, filename, mode, timeout_ms);
@@ -260,9 +286,13 @@ int32_t kestal_tftp_read_data(kestal_tftp_t *tftp, int32_t timeout_ms)
         tftp->m_data_length = 0;
         return end_failed(*tftp, EBADF);
     }
-    for (;;) {
+    const deadline end(timeout_ms);
+    for (uint32_t passed_over = 0;; ++passed_over) {
         peer_address sender;
-        const int32_t size = receive_packet(*tftp, sender, timeout_ms);
+        const bool is_late = passed_over > most_waiting && end.left() == 0;
+        const int32_t size = is_late ? fail_with(ETIMEDOUT) : receive_packet(*tftp, sender, end);
+        if (size >= 0 && tftp->m_stream == 0 && is_stranger(sender, own(*tftp).peer))
+            continue;
         if (size < header_size) {
             tftp->m_data_length = 0;
             return end_failed(*tftp, size < 0 ? errno : EPROTO);
@@ -276,6 +306,7 @@ int32_t kestal_tftp_read_data(kestal_tftp_t *tftp, int32_t timeout_ms)
             return end_failed(*tftp, errno);
         if (block == ((tftp->m_block + 1) & 0xFFFF)) {
             tftp->m_block = block;
+            own(*tftp).peer = sender;
             if (tftp->m_data_length < KESTAL_TFTP_BLOCK_SIZE)
                 tftp->m_state = KESTAL_TFTP_COMPLETE;
             return static_cast<int32_t>(tftp->m_data_length);

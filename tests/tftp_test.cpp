@@ -1,88 +1,65 @@
 #include "descriptors.hpp"
 
-#include <cerrno>
-
 using namespace std::string_literals;
-using kestal_test::port_of;
+using kestal_test::owned_socket;
 
 namespace {
 
 constexpr int32_t patience = 10000;
 const std::string full(512, 'f');
 
-std::string word(unsigned number)
+std::string packet(char opcode, unsigned number, const std::string &rest = "")
 {
-    return {static_cast<char>(number >> 8), static_cast<char>(number)};
+    return std::string{0, opcode, static_cast<char>(number >> 8), static_cast<char>(number)} + rest;
 }
 
-std::string data(unsigned block, const std::string &bytes)
+std::string receive(int32_t sock, int32_t timeout = patience, sockaddr_in *from = nullptr)
 {
-    return word(3) + word(block) + bytes;
-}
-
-std::string failed(int error)
-{
-    return "failed: " + std::to_string(error);
+    char bytes[2048];
+    uint32_t length = sizeof *from;
+    const int32_t size = kestal_recvfrom(sock, bytes, sizeof bytes, from, from == nullptr ? nullptr : &length, timeout);
+    return size < 0 ? "nothing" : std::string(bytes, static_cast<size_t>(size));
 }
 
 // A server by hand: what it sends waits in the client's socket, and what it is sent waits in its own.
 class tftp : public kestal_test::descriptors_counted {
 protected:
-    void SetUp() override
-    {
-        descriptors_counted::SetUp();
-        server_ = kestal_open_udp_socket("127.0.0.1", -1);
-        transfers_ = kestal_open_udp_socket("127.0.0.1", -1);
-        location_ = "tftp://127.0.0.1:" + std::to_string(port_of(server_));
-        open("/file");
-    }
     void TearDown() override
     {
         kestal_close_tftp(client_);
-        kestal_close_socket(server_);
-        kestal_close_socket(transfers_);
         descriptors_counted::TearDown();
     }
 
-    void open(const std::string &path)
+    void open(const std::string &path, uint32_t stream = 0)
     {
         kestal_close_tftp(client_);
-        client_ = kestal_open_tftp(0, (location_ + path).c_str(), patience);
+        client_ = kestal_open_tftp(stream, (location_ + path).c_str(), patience);
     }
     int32_t request() const { return kestal_tftp_read_request(client_, nullptr, nullptr, patience); }
-
-    static std::string receive(int32_t sock, int32_t timeout = patience, sockaddr_in *from = nullptr)
+    uint32_t port() const { return kestal_test::port_of(client_->m_socket); }
+    void send(const std::string &bytes) const { send(bytes, transfers_, port()); }
+    static void send(const std::string &bytes, int32_t from, uint32_t port)
     {
-        char packet[2048];
-        uint32_t length = sizeof *from;
-        const int32_t size = kestal_recvfrom(sock, packet, sizeof packet, from, from ? &length : nullptr, timeout);
-        return size < 0 ? "nothing" : std::string(packet, static_cast<size_t>(size));
+        sockaddr_storage to = kestal_test::address_of("127.0.0.1");
+        kestal_sockaddr_set_port(&to, port);
+        EXPECT_GE(kestal_sendto(from, bytes.data(), bytes.size(), &to, sizeof(sockaddr_in), patience), 0);
     }
 
-    void send(const std::string &packet) const
-    {
-        sockaddr_in client = {};
-        uint32_t length = sizeof client;
-        kestal_getsockname(client_->m_socket, &client, &length);
-        client.sin_addr.s_addr = kestal_be32_order(INADDR_LOOPBACK);
-        kestal_sendto(transfers_, packet.data(), packet.size(), &client, length, patience);
-    }
-
-    // The data of the next block, or "failed: " and the errno.
+    // The data of the next block, or the name of the error.
     std::string read(int32_t timeout = patience) const
     {
         errno = 0;
         const int32_t length = kestal_tftp_read_data(client_, timeout);
         if (length < 0)
-            return failed(errno);
+            return strerrorname_np(errno);
         EXPECT_EQ(client_->m_data[client_->m_data_length], '\0');
         return {reinterpret_cast<const char *>(client_->m_data), static_cast<size_t>(length)};
     }
 
+    const owned_socket server_{kestal_open_udp_socket("127.0.0.1", -1)};
+    const owned_socket transfers_{kestal_open_udp_socket("127.0.0.1", -1)}; // for all that follows a request
+    std::string location_ = "tftp://127.0.0.1:" + std::to_string(server_.port());
     kestal_tftp_t *client_ = nullptr;
-    int32_t server_ = -1;
-    int32_t transfers_ = -1; // the server's port for all that follows a request
-    std::string location_;
 };
 
 TEST_F(tftp, requests_files)
@@ -91,24 +68,20 @@ TEST_F(tftp, requests_files)
         const char *path, *name, *mode;
         std::string wanted;
     } cases[] = {{"//dir/file", nullptr, nullptr, "dir/file\0octet\0"s},
-                 {"/a%20b?x=1", nullptr, nullptr, "a b\0octet\0"s},
-                 {"", nullptr, "netascii", "\0netascii\0"s},
+                 {"/a%20b?x=1", nullptr, "netascii", "a b\0netascii\0"s},
                  {"/x", "/as it stands", "", "/as it stands\0\0"s}};
-    for (const auto &each : cases) {
-        open(each.path);
-        EXPECT_EQ(kestal_tftp_write_request(client_, each.name, each.mode, patience), 0);
-        EXPECT_EQ(receive(server_), word(2) + each.wanted);
+    for (const auto &[path, name, mode, wanted] : cases) {
+        open(path);
+        EXPECT_EQ(kestal_tftp_write_request(client_, name, mode, patience), 0);
+        EXPECT_EQ(receive(server_), "\0\2"s + wanted);
         EXPECT_EQ(client_->m_state, KESTAL_TFTP_FAILED);
-        EXPECT_EQ(kestal_tftp_read_request(client_, each.name, each.mode, patience), 0);
-        EXPECT_EQ(receive(server_), word(1) + each.wanted);
-        EXPECT_EQ(client_->m_state, KESTAL_TFTP_RECEIVING);
+        EXPECT_EQ(kestal_tftp_read_request(client_, name, mode, patience), 0);
+        EXPECT_EQ(receive(server_), "\0\1"s + wanted);
     }
-    kestal_close_uri(client_->m_uri);
-    client_->m_uri = nullptr;
+    kestal_close_uri(std::exchange(client_->m_uri, nullptr));
     const kestal_test::caught_assertions reports;
     EXPECT_EQ(request(), -1);
     EXPECT_EQ(reports.messages(), std::vector<std::string>{"s_tftp->m_uri != ((kestal_uri_t *)0)"});
-
     kestal_close_tftp(client_);
     client_ = kestal_open_tftp(0, nullptr, patience);
     EXPECT_EQ(kestal_sockaddr_get_port(&client_->m_server_address), 69u);
@@ -118,106 +91,116 @@ TEST_F(tftp, requests_files)
               -4);
 }
 
-TEST_F(tftp, takes_blocks_in_order_and_once)
+TEST_F(tftp, takes_blocks_in_order_once_and_from_one_sender)
 {
-    for (const std::string &last : {""s, "1"s, full.substr(1)}) {
+    open("/f");
+    EXPECT_EQ(read(), "EINVAL");
+    request();
+    for (const std::string &last : {""s, full.substr(1)}) {
+        const uint32_t port_before = port();
         request();
-        for (const std::string &packet :
-             {data(2, full), data(1, full), data(1, full), data(0, "lost"), data(2, last), data(1, "late")})
-            send(packet);
-        EXPECT_EQ(read(), full);
-        EXPECT_EQ(read(), last);
-        EXPECT_EQ(read(), "");
+        send(packet(3, 1, "for the transfer before"), transfers_, port_before);
+        for (const auto &[block, bytes] : {std::pair(2u, full), {1, full}, {1, full}, {0, "lost"}, {2, last}}) {
+            send(packet(3, block, bytes));
+            if (block == 1)
+                send(packet(3, 2, "forged"), server_, port());
+        }
+        for (const std::string &expected : {full, last, ""s})
+            EXPECT_EQ(read(), expected);
         EXPECT_EQ(client_->m_state, KESTAL_TFTP_COMPLETE);
         for (const unsigned block : {2u, 1u, 1u, 0u, 2u})
-            EXPECT_EQ(receive(transfers_), word(4) + word(block));
-        EXPECT_EQ(receive(transfers_, 0), "nothing");
+            EXPECT_EQ(receive(transfers_), packet(4, block));
     }
     request();
     client_->m_block = 65534;
     for (const unsigned block : {65535u, 0u, 1u}) {
-        send(data(block, full));
+        send(packet(3, block, full));
         EXPECT_EQ(read(), full);
     }
 }
 
 TEST_F(tftp, failed_transfers_stay_failed)
 {
-    EXPECT_EQ(read(), failed(EINVAL));
-    const std::string refusal = word(5);
-    for (const auto &[packet, error] : {std::pair(refusal + word(1) + "File not found\0"s, ENOENT),
-                                        {refusal + word(7) + "?\0"s, EPERM},
-                                        {refusal + word(8) + "?\0"s, EPROTO},
-                                        {refusal, EPROTO},
-                                        {word(4) + word(1), EPROTO},
-                                        {data(1, full + "x"), EPROTO},
-                                        {data(1, full + full + full), EPROTO},
-                                        {"", EPROTO},
-                                        {data(1, "x"), ENOMEM},
-                                        {"time-out", ETIMEDOUT}}) {
+    open("/f");
+    const auto fails = [this](const std::string &answer, const std::string &error) {
         request();
-        if (error != ETIMEDOUT)
-            send(packet);
-        const kestal_test::failing_allocation failing(error == ENOMEM ? 1 : 0);
-        EXPECT_EQ(read(error == ETIMEDOUT ? 0 : patience), failed(error)) << packet;
-        EXPECT_EQ(read(), failed(EINVAL));
-        EXPECT_EQ(receive(transfers_, 0), "nothing");
+        send(answer);
+        EXPECT_EQ(read(), error) << answer;
+        EXPECT_EQ(read(), "EINVAL");
+    };
+    fails(packet(5, 1, "File not found\0"s), "ENOENT");
+    fails(packet(5, 7, "?\0"s), "EPERM");
+    for (const std::string &odd :
+         {packet(5, 8, "?\0"s), "\0\5"s, packet(4, 1), packet(3, 1, full + "x"), packet(3, 1, full + full + full), ""s})
+        fails(odd, "EPROTO");
+    {
+        const kestal_test::failing_allocation failing(2); // the first is the request's own
+        fails(packet(3, 1), "ENOMEM");
     }
     request();
+    EXPECT_EQ(read(0), "ETIMEDOUT");
+    // What is passed over does not put off the end.
+    request();
+    std::atomic<bool> is_over = false;
+    std::thread flood([&] {
+        for (; !is_over; kestal_test::advance_clock(1))
+            send(packet(3, 7));
+    });
+    EXPECT_EQ(read(), "ETIMEDOUT");
+    is_over = true;
+    flood.join();
     kestal_close_socket(std::exchange(client_->m_socket, -1));
-    EXPECT_EQ(read(), failed(EBADF));
     EXPECT_EQ(request(), -1);
+    EXPECT_EQ(read(), "EBADF");
 }
 
 TEST_F(tftp, works_over_a_stream)
 {
-    const int32_t listening = kestal_open_listen_socket("127.0.0.1", 0);
-    const std::string location = "tftp://127.0.0.1:" + std::to_string(port_of(listening)) + "/file";
-    for (const auto &[last, result] :
-         {std::pair(data(2, "end"), "end"s), {data(1, full), failed(EPROTO)}, {"", failed(EPROTO)}}) {
-        kestal_close_tftp(client_);
-        client_ = kestal_open_tftp(1, location.c_str(), patience);
-        const int32_t peer = kestal_accept(listening, nullptr, nullptr, patience);
-        EXPECT_EQ(request(), 0);
-        EXPECT_EQ(receive(peer), "\0\1file\0octet\0"s);
-        kestal_send(peer, data(1, full).data(), 516, patience);
-        EXPECT_EQ(read(), full);
-        EXPECT_EQ(receive(peer), word(4) + word(1));
-        kestal_send(peer, last.data(), last.size(), patience);
-        kestal_shutdown_socket(peer, 1);
-        EXPECT_EQ(read(), result);
-        kestal_close_socket(peer);
+    {
+        const owned_socket listening(kestal_open_listen_socket("127.0.0.1", 0));
+        location_ = "tftp://127.0.0.1:" + std::to_string(listening.port());
+        for (const auto &[last, result] :
+             {std::pair(packet(3, 2, "end"), "end"), {packet(3, 1, full), "EPROTO"}, {"", "EPROTO"}}) {
+            open("/file", 1);
+            const owned_socket peer(kestal_accept(listening, nullptr, nullptr, patience));
+            EXPECT_EQ(request(), 0);
+            EXPECT_EQ(receive(peer), "\0\1file\0octet\0"s);
+            kestal_send(peer, packet(3, 1, full).data(), 516, patience);
+            EXPECT_EQ(read(), full);
+            EXPECT_EQ(receive(peer), packet(4, 1));
+            kestal_send(peer, last.data(), last.size(), patience);
+            kestal_shutdown_socket(peer, 1);
+            EXPECT_EQ(read(), result);
+        }
     }
-    kestal_close_socket(listening);
-    EXPECT_EQ(kestal_open_tftp(1, location.c_str(), patience), nullptr);
+    open("/file", 1);
     EXPECT_EQ(errno, ECONNREFUSED);
+    EXPECT_EQ(client_, nullptr);
 }
 
 TEST_F(tftp, files_are_streams)
 {
-    const std::string location = location_ + "/a%20b";
-    kestal_test::with_each_allocation_failing(
-        [&] { kestal_destroy_ctx(kestal_open_ctx_stream(location.c_str(), "rb", 0)); });
-    // A location is all there or not opened: without its host or path it would be another.
-    kestal_test::with_each_allocation_failing([] {
-        if (kestal_tftp_t *opened = kestal_open_tftp(0, "tftp://user@127.0.0.9:70/f", patience)) {
-            EXPECT_STREQ(opened->m_uri->m_host, "127.0.0.9");
-            EXPECT_STREQ(opened->m_uri->m_user, "user");
-            EXPECT_STREQ(opened->m_uri->m_decoded_path, "/f");
-            EXPECT_EQ(kestal_sockaddr_get_port(&opened->m_server_address), 70u);
-            kestal_close_tftp(opened);
-        }
-    });
-    while (receive(server_, 0) != "nothing")
-        ;
-    uint32_t id = kestal_open_ctx_stream(location.c_str(), "rb", 0);
-    EXPECT_EQ(kestal_get_valid_ctx(id)->m_kind, 102);
+    location_ += "/a%20b";
+    uint32_t id = KESTAL_INVALID_ID;
     sockaddr_in client = {};
-    EXPECT_EQ(receive(server_, patience, &client), "\0\1a b\0octet\0"s);
+    const auto open_stream = [&](const char *mode) {
+        kestal_destroy_ctx(id);
+        id = kestal_open_ctx_stream(location_.c_str(), mode, 0);
+        return receive(server_, 0, &client);
+    };
+    // A location is all there or not opened.
+    kestal_test::with_each_allocation_failing([&] {
+        const std::string wanted = open_stream("rb");
+        EXPECT_EQ(wanted, id == KESTAL_INVALID_ID ? "nothing" : "\0\1a b\0octet\0"s);
+        id = kestal_destroy_ctx(id);
+    });
+    EXPECT_EQ(open_stream("w"), "\0\2a b\0octet\0"s);
+    EXPECT_EQ(kestal_ctx_write(id, "x", 1), -1);
+    open_stream("rb");
+    EXPECT_EQ(kestal_get_valid_ctx(id)->m_kind, 102);
     EXPECT_EQ(kestal_ctx_is_readable(id, 0), 0);
-    kestal_sendto(transfers_, data(1, "all").data(), 7, &client, sizeof client, patience);
-    EXPECT_EQ(kestal_ctx_is_readable(id, patience), 1);
-    char block[512];
+    send(packet(3, 1, "all"), transfers_, kestal_sockaddr_get_port(&client));
+    char block[3];
     EXPECT_EQ(kestal_ctx_read(id, block, 2), -1);
     EXPECT_EQ(kestal_ctx_get_last_error(id), KESTAL_CTX_ERROR_SHORT_BUFFER);
     EXPECT_EQ(kestal_ctx_is_readable(id, 0), 1);
@@ -225,10 +208,6 @@ TEST_F(tftp, files_are_streams)
     EXPECT_EQ(std::string(block, 3), "all");
     EXPECT_EQ(kestal_ctx_is_readable(id, 0), 1);
     EXPECT_EQ(kestal_ctx_read(id, block, 3), 0);
-    kestal_destroy_ctx(id);
-    id = kestal_open_ctx_stream((location_ + "/x").c_str(), "w", 0);
-    EXPECT_EQ(receive(server_), "\0\2x\0octet\0"s);
-    EXPECT_EQ(kestal_ctx_write(id, "x", 1), -1);
     kestal_destroy_ctx(id);
 }
 

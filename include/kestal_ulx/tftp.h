@@ -77,7 +77,7 @@ KESTAL_API kestal_tftp_t *kestal_open_tftp(uint32_t stream, const char *uri, int
 
 /**
  * Begins to read a file: sends a read request within `timeout_ms` (negative: no limit), whatever became of a transfer
- * before it; over datagrams, what has come late for that one is dropped. A null `filename` is the location's path,
+ * before it; over datagrams from another local port, so that nothing that comes late for that one is taken. A null `filename` is the location's path,
  * percent-decoded, without its leading "/"; a null `mode` is "octet" (RFC 1350 has "netascii" too, which is received as
  * it comes).
  *
@@ -91,8 +91,9 @@ KESTAL_API int32_t kestal_tftp_write_request(kestal_tftp_t *tftp, const char *fi
                                              int32_t timeout_ms);
 
 /**
- * Receives the next block, within `timeout_ms` for each packet (negative: no limit), and acknowledges it. Over datagrams
- * a block that came before is acknowledged again and passed over; over a stream it ends the transfer.
+ * Receives the next block, within `timeout_ms` (negative: no limit), and acknowledges it. Over datagrams a block that came
+ * before is acknowledged again and passed over, and whoever sent the first block sends all: packets from elsewhere are
+ * passed over in silence. Over a stream a repeated block ends the transfer.
  *
  * Returns the number of bytes, which are at m_data: 512 while there is more, fewer (0 too) with the last block, and 0
  * ever after. -1 when the transfer failed, and until the next read request: a time-out (errno ETIMEDOUT), a packet that

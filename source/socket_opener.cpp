@@ -162,14 +162,21 @@ int32_t open_datagram(const kestal_resolver_t &record)
     owned_descriptor sock(open_socket(record.m_family, SOCK_DGRAM));
     if (sock.get() < 0)
         return -1;
-    kestal_set_reuse_address_socket(sock.get(), 1);
     if (record.m_family == AF_INET6)
         set_v6_only(sock.get(), 1);
     if (record.m_family == AF_INET) {
         const auto *address = static_cast<const uint8_t *>(record.m_address) + offsetof(sockaddr_in, sin_addr);
         kestal_setsockopt(sock.get(), kestal_get_protocol_by_name("ip"), IP_MULTICAST_IF, address, sizeof(in_addr));
     }
-    return bind_to(sock.get(), record) ? sock.release() : -1;
+    // Between datagram sockets that have the option on, the system gives out a port of its choice twice: set after the binding.
+    const bool is_port_chosen = kestal_sockaddr_get_port(record.m_address) == 0;
+    if (!is_port_chosen)
+        kestal_set_reuse_address_socket(sock.get(), 1);
+    if (!bind_to(sock.get(), record))
+        return -1;
+    if (is_port_chosen)
+        kestal_set_reuse_address_socket(sock.get(), 1);
+    return sock.release();
 }
 
 // Sends to a group by the interface that its scope names: the system minds that for link-local groups only.

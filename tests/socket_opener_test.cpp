@@ -2,6 +2,7 @@
 #include "namespaces.hpp"
 
 #include <deque>
+#include <set>
 
 using kestal_test::owned_socket;
 using kestal_test::with_each_allocation_failing;
@@ -125,6 +126,12 @@ TEST_F(socket_opener, sends_datagrams)
                   3);
         EXPECT_EQ(kestal_recv(sock, text, sizeof text, timeout_ms), 3) << address;
     }
+    // Ports that the system chooses are chosen once each.
+    std::deque<owned_socket> several;
+    std::set<int32_t> chosen;
+    while (several.size() < 800)
+        chosen.insert(several.emplace_back(kestal_open_udp_socket("127.0.0.1", 0)).port());
+    EXPECT_EQ(chosen.size(), several.size());
     const owned_socket any(kestal_open_udp_socket(nullptr, -1));
     EXPECT_EQ(kestal_send_udp_packet("127.255.255.255", any.port(), "to all", 6, 1000), 6);
     EXPECT_EQ(kestal_recv(any, text, sizeof text, timeout_ms), 6);

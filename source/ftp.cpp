@@ -1,9 +1,9 @@
 #include "ftp.hpp"
 
+#include "socket_opener.hpp"
 #include "uri.hpp"
 
 #include <kestal_ulx/socket.h>
-#include <kestal_ulx/socket_opener.h>
 #include <kestal_ulx/text.h>
 
 #include <errno.h>
@@ -50,7 +50,7 @@ bool connect_control(kestal_ftp_t &ftp, int32_t default_port)
         return false;
     }
     ftp.m_control_socket =
-        kestal_open_connect_socket(ftp.m_uri->m_host, port_of(*ftp.m_uri, default_port), ftp.m_command_timeout);
+        kestal::open_own_connect_socket(ftp.m_uri->m_host, port_of(*ftp.m_uri, default_port), ftp.m_command_timeout);
     return ftp.m_control_socket >= 0;
 }
 

@@ -114,7 +114,7 @@ void accept_data_connection(kestal_ftp_t &ftp)
 {
     socket_address from{};
     uint32_t length = sizeof from;
-    owned_descriptor accepted(kestal_accept(ftp.m_listen_socket, &from, &length, 0));
+    owned_descriptor accepted(accept4(ftp.m_listen_socket, reinterpret_cast<sockaddr *>(&from), &length, SOCK_CLOEXEC));
     if (accepted.get() < 0)
         return;
     socket_address peer{};

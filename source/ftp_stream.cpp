@@ -43,7 +43,7 @@ bool get_control_name(const kestal_ftp_t &ftp, get_name_t get, socket_address &a
 
 int32_t open_stream_socket(const socket_address &address)
 {
-    const int32_t sock = kestal_open_socket(kestal::family_of(&address), SOCK_STREAM, 0);
+    const int32_t sock = socket(kestal::family_of(&address), SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (sock >= 0)
         kestal_set_non_block_socket(sock, 1);
     return sock;

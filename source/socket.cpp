@@ -401,7 +401,7 @@ int32_t kestal_close_socket_ex(int32_t sock, int32_t timeout_ms)
 
 int32_t kestal_check_socket_support(int32_t domain, int32_t type, int32_t protocol)
 {
-    const int32_t sock = kestal_open_socket(domain, type, protocol_in(domain, protocol));
+    const int32_t sock = socket(domain, (type & 0xFFFF) | SOCK_CLOEXEC, protocol_in(domain, protocol));
     return sock == KESTAL_INVALID_SOCKET ? -1 : kestal_close_socket(sock);
 }
 

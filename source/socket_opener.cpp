@@ -8,6 +8,7 @@
 
 #include "guard.hpp"
 #include "socket_address.hpp"
+#include "socket_opener.hpp"
 
 #include <errno.h>
 
@@ -112,10 +113,13 @@ private:
 
 // --- sockets for one address
 
-int32_t open_socket(int32_t family, int32_t type)
+// Whose a socket will be: the flag that it is opened with.
+enum owner { the_caller = 0, the_library = SOCK_CLOEXEC };
+
+int32_t open_socket(int32_t family, int32_t type, owner whose)
 {
     const char *protocol = type == SOCK_STREAM ? "tcp" : "udp";
-    return kestal_open_socket(family, type, family == AF_UNIX ? 0 : kestal_get_protocol_by_name(protocol));
+    return socket(family, type | whose, family == AF_UNIX ? 0 : kestal_get_protocol_by_name(protocol));
 }
 
 void set_v6_only(int32_t sock, int on)
@@ -130,7 +134,7 @@ bool bind_to(int32_t sock, const kestal_resolver_t &record)
 
 int32_t listen_on(const kestal_resolver_t &record, bool is_v6_only)
 {
-    owned_descriptor sock(open_socket(record.m_family, SOCK_STREAM));
+    owned_descriptor sock(open_socket(record.m_family, SOCK_STREAM, the_caller));
     if (sock.get() < 0)
         return -1;
     if (record.m_family == AF_INET6 && is_v6_only)
@@ -140,9 +144,9 @@ int32_t listen_on(const kestal_resolver_t &record, bool is_v6_only)
 }
 
 // Connects, from an address of `from` when there is one to bind to.
-int32_t connect_to(const kestal_resolver_t &record, const target *from, int32_t timeout_ms)
+int32_t connect_to(const kestal_resolver_t &record, const target *from, int32_t timeout_ms, owner whose)
 {
-    owned_descriptor sock(open_socket(record.m_family, SOCK_STREAM));
+    owned_descriptor sock(open_socket(record.m_family, SOCK_STREAM, whose));
     if (sock.get() < 0)
         return -1;
     if (record.m_family == AF_INET6)
@@ -157,9 +161,9 @@ int32_t connect_to(const kestal_resolver_t &record, const target *from, int32_t 
     return kestal_connect(sock.get(), record.m_address, record.m_address_length, timeout_ms) == 0 ? sock.release() : -1;
 }
 
-int32_t open_datagram(const kestal_resolver_t &record)
+int32_t open_datagram(const kestal_resolver_t &record, owner whose)
 {
-    owned_descriptor sock(open_socket(record.m_family, SOCK_DGRAM));
+    owned_descriptor sock(open_socket(record.m_family, SOCK_DGRAM, whose));
     if (sock.get() < 0)
         return -1;
     if (record.m_family == AF_INET6)
@@ -197,7 +201,63 @@ bool read_group(const char *text, socket_address &group)
            (kestal_inet_ptos(AF_INET6, text, 0, &group, sizeof group) == 0 && kestal_is_multicast(&group) != 0);
 }
 
+// --- sockets by host and port
+
+int32_t connect_by_name(int32_t family, const char *bind_address_string, int32_t bind_port, const char *host,
+                        int32_t port, int32_t timeout_ms, owner whose)
+{
+    if (bind_port < 0 || bind_port >= port_limit || host == nullptr || port < 1 || port >= port_limit)
+        return fail_with(EINVAL);
+    const target remote(AF_UNSPEC, host, port, resolver_timeout_ms);
+    const auto connect_from = [&](const target *from) {
+        return remote.open_first(
+            family, [=](const kestal_resolver_t &record) { return connect_to(record, from, timeout_ms, whose); });
+    };
+    // Without a wish the system binds while it connects, and may use a local port for several peers.
+    if (is_empty(bind_address_string) && bind_port == 0)
+        return connect_from(nullptr);
+    const target local(AF_UNSPEC, bind_address_string, bind_port, resolver_timeout_ms);
+    return connect_from(&local);
+}
+
+int32_t bind_by_name(int32_t family, const char *bind_address_string, int32_t port, const char *multicast_group_string,
+                     owner whose)
+{
+    if (port == -1)
+        port = 0;
+    if (port < 0 || port >= port_limit)
+        return fail_with(EINVAL);
+    socket_address group{};
+    const bool has_group = !is_empty(multicast_group_string);
+    if (has_group) {
+        if (!read_group(multicast_group_string, group) || (family != AF_UNSPEC && family != family_of(&group)))
+            return fail_with(EINVAL);
+        family = family_of(&group);
+    }
+    const target local(family, bind_address_string, port, resolver_timeout_ms);
+    const int32_t sock =
+        local.open_first(family, [=](const kestal_resolver_t &record) { return open_datagram(record, whose); });
+    if (sock != KESTAL_INVALID_SOCKET && has_group)
+        kestal_multicast_join_all(sock, &group, 1);
+    return sock;
+}
+
 } // namespace
+
+namespace kestal {
+
+int32_t open_own_connect_socket(const char *host, int32_t port, int32_t timeout_ms)
+{
+    return connect_by_name(AF_UNSPEC, nullptr, 0, host, port, timeout_ms, the_library);
+}
+
+int32_t open_own_udp_socket(int32_t family, const char *bind_address_string, int32_t port,
+                            const char *multicast_group_string)
+{
+    return bind_by_name(family, bind_address_string, port, multicast_group_string, the_library);
+}
+
+} // namespace kestal
 
 int32_t kestal_init_network(void)
 {
@@ -252,18 +312,7 @@ int32_t kestal_open_listen_socket(const char *address_string, int32_t port)
 int32_t kestal_open_connect_socket_ex(int32_t family, const char *bind_address_string, int32_t bind_port,
                                       const char *host, int32_t port, int32_t timeout_ms)
 {
-    if (bind_port < 0 || bind_port >= port_limit || host == nullptr || port < 1 || port >= port_limit)
-        return fail_with(EINVAL);
-    const target remote(AF_UNSPEC, host, port, resolver_timeout_ms);
-    const auto connect_from = [&](const target *from) {
-        return remote.open_first(family,
-                                 [=](const kestal_resolver_t &record) { return connect_to(record, from, timeout_ms); });
-    };
-    // Without a wish the system binds while it connects, and may use a local port for several peers.
-    if (is_empty(bind_address_string) && bind_port == 0)
-        return connect_from(nullptr);
-    const target local(AF_UNSPEC, bind_address_string, bind_port, resolver_timeout_ms);
-    return connect_from(&local);
+    return connect_by_name(family, bind_address_string, bind_port, host, port, timeout_ms, the_caller);
 }
 
 int32_t kestal_open_connect_socket(const char *host, int32_t port, int32_t timeout_ms)
@@ -274,22 +323,7 @@ int32_t kestal_open_connect_socket(const char *host, int32_t port, int32_t timeo
 int32_t kestal_open_udp_socket_ex(int32_t family, const char *bind_address_string, int32_t port,
                                   const char *multicast_group_string)
 {
-    if (port == -1)
-        port = 0;
-    if (port < 0 || port >= port_limit)
-        return fail_with(EINVAL);
-    socket_address group{};
-    const bool has_group = !is_empty(multicast_group_string);
-    if (has_group) {
-        if (!read_group(multicast_group_string, group) || (family != AF_UNSPEC && family != family_of(&group)))
-            return fail_with(EINVAL);
-        family = family_of(&group);
-    }
-    const target local(family, bind_address_string, port, resolver_timeout_ms);
-    const int32_t sock = local.open_first(family, open_datagram);
-    if (sock != KESTAL_INVALID_SOCKET && has_group)
-        kestal_multicast_join_all(sock, &group, 1);
-    return sock;
+    return bind_by_name(family, bind_address_string, port, multicast_group_string, the_caller);
 }
 
 int32_t kestal_open_udp_socket(const char *bind_address_string, int32_t port)
@@ -308,8 +342,8 @@ int32_t kestal_send_udp_packet_ex(int32_t family, const char *bind_address_strin
         if (!target::is_wanted(*record, family))
             continue;
         const bool is_group = kestal_is_multicast(record->m_address) != 0;
-        const owned_descriptor sock(kestal_open_udp_socket_ex(record->m_family, bind_address_string, bind_port,
-                                                              is_group ? record->m_text : nullptr));
+        const owned_descriptor sock(bind_by_name(record->m_family, bind_address_string, bind_port,
+                                                 is_group ? record->m_text : nullptr, the_library));
         result = -1;
         if (sock.get() < 0)
             continue;

@@ -211,7 +211,7 @@ const char *prepare_socket(kestal_ssdp_socket_t &socket, uint32_t port)
     const family &its = family_of(socket);
     if (kestal_inet_ptos(its.domain, its.any_address, port, &socket.m_bind_address, sizeof socket.m_bind_address) != 0)
         return "kestal_inet_ptos";
-    socket.m_socket = kestal_open_socket(its.domain, SOCK_DGRAM, kestal_get_protocol_by_name("udp"));
+    socket.m_socket = ::socket(its.domain, SOCK_DGRAM | SOCK_CLOEXEC, kestal_get_protocol_by_name("udp"));
     if (socket.m_socket == KESTAL_INVALID_SOCKET)
         return "socket open";
     const int32_t on = 1;

@@ -3,12 +3,12 @@
 
 #include "guard.hpp"
 #include "socket_address.hpp"
+#include "socket_opener.hpp"
 
 #include <kestal_ulx/address.h>
 #include <kestal_ulx/multicast.h>
 #include <kestal_ulx/output.h>
 #include <kestal_ulx/socket.h>
-#include <kestal_ulx/socket_opener.h>
 #include <kestal_ulx/time_stamp.h>
 
 #include <algorithm>
@@ -74,7 +74,7 @@ int32_t is_writable(kestal_ctx_t &ctx, int32_t timeout)
 uint32_t open_tcp(kestal_ctx_t &ctx, stream_request &request)
 {
     return open_with(ctx, request, [&](open_socket &) {
-        return kestal_open_connect_socket(request.uri->m_host, request.uri->m_port, connect_timeout_ms);
+        return open_own_connect_socket(request.uri->m_host, request.uri->m_port, connect_timeout_ms);
     });
 }
 
@@ -104,11 +104,11 @@ int32_t open_port(open_socket &state, const kestal_uri_t &uri)
     const char *host = uri.m_host;
     if (kestal_inet_ptos(AF_UNSPEC, host, 0, &state.group, sizeof state.group) == 0 &&
         kestal_is_multicast(&state.group) != 0)
-        return kestal_open_udp_socket_ex(AF_UNSPEC, nullptr, uri.m_port, host);
+        return open_own_udp_socket(AF_UNSPEC, nullptr, uri.m_port, host);
     state.group = {};
     const bool is_any_host = host == nullptr || host[0] == '\0';
-    const int32_t sock = is_any_host ? kestal_open_udp_socket_ex(AF_INET, nullptr, uri.m_port, nullptr) : -1;
-    return sock >= 0 ? sock : kestal_open_udp_socket(host, uri.m_port);
+    const int32_t sock = is_any_host ? open_own_udp_socket(AF_INET, nullptr, uri.m_port, nullptr) : -1;
+    return sock >= 0 ? sock : open_own_udp_socket(AF_UNSPEC, host, uri.m_port, nullptr);
 }
 
 uint32_t open_udp(kestal_ctx_t &ctx, stream_request &request)

@@ -87,8 +87,8 @@ bool set_options(int32_t sock, const kestal_tftp_t &tftp, int32_t family)
 int32_t open_socket(kestal_tftp_t &tftp, const kestal_resolver_t &server, int32_t timeout_ms)
 {
     const bool is_stream = tftp.m_stream != 0;
-    owned_descriptor sock(kestal_open_socket(server.m_family, is_stream ? SOCK_STREAM : SOCK_DGRAM,
-                                             kestal_get_protocol_by_name(is_stream ? "tcp" : "udp")));
+    owned_descriptor sock(socket(server.m_family, (is_stream ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC,
+                                 kestal_get_protocol_by_name(is_stream ? "tcp" : "udp")));
     if (sock.get() < 0 || !set_options(sock.get(), tftp, server.m_family))
         return -1;
     tftp.m_local_address = {}; // all zero is the any-address, port 0

@@ -289,7 +289,8 @@ KESTAL_API int32_t kestal_assign_event(kestal_event_base_t *base, kestal_event_t
  * given one, and the handler is told KESTAL_EVENT_RESOLVED, then KESTAL_EVENT_CONNECTING, KESTAL_EVENT_CONNECTED or
  * KESTAL_EVENT_CONNECT_FAILED as they come, several at a time where they come together: to hear more than the first, use
  * KESTAL_EVENT_PERSIST. A connection that fails after it has begun does not go on to the next address. Once connected,
- * the event is one like any other on its descriptor. The socket is the handler's to close, also after a failure.
+ * the event is one like any other on its descriptor. The socket is the handler's to close, also after a failure,
+ * and programs that the process starts inherit it.
  */
 KESTAL_API int32_t kestal_assign_event_with_resolver(kestal_event_base_t *base, kestal_event_t *event,
                                                      int32_t descriptor, uint32_t flags, kestal_event_handler_t handler,

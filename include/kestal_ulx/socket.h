@@ -4,10 +4,11 @@
  * connect, accept, send and receive with time-outs, options, probes, pairs, and the names of services and protocols.
  *
  * Everything works on plain descriptors (-1: none), so that these calls and system calls mix freely; whoever opens a
- * descriptor closes it. Families and types are the system's AF_ and SOCK_ values, socket addresses those of
- * <kestal_ulx/address.h>. There is no lock per socket: threads that share a descriptor coordinate themselves. A failure
- * leaves errno as the system call set it; an elapsed time-out sets ETIMEDOUT. Byte counts are at most 2,147,483,647 a
- * call.
+ * descriptor closes it. As with the system's own calls, programs that the process starts inherit the descriptors opened
+ * here unless fcntl(2) sets FD_CLOEXEC; what the library opens for itself they never inherit. Families and types are the
+ * system's AF_ and SOCK_ values, socket addresses those of <kestal_ulx/address.h>. There is no lock per socket: threads
+ * that share a descriptor coordinate themselves. A failure leaves errno as the system call set it; an elapsed time-out
+ * sets ETIMEDOUT. Byte counts are at most 2,147,483,647 a call.
  *
  * Time-outs wait with kestal_single_select, so on descriptors of 1024 and above a connect or a send with a finite
  * time-out waits for readability: there, use a select set or an event base.

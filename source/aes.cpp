@@ -170,8 +170,10 @@ public:
 
     table_forward(const uint8_t *round_key, size_t rounds) : rounds_(rounds)
     {
-        for (size_t i = 0; i < 4 * (rounds + 1); ++i)
-            keys_[i] = load_big_32(round_key + 4 * i);
+        for (size_t round = 0; round <= rounds; ++round) {
+            for (size_t i = 4 * round; i < 4 * (round + 1); ++i)
+                keys_[i] = load_big_32(round_key + 4 * i);
+        }
     }
     ~table_forward() { explicit_bzero(keys_, sizeof keys_); }
     table_forward(const table_forward &) = delete;

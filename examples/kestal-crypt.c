@@ -108,6 +108,7 @@ static const char help[] =
     "  --iv HEX          the initialisation vector in hexadecimal (all modes but ecb)\n"
     "  --iv-file FILE    its bytes\n"
     "  -o FILE           where the result goes; standard output by default\n"
+    "  --help            this text\n"
     "\n"
     "ECB and CBC pad as PKCS#7 does. WARNING: nothing is authenticated. Whoever can change the enciphered data can\n"
     "change what it deciphers to, and nobody is told: protect it with a signature or a MAC. Use a fresh vector for "

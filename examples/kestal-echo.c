@@ -25,6 +25,15 @@ enum { WATERMARK = 65536, CHUNK = 16384, DATAGRAM = 65536, DATAGRAMS_A_TURN = 64
 
 #define IO_FLAGS (MSG_DONTWAIT | MSG_NOSIGNAL)
 
+static const char *const help = "usage: kestal-echo [OPTION...]\n"
+                                "Send back what arrives over TCP and UDP. Ends on SIGINT or SIGTERM.\n\n"
+                                "  --address ADDRESS    listen on this local address instead of 127.0.0.1\n"
+                                "  --tcp PORT           the port for connections (7007); 0 is a free one\n"
+                                "  --udp PORT           the port for datagrams (7007); 0 is a free one\n"
+                                "  --idle SECONDS       close a connection on which nothing has moved so long (60)\n"
+                                "  --most CONNECTIONS   so many connections at once (10000)\n"
+                                "  --help               print this text\n";
+
 typedef struct {
     kestal_event_base_t *base;
     kestal_event_t listener;
@@ -260,13 +269,6 @@ static void raise_descriptor_limit(void)
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-static int usage(void)
-{
-    fputs("usage: kestal-echo [--address ADDRESS] [--tcp PORT] [--udp PORT] [--idle SECONDS] [--most CONNECTIONS]\n",
-          stderr);
-    return 2;
-}
-
 static int read_options(server_t *server, int count, char **words)
 {
     for (int i = 1; i + 1 < count; i += 2) {
@@ -291,8 +293,14 @@ int main(int count, char **words)
 {
     server_t server = {.address = "127.0.0.1", .tcp_port = 7007, .udp_port = 7007, .idle_ms = 60000, .most = 10000};
     server.listener.m_descriptor = server.datagrams.m_descriptor = -1;
-    if (read_options(&server, count, words) != 0)
-        return usage();
+    if (count == 2 && strcmp(words[1], "--help") == 0) {
+        fputs(help, stdout);
+        return 0;
+    }
+    if (read_options(&server, count, words) != 0) {
+        fputs(help, stderr);
+        return 2;
+    }
     raise_descriptor_limit();
     kestal_init_network();
     server.base = kestal_new_event_base();

@@ -13,6 +13,7 @@ floors SOURCE                     no module includes a higher floor, no includes
 docs SOURCE                       Doxygen has nothing to say against the public headers and the guide (77 where it is missing)
 guide SHARED_OBJECT SOURCE        every page of the guide shows its program as it stands beside it, and what it really prints
 names SOURCE                      every name of the library that the guide, README.md and SECURITY.md mention is declared
+manual SOURCE PROGRAM...          the manual page of a program tells of the same options as its --help
 words SOURCE                      no marks of unfinished work, and no word that leans on a text outside the tree
 
 CC and CXX name the compilers. Prints what is wrong, a line each, and exits 1 if anything is.
@@ -242,6 +243,17 @@ def check_names(source):
         for name in sorted(set(re.findall(r"\b(?:__)?(?:kestal|KESTAL)_\w+", page.read_text())) - declared):
             if name != "kestal_ulx" and not name.endswith("_"):
                 yield f"{page.relative_to(source)}: {name} is declared nowhere"
+
+
+def check_manual(source, *programs):
+    option = re.compile(r"(?<![\w-])--?[a-z46](?:[a-z-]*[a-z])?(?![\w-])")
+    for program in programs:
+        told = set(option.findall(output_of(program, "--help")))
+        page = (source / f"docs/man/{program.name}.1").read_text().replace("\\-", "-")
+        options = page.partition(".SH OPTIONS")[2].partition(".SH EXIT STATUS")[0]
+        written = set(option.findall("".join(re.findall(r"^\.TP\n(.*)$", options, re.MULTILINE))))
+        for name in sorted(told ^ written):
+            yield f"{program.name}: {name} is told by {'--help' if name in told else 'the manual page'} only"
 
 
 def check_words(source):

@@ -79,6 +79,19 @@ void write_digest(const uint32_t (&state)[count], uint8_t *out, char *text)
     text[8 * count] = '\0';
 }
 
+// What a digest call of a context gives whose text says that the message was ended already: the chaining words are then
+// its digest. Null for no context.
+template <typename Context>
+const char *digest_once(Context *context, uint8_t *out, void (*end_message)(Context *))
+{
+    if (context == nullptr)
+        return nullptr;
+    if (context->m_text[0] == '\0')
+        end_message(context);
+    write_digest<std::endian::big>(context->m_state, out, context->m_text);
+    return context->m_text;
+}
+
 // Feeds a file to push(data, size); 0, or -1 when it cannot be read to its end.
 template <typename Push>
 int32_t feed_file(const char *path, const char *tag, Push push)

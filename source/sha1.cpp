@@ -112,12 +112,5 @@ int32_t kestal_sha1_push_file(kestal_sha1_t *context, const char *path)
 
 const char *kestal_sha1_digest(kestal_sha1_t *context, uint8_t *out)
 {
-    if (context == nullptr)
-        return nullptr;
-    // A text says that the message was ended already: the chaining words are its digest.
-    const bool ended = context->m_text[0] != '\0';
-    if (!ended)
-        end_message(context);
-    kestal::write_digest<std::endian::big>(context->m_state, out, context->m_text);
-    return context->m_text;
+    return kestal::digest_once(context, out, end_message);
 }

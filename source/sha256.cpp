@@ -139,12 +139,5 @@ int32_t kestal_sha256_push_file(kestal_sha256_t *context, const char *path)
 
 const char *kestal_sha256_digest(kestal_sha256_t *context, uint8_t *out)
 {
-    if (context == nullptr)
-        return nullptr;
-    // A text says that the message was ended already: the chaining words are its digest.
-    const bool ended = context->m_text[0] != '\0';
-    if (!ended)
-        end_message(context);
-    kestal::write_digest<std::endian::big>(context->m_state, out, context->m_text);
-    return context->m_text;
+    return kestal::digest_once(context, out, end_message);
 }

@@ -153,14 +153,16 @@ static int from_file(const char *what, const char *path, unsigned char *bytes, s
     FILE *file = fopen(path, "rb");
     if (file == NULL)
         return fail(path, strerror(errno));
+    setvbuf(file, NULL, _IONBF, 0); /* no copy of a key in a buffer */
     got = fread(room, 1, sizeof room, file);
     fclose(file);
-    if (got != size) {
-        kestal_error_printf("kestal-crypt: %s: the %s must be %lu bytes\n", path, what, (uint64_t)size);
-        return -1;
-    }
-    memcpy(bytes, room, size);
-    return 0;
+    if (got == size)
+        memcpy(bytes, room, size);
+    explicit_bzero(room, sizeof room);
+    if (got == size)
+        return 0;
+    kestal_error_printf("kestal-crypt: %s: the %s must be %lu bytes\n", path, what, (uint64_t)size);
+    return -1;
 }
 
 static int read_secret(const char *what, const char *hex, const char *path, unsigned char *bytes, size_t size)

@@ -216,7 +216,7 @@ void catch_signals()
 std::string presentable(std::string location)
 {
     kestal_uri_t *parts = kestal_open_uri(location.c_str());
-    if (parts != nullptr && parts->m_scheme != nullptr && parts->m_password != nullptr) {
+    if (parts != nullptr && parts->m_scheme != nullptr && parts->m_user != nullptr && parts->m_password != nullptr) {
         const size_t user = std::strlen(parts->m_scheme) + std::strlen("://") + std::strlen(parts->m_user) + 1;
         location.replace(user, std::strlen(parts->m_password), "***");
     }

@@ -2,6 +2,8 @@
 
 #include "processor.hpp"
 
+#include <string.h>
+
 // Each function that uses the instructions says so itself (AES_CODE): lambdas and callees do not inherit it.
 #if defined(__x86_64__)
 #include <immintrin.h>
@@ -73,16 +75,18 @@ AES_INLINE void encrypt(block (&values)[Count], const uint8_t *keys, size_t roun
         value = _mm_aesenclast_si128(value, load(keys));
 }
 
-template <size_t Count>
-AES_INLINE void decrypt(block (&values)[Count], const block *keys, size_t rounds)
+template <typename Keys, size_t Count>
+AES_INLINE void decrypt(block (&values)[Count], const Keys &keys, size_t rounds)
 {
     for (block &value : values)
-        value = combine(value, keys[0]);
-    for (const block *last = keys + rounds; ++keys < last;)
+        value = combine(value, keys.outer(0));
+    for (size_t round = 1; round < rounds; ++round) {
+        const block key = keys.inner(round);
         for (block &value : values)
-            value = _mm_aesdec_si128(value, *keys);
+            value = _mm_aesdec_si128(value, key);
+    }
     for (block &value : values)
-        value = _mm_aesdeclast_si128(value, *keys);
+        value = _mm_aesdeclast_si128(value, keys.outer(rounds));
 }
 
 constexpr size_t in_flight = 8;
@@ -137,14 +141,17 @@ AES_INLINE void encrypt(block (&values)[Count], const uint8_t *keys, size_t roun
         value = combine(vaeseq_u8(value, load(keys)), load(keys + 16));
 }
 
-template <size_t Count>
-AES_INLINE void decrypt(block (&values)[Count], const block *keys, size_t rounds)
+template <typename Keys, size_t Count>
+AES_INLINE void decrypt(block (&values)[Count], const Keys &keys, size_t rounds)
 {
-    for (const block *last = keys + rounds - 1; keys < last; ++keys)
+    block key = keys.outer(0);
+    for (size_t round = 1; round < rounds; ++round) {
         for (block &value : values)
-            value = vaesimcq_u8(vaesdq_u8(value, keys[0]));
+            value = vaesimcq_u8(vaesdq_u8(value, key));
+        key = keys.inner(round);
+    }
     for (block &value : values)
-        value = combine(vaesdq_u8(value, keys[0]), keys[1]);
+        value = combine(vaesdq_u8(value, key), keys.outer(rounds));
 }
 
 constexpr size_t in_flight = 8;
@@ -155,13 +162,34 @@ constexpr size_t in_flight = 8;
 // the inverse column mix.
 constexpr size_t most_rounds = 14;
 
-AES_INLINE void load_inverse_keys(block (&keys)[most_rounds + 1], const uint8_t *round_key, size_t rounds)
-{
-    keys[0] = load(round_key + 16 * rounds);
-    for (size_t i = 1; i < rounds; ++i)
-        keys[i] = inverse_mix(load(round_key + 16 * (rounds - i)));
-    keys[rounds] = load(round_key);
-}
+// Mixes each key when it is its turn: for a block alone, which has to wait for its rounds anyway.
+struct keys_on_the_way {
+    const uint8_t *round_key;
+    size_t rounds;
+
+    AES_INLINE block outer(size_t round) const { return load(round_key + 16 * (rounds - round)); }
+    AES_INLINE block inner(size_t round) const { return inverse_mix(outer(round)); }
+};
+
+// Mixed once for many blocks.
+struct keys_at_hand {
+    block keys[most_rounds + 1];
+
+    AES_INLINE keys_at_hand(const uint8_t *round_key, size_t rounds)
+    {
+        const keys_on_the_way source{round_key, rounds};
+        keys[0] = source.outer(0);
+        for (size_t round = 1; round < rounds; ++round)
+            keys[round] = source.inner(round);
+        keys[rounds] = source.outer(rounds);
+    }
+    ~keys_at_hand() { explicit_bzero(keys, sizeof keys); }
+    keys_at_hand(const keys_at_hand &) = delete;
+    keys_at_hand &operator=(const keys_at_hand &) = delete;
+
+    AES_INLINE block outer(size_t round) const { return keys[round]; }
+    AES_INLINE block inner(size_t round) const { return keys[round]; }
+};
 
 template <size_t Count>
 AES_INLINE void load_blocks(block (&values)[Count], const uint8_t *from)
@@ -185,8 +213,17 @@ uint64_t whole_blocks(uint64_t size)
 
 // --- steps over `Count` blocks at once
 
-template <size_t Count>
-AES_INLINE void cbc_decrypt_step(uint8_t *data, block &chain, const block *keys, size_t rounds)
+template <size_t Count, typename Keys>
+AES_INLINE void ecb_decrypt_step(uint8_t *data, const Keys &keys, size_t rounds)
+{
+    block values[Count];
+    load_blocks(values, data);
+    decrypt(values, keys, rounds);
+    store_blocks(data, values);
+}
+
+template <size_t Count, typename Keys>
+AES_INLINE void cbc_decrypt_step(uint8_t *data, block &chain, const Keys &keys, size_t rounds)
 {
     block received[Count];
     load_blocks(received, data);
@@ -256,19 +293,13 @@ AES_CODE void ecb_encrypt(uint8_t *data, uint64_t size, uint8_t *, const uint8_t
 AES_CODE void ecb_decrypt(uint8_t *data, uint64_t size, uint8_t *, const uint8_t *round_key, size_t rounds)
 {
     uint64_t blocks = size / 16;
-    block keys[most_rounds + 1];
-    load_inverse_keys(keys, round_key, rounds);
-    for (; blocks >= in_flight; blocks -= in_flight, data += 16 * in_flight) {
-        block values[in_flight];
-        load_blocks(values, data);
-        decrypt(values, keys, rounds);
-        store_blocks(data, values);
-    }
-    for (; blocks > 0; --blocks, data += 16) {
-        block value[1] = {load(data)};
-        decrypt(value, keys, rounds);
-        store(data, value[0]);
-    }
+    if (blocks == 1)
+        return ecb_decrypt_step<1>(data, keys_on_the_way{round_key, rounds}, rounds);
+    const keys_at_hand keys(round_key, rounds);
+    for (; blocks >= in_flight; blocks -= in_flight, data += 16 * in_flight)
+        ecb_decrypt_step<in_flight>(data, keys, rounds);
+    for (; blocks > 0; --blocks, data += 16)
+        ecb_decrypt_step<1>(data, keys, rounds);
 }
 
 AES_CODE void cbc_encrypt(uint8_t *data, uint64_t size, uint8_t *iv, const uint8_t *round_key, size_t rounds)
@@ -286,13 +317,16 @@ AES_CODE void cbc_encrypt(uint8_t *data, uint64_t size, uint8_t *iv, const uint8
 AES_CODE void cbc_decrypt(uint8_t *data, uint64_t size, uint8_t *iv, const uint8_t *round_key, size_t rounds)
 {
     uint64_t blocks = whole_blocks(size);
-    block keys[most_rounds + 1];
-    load_inverse_keys(keys, round_key, rounds);
     block chain = load(iv);
-    for (; blocks >= in_flight; blocks -= in_flight, data += 16 * in_flight)
-        cbc_decrypt_step<in_flight>(data, chain, keys, rounds);
-    for (; blocks > 0; --blocks, data += 16)
-        cbc_decrypt_step<1>(data, chain, keys, rounds);
+    if (blocks == 1) {
+        cbc_decrypt_step<1>(data, chain, keys_on_the_way{round_key, rounds}, rounds);
+    } else {
+        const keys_at_hand keys(round_key, rounds);
+        for (; blocks >= in_flight; blocks -= in_flight, data += 16 * in_flight)
+            cbc_decrypt_step<in_flight>(data, chain, keys, rounds);
+        for (; blocks > 0; --blocks, data += 16)
+            cbc_decrypt_step<1>(data, chain, keys, rounds);
+    }
     store(iv, chain);
 }
 

@@ -220,7 +220,7 @@ TEST_F(builtin_plugin, serves_many_threads)
     const temporary_directory directory;
     const std::string path = directory.file("file", "content");
     kestal_destroy_ctx(id_); // so that the plugin itself comes and goes
-    kestal_test::in_threads(6, [&path](int) {
+    kestal_test::on_threads(6, [&path](size_t) {
         for (int i = 0; i < 50; ++i) {
             const uint32_t stream = kestal_open_ctx_stream(path.c_str(), "rb", 0);
             char text[8] = {};

@@ -1,13 +1,9 @@
 #include "support.hpp"
 
-#include "../source/processor.hpp"
-
-using namespace kestal::processor;
+using kestal_test::noise;
+using kestal_test::on_every_path;
 
 namespace {
-
-// Portable code, the narrower instructions, and everything there is.
-constexpr uint32_t paths[] = {0, every_feature & ~(avx2 | vpclmul), every_feature};
 
 // One check of the library, and what defines it.
 struct crc {
@@ -46,15 +42,6 @@ constexpr crc crcs[] = {
     {"iso", widened<kestal_crc64_iso, uint64_t>, 64, 0xD800000000000000, true, 0xB90956C775A41001},
 };
 
-std::string noise(size_t length)
-{
-    std::string bytes(length, '\0');
-    uint32_t state = 1;
-    for (char &byte : bytes)
-        byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
-    return bytes;
-}
-
 TEST(crc, continues_complements_and_takes_null)
 {
     const std::string digits = "123456789";
@@ -62,8 +49,8 @@ TEST(crc, continues_complements_and_takes_null)
         SCOPED_TRACE(check.name);
         EXPECT_EQ(check.update(0, 0, digits.data(), 9), check.of_digits);
         EXPECT_EQ(check.update(0, check.update(0, 0, digits.data(), 4), digits.data() + 4, 5), check.of_digits);
-        EXPECT_EQ(check.update(0, 0x1234, nullptr, 9), 0x1234u);
-        EXPECT_EQ(check.update(1, 0x1234, nullptr, 9), 0x1234u);
+        for (const int32_t raw : {0, 1})
+            EXPECT_EQ(check.update(raw, 0x1234, nullptr, 9), 0x1234u);
         EXPECT_EQ(check.update(0, 0x1234, "", 0), 0x1234u);
         EXPECT_EQ(check.update(1, 0x1234, "", 0), check.complemented ? ~uint64_t{0x1234} & check.mask() : 0x1234u);
         EXPECT_EQ(check.update(1, 0x1234, "ab", 2), check.bit_by_bit(1, 0x1234, "ab"));
@@ -73,18 +60,15 @@ TEST(crc, continues_complements_and_takes_null)
 TEST(crc, every_length_and_place_gives_what_the_definition_gives)
 {
     const std::string data = noise(3000);
-    for (const uint32_t path : paths) {
-        allow_only(path);
-        for (const crc &check : crcs) {
+    on_every_path([&data] {
+        for (const crc &check : crcs)
             for (size_t length = 0; length <= data.size(); length += length < 300 ? 1 : 127) {
                 const size_t place = length % 17 < data.size() - length ? length % 17 : 0;
                 const std::string part = data.substr(place, length);
-                ASSERT_EQ(check.update(0, length, data.data() + place, length), check.bit_by_bit(0, length, part))
-                    << check.name << ", " << length << " bytes, path " << path;
+                ASSERT_EQ(check.update(0, length, &data[place], length), check.bit_by_bit(0, length, part))
+                    << check.name << ", " << length << " bytes";
             }
-        }
-    }
-    allow_only(every_feature);
+    });
 }
 
 uint32_t adler_byte_by_byte(uint32_t adler, const std::string &data)
@@ -101,19 +85,17 @@ TEST(adler32, every_length_and_start_gives_what_the_definition_gives)
 {
     const std::string data = noise(2000);
     const std::string highest((2 << 20) + 77, '\xFF'); // what overflows first
-    for (const uint32_t path : paths) {
-        allow_only(path);
+    on_every_path([&] {
         for (size_t length = 0; length <= data.size(); length += length < 300 ? 1 : 127)
             ASSERT_EQ(kestal_update_adler32(1, data.data() + data.size() - length, length),
                       adler_byte_by_byte(1, data.substr(data.size() - length)))
-                << length << " bytes, path " << path;
+                << length << " bytes";
         for (const uint32_t start : {1u, 0xFFFFFFFFu})
             EXPECT_EQ(kestal_update_adler32(start, highest.data(), highest.size()), adler_byte_by_byte(start, highest));
         EXPECT_EQ(kestal_update_adler32(kestal_update_adler32(1, "Wiki", 4), "pedia", 5), 0x11E60398u);
-    }
+    });
     EXPECT_EQ(kestal_update_adler32(0xFFFFFFFF, "", 0), 0xFFFFFFFFu);
     EXPECT_EQ(kestal_update_adler32(7, nullptr, 5), 7u);
-    allow_only(every_feature);
 }
 
 } // namespace

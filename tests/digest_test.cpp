@@ -1,31 +1,25 @@
 #include "support.hpp"
 
-#include "../source/processor.hpp"
-
 #include <algorithm>
 
 using kestal_test::counted;
+using kestal_test::noise;
 
 namespace {
 
-std::string bytes_to_length(size_t length)
-{
-    std::string bytes(length, '\0');
-    for (size_t i = 0; i < length; ++i)
-        bytes[i] = static_cast<char>(i * 7 + i / 256);
-    return bytes;
-}
-
 // The algorithms under one shape, and the answers of others' implementations.
+#define FUNCTIONS(NAME, SIZE)                                                                                          \
+    using context = kestal_##NAME##_t;                                                                                 \
+    static constexpr auto open = kestal_open_##NAME;                                                                   \
+    static constexpr auto close = kestal_close_##NAME;                                                                 \
+    static constexpr auto init = kestal_init_##NAME;                                                                   \
+    static constexpr auto push = kestal_##NAME##_push;                                                                 \
+    static constexpr auto push_file = kestal_##NAME##_push_file;                                                       \
+    static constexpr auto digest = kestal_##NAME##_digest;                                                             \
+    static constexpr size_t size = SIZE
+
 struct md5 {
-    using context = kestal_md5_t;
-    static constexpr auto open = kestal_open_md5;
-    static constexpr auto close = kestal_close_md5;
-    static constexpr auto init = kestal_init_md5;
-    static constexpr auto push = kestal_md5_push;
-    static constexpr auto push_file = kestal_md5_push_file;
-    static constexpr auto digest = kestal_md5_digest;
-    static constexpr size_t size = KESTAL_MD5_DIGEST_SIZE;
+    FUNCTIONS(md5, KESTAL_MD5_DIGEST_SIZE);
     static void set_length(context &at, uint64_t bytes)
     {
         at.m_bit_count[0] = static_cast<uint32_t>(bytes * 8);
@@ -34,50 +28,35 @@ struct md5 {
     static constexpr const char *empty = "D41D8CD98F00B204E9800998ECF8427E";
     static constexpr const char *abc = "900150983CD24FB0D6963F7D28E17F72";
     static constexpr const char *million = "7707D6AE4E027C70EEA2A935C2296F21";
-    static constexpr const char *every_length = "A39D8031640666AD846D95A58C1F1A03";
-    static constexpr const char *file = "842E460452664B53767DA3985CE90677";
+    static constexpr const char *every_length = "7DD9E96D52B765455EF296CB758CD215";
+    static constexpr const char *file = "6711A87C11348A853120DF93FC678EEA";
     static constexpr const char *behind_512_mib = "43BD3594D00D11365A4A72E32928605E";
 };
 
 struct sha1 {
-    using context = kestal_sha1_t;
-    static constexpr auto open = kestal_open_sha1;
-    static constexpr auto close = kestal_close_sha1;
-    static constexpr auto init = kestal_init_sha1;
-    static constexpr auto push = kestal_sha1_push;
-    static constexpr auto push_file = kestal_sha1_push_file;
-    static constexpr auto digest = kestal_sha1_digest;
-    static constexpr size_t size = KESTAL_SHA1_DIGEST_SIZE;
+    FUNCTIONS(sha1, KESTAL_SHA1_DIGEST_SIZE);
     static void set_length(context &at, uint64_t bytes) { at.m_byte_count = bytes; }
     static constexpr const char *empty = "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709";
     static constexpr const char *abc = "A9993E364706816ABA3E25717850C26C9CD0D89D";
     static constexpr const char *million = "34AA973CD4C4DAA4F61EEB2BDBAD27316534016F";
-    static constexpr const char *every_length = "80E21E5B5DF4F430106E9B56710EDD8CA7836320";
-    static constexpr const char *file = "1D52A25DB64310EA3C1F1956687896CA30AD51FD";
+    static constexpr const char *every_length = "82FA681882E216468817EB177E7BD316F8CDCBFE";
+    static constexpr const char *file = "C796603484EA3ADD06BAAF8284875A1EC0EE9B08";
     static constexpr const char *behind_512_mib = "BA0DAC59BA21DDD0B1FD19FE08B68B0302C1468B";
     static constexpr const char *abc_padding_def = "E17BE75B08A7E926498DA4BC47F3CB6E1F20B125";
 };
 
 struct sha256 {
-    using context = kestal_sha256_t;
-    static constexpr auto open = kestal_open_sha256;
-    static constexpr auto close = kestal_close_sha256;
-    static constexpr auto init = kestal_init_sha256;
-    static constexpr auto push = kestal_sha256_push;
-    static constexpr auto push_file = kestal_sha256_push_file;
-    static constexpr auto digest = kestal_sha256_digest;
-    static constexpr size_t size = KESTAL_SHA256_DIGEST_SIZE;
+    FUNCTIONS(sha256, KESTAL_SHA256_DIGEST_SIZE);
     static void set_length(context &at, uint64_t bytes) { at.m_byte_count = bytes; }
     static constexpr const char *empty = "E3B0C44298FC1C149AFBF4C8996FB92427AE41E4649B934CA495991B7852B855";
     static constexpr const char *abc = "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD";
     static constexpr const char *million = "CDC76E5C9914FB9281A1C7E284D73E67F1809A48A497200E046D39CCC7112CD0";
-    static constexpr const char *every_length = "37C4DEA4792819683234A2A82A4A9E4279E80E78E8FDAA3D7833E5A95E9AAC55";
-    static constexpr const char *file = "7377BD9A05774B2D5F18E32420ECDD089BEA3B1222C2F991E35DFF89BE109BD2";
+    static constexpr const char *every_length = "B02275D18A1DE3F8DC11A8F5A6BDC8006B6DE6E4DBA31BEE48C075F6A88FFAFA";
+    static constexpr const char *file = "734221AF446A8A2FBC1F9B58FFC476A07EDC8848A872C098FF6418B9658CED6D";
     static constexpr const char *behind_512_mib = "94BC1DEFB4C95C0ED8C091202FAAE38C5330AE0AAEC1D61EF79EC3DEE7D42AD6";
     static constexpr const char *abc_padding_def = "E7C14C6EF0DBC9F6023A9DAE7563D3E8D1880B37BBFE252035124725B78B1B76";
 };
 
-// Every test runs on the processor's instructions and on the portable code.
 template <typename Algorithm>
 class digest : public counted {
 protected:
@@ -89,15 +68,6 @@ protected:
             EXPECT_EQ(Algorithm::push(&context, &message[done], std::min(piece, message.size() - done)), 0);
         return Algorithm::digest(&context, nullptr);
     }
-
-    template <typename Scenario>
-    static void on_every_path(Scenario scenario)
-    {
-        for (const uint32_t features : {0u, kestal::processor::every_feature}) {
-            kestal::processor::allow_only(features);
-            scenario();
-        }
-    }
 };
 
 using algorithms = testing::Types<md5, sha1, sha256>;
@@ -105,8 +75,8 @@ TYPED_TEST_SUITE(digest, algorithms);
 
 TYPED_TEST(digest, agrees_with_the_standard_however_a_message_is_split)
 {
-    const std::string message = bytes_to_length(300);
-    this->on_every_path([&message] {
+    const std::string message = noise(300);
+    kestal_test::on_every_path([&message] {
         EXPECT_EQ(digest<TypeParam>::of(""), TypeParam::empty);
         EXPECT_EQ(digest<TypeParam>::of("abc"), TypeParam::abc);
         EXPECT_EQ(digest<TypeParam>::of(std::string(1000000, 'a'), 997), TypeParam::million);
@@ -136,7 +106,7 @@ TYPED_TEST(digest, agrees_with_the_standard_however_a_message_is_split)
 TYPED_TEST(digest, reads_files_of_any_length)
 {
     const kestal_test::temporary_directory directory;
-    const std::string path = directory.file("data", bytes_to_length(100001));
+    const std::string path = directory.file("data", noise(100001));
     kestal_test::with_each_allocation_failing([&path] {
         auto *context = TypeParam::open();
         if (TypeParam::push_file(context, path.c_str()) == 0) {
@@ -156,17 +126,12 @@ TYPED_TEST(digest, reads_files_of_any_length)
 TYPED_TEST(digest, refuses_nulls)
 {
     typename TypeParam::context context;
-    uint8_t out[TypeParam::size];
     EXPECT_EQ(TypeParam::init(nullptr), nullptr);
     EXPECT_EQ(TypeParam::close(nullptr), nullptr);
-    EXPECT_EQ(TypeParam::push(nullptr, "a", 1), -1);
-    EXPECT_EQ(TypeParam::push_file(nullptr, "/dev/null"), -1);
-    EXPECT_EQ(TypeParam::digest(nullptr, out), nullptr);
-    EXPECT_EQ(TypeParam::push(TypeParam::init(&context), nullptr, 1), -1);
-    EXPECT_EQ(TypeParam::push(&context, nullptr, 0), 0);
-    EXPECT_EQ(TypeParam::push_file(&context, nullptr), -1);
-    EXPECT_STREQ(TypeParam::digest(&context, nullptr), TypeParam::empty);
+    EXPECT_EQ(TypeParam::digest(nullptr, nullptr), nullptr);
+    EXPECT_EQ(TypeParam::push(nullptr, "a", 1) + TypeParam::push_file(nullptr, "/dev/null"), -2);
     TypeParam::push(TypeParam::init(&context), "abc", 3);
+    EXPECT_EQ(TypeParam::push(&context, nullptr, 1) + TypeParam::push_file(&context, nullptr), -2);
     EXPECT_EQ(TypeParam::push(&context, nullptr, 0), 0);
     EXPECT_STREQ(TypeParam::digest(&context, nullptr), TypeParam::abc);
 }
@@ -186,7 +151,7 @@ TEST_F(digest_end, md5_stays_open_behind_a_digest)
 }
 
 template <typename Sha>
-void expect_padded_by_its_digest()
+void check_end()
 {
     typename Sha::context context;
     uint8_t first[Sha::size], second[Sha::size];
@@ -197,14 +162,12 @@ void expect_padded_by_its_digest()
     EXPECT_TRUE(std::ranges::equal(first, second));
     Sha::push(&context, "def", 3);
     EXPECT_STREQ(Sha::digest(&context, nullptr), Sha::abc_padding_def);
-    Sha::push(Sha::init(&context), "abc", 3);
-    EXPECT_STREQ(Sha::digest(&context, nullptr), Sha::abc);
 }
 
 TEST_F(digest_end, sha_pads_the_context_itself_and_repeats_its_digest)
 {
-    expect_padded_by_its_digest<sha1>();
-    expect_padded_by_its_digest<sha256>();
+    check_end<sha1>();
+    check_end<sha256>();
 }
 
 } // namespace

@@ -110,7 +110,7 @@ TEST_F(instance, the_global_registry_lives_while_it_holds_an_id)
     kestal_ginstance_delete(0);
 
     // Threads share it while it comes and goes.
-    kestal_test::in_threads(4, [](int t) {
+    kestal_test::on_threads(4, [](size_t t) {
         for (int i = 0; i < 300; ++i) {
             const uint32_t id = kestal_ginstance_new_ex(&objects[t], "a/b", nullptr);
             EXPECT_EQ(kestal_ginstance_search(id, nullptr), &objects[t]);

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <sstream>
 
 #include <fcntl.h>
@@ -15,16 +14,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace {
+using kestal_test::noise;
 
-std::string random_bytes(size_t size)
-{
-    std::string bytes(size, '\0');
-    std::minstd_rand numbers(1);
-    for (char &byte : bytes)
-        byte = static_cast<char>(numbers());
-    return bytes;
-}
+namespace {
 
 class kestal_get : public testing::Test {
 protected:
@@ -63,7 +55,7 @@ protected:
 
 TEST_F(kestal_get, copies_and_agrees_with_other_programs)
 {
-    const std::string bytes = random_bytes(3 * 1048576 + 17);
+    const std::string bytes = noise(3 * 1048576 + 17);
     directory_.file("source", bytes);
     const std::string expected =
         output_of("echo \"size    $(stat -c %s source) bytes\";"
@@ -125,25 +117,13 @@ TEST_F(kestal_get, ends_streams_that_do_not)
     close(open_end);
 }
 
-TEST_F(kestal_get, fetches_from_sockets)
+TEST_F(kestal_get, fetches_datagrams)
 {
-    const std::string bytes = random_bytes(3000000);
-    const int32_t listening = kestal_open_listen_socket("127.0.0.1", 0);
+    const int32_t held = kestal_open_listen_socket("127.0.0.1", 0); // its number serves
     sockaddr_storage name;
     uint32_t length = sizeof name;
-    ASSERT_EQ(kestal_getsockname(listening, &name, &length), 0);
+    ASSERT_EQ(kestal_getsockname(held, &name, &length), 0);
     const auto port = static_cast<int32_t>(kestal_sockaddr_get_port(&name));
-    std::thread server([&] {
-        const int32_t peer = kestal_accept(listening, nullptr, nullptr, 30000);
-        for (size_t sent = 0; sent < bytes.size();)
-            sent += static_cast<size_t>(kestal_send(peer, bytes.data() + sent, bytes.size() - sent, -1));
-        kestal_close_socket(peer);
-    });
-    EXPECT_EQ(run("$get -q tcp://127.0.0.1:" + std::to_string(port) + "/ -o copy"), 0) << err_;
-    server.join();
-    EXPECT_EQ(file("copy"), bytes);
-    kestal_close_socket(listening);
-
     std::atomic<bool> is_done{false};
     std::thread sender([&] {
         while (!is_done)
@@ -152,12 +132,13 @@ TEST_F(kestal_get, fetches_from_sockets)
     EXPECT_EQ(run("$get -q --bytes 24 udp://127.0.0.1:" + std::to_string(port)), 0) << err_;
     is_done = true;
     sender.join();
+    kestal_close_socket(held);
     EXPECT_EQ(out_, "datagramdatagramdatagram");
 }
 
 TEST_F(kestal_get, says_what_went_wrong_and_leaves_the_old_file)
 {
-    directory_.file("source", random_bytes(200000));
+    directory_.file("source", noise(200000));
     directory_.file("old", "old");
     directory_.file("digits", "0123456789");
     std::filesystem::create_directory(directory_.path("folder"));
@@ -209,7 +190,7 @@ TEST_F(kestal_get, puts_the_file_where_a_link_points_and_keeps_its_mode)
 
 TEST_F(kestal_get, draws_a_bar_on_a_terminal)
 {
-    directory_.file("source", random_bytes(100000));
+    directory_.file("source", noise(100000));
     // script(1) gives the program a terminal.
     if (run("command -v script") != 0)
         GTEST_SKIP() << "no script(1) here";

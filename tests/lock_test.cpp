@@ -211,13 +211,13 @@ TEST_F(lock, without_descriptors_waiters_look_for_themselves)
 TEST_F(lock, null_is_reported_or_refused_and_memory_may_run_out)
 {
     const kestal_test::caught_assertions reports;
-    std::vector<std::string> expected(3, "s_this_lock != ((kestal_lock_t *)0)");
-    expected.insert(expected.end(), 3, "s_lock_condition != ((kestal_lock_condition_t *)0)");
+    const std::string of_lock = "s_this_lock != ((kestal_lock_t *)0)";
+    const std::string of_condition = "s_lock_condition != ((kestal_lock_condition_t *)0)";
     EXPECT_EQ(kestal_init_lock(nullptr), nullptr);
-    EXPECT_EQ(kestal_uninit_lock(nullptr) + kestal_free_lock(nullptr), -2);
     EXPECT_EQ(kestal_init_lock_condition(nullptr), nullptr);
+    EXPECT_EQ(kestal_uninit_lock(nullptr) + kestal_free_lock(nullptr), -2);
     EXPECT_EQ(kestal_uninit_lock_condition(nullptr) + kestal_free_lock_condition(nullptr), -2);
-    EXPECT_EQ(reports.messages(), expected);
+    EXPECT_EQ(reports.messages(), (std::vector{of_lock, of_condition, of_lock, of_lock, of_condition, of_condition}));
     EXPECT_EQ(kestal_try_lock(nullptr), 0);
     EXPECT_EQ(kestal_lock(nullptr) + kestal_unlock(nullptr) + kestal_lock_condition_wait(nullptr, nullptr), -3);
     EXPECT_EQ(kestal_lock_condition_wakeup(nullptr) + kestal_lock_condition_wakeup_broadcast(nullptr), -2);
@@ -239,26 +239,23 @@ TEST_F(lock, null_is_reported_or_refused_and_memory_may_run_out)
 
 TEST_F(lock, many_threads_take_turns)
 {
-    constexpr int count = 8, rounds = 300;
-    int turn = 0;
+    constexpr size_t count = 8, rounds = 300;
+    size_t turn = 0;
     lock_.m_flags |= KESTAL_LOCK_RECURSIVE;
-    std::vector<std::jthread> threads;
-    for (int t = 0; t < count; ++t)
-        threads.emplace_back([&, t] {
-            for (int i = 0; i < rounds; ++i) {
-                for (int tries = t % 3; tries > 0; --tries)
-                    if (take(1) == 0)
-                        give();
-                EXPECT_EQ(take(), 0);
-                while (turn % count != t)
-                    EXPECT_EQ(sleep(t % 2 == 0 ? 1 : forever), 0);
-                EXPECT_EQ(kestal_try_lock(&lock_), 1);
-                ++turn;
-                kestal_lock_condition_wakeup_broadcast(&condition_);
-                give(2);
-            }
-        });
-    threads.clear();
+    kestal_test::on_threads(count, [&](size_t thread) {
+        for (size_t i = 0; i < rounds; ++i) {
+            for (size_t tries = thread % 3; tries > 0; --tries)
+                if (take(1) == 0)
+                    give();
+            EXPECT_EQ(take(), 0);
+            while (turn % count != thread)
+                EXPECT_EQ(sleep(thread % 2 == 0 ? 1 : forever), 0);
+            EXPECT_EQ(kestal_try_lock(&lock_), 1);
+            ++turn;
+            kestal_lock_condition_wakeup_broadcast(&condition_);
+            give(2);
+        }
+    });
     EXPECT_EQ(turn, count * rounds);
     EXPECT_EQ(kestal_uninit_lock_condition(&condition_) + kestal_uninit_lock(&lock_), 0);
 }

@@ -179,7 +179,7 @@ TEST_F(plugin, is_initialised_by_one_of_many_loaders_while_the_others_wait)
     };
     for (const int32_t expected : {0, -1}) {
         result = expected;
-        kestal_test::in_threads(crowd, [](int) { EXPECT_EQ(load_probe("probe.so"), result == 0 ? 0u : none); });
+        kestal_test::on_threads(crowd, [](size_t) { EXPECT_EQ(load_probe("probe.so"), result == 0 ? 0u : none); });
         EXPECT_EQ(probe_->m_uninitialized, 0);
         for (int i = 0; i < crowd && result == 0; ++i)
             kestal_unload_plugin(0);
@@ -241,8 +241,8 @@ TEST_F(plugin, is_loaded_anew_only_when_it_has_left)
 TEST_F(plugin, comes_and_goes_in_many_threads_and_without_memory)
 {
     probe_->m_on_initialize = [] { return probe_->m_initialized % 3 == 0 ? -1 : 0; };
-    kestal_test::in_threads(crowd, [](int t) {
-        for (int i = 0; i < 50; ++i)
+    kestal_test::on_threads(crowd, [](size_t t) {
+        for (size_t i = 0; i < 50; ++i)
             if (t == 0)
                 kestal_unload_all_plugin();
             else

@@ -159,12 +159,10 @@ TEST_F(service, carries_flags_and_data_for_its_users_and_null_is_refused)
 
 TEST_F(service, many_open_and_close_at_once)
 {
-    std::vector<std::jthread> threads;
-    for (int t = 0; t < 6; ++t)
-        threads.emplace_back([limit = t % 2 == 0 ? -1 : 0] {
-            for (int i = 0; i < 50; ++i)
-                EXPECT_EQ(kestal_close_service_ex(open("one of many", until_break), limit), 0);
-        });
+    kestal_test::on_threads(6, [](size_t thread) {
+        for (int i = 0; i < 50; ++i)
+            EXPECT_EQ(kestal_close_service_ex(open("one of many", until_break), thread % 2 == 0 ? -1 : 0), 0);
+    });
 }
 
 } // namespace

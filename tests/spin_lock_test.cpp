@@ -62,22 +62,19 @@ TEST_F(spin_lock, null_is_reported_or_ignored_and_memory_may_run_out)
 TEST_F(spin_lock, many_readers_never_see_a_writer_at_work)
 {
     int left = 0, right = 0;
-    std::vector<std::jthread> threads;
-    for (int t = 0; t < 8; ++t)
-        threads.emplace_back([&, writes = t < 3] {
-            for (int i = 0; i < 200; ++i) {
-                if (writes) {
-                    kestal_spin_lock(&lock_);
-                    ++left;
-                    ++right;
-                } else {
-                    EXPECT_EQ(kestal_reference_spin_lock_timeout(&lock_, shared, -1), 1);
-                    EXPECT_EQ(left, right);
-                }
-                kestal_spin_unlock(&lock_);
+    kestal_test::on_threads(8, [&](size_t thread) {
+        for (int i = 0; i < 200; ++i) {
+            if (thread < 3) {
+                kestal_spin_lock(&lock_);
+                ++left;
+                ++right;
+            } else {
+                EXPECT_EQ(kestal_reference_spin_lock_timeout(&lock_, shared, -1), 1);
+                EXPECT_EQ(left, right);
             }
-        });
-    threads.clear();
+            kestal_spin_unlock(&lock_);
+        }
+    });
     EXPECT_EQ(left, 600);
     EXPECT_EQ(kestal_try_spin_lock(&lock_), 1);
 }

@@ -153,18 +153,15 @@ TEST_F(thread, many_threads_start_many_jobs)
 {
     const auto previous = kestal_exchange_signal(SIGUSR1, 0, [](int) {});
     std::atomic<int> done{0};
-    std::vector<std::jthread> starters;
-    for (int t = 0; t < 6; ++t)
-        starters.emplace_back([&, t] {
-            for (int i = 0; i < 200; ++i) {
-                if (i % 50 == 0)
-                    kestal_set_thread_pool(static_cast<uint64_t>(t), static_cast<uint64_t>(i / 50));
-                const auto run = [](void *argument) { ++*static_cast<std::atomic<int> *>(argument); };
-                EXPECT_EQ(kestal_detached_thread_ex(run, &done, i % 2 == 0 ? 0 : 1 << 18), 0);
-                kill(getpid(), SIGUSR1); // idle workers are woken by what is no call
-            }
-        });
-    starters.clear();
+    kestal_test::on_threads(6, [&](size_t number) {
+        for (uint64_t i = 0; i < 200; ++i) {
+            if (i % 50 == 0)
+                kestal_set_thread_pool(number, i / 50);
+            const auto run = [](void *argument) { ++*static_cast<std::atomic<int> *>(argument); };
+            EXPECT_EQ(kestal_detached_thread_ex(run, &done, i % 2 == 0 ? 0 : 1 << 18), 0);
+            kill(getpid(), SIGUSR1); // idle workers are woken by what is no call
+        }
+    });
     EXPECT_EQ(kestal_thread_pool_wait(60000), 0);
     EXPECT_EQ(done, 1200);
     kestal_exchange_signal(SIGUSR1, 0, previous);

@@ -40,10 +40,10 @@
  * (color.h): the device's colour map is saved, for the application to set its own, and put back when the context
  * closes. Without a device that can be used the refusal is 1.
  *
- * Any other type or scheme is refused with last error 3, so that another plugin may serve it; a file or socket
- * that cannot be opened is refused with 1 and leaves errno as the system set it, as every failing operation does. A hang-up counts as
- * readable. Only files can be sought; they and FTP transfers (0 when
- * the server does not say) tell their size (KESTAL_CTX_CONTROL_GET_SIZE). main returns 1.
+ * Any other type or scheme is refused with last error 3, so that another plugin may serve it; a file or socket that
+ * cannot be opened is refused with 1 and leaves errno as the system set it, as every failing operation does. A hang-up
+ * counts as readable. Only files can be sought; they and FTP transfers (0 when the server does not say) tell their size
+ * (KESTAL_CTX_CONTROL_GET_SIZE). main returns 1.
  */
 #ifndef KESTAL_ULX_BUILTIN_PLUGIN_H
 #define KESTAL_ULX_BUILTIN_PLUGIN_H

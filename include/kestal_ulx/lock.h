@@ -24,7 +24,7 @@ KESTAL_BEGIN_DECLS
 #define KESTAL_LOCK_RECURSIVE 0x100u    /**< the owning thread may lock again */
 #define KESTAL_LOCK_ALLOCATED 0x8000u   /**< made by kestal_new_lock */
 
-/** The time-out "all ones": no limit, or the lock's own default where one is set. */
+/** All ones: for a wait no limit, as a lock's default time-out 1,800,000 ms. */
 #define KESTAL_LOCK_NO_TIMEOUT UINT32_MAX
 
 /** One thread's hold on, or wait for, a lock. */
@@ -181,7 +181,8 @@ KESTAL_API int32_t kestal_free_lock_condition_tag(kestal_lock_condition_t *condi
 
 /**
  * Waits until woken, or for `timeout` milliseconds (all ones: without limit). `lock`, which may be null, is unlocked
- * once the caller is in the line of waiters, and locked again before the call returns.
+ * when the caller stands in the line of waiters, and locked again before the call returns. It gives back one hold: a
+ * recursive lock that is held more than once stays locked.
  *
  * 0 whether woken or out of time: the caller looks at its own condition again, under its lock. -1 when the lock could
  * not be taken again, or the condition is null. A wake-up that nobody waits for is not remembered.

@@ -45,7 +45,7 @@ struct kestal_service {
     kestal_lock_condition_t m_lock_condition; /**< goes with m_lock: a change of command or status */
     kestal_short_lock_t m_flags_lock;         /**< guards the lock flags and the user data */
     uint32_t m_lock_flags;                    /**< the application's bits */
-    const char *m_name;                       /**< in the reports; not copied */
+    const char *m_name;                       /**< in the reports; the service's own copy */
     uint32_t m_command;                       /**< KESTAL_SERVICE_COMMAND_ value */
     uint32_t m_status;                        /**< KESTAL_SERVICE_STATUS_ value */
     void *m_argument;                         /**< passed to the function */
@@ -100,9 +100,9 @@ KESTAL_API int32_t kestal_check_service(kestal_service_t *service);
 KESTAL_API int32_t kestal_break_service(kestal_service_t *service);
 
 /**
- * Registers what the closer calls, with `argument`, after each of its waits: once the close's own time-out has passed, or
- * without one after 60 seconds and then every 4, and whenever the service's status changes meanwhile. It is dropped when called, unless it returns -1. A null
- * handler takes the registration back. Returns 0, or -1 for a null service.
+ * Registers what the closer calls, with `argument`, after each of its waits: once the close's own time-out has passed,
+ * or without one after 60 seconds and then every 4, and whenever the service's status changes meanwhile. It is dropped
+ * when called, unless it returns -1. A null handler takes the registration back. Returns 0, or -1 for a null service.
  */
 KESTAL_API int32_t kestal_service_register_close_notify_handler(kestal_service_t *service,
                                                                 kestal_service_close_notify_handler_t handler,

@@ -4,9 +4,10 @@
  * unblock and exchange. The first handler of a signal installs the library's dispatcher; with the last one gone, the
  * action that was in force before is put back.
  *
- * Handlers run in signal context, in order of attachment: they may do what a signal handler may do, and must not attach
- * or detach handlers. Everything else may be called from any thread. Handlers do not keep a crash from being one: after a
- * fault of the program's own (SIGSEGV, SIGBUS, SIGFPE, SIGILL) they run once, and then the prior action is met.
+ * Handlers run in signal context, in order of attachment: they may do what a signal handler may do, must not attach or
+ * detach handlers, and must return (a jump out of one makes every later detachment wait for ever). Everything else may be
+ * called from any thread. Handlers do not keep a crash from being one: after a fault of the program's own (SIGSEGV,
+ * SIGBUS, SIGFPE, SIGILL) they run once, and then the prior action is met.
  */
 #ifndef KESTAL_ULX_SIGNAL_H
 #define KESTAL_ULX_SIGNAL_H

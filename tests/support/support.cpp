@@ -1,14 +1,18 @@
 #include "support.hpp"
 
+#include "../../source/processor.hpp"
+
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <limits>
 #include <stdexcept>
+#include <unistd.h>
 
 namespace {
 
@@ -198,13 +202,41 @@ std::string numbers_masked(std::string text, const std::string &before)
     return text;
 }
 
-void in_threads(int count, const std::function<void(int)> &work)
+bool is_on_the_stack(const std::string &bytes)
 {
-    std::vector<std::thread> threads;
-    for (int t = 0; t < count; ++t)
-        threads.emplace_back(work, t);
-    for (std::thread &thread : threads)
-        thread.join();
+#ifdef __SANITIZE_THREAD__
+    return bytes.empty();
+#endif
+    constexpr size_t page = 4096, pages = 8;
+    static char memory[page * pages]; // not on that stack
+    size_t length = 0;
+    const int descriptor = open("/proc/self/mem", O_RDONLY | O_CLOEXEC);
+    const auto here = reinterpret_cast<uintptr_t>(&descriptor);
+    for (size_t i = 1; i <= pages; ++i)
+        if (pread(descriptor, memory + sizeof memory - i * page, page, static_cast<off_t>(here - i * page)) > 0)
+            length += page;
+    close(descriptor);
+    EXPECT_GT(length, 0u);
+    return memmem(memory, sizeof memory, bytes.data(), bytes.size()) != nullptr;
+}
+
+std::string noise(size_t length)
+{
+    std::string bytes(length, '\0');
+    uint32_t state = 1;
+    for (char &byte : bytes)
+        byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
+    return bytes;
+}
+
+void on_every_path(const std::function<void()> &check)
+{
+    using namespace kestal::processor;
+    for (const uint32_t features : {0u, every_feature & ~(avx2 | vpclmul), every_feature}) {
+        SCOPED_TRACE(testing::Message() << "with the features " << std::hex << features);
+        allow_only(features);
+        check();
+    }
 }
 
 std::string colours_named(std::string text)

@@ -125,8 +125,14 @@ void wait_until(Condition condition)
         std::this_thread::yield();
 }
 
-// Runs in so many threads at once, each with its number, to the end of them all.
-void in_threads(int count, const std::function<void(int)> &work);
+// Whether these bytes stand in the stack that the calls before have left. Never where a sanitizer itself leaves copies.
+bool is_on_the_stack(const std::string &bytes);
+
+// So many bytes that look random, the same each time.
+std::string noise(size_t length);
+
+// Runs a check on the portable code, on the narrower of the processor's instructions, and on all that it has.
+void on_every_path(const std::function<void()> &check);
 
 // A directory of the test's own, removed with all in it.
 class temporary_directory {

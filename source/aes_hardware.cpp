@@ -162,6 +162,12 @@ constexpr size_t in_flight = 8;
 // the inverse column mix.
 constexpr size_t most_rounds = 14;
 
+// Keeps the compiler from copying a key to where nobody overwrites it, to have it at hand in every turn of a loop.
+AES_INLINE void forget_copies()
+{
+    __asm__ volatile("" ::: "memory");
+}
+
 // Mixes each key when it is its turn: for a block alone, which has to wait for its rounds anyway.
 struct keys_on_the_way {
     const uint8_t *round_key;
@@ -220,6 +226,7 @@ AES_INLINE void ecb_decrypt_step(uint8_t *data, const Keys &keys, size_t rounds)
     load_blocks(values, data);
     decrypt(values, keys, rounds);
     store_blocks(data, values);
+    forget_copies();
 }
 
 template <size_t Count, typename Keys>
@@ -236,6 +243,7 @@ AES_INLINE void cbc_decrypt_step(uint8_t *data, block &chain, const Keys &keys, 
         values[i] = combine(values[i], received[i - 1]);
     chain = received[Count - 1];
     store_blocks(data, values);
+    forget_copies();
 }
 
 template <size_t Count>

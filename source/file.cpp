@@ -1,6 +1,7 @@
 #include <kestal_ulx/file.h>
 
 #include "deadline.hpp"
+#include "failure.hpp"
 #include "guard.hpp"
 
 #include <algorithm>
@@ -13,6 +14,8 @@
 #include <unistd.h>
 
 namespace {
+
+using kestal::fail_with;
 
 constexpr uint32_t largest_permission = 07777u;
 
@@ -45,12 +48,6 @@ constexpr std::array modifiers = {
     modifier{'n', KESTAL_FILE_NONBLOCK},
     modifier{'e', 0},
 };
-
-int32_t fail(int cause)
-{
-    errno = cause;
-    return -1;
-}
 
 int system_flags(uint32_t flags)
 {
@@ -106,7 +103,7 @@ bool make_directory(const char *path, uint32_t permission)
     struct stat status;
     if (stat(path, &status) != 0)
         return mkdir(path, static_cast<mode_t>(permission & largest_permission)) == 0 || errno == EEXIST;
-    return S_ISDIR(status.st_mode) || fail(ENOTDIR) == 0;
+    return S_ISDIR(status.st_mode) || fail_with(ENOTDIR) == 0;
 }
 
 } // namespace
@@ -115,13 +112,13 @@ int32_t kestal_parse_file_mode(const char *mode, uint32_t *flags, uint32_t *perm
 {
     uint32_t result = mode == nullptr ? 0 : base_flags(*mode);
     if (result == 0)
-        return fail(EINVAL);
+        return fail_with(EINVAL);
     uint32_t seen = 0;
     for (++mode; *mode != '\0' && !(*mode >= '0' && *mode <= '7'); ++mode) {
         const auto found = std::ranges::find(modifiers, *mode, &modifier::letter);
         const uint32_t bit = 1u << (found - modifiers.begin());
         if (found == modifiers.end() || (seen & bit) != 0)
-            return fail(EINVAL);
+            return fail_with(EINVAL);
         seen |= bit;
         result |= found->flags;
     }
@@ -130,7 +127,7 @@ int32_t kestal_parse_file_mode(const char *mode, uint32_t *flags, uint32_t *perm
         bits = bits * 8u + static_cast<uint32_t>(*mode - '0');
     constexpr uint32_t both_kinds = KESTAL_FILE_IMAGE | KESTAL_FILE_TEXT;
     if (*mode != '\0' || bits > largest_permission || (result & both_kinds) == both_kinds)
-        return fail(EINVAL);
+        return fail_with(EINVAL);
     if (flags != nullptr)
         *flags = result;
     if (permission != nullptr)
@@ -141,7 +138,7 @@ int32_t kestal_parse_file_mode(const char *mode, uint32_t *flags, uint32_t *perm
 int32_t kestal_open_file(const char *path, uint32_t flags, uint32_t permission)
 {
     if (path == nullptr || (flags & (KESTAL_FILE_READ | KESTAL_FILE_WRITE)) == 0)
-        return fail(EINVAL);
+        return fail_with(EINVAL);
     int descriptor = -1;
     do
         descriptor = open(path, system_flags(flags), static_cast<mode_t>(permission & largest_permission));
@@ -208,7 +205,7 @@ int64_t kestal_get_file_size(int32_t descriptor)
     if (S_ISREG(status.st_mode))
         return status.st_size;
     if (!S_ISBLK(status.st_mode))
-        return fail(ESPIPE);
+        return fail_with(ESPIPE);
     const off_t here = lseek(descriptor, 0, SEEK_CUR);
     const off_t size = here < 0 ? -1 : lseek(descriptor, 0, SEEK_END);
     return size < 0 || lseek(descriptor, here, SEEK_SET) < 0 ? -1 : size;
@@ -227,10 +224,10 @@ int32_t kestal_set_file_permission(int32_t descriptor, uint32_t permission)
 int32_t kestal_make_parent_directories(const char *path, uint32_t permission)
 {
     if (path == nullptr)
-        return fail(EINVAL);
+        return fail_with(EINVAL);
     const kestal::owned_block<char> directory(kestal_strdup(path), __func__);
     if (!directory)
-        return fail(ENOMEM);
+        return fail_with(ENOMEM);
     char *end = strrchr(directory.get(), '/');
     if (end == nullptr || end == directory.get())
         return 0;

@@ -1,12 +1,12 @@
 // What the rooms of the FTP client share: the engine that moves bytes, the reply reader, commands put together.
 #pragma once
 
+#include "failure.hpp"
 #include "socket_address.hpp"
 
 #include <kestal_ulx/ftp.h>
 #include <kestal_ulx/memory.h>
 
-#include <errno.h>
 #include <string.h>
 
 namespace kestal {
@@ -37,12 +37,6 @@ private:
 inline bool is_empty(const char *text)
 {
     return text == nullptr || text[0] == '\0';
-}
-
-inline int32_t fail_with(int error)
-{
-    errno = error;
-    return -1;
 }
 
 // Closes a socket of the client's and marks it closed; errno stays.

@@ -6,6 +6,7 @@
 #include <kestal_ulx/memory.h>
 #include <kestal_ulx/select.h>
 
+#include "failure.hpp"
 #include "guard.hpp"
 #include "socket_address.hpp"
 
@@ -20,6 +21,7 @@
 
 namespace {
 
+using kestal::fail_with;
 using kestal::family_of;
 using kestal::owned_block;
 using kestal::owned_descriptor;
@@ -37,12 +39,6 @@ size_t capped(uint64_t size)
 const sockaddr *as_sockaddr(const void *address)
 {
     return static_cast<const sockaddr *>(address);
-}
-
-int32_t fail_with(int error)
-{
-    errno = error;
-    return -1;
 }
 
 // --- names

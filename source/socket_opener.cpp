@@ -6,6 +6,7 @@
 #include <kestal_ulx/resolver.h>
 #include <kestal_ulx/socket.h>
 
+#include "failure.hpp"
 #include "guard.hpp"
 #include "socket_address.hpp"
 #include "socket_opener.hpp"
@@ -14,6 +15,7 @@
 
 namespace {
 
+using kestal::fail_with;
 using kestal::family_of;
 using kestal::owned_descriptor;
 using kestal::short_lock_guard;
@@ -32,12 +34,6 @@ void check_network(bool holds, uint64_t line, const char *message)
 {
     if (!holds)
         kestal_assert_fail_tag("./source/socket.c", "__kestal_init_network", line, message);
-}
-
-int32_t fail_with(int error)
-{
-    errno = error;
-    return -1;
 }
 
 bool is_empty(const char *text)

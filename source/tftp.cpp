@@ -7,6 +7,7 @@
 #include <kestal_ulx/socket.h>
 
 #include "deadline.hpp"
+#include "failure.hpp"
 #include "guard.hpp"
 #include "uri.hpp"
 
@@ -17,6 +18,7 @@
 namespace {
 
 using kestal::deadline;
+using kestal::fail_with;
 using kestal::owned_block;
 using kestal::owned_descriptor;
 
@@ -43,12 +45,6 @@ struct own_transfer : kestal_tftp_t {
 own_transfer &own(kestal_tftp_t &tftp)
 {
     return static_cast<own_transfer &>(tftp);
-}
-
-int32_t fail_with(int error)
-{
-    errno = error;
-    return -1;
 }
 
 void store_16(uint8_t *to, uint32_t number)

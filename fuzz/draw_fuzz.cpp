@@ -79,18 +79,13 @@ void set_brush(kestal_fbmap_t *map, input &from)
 {
     const auto flags = from.take<uint8_t>();
     kestal_fbmap_use_brush_color(map, flags & 1u, flags & 2u, flags & 4u);
-    if ((flags & 8u) != 0) {
-        const uint32_t x = from.length(), x_part = from.length(), y = from.length(), y_part = from.length();
-        kestal_fbmap_set_brush_xy_scale(map, x, x_part, y, y_part);
-    }
-    if ((flags & 16u) != 0)
-        kestal_fbmap_set_brush_angle(map, from.take<int32_t>());
-    if ((flags & 32u) != 0) {
-        const int32_t x = from.coordinate(), y = from.coordinate();
-        kestal_fbmap_set_brush_xy_interval(map, x, y);
-    }
-    const int32_t x = from.coordinate(), y = from.coordinate();
+    kestal_fbmap_set_brush_angle(map, (flags & 8u) != 0 ? from.take<int32_t>() : 0);
+    const auto [x, y, width, height] = from.rectangle();
     kestal_fbmap_set_brush_xy(map, x, y);
+    if ((flags & 16u) != 0)
+        kestal_fbmap_set_brush_xy_scale(map, width, from.length(), height, from.length());
+    if ((flags & 32u) != 0)
+        kestal_fbmap_set_brush_xy_interval(map, from.coordinate(), from.coordinate());
 }
 
 void draw_text(input from)

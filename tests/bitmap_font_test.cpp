@@ -10,10 +10,12 @@ namespace {
 using glyph = std::array<uint8_t, KESTAL_BITMAP_FONT_GLYPH_SIZE>;
 
 constexpr uint32_t first_syllable = 0xAC00, last_syllable = 0xD7A3, none = UINT32_MAX;
+constexpr uint8_t untouched = 0xEE;
 
 glyph looked_up(uint32_t code_point, const uint8_t *font = nullptr)
 {
-    glyph buffer{};
+    glyph buffer;
+    buffer.fill(untouched);
     EXPECT_EQ(kestal_get_bitmap_font(nullptr, nullptr, buffer.data(), font, code_point), buffer.data());
     return buffer;
 }
@@ -32,26 +34,30 @@ std::vector<uint8_t> telling_table()
     return table;
 }
 
+const uint8_t *pointed_to(uint32_t code_point, const uint8_t *font = nullptr)
+{
+    uint32_t width = 0, height = 0;
+    const uint8_t *bits = kestal_get_bitmap_font(&width, &height, nullptr, font, code_point);
+    EXPECT_EQ(width, code_point < 256 ? 8u : 16u);
+    EXPECT_EQ(height, 16u);
+    return bits;
+}
+
+// Whether sixteen bytes are copied, and no more.
+bool is_half_copied(uint32_t code_point)
+{
+    const glyph copied = looked_up(code_point);
+    return std::memcmp(copied.data(), pointed_to(code_point), 16) == 0 && copied[16] == untouched;
+}
+
 TEST(bitmap_font, ascii_glyphs_are_copied_or_pointed_to)
 {
     const uint8_t *font = kestal_get_default_bitmap_font_8x16_en_entry();
-    uint32_t width = 0, height = 0;
-    EXPECT_EQ(kestal_get_bitmap_font(&width, &height, nullptr, nullptr, 'A'), font + 'A' * 16);
-    EXPECT_EQ(width, 8u);
-    EXPECT_EQ(height, 16u);
-    glyph buffer;
-    buffer.fill(0xEE);
-    kestal_get_bitmap_font(nullptr, nullptr, buffer.data(), nullptr, 'A');
-    EXPECT_EQ(std::memcmp(buffer.data(), font + 'A' * 16, 16), 0);
-    EXPECT_EQ(buffer[16], 0xEE);
     const std::vector<uint8_t> own(KESTAL_BITMAP_FONT_8X16_EN_SIZE, 0x55);
-    EXPECT_EQ(kestal_get_bitmap_font(nullptr, nullptr, nullptr, own.data(), 127), own.data() + 127 * 16);
-
-    // Above ASCII all are the one unsupported sign, whatever the table.
-    const uint8_t *unsupported = kestal_get_bitmap_font(nullptr, nullptr, nullptr, nullptr, 128);
-    EXPECT_EQ(kestal_get_bitmap_font(nullptr, nullptr, nullptr, own.data(), 200), unsupported);
-    EXPECT_EQ(std::memcmp(looked_up(255, own.data()).data(), unsupported, 16), 0);
-
+    EXPECT_EQ(pointed_to('A'), font + 'A' * 16);
+    EXPECT_EQ(pointed_to(127, own.data()), own.data() + 127 * 16);
+    EXPECT_EQ(pointed_to(200, own.data()), pointed_to(128)); // above ASCII the one unsupported sign, whatever the table
+    EXPECT_TRUE(is_half_copied('A') && is_half_copied(255));
     std::set<std::string> shapes;
     for (uint32_t code_point = 0x20; code_point < 0x7F; code_point++)
         shapes.emplace(reinterpret_cast<const char *>(font + code_point * 16), 16);
@@ -61,30 +67,17 @@ TEST(bitmap_font, ascii_glyphs_are_copied_or_pointed_to)
 TEST(bitmap_font, letters_of_hangul_have_glyphs_of_their_own)
 {
     const uint8_t *font = kestal_get_default_bitmap_font_16x16_ko_entry();
-    const auto pointed_to = [&](uint32_t code_point) {
-        return kestal_get_bitmap_font(nullptr, nullptr, nullptr, nullptr, code_point);
-    };
-    uint32_t width = 0;
-    EXPECT_EQ(kestal_get_bitmap_font(&width, nullptr, nullptr, nullptr, 0x3131), font);
-    EXPECT_EQ(width, 16u);
-    EXPECT_EQ(pointed_to(0x3132), font + 32);
-    EXPECT_EQ(pointed_to(0x3141), font + 6 * 32);
-    EXPECT_EQ(pointed_to(0x314E), font + 18 * 32);
-    EXPECT_EQ(pointed_to(0x314F), font + 152 * 32);
-    EXPECT_EQ(pointed_to(0x3163), font + 172 * 32);
-    EXPECT_EQ(std::memcmp(looked_up(0x3163).data(), font + 172 * 32, 32), 0);
-    EXPECT_EQ(looked_up(0x3131, telling_table().data())[0], 0);
-    EXPECT_EQ(looked_up(0x314E, telling_table().data())[0], 18);
+    for (const auto &[letter, place] :
+         {std::pair{U'ㄱ', 0}, {U'ㄲ', 1}, {U'ㅁ', 6}, {U'ㅎ', 18}, {U'ㅏ', 152}, {U'ㅣ', 172}}) {
+        EXPECT_EQ(pointed_to(letter), font + place * 32) << place;
+        EXPECT_EQ(std::memcmp(looked_up(letter).data(), font + place * 32, 32), 0) << place;
+    }
+    EXPECT_EQ(looked_up(U'ㅎ', telling_table().data())[0], 18);
 
     // Compound consonants, what lies around the letters, and a syllable without a buffer are unsupported.
-    const uint8_t *unsupported = pointed_to(0x3133);
     for (const uint32_t code_point : {256u, 0x3130u, 0x3140u, 0x3164u, 0xABFFu, first_syllable, last_syllable, 0xD7A4u})
-        EXPECT_EQ(pointed_to(code_point), unsupported) << code_point;
-    glyph buffer;
-    buffer.fill(0xEE);
-    kestal_get_bitmap_font(nullptr, nullptr, buffer.data(), nullptr, 0x4E00);
-    EXPECT_EQ(std::memcmp(buffer.data(), unsupported, 16), 0);
-    EXPECT_EQ(buffer[16], 0xEE) << "copied by its upper half only";
+        EXPECT_EQ(pointed_to(code_point), pointed_to(U'ㄳ')) << code_point;
+    EXPECT_TRUE(is_half_copied(U'漢'));
 }
 
 TEST(bitmap_font, syllables_are_composed_of_shapes_that_fit)
@@ -101,12 +94,10 @@ TEST(bitmap_font, syllables_are_composed_of_shapes_that_fit)
         {U'광', 7, 0, 2, 9, 0, 20},     {U'앉', 5, 11, 3, 0, 0, 4},     {U'밭', 5, 7, 3, 0, 0, 24},
         {U'앞', 5, 11, 3, 0, 0, 26},    {U'좋', 1, 12, 1, 8, 0, none},  {last_syllable, 0, 18, 1, 20, 0, none}};
     for (const auto &each : cases) {
-        glyph buffer;
-        buffer.fill(0xEE);
-        kestal_get_bitmap_font(nullptr, nullptr, buffer.data(), table.data(), each.code_point);
-        EXPECT_EQ(buffer[0], each.initial_shape * 19 + each.initial) << std::hex << each.code_point;
-        EXPECT_EQ(buffer[1], each.medial_shape * 21 + each.medial) << std::hex << each.code_point;
-        EXPECT_EQ(buffer[31], each.final == none ? 0 : each.final_shape * 27 + each.final + 1)
+        const glyph shown = looked_up(each.code_point, table.data());
+        EXPECT_EQ(shown[0], each.initial_shape * 19 + each.initial) << std::hex << each.code_point;
+        EXPECT_EQ(shown[1], each.medial_shape * 21 + each.medial) << std::hex << each.code_point;
+        EXPECT_EQ(shown[31], each.final == none ? 0 : each.final_shape * 27 + each.final + 1)
             << std::hex << each.code_point;
     }
 }

@@ -1,11 +1,8 @@
-#include "support.hpp"
+#include "pictures.hpp"
 
 #include <cstring>
 
-using kestal_test::caught_assertions;
-using kestal_test::caught_errors;
-using kestal_test::counted;
-using kestal_test::with_each_allocation_failing;
+using namespace kestal_test;
 
 namespace {
 
@@ -24,18 +21,14 @@ TEST_F(fbmap, is_made_with_what_it_is_given_or_its_parent_has)
     EXPECT_EQ(map.m_flags, KESTAL_FBMAP_INITIALIZED);
     EXPECT_STREQ(map.m_name, "window 3");
     EXPECT_EQ(map.m_context, &root);
-    EXPECT_EQ(kestal_fbmap_get_color_interface(&map), KESTAL_COLOR_DRGB0888);
-    EXPECT_EQ(kestal_fbmap_get_bits_per_pixel(&map), 24u);
-    EXPECT_EQ(kestal_fbmap_get_line_length(&map), 99u);
-    EXPECT_EQ(kestal_fbmap_get_map_size(&map), 99u * 20);
-    EXPECT_EQ(kestal_fbmap_get_x(&map), -5);
-    EXPECT_EQ(kestal_fbmap_get_y(&map), 6);
-    EXPECT_EQ(kestal_fbmap_get_resx(&map), 33u);
-    EXPECT_EQ(kestal_fbmap_get_resy(&map), 20u);
+    EXPECT_EQ((std::vector<uint64_t>{kestal_fbmap_get_color_interface(&map), kestal_fbmap_get_bits_per_pixel(&map),
+                                     kestal_fbmap_get_line_length(&map), kestal_fbmap_get_map_size(&map),
+                                     kestal_fbmap_get_resx(&map), kestal_fbmap_get_resy(&map), map.m_brush.m_fcolor,
+                                     map.m_brush.m_ocolor}),
+              (std::vector<uint64_t>{KESTAL_COLOR_DRGB0888, 24, 99, 99 * 20, 33, 20, 0xFFFFFF, 0}));
+    EXPECT_EQ(std::pair(kestal_fbmap_get_x(&map), kestal_fbmap_get_y(&map)), std::pair(-5, 6));
     EXPECT_EQ(kestal_fbmap_get_map(&map), nullptr);
     EXPECT_NE(kestal_fbmap_get_map(root), nullptr);
-    EXPECT_EQ(map.m_brush.m_fcolor, 0xFFFFFFu);
-    EXPECT_EQ(map.m_brush.m_ocolor, 0u);
     EXPECT_EQ(kestal_fbmap_is_closed(&map), 0);
     root->m_flags |= KESTAL_FBMAP_CLOSED;
     EXPECT_EQ(kestal_fbmap_is_closed(&map), 1);
@@ -54,19 +47,17 @@ TEST_F(fbmap, stands_where_the_flags_say_and_is_found_depth_first)
     const auto add = [](kestal_fbmap_t *parent, uint32_t flags, const char *name) {
         return kestal_new_fbmap(parent, own | flags, 0, 0, 0, 0, 0, 7, name);
     };
-    kestal_fbmap_t *b = add(root, 0, "b");
-    kestal_fbmap_t *a = add(root, 0, "a");
-    kestal_fbmap_t *e = add(root, KESTAL_FBMAP_AT_END, "e");
+    kestal_fbmap_t *b = add(root, 0, "b"), *a = add(root, 0, "a"), *e = add(root, KESTAL_FBMAP_AT_END, "e");
     kestal_fbmap_t *c = add(e, KESTAL_FBMAP_AS_SIBLING, "c");
     kestal_fbmap_t *d = add(c, KESTAL_FBMAP_AS_SIBLING | KESTAL_FBMAP_AT_END, "d");
     kestal_fbmap_t *inner = add(b, 0, "e");
-    std::string order;
-    for (const kestal_fbmap_t *map = root->m_child; map != nullptr; map = map->m_next) {
-        order += map->m_name;
-        EXPECT_EQ(map->m_parent, root);
-        EXPECT_TRUE(map->m_next == nullptr || map->m_next->m_previous == map);
+    const kestal_fbmap_t *before = nullptr;
+    for (const kestal_fbmap_t *expected : {a, b, c, d, e}) {
+        EXPECT_EQ(before == nullptr ? root->m_child : before->m_next, expected) << expected->m_name;
+        EXPECT_TRUE(expected->m_parent == root && expected->m_previous == before) << expected->m_name;
+        before = expected;
     }
-    EXPECT_EQ(order, "abcde");
+    EXPECT_EQ(e->m_next, nullptr);
     EXPECT_EQ(kestal_fbmap_search(root, 7, "e"), inner);
     EXPECT_EQ(kestal_fbmap_search(root, 0, nullptr), root);
     EXPECT_EQ(kestal_fbmap_search(root, 7, nullptr), nullptr);
@@ -100,10 +91,9 @@ TEST_F(fbmap, fails_without_a_trace)
     EXPECT_EQ(kestal_free_fbmap(nullptr), nullptr);
     EXPECT_EQ(kestal_fbmap_search(nullptr, 0, nullptr), nullptr);
     EXPECT_EQ(kestal_fbmap_get_resx(nullptr), 0u);
-    EXPECT_EQ(kestal_fbmap_is_visible(nullptr), -1);
-    EXPECT_EQ(kestal_fbmap_use_ccolor(nullptr, 1), -1);
-    EXPECT_EQ(kestal_fbmap_set_brush_x(nullptr, 1), -1);
-    EXPECT_EQ(kestal_fbmap_update(nullptr), -1);
+    EXPECT_EQ((std::vector{kestal_fbmap_is_visible(nullptr), kestal_fbmap_use_ccolor(nullptr, 1),
+                           kestal_fbmap_set_brush_x(nullptr, 1), kestal_fbmap_update(nullptr)}),
+              std::vector<int32_t>(4, -1));
     EXPECT_EQ(reports.messages().back(), "s_fbmap is null !");
     EXPECT_EQ(reports.messages().size(), before + 9);
 }
@@ -134,35 +124,34 @@ TEST_F(fbmap, settings_redraw_the_map_and_the_brush_only_itself)
     kestal_fbmap_t *root =
         kestal_new_fbmap(nullptr, own | KESTAL_FBMAP_DEBUG, KESTAL_COLOR_ARGB8888, 0, 0, 4, 4, 0, "r");
     kestal_fbmap_t *map = kestal_new_fbmap(root, own, 0, 1, 1, 2, 2, 0, "m");
-    const auto shown = [root] { return static_cast<uint32_t *>(root->m_bitmap.m_pixels)[5]; };
-    static kestal_rectangle_t pushed;
+    static std::vector<int64_t> pushed;
     root->m_operations.m_transfer = [](kestal_fbmap_t *at) {
-        pushed = at->m_update;
+        pushed = {at->m_update.m_x, at->m_update.m_y, at->m_update.m_width, at->m_update.m_height};
         return 0;
     };
-    for (uint32_t i = 0; i < 16; ++i)
-        static_cast<uint32_t *>(root->m_bitmap.m_pixels)[i] = 0xFF000000u;
-    kestal_fbmap_draw_clear(map, 0x80FF8000u);
-    EXPECT_EQ(kestal_fbmap_use_alpha_transfer(map, 0), 0);
-    EXPECT_EQ(map->m_flags & KESTAL_FBMAP_NO_ALPHA_TRANSFER, KESTAL_FBMAP_NO_ALPHA_TRANSFER);
-    EXPECT_EQ(shown(), 0xFFFF8000u);
-    EXPECT_TRUE(pushed.m_x == 1 && pushed.m_y == 1 && pushed.m_width == 2 && pushed.m_height == 2);
-    EXPECT_EQ(kestal_fbmap_use_alpha_transfer(map, 1), 0);
-    EXPECT_EQ(shown(), 0x80FF8000u);
+    // What a setting makes of 0x80FF8000 over a colour of the root.
+    const auto shown = [&](auto set, uint32_t value, uint32_t below) {
+        set_pixel(root->m_bitmap, 1, 1, below);
+        pushed.clear();
+        EXPECT_EQ(set(map, value), 0);
+        EXPECT_EQ(pushed, (std::vector<int64_t>{1, 1, 2, 2}));
+        return pixel_of(root->m_bitmap, 1, 1);
+    };
     const caught_errors errors;
-    static_cast<uint32_t *>(root->m_bitmap.m_pixels)[5] = 0xFF000000u; // nothing lies behind but the root
-    EXPECT_EQ(kestal_fbmap_use_alpha_pixel(map, 1), 0);
-    EXPECT_EQ(shown(), 0xFF804000u);
+    kestal_fbmap_draw_clear(map, 0x80FF8000u);
+    EXPECT_EQ(shown(kestal_fbmap_use_alpha_transfer, 0, 0), 0xFFFF8000u);
+    EXPECT_EQ(map->m_flags & KESTAL_FBMAP_NO_ALPHA_TRANSFER, KESTAL_FBMAP_NO_ALPHA_TRANSFER);
+    EXPECT_EQ(shown(kestal_fbmap_use_alpha_transfer, 1, 0), 0x80FF8000u);
+    EXPECT_EQ(errors.text(), "");
+    EXPECT_EQ(shown(kestal_fbmap_use_alpha_pixel, 1, 0xFF000000u), 0xFF804000u); // nothing lies behind but the root
     EXPECT_EQ(errors.text(), "fbmap: [DEBUG] composite map allocated.\n");
-    EXPECT_EQ(kestal_fbmap_set_ccolor(map, 0x80FF8000u), 0);
-    static_cast<uint32_t *>(root->m_bitmap.m_pixels)[5] = 0xFF0000FFu;
-    EXPECT_EQ(kestal_fbmap_use_ccolor(map, 1), 0);
-    EXPECT_EQ(shown(), 0xFF0000FFu);
+    shown(kestal_fbmap_set_ccolor, 0x80FF8000u, 0);
+    EXPECT_EQ(shown(kestal_fbmap_use_ccolor, 1, 0xFF0000FFu), 0xFF0000FFu);
     EXPECT_EQ(kestal_fbmap_hide(map), 0);
     EXPECT_EQ(kestal_fbmap_set_alpha_window(map, 3), 0);
     EXPECT_EQ(map->m_update.m_width, 0u);
 
-    pushed = {};
+    pushed.clear();
     kestal_fbmap_set_brush_bcolor(map, 5);
     kestal_fbmap_set_brush_ocolor(map, 6);
     kestal_fbmap_use_brush_bcolor(map, 1);
@@ -178,36 +167,33 @@ TEST_F(fbmap, settings_redraw_the_map_and_the_brush_only_itself)
     const kestal_fbmap_brush_t expected = {0xFFFFFFFFu, 5, 6, 7, 8, 9, 10, 0, 0, 0, 13, 14, 0, 15};
     EXPECT_EQ(memcmp(&map->m_brush, &expected, sizeof expected), 0);
     EXPECT_EQ(map->m_flags & 0x7000u, KESTAL_FBMAP_BRUSH_BCOLOR);
-    EXPECT_EQ(pushed.m_width, 0u);
+    EXPECT_TRUE(pushed.empty());
     kestal_free_fbmap(root);
 }
 
 TEST_F(fbmap, boxes_to_and_from_other_bitmaps)
 {
     kestal_fbmap_t *map = kestal_new_fbmap(nullptr, own, KESTAL_COLOR_ARGB8888, 0, 0, 4, 3, 0, nullptr);
-    uint16_t pixels[6] = {1, 2, 3, 4, 5, 6};
-    const kestal_raw_bitmap_t other = {sizeof pixels, pixels, KESTAL_COLOR_DRGB0565, 3, 2, 0, 6};
     const kestal_rectangle_t right = {1, 0, 2, 2};
+    std::vector<uint16_t> pixels = {1, 2, 3, 4, 5, 6};
+    const kestal_raw_bitmap_t other = {12, pixels.data(), KESTAL_COLOR_DRGB0565, 3, 2, 0, 6};
+    const auto expect = [&](int32_t result, const std::vector<uint16_t> &expected) {
+        EXPECT_EQ(result, 0);
+        EXPECT_EQ(pixels, expected);
+        std::fill(pixels.begin(), pixels.end(), uint16_t{0});
+    };
     EXPECT_EQ(kestal_fbmap_set_box(map, &other, 2, 2, &right), 0);
-    EXPECT_TRUE(map->m_update.m_x == 2 && map->m_update.m_y == 2 && map->m_update.m_width == 2 &&
-                map->m_update.m_height == 1);
-    EXPECT_EQ(static_cast<uint32_t *>(map->m_bitmap.m_pixels)[11], 0xFF000018u);
+    const kestal_rectangle_t corner = {2, 2, 2, 1};
+    EXPECT_EQ(memcmp(&map->m_update, &corner, sizeof corner), 0);
+    EXPECT_EQ(pixel_of(map->m_bitmap, 3, 2), 0xFF000018u);
     EXPECT_EQ(kestal_fbmap_set_scale_box(map, &other, nullptr, &right), 0);
     EXPECT_EQ(map->m_update.m_width * map->m_update.m_height, 12u);
     kestal_fbmap_use_alpha_window(map, 1);
     kestal_fbmap_set_alpha_window(map, 0);
-    memset(pixels, 0, sizeof pixels);
-    EXPECT_EQ(kestal_fbmap_get_scale_box(map, &other, nullptr, nullptr, 1), 0); // blended, and not seen
-    EXPECT_EQ(pixels[5], 0);
-    EXPECT_EQ(kestal_fbmap_get_scale_box(map, &other, nullptr, nullptr, 0), 0);
-    EXPECT_EQ(pixels[0], 2);
-    EXPECT_EQ(pixels[5], 3);
-    memset(pixels, 0, sizeof pixels);
-    EXPECT_EQ(kestal_fbmap_get_pixel(map, &other, 3, 2, 9, 9), 0);
-    EXPECT_EQ(pixels[0], 6);
-    EXPECT_EQ(pixels[1], 0);
-    EXPECT_EQ(kestal_fbmap_get_box(map, &other, 1, 1, nullptr, 0), 0);
-    EXPECT_EQ(pixels[5], 2);
+    expect(kestal_fbmap_get_scale_box(map, &other, nullptr, nullptr, 0), {2, 2, 3, 2, 2, 3});
+    expect(kestal_fbmap_get_scale_box(map, &other, nullptr, nullptr, 1), {0, 0, 0, 0, 0, 0}); // blended, and not seen
+    expect(kestal_fbmap_get_pixel(map, &other, 3, 2, 9, 9), {6, 0, 0, 0, 0, 0});
+    expect(kestal_fbmap_get_box(map, &other, 1, 1, nullptr, 0), {0, 0, 0, 0, 2, 2});
     EXPECT_EQ(kestal_fbmap_get_box(map, &other, 3, 0, nullptr, 0), -1);
     EXPECT_EQ(kestal_fbmap_get_box(map, nullptr, 0, 0, nullptr, 0), -1); // no composite buffer
     EXPECT_EQ(kestal_fbmap_get_scale_box(map, nullptr, nullptr, nullptr, 0), -1);

@@ -1,34 +1,8 @@
-#include "support.hpp"
+#include "pictures.hpp"
 
-#include "../source/pixel.hpp"
-
-#include <cstring>
-#include <random>
-
-using kestal_test::caught_assertions;
+using namespace kestal_test;
 
 namespace {
-
-// Pixels with bytes between the rows that must stay as they are.
-struct bitmap {
-    bitmap(uint32_t code, uint32_t width, uint32_t height)
-        : bytes(kestal_color_interface_to_bits_per_pixel(code) / 8), memory((width * bytes + 3) * height, 0x11)
-    {
-        raw = {memory.size(), memory.data(), code, width, height, 0, width * bytes + 3};
-    }
-
-    size_t place(int64_t x, int64_t y) const
-    {
-        return static_cast<size_t>(y) * static_cast<size_t>(raw.m_line_length) + static_cast<size_t>(x) * bytes;
-    }
-    uint32_t at(int64_t x, int64_t y) const { return kestal::load_pixel(memory.data() + place(x, y), bytes); }
-    void set(int64_t x, int64_t y, uint32_t value) { kestal::store_pixel(memory.data() + place(x, y), bytes, value); }
-    bool has(int64_t x, int64_t y) const { return x >= 0 && y >= 0 && x < raw.m_width && y < raw.m_height; }
-
-    uint32_t bytes;
-    std::vector<uint8_t> memory;
-    kestal_raw_bitmap_t raw;
-};
 
 constexpr uint32_t codes[] = {KESTAL_COLOR_DRGB0233, KESTAL_COLOR_DRGB0565, KESTAL_COLOR_DRGB0888,
                               KESTAL_COLOR_ARGB8888, KESTAL_COLOR_DDDP0008, KESTAL_COLOR_ABGR8888};
@@ -43,6 +17,11 @@ constexpr kestal_rectangle_t rectangles[] = {
     {1, 1, 5, 0x80000000u}, {INT32_MAX, INT32_MAX, UINT32_MAX, UINT32_MAX},
 };
 
+bool has(const kestal_raw_bitmap_t &bitmap, int64_t x, int64_t y)
+{
+    return x >= 0 && y >= 0 && x < bitmap.m_width && y < bitmap.m_height;
+}
+
 int64_t scaled_index(int64_t index, uint32_t from_length, uint32_t to_length)
 {
     return static_cast<int64_t>(static_cast<uint64_t>(index) * from_length / to_length);
@@ -52,25 +31,22 @@ int64_t scaled_index(int64_t index, uint32_t from_length, uint32_t to_length)
 void check(uint32_t source_code, uint32_t target_code, const kestal_rectangle_t &to, const kestal_rectangle_t &from,
            bool scaled)
 {
-    std::mt19937 random(1);
-    bitmap source(source_code, 7, 9), target(target_code, 8, 10);
-    for (uint8_t &byte : source.memory)
-        byte = static_cast<uint8_t>(random());
-    bitmap expected = target;
+    picture source(source_code, 7, 9), target(target_code, 8, 10), expected(target_code, 8, 10);
+    dice(1).scribble(source.memory);
     bool any = false;
-    for (int64_t y = 0; y < 10; ++y)
-        for (int64_t x = 0; x < 8; ++x) {
-            const int64_t column = x - to.m_x, row = y - to.m_y;
-            if (column < 0 || row < 0 || column >= to.m_width || row >= to.m_height || from.m_width == 0 ||
-                from.m_height == 0)
-                continue;
-            const int64_t from_x = from.m_x + scaled_index(column, from.m_width, to.m_width);
-            const int64_t from_y = from.m_y + scaled_index(row, from.m_height, to.m_height);
-            if (!source.has(from_x, from_y))
-                continue;
-            expected.set(x, y, kestal_convert_color(target_code, source_code, source.at(from_x, from_y)));
-            any = true;
-        }
+    for_each_pixel(expected.raw, [&](int64_t x, int64_t y) {
+        const int64_t column = x - to.m_x, row = y - to.m_y;
+        if (column < 0 || row < 0 || column >= to.m_width || row >= to.m_height || from.m_width == 0 ||
+            from.m_height == 0)
+            return;
+        const int64_t from_x = from.m_x + scaled_index(column, from.m_width, to.m_width);
+        const int64_t from_y = from.m_y + scaled_index(row, from.m_height, to.m_height);
+        if (!has(source.raw, from_x, from_y))
+            return;
+        set_pixel(expected.raw, x, y,
+                  kestal_convert_color(target_code, source_code, pixel_of(source.raw, from_x, from_y)));
+        any = true;
+    });
     const int32_t result = scaled ? kestal_copy_raw_bitmap_scale(&target.raw, &source.raw, &to, &from)
                                   : kestal_copy_raw_bitmap(&target.raw, &source.raw, to.m_x, to.m_y, &from);
     ASSERT_EQ(result, any ? 0 : -1);
@@ -95,33 +71,31 @@ TEST(raw_bitmap, scales_to_the_nearest_pixel)
                 check(code, code, to, from, true);
                 check(code, KESTAL_COLOR_ARGB8888, to, from, true);
             }
-    bitmap wide(KESTAL_COLOR_DRGB0565, 700, 2), small(KESTAL_COLOR_DRGB0565, 2, 1);
-    small.set(1, 0, 0xBEEF);
+    picture wide(KESTAL_COLOR_DRGB0565, 700, 2), small(KESTAL_COLOR_DRGB0565, 2, 1);
+    set_pixel(small.raw, 1, 0, 0xBEEF);
     EXPECT_EQ(kestal_copy_raw_bitmap_scale(&wide.raw, &small.raw, nullptr, nullptr), 0);
-    EXPECT_EQ(wide.at(349, 1), 0x1111u);
-    EXPECT_EQ(wide.at(350, 1), 0xBEEFu);
-    EXPECT_EQ(wide.at(699, 0), 0xBEEFu);
+    for_each_pixel(wide.raw,
+                   [&](int64_t x, int64_t y) { ASSERT_EQ(pixel_of(wide.raw, x, y), x < 350 ? 0x5A5Au : 0xBEEFu); });
 }
 
 TEST(raw_bitmap, overlapping_in_one_memory_scrolls)
 {
-    for (const auto &[x, y] : {std::pair{0, 3}, {0, -3}, {2, 0}, {-2, 0}, {1, 2}, {-2, -1}}) {
-        bitmap picture(KESTAL_COLOR_DRGB0888, 20, 15);
-        for (int64_t i = 0; i < 300; ++i)
-            picture.set(i % 20, i / 20, static_cast<uint32_t>(i));
-        EXPECT_EQ(kestal_copy_raw_bitmap(&picture.raw, &picture.raw, x, y, nullptr), 0);
-        for (int64_t i = 0; i < 300; ++i) {
-            const int64_t from_x = i % 20 - x, from_y = i / 20 - y;
-            const int64_t expected = picture.has(from_x, from_y) ? from_y * 20 + from_x : i;
-            ASSERT_EQ(picture.at(i % 20, i / 20), expected);
-        }
+    for (const auto &[dx, dy] : {std::pair{0, 3}, {0, -3}, {2, 0}, {-2, 0}, {1, 2}, {-2, -1}}) {
+        const picture at(KESTAL_COLOR_DRGB0888, 20, 15);
+        const auto number = [](int64_t x, int64_t y) { return static_cast<uint32_t>(y * 20 + x); };
+        for_each_pixel(at.raw, [&](int64_t x, int64_t y) { set_pixel(at.raw, x, y, number(x, y)); });
+        EXPECT_EQ(kestal_copy_raw_bitmap(&at.raw, &at.raw, dx, dy, nullptr), 0);
+        for_each_pixel(at.raw, [&](int64_t x, int64_t y) {
+            const bool copied = has(at.raw, x - dx, y - dy);
+            ASSERT_EQ(pixel_of(at.raw, x, y), copied ? number(x - dx, y - dy) : number(x, y)) << dx << ", " << dy;
+        });
     }
 }
 
 TEST(raw_bitmap, refuses_what_is_no_bitmap)
 {
     const caught_assertions reports;
-    bitmap good(KESTAL_COLOR_DRGB0565, 4, 4), same(0, 4, 4);
+    const picture good(KESTAL_COLOR_DRGB0565, 4, 4);
     kestal_raw_bitmap_t odd = good.raw, empty = good.raw;
     odd.m_color_interface = KESTAL_COLOR_PPPP1111;
     empty.m_pixels = nullptr;
@@ -133,10 +107,10 @@ TEST(raw_bitmap, refuses_what_is_no_bitmap)
     EXPECT_EQ(reports.messages(), (std::vector<std::string>{"s_to_raw_bitmap is null !", "s_from_raw_bitmap is null !",
                                                             "not supported", "not supported"}));
     // A target without a format takes the source's.
-    same.memory.assign(4 * 8, 0);
-    same.raw = {32, same.memory.data(), 0, 4, 4, 0, 8};
-    EXPECT_EQ(kestal_copy_raw_bitmap(&same.raw, &good.raw, 0, 0, nullptr), 0);
-    EXPECT_EQ(same.memory, std::vector<uint8_t>(32, 0x11));
+    uint8_t pixels[32] = {};
+    const kestal_raw_bitmap_t same = {sizeof pixels, pixels, 0, 4, 4, 0, 8};
+    EXPECT_EQ(kestal_copy_raw_bitmap(&same, &good.raw, 0, 0, nullptr), 0);
+    EXPECT_EQ(std::vector<uint8_t>(pixels, pixels + 32), std::vector<uint8_t>(32, picture::paper));
 }
 
 } // namespace

@@ -67,12 +67,10 @@ int __wrap_ioctl(int, unsigned long code, ...)
         memcpy(record, &driver.variable, sizeof(driver.variable));
         return driver.has_variable ? 0 : -1;
     case FBIOGETCMAP:
-        for (int i = 0; i < 4; ++i)
-            memcpy(channels[i], driver.colors[i], sizeof(driver.colors[i]));
-        return 0;
     case FBIOPUTCMAP:
         for (int i = 0; i < 4; ++i)
-            memcpy(driver.colors[i], channels[i], sizeof(driver.colors[i]));
+            memcpy(code == FBIOPUTCMAP ? driver.colors[i] : channels[i],
+                   code == FBIOPUTCMAP ? channels[i] : driver.colors[i], sizeof(driver.colors[i]));
         return 0;
     default:
         errno = ENOTTY;
@@ -139,14 +137,12 @@ TEST_F(stream_fb, maps_the_visible_part_under_a_root)
     driver.fixed.smem_start += 16;
     driver.variable.xoffset = 8;
     driver.variable.yoffset = 2;
-    const struct {
-        uint32_t bits, interface;
-    } depths[] = {{8, KESTAL_COLOR_DDDP0008},
-                  {16, KESTAL_COLOR_DRGB0565},
-                  {24, KESTAL_COLOR_DRGB0888},
-                  {32, KESTAL_COLOR_ARGB8888}};
-    for (const auto &[bits, interface] : depths) {
+    for (const auto &[bits, interface] : {std::pair{8u, KESTAL_COLOR_DDDP0008},
+                                          {16, KESTAL_COLOR_DRGB0565},
+                                          {24, KESTAL_COLOR_DRGB0888},
+                                          {32, KESTAL_COLOR_ARGB8888}}) {
         driver.variable.bits_per_pixel = bits;
+        driver.colors[1][255] = 0x1234;
         ASSERT_EQ(open(device_, "application/ulx_linuxfb"), 0u) << bits;
         EXPECT_EQ(kestal_get_valid_ctx(id_)->m_kind, KESTAL_CTX_KIND_LINUXFB);
         const kestal_ctx_fbinfo_t found = info();
@@ -160,19 +156,10 @@ TEST_F(stream_fb, maps_the_visible_part_under_a_root)
         uint8_t byte = 0;
         EXPECT_EQ(pread(found.m_descriptor, &byte, 1, 16 + 31 * line_length + 207 * bits / 8), 1);
         EXPECT_EQ(byte, 0x5A) << bits;
+        driver.colors[1][255] = 0;
+        kestal_close_ctx(id_);
+        EXPECT_EQ(driver.colors[1][255], bits == 8 ? 0x1234 : 0); // the colour map is put back
     }
-}
-
-TEST_F(stream_fb, puts_the_colour_map_back)
-{
-    driver.variable.bits_per_pixel = 8;
-    driver.colors[1][255] = 0x1234;
-    ASSERT_EQ(open(device_), 0u);
-    driver.colors[1][255] = 0;
-    driver.colors[3][0] = 1;
-    kestal_close_ctx(id_);
-    EXPECT_EQ(driver.colors[1][255], 0x1234);
-    EXPECT_EQ(driver.colors[3][0], 0);
 }
 
 TEST_F(stream_fb, takes_the_first_device_of_the_list)
@@ -180,30 +167,31 @@ TEST_F(stream_fb, takes_the_first_device_of_the_list)
     const std::string second = directory_.file("fb1", std::string(65536, '\0'));
     ASSERT_EQ(open("/dev/null||" + directory_.path("missing") + "|" + second + "|" + device_), 0u);
     EXPECT_STREQ(info().m_device, second.c_str());
-    EXPECT_EQ(open("/dev/null|" + std::string(5000, 'x')), KESTAL_CTX_ERROR_NOT_OPENED);
-    EXPECT_EQ(open("/dev/null"), KESTAL_CTX_ERROR_NOT_OPENED);
-    EXPECT_EQ(errno, ENODEV);
-    EXPECT_EQ(open(directory_.path("missing")), KESTAL_CTX_ERROR_NOT_OPENED);
-    EXPECT_EQ(errno, ENOENT);
+    for (const auto &[source, error] : {std::pair{"/dev/null|" + std::string(5000, 'x'), ENODEV},
+                                        {"/dev/null", ENODEV},
+                                        {directory_.path("missing"), ENOENT}}) {
+        EXPECT_EQ(open(source), KESTAL_CTX_ERROR_NOT_OPENED) << source;
+        EXPECT_EQ(errno, error) << source;
+    }
     EXPECT_EQ(open(device_, "application/ulx_windows_dib"), KESTAL_CTX_ERROR_NOT_SUPPORTED);
 }
 
 TEST_F(stream_fb, refuses_what_it_cannot_draw_on)
 {
-    const auto refused = [&](auto change) {
-        const auto before = driver;
+    const auto usual = driver;
+    void (*const changes[])() = {[] { driver.major = 4; },
+                                 [] { driver.has_variable = false; },
+                                 [] { driver.variable.bits_per_pixel = 4; },
+                                 [] { driver.variable.bits_per_pixel = 15; },
+                                 [] { driver.variable.xres = 0; },
+                                 [] { driver.variable.xres = line_length; },
+                                 [] { driver.variable.yoffset = UINT32_MAX; },
+                                 [] { driver.fixed.smem_len = 29 * line_length; }};
+    for (const auto &change : changes) {
         change();
-        EXPECT_EQ(open(device_), KESTAL_CTX_ERROR_NOT_OPENED);
-        driver = before;
-    };
-    refused([] { driver.major = 4; });
-    refused([] { driver.has_variable = false; });
-    refused([] { driver.variable.bits_per_pixel = 4; });
-    refused([] { driver.variable.bits_per_pixel = 15; });
-    refused([] { driver.variable.xres = 0; });
-    refused([] { driver.variable.xres = line_length; });
-    refused([] { driver.variable.yoffset = UINT32_MAX; });
-    refused([] { driver.fixed.smem_len = 29 * line_length; });
+        EXPECT_EQ(open(device_), KESTAL_CTX_ERROR_NOT_OPENED) << &change - changes;
+        driver = usual;
+    }
     EXPECT_EQ(open(device_), 0u);
 }
 

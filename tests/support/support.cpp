@@ -21,9 +21,18 @@ constexpr std::chrono::milliseconds a_while(50);
 
 std::atomic<uint64_t> first_failure{0}; // which allocation; 0: none fails
 std::atomic<uint64_t> failures{1};
+std::atomic<uint64_t> lot{0}; // not 0: draws which of the failures happen
 std::atomic<uint64_t> allocations{0};
 std::atomic<steady::rep> memory_returns{0};
 std::atomic<bool> failure_happened{false};
+
+// About every other number, others for each lot.
+bool is_drawn(uint64_t number)
+{
+    constexpr uint64_t factor = 0x9E3779B97F4A7C15;
+    const uint64_t mixed = (number * factor) ^ (lot * factor >> 29);
+    return (mixed * factor >> 63) != 0;
+}
 
 bool must_fail()
 {
@@ -35,6 +44,8 @@ bool must_fail()
         return false;
     if (number == first)
         memory_returns = (steady::now() + a_while).time_since_epoch().count();
+    if (number != first && lot != 0 && !is_drawn(number))
+        return false;
     failure_happened = true;
     return failures != kestal_test::for_a_while || steady::now().time_since_epoch().count() < memory_returns;
 }
@@ -109,12 +120,13 @@ void *__wrap_realloc(void *block, size_t size)
 
 namespace kestal_test {
 
-failing_allocation::failing_allocation(uint64_t nth, uint64_t times)
+failing_allocation::failing_allocation(uint64_t nth, uint64_t times, uint64_t drawn_by)
 {
     failure_happened = false;
     allocations = 0;
     memory_returns = std::numeric_limits<steady::rep>::max();
     failures = times;
+    lot = drawn_by;
     first_failure = nth;
 }
 
@@ -130,19 +142,36 @@ bool failing_allocation::happened() const
 
 namespace {
 
-// The scenario, with the `nth` allocation and those after it failing until `times` have: whether one did.
-bool survives(const std::function<void()> &scenario, uint64_t nth, uint64_t times)
+struct row_of_failures {
+    uint64_t times, lot = 0;
+};
+
+// script/torture lets more fail than each allocation alone: in its first round longer and longer rows, then every other one
+// by lot, differently each round.
+std::vector<row_of_failures> rows_of_failures()
+{
+    const char *torture = getenv("KESTAL_TORTURE");
+    const uint64_t round = torture == nullptr ? 0 : strtoull(torture, nullptr, 10);
+    if (round == 0)
+        return {{1}};
+    if (round == 1)
+        return {{1}, {2}, {3}, {5}, {for_a_while}};
+    return {{1}, {for_a_while, 2 * round}, {for_a_while, 2 * round + 1}};
+}
+
+// The scenario, with the `nth` allocation and those of the row after it failing: whether one did.
+bool survives(const std::function<void()> &scenario, uint64_t nth, const row_of_failures &row)
 {
     const uint64_t before = kestal_get_alloc_count();
     bool failed = false;
     {
-        const failing_allocation failing(nth, times);
+        const failing_allocation failing(nth, row.times, row.lot);
         scenario();
         failed = failing.happened();
     }
     EXPECT_EQ(kestal_thread_pool_wait(60000), 0) << "threads left behind";
-    EXPECT_EQ(kestal_get_alloc_count(), before)
-        << "blocks left behind when allocation " << nth << " failed, and so " << times << " in all";
+    EXPECT_EQ(kestal_get_alloc_count(), before) << "blocks left behind when allocation " << nth
+                                                << " failed, with a row of " << row.times << ", lot " << row.lot;
     return failed;
 }
 
@@ -150,19 +179,16 @@ bool survives(const std::function<void()> &scenario, uint64_t nth, uint64_t time
 
 uint64_t with_each_allocation_failing(const std::function<void()> &scenario, uint64_t most)
 {
-    // script/torture lets more of them fail in a row.
-    const std::vector<uint64_t> rows =
-        getenv("KESTAL_TORTURE") == nullptr ? std::vector<uint64_t>{1} : std::vector<uint64_t>{1, 2, 3, 5, for_a_while};
     uint64_t met = most;
-    for (const uint64_t times : rows) {
+    for (const row_of_failures &row : rows_of_failures()) {
         uint64_t nth = 1;
-        while (nth <= most && survives(scenario, nth, times)) {
+        while (nth <= most && survives(scenario, nth, row)) {
             if (testing::Test::HasFailure())
                 return nth;
             ++nth;
         }
         EXPECT_LE(nth, most) << "the scenario never ran without a failing allocation";
-        if (times == 1)
+        if (row.times == 1)
             met = nth - 1;
     }
     return met;

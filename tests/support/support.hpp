@@ -34,10 +34,10 @@ private:
 constexpr uint64_t for_a_while = UINT64_MAX;
 
 // While it lives, the `nth` allocation (from 1) that the library makes on any thread fails, and those after it until
-// `times` have.
+// `times` have; with a lot other than 0 about every other of those.
 class failing_allocation {
 public:
-    explicit failing_allocation(uint64_t nth, uint64_t times = 1);
+    explicit failing_allocation(uint64_t nth, uint64_t times = 1, uint64_t lot = 0);
     ~failing_allocation();
     failing_allocation(const failing_allocation &) = delete;
     failing_allocation &operator=(const failing_allocation &) = delete;
@@ -47,8 +47,8 @@ public:
 
 // Runs the scenario with the 1st, 2nd, 3rd ... allocation failing, until one run meets no failure. After each run, once
 // its threads are gone, the live-block count must be where it was. Returns the number of failures met, so that a test
-// can ask for at least one. With KESTAL_TORTURE in the environment all of it again with more and more of the allocations
-// behind failing as well.
+// can ask for at least one. With KESTAL_TORTURE in the environment, the number of a round, all of it again with others of the
+// allocations behind failing as well.
 uint64_t with_each_allocation_failing(const std::function<void()> &scenario, uint64_t most = 10000);
 
 // While it lives, assertion reports are kept here instead of being printed.

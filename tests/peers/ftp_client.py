@@ -62,10 +62,13 @@ class Client:
 
 
 def kill_with_children(process):
-    """Sessions are not in the group of the server that made them."""
-    with open(f"/proc/{process}/task/{process}/children", encoding="ascii") as children:
-        sessions = children.read().split()
-    os.kill(process, signal.SIGKILL)
+    """Sessions are not in the group of the server that made them. Some end by themselves meanwhile."""
+    try:
+        with open(f"/proc/{process}/task/{process}/children", encoding="ascii") as children:
+            sessions = children.read().split()
+        os.kill(process, signal.SIGKILL)
+    except (FileNotFoundError, ProcessLookupError):
+        return
     for session in sessions:
         kill_with_children(int(session))
 

@@ -40,7 +40,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kestal_ulx.pc
 
 configure_package_config_file(cmake/kestal_ulx-config.cmake.in kestal_ulx-config.cmake
     INSTALL_DESTINATION ${kestal_package_dir})
-write_basic_package_version_file(kestal_ulx-config-version.cmake COMPATIBILITY SameMinorVersion)
+write_basic_package_version_file(kestal_ulx-config-version.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kestal_ulx-config.cmake
     ${CMAKE_CURRENT_BINARY_DIR}/kestal_ulx-config-version.cmake
     DESTINATION ${kestal_package_dir} COMPONENT development)

@@ -173,8 +173,9 @@ KESTAL_API kestal_event_base_t *kestal_free_event_base(kestal_event_base_t *base
 KESTAL_API int32_t kestal_event_base_init_priority(kestal_event_base_t *base, uint32_t levels);
 
 /**
- * Runs the loop in the calling thread until it is asked to end, until nothing is registered any more, or as the
- * KESTAL_EVENT_LOOP_ flags say. A break or an exit asked for while no loop ran is forgotten.
+ * Runs the loop in the calling thread until it is asked to end, or as the KESTAL_EVENT_LOOP_ flags say. It goes on when
+ * no event is left, for other threads may add some: the base's own wake-up event always is. A break asked for while no
+ * loop ran is forgotten; an exit is not.
  *
  * 0; -1 when a loop runs on the base already, when the base is null, and when the wait failed: errno is EBADF for a
  * descriptor that was closed while it was watched, EINTR for a signal. All events stay as they were.

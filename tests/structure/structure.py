@@ -2,8 +2,10 @@
 """Checks over the tree and the built library that no compiler makes: structure.py CHECK ARGUMENT...
 
 library SHARED_OBJECT             needs only the C runtime; its soname; every export under the one version node
-hardening SHARED_OBJECT ARCHIVE   nothing writable once loaded that need not be, no executable stack, no text relocations; smashed
-                                  stacks are noticed, and where the compiler can, jumps land only where one was meant to
+hardening SHARED_OBJECT ARCHIVE COMMANDS
+                                  nothing writable once loaded that need not be, no executable stack, no text relocations; smashed
+                                  stacks are noticed (in all that compile_commands.json compiles for the library), and where the
+                                  compiler can, jumps land only where one was meant to
 exports SHARED_OBJECT INCLUDE...  every exported name is declared in a public header, looked for in the folders INCLUDE
 declarations SHARED_OBJECT INCLUDE...
                                   every name that a public header declares is exported
@@ -18,6 +20,7 @@ words SOURCE                      no marks of unfinished work, and no word that 
 
 CC and CXX name the compilers. Prints what is wrong, a line each, and exits 1 if anything is.
 """
+import json
 import os
 import re
 import shutil
@@ -69,7 +72,7 @@ def check_library(library):
             yield f"{name} is exported under {version}, not {NODE}"
 
 
-def check_hardening(library, archive):
+def check_hardening(library, archive, commands):
     segments, dynamic = output_of("readelf", "-lW", library), output_of("readelf", "-dW", library)
     if "GNU_RELRO" not in segments or "NOW" not in dynamic:
         yield "not all relocations are made, and made read-only, at load time"
@@ -81,6 +84,11 @@ def check_hardening(library, archive):
         yield "text relocations"
     if "__stack_chk_fail" not in output_of("nm", "-D", "--undefined-only", library):
         yield "no stack protector"
+    for command in json.loads(commands.read_text()):
+        if "kestal_objects.dir" in command["command"]:
+            flags = re.findall(r"-f\S*stack-protector\S*", command["command"])
+            if flags[-1:] != ["-fstack-protector-strong"]:
+                yield f"no stack protector in {command['file']}"
     if "X86-64" in output_of("readelf", "-hW", library):
         notes = re.split(r"^File: ", output_of("readelf", "-nW", archive), flags=re.MULTILINE)[1:]
         for note in notes:

@@ -157,8 +157,8 @@ bool is_usable(const open_device &device)
     const bool is_served = variable.bits_per_pixel >= 8 && variable.xres > 0 && variable.yres > 0 &&
                            kestal_bits_per_pixel_to_color_interface(variable.bits_per_pixel) != 0;
     const uint64_t row = (uint64_t{variable.xoffset} + variable.xres) * variable.bits_per_pixel / 8;
-    const uint64_t rows = (uint64_t{variable.yoffset} + variable.yres) * device.fixed.line_length;
-    if (is_served && row <= device.fixed.line_length && rows <= device.fixed.smem_len)
+    const uint64_t rows = uint64_t{variable.yoffset} + variable.yres;
+    if (is_served && row <= device.fixed.line_length && rows <= device.fixed.smem_len / device.fixed.line_length)
         return true;
     errno = ENODEV;
     return false;

@@ -37,9 +37,6 @@ extern "C" {
 
 int __real_stat64(const char *path, struct stat64 *status);
 int __real_fstat64(int descriptor, struct stat64 *status);
-int __wrap_stat64(const char *path, struct stat64 *status);
-int __wrap_fstat64(int descriptor, struct stat64 *status);
-int __wrap_ioctl(int descriptor, unsigned long code, ...);
 
 int __wrap_stat64(const char *path, struct stat64 *status)
 {
@@ -73,7 +70,6 @@ int __wrap_ioctl(int, unsigned long code, ...)
                    code == FBIOPUTCMAP ? channels[i] : driver.colors[i], sizeof(driver.colors[i]));
         return 0;
     default:
-        errno = ENOTTY;
         return -1;
     }
 }
@@ -186,6 +182,7 @@ TEST_F(stream_fb, refuses_what_it_cannot_draw_on)
                                  [] { driver.variable.xres = 0; },
                                  [] { driver.variable.xres = line_length; },
                                  [] { driver.variable.yoffset = UINT32_MAX; },
+                                 [] { driver.fixed.line_length = 0; },
                                  [] { driver.fixed.smem_len = 29 * line_length; }};
     for (const auto &change : changes) {
         change();

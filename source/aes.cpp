@@ -8,7 +8,9 @@
 #include <bit>
 
 using kestal::load_big_32;
+using kestal::load_little_32;
 using kestal::store_big_32;
+using kestal::store_little_32;
 
 namespace {
 
@@ -60,16 +62,17 @@ constexpr byte_table make_inverse_box(const byte_table &box)
     return inverse;
 }
 
-// What a byte of the state adds to its column: the box and the column mix by these factors, for each of four rows.
+// What a byte of the state adds to its column: the box and the column mix by these factors, for each of four rows. A
+// column is a word whose lowest byte stands in the first row.
 constexpr word_tables make_round_tables(const byte_table &box, const uint8_t (&factors)[4])
 {
     word_tables tables{};
     for (unsigned i = 0; i < 256; ++i) {
         uint32_t column = 0;
-        for (uint8_t factor : factors)
-            column = column << 8 | multiply(box[i], factor);
         for (int row = 0; row < 4; ++row)
-            tables[static_cast<size_t>(row)][i] = std::rotr(column, 8 * row);
+            column |= uint32_t{multiply(box[i], factors[row])} << 8 * row;
+        for (int row = 0; row < 4; ++row)
+            tables[static_cast<size_t>(row)][i] = std::rotl(column, 8 * row);
     }
     return tables;
 }
@@ -108,21 +111,19 @@ uint32_t substitute_word(uint32_t word)
 // One output column before the key: its four bytes come from four columns of the state.
 uint32_t look_up(const word_tables &tables, uint32_t a, uint32_t b, uint32_t c, uint32_t d)
 {
-    return tables[0][a >> 24] ^ tables[1][b >> 16 & 255u] ^ tables[2][c >> 8 & 255u] ^ tables[3][d & 255u];
+    return tables[0][a & 255u] ^ tables[1][b >> 8 & 255u] ^ tables[2][c >> 16 & 255u] ^ tables[3][d >> 24];
 }
 
 uint32_t look_up_last(const byte_table &table, uint32_t a, uint32_t b, uint32_t c, uint32_t d)
 {
-    return uint32_t{table[a >> 24]} << 24 | uint32_t{table[b >> 16 & 255u]} << 16 |
-           uint32_t{table[c >> 8 & 255u]} << 8 | table[d & 255u];
+    return table[a & 255u] | uint32_t{table[b >> 8 & 255u]} << 8 | uint32_t{table[c >> 16 & 255u]} << 16 |
+           uint32_t{table[d >> 24]} << 24;
 }
-
-constexpr size_t most_rounds = rounds_of(8);
 
 // Runs blocks through all rounds, side by side to hide the latency of the look-ups. The rows are shifted by one, two
 // and three columns, forwards or backwards: Step is 1 or 3.
 template <size_t Step, size_t Blocks>
-void transform_together(uint8_t *blocks, const uint32_t *keys, size_t rounds, const word_tables &tables,
+void transform_together(uint8_t *blocks, const uint8_t *keys, size_t rounds, const word_tables &tables,
                         const byte_table &last)
 {
     struct columns {
@@ -132,30 +133,33 @@ void transform_together(uint8_t *blocks, const uint32_t *keys, size_t rounds, co
     columns states[Blocks];
     for (size_t block = 0; block < Blocks; ++block) {
         for (size_t i = 0; i < 4; ++i)
-            states[block].words[i] = load_big_32(blocks + block_bytes * block + 4 * i) ^ keys[i];
+            states[block].words[i] =
+                load_little_32(blocks + block_bytes * block + 4 * i) ^ load_little_32(keys + 4 * i);
     }
     for (size_t round = 1; round < rounds; ++round) {
-        keys += 4;
+        keys += block_bytes;
         for (columns &state : states) {
             columns next;
             for (size_t i = 0; i < 4; ++i)
-                next.words[i] = keys[i] ^ look_up(tables, state.from(i), state.from(i + Step), state.from(i + 2 * Step),
-                                                  state.from(i + 3 * Step));
+                next.words[i] =
+                    load_little_32(keys + 4 * i) ^ look_up(tables, state.from(i), state.from(i + Step),
+                                                           state.from(i + 2 * Step), state.from(i + 3 * Step));
             state = next;
         }
     }
-    keys += 4;
+    keys += block_bytes;
     for (size_t block = 0; block < Blocks; ++block) {
         const columns &state = states[block];
         for (size_t i = 0; i < 4; ++i)
-            store_big_32(blocks + block_bytes * block + 4 * i,
-                         keys[i] ^ look_up_last(last, state.from(i), state.from(i + Step), state.from(i + 2 * Step),
-                                                state.from(i + 3 * Step)));
+            store_little_32(blocks + block_bytes * block + 4 * i,
+                            load_little_32(keys + 4 * i) ^ look_up_last(last, state.from(i), state.from(i + Step),
+                                                                        state.from(i + 2 * Step),
+                                                                        state.from(i + 3 * Step)));
     }
 }
 
 template <size_t Step>
-void transform_all(uint8_t *blocks, size_t count, const uint32_t *keys, size_t rounds, const word_tables &tables,
+void transform_all(uint8_t *blocks, size_t count, const uint8_t *keys, size_t rounds, const word_tables &tables,
                    const byte_table &last)
 {
     for (; count >= 2; count -= 2, blocks += 2 * block_bytes)
@@ -168,16 +172,7 @@ class table_forward {
 public:
     static constexpr size_t block_size = block_bytes;
 
-    table_forward(const uint8_t *round_key, size_t rounds) : rounds_(rounds)
-    {
-        for (size_t round = 0; round <= rounds; ++round) {
-            for (size_t i = 4 * round; i < 4 * (round + 1); ++i)
-                keys_[i] = load_big_32(round_key + 4 * i);
-        }
-    }
-    ~table_forward() { explicit_bzero(keys_, sizeof keys_); }
-    table_forward(const table_forward &) = delete;
-    table_forward &operator=(const table_forward &) = delete;
+    table_forward(const uint8_t *round_key, size_t rounds) : keys_(round_key), rounds_(rounds) {}
 
     [[gnu::noinline]] void transform(uint8_t *blocks, size_t count) const
     {
@@ -185,9 +180,35 @@ public:
     }
 
 private:
+    const uint8_t *keys_;
     size_t rounds_;
-    uint32_t keys_[4 * (most_rounds + 1)];
 };
+
+// The four columns of a round key, side by side, in the machine's byte order.
+using key_columns = uint32_t __attribute__((vector_size(block_bytes)));
+
+void double_each(key_columns &bytes)
+{
+    const key_columns high = bytes & 0x80808080u;
+    bytes = ((bytes ^ high) << 1) ^ ((high - (high >> 7)) & 0x1b1b1b1bu);
+}
+
+// The inverse column mix: what makes it of the column mix, and then that. Looks nothing up.
+void mix_inversely(key_columns &columns)
+{
+    constexpr int row =
+        std::endian::native == std::endian::little ? 8 : 24; // brings the next row's byte into its place
+    key_columns difference = columns ^ (columns >> 16 | columns << 16);
+    double_each(difference);
+    double_each(difference);
+    columns ^= difference;
+
+    key_columns twice = columns;
+    double_each(twice);
+    const key_columns thrice = twice ^ columns;
+    columns = twice ^ (thrice >> row | thrice << (32 - row)) ^ (columns >> 16 | columns << 16) ^
+              (columns << row | columns >> (32 - row));
+}
 
 // The equivalent inverse cipher: the round keys backwards, the inner ones through the inverse column mix.
 class table_inverse {
@@ -197,30 +218,24 @@ public:
     table_inverse(const uint8_t *round_key, size_t rounds) : rounds_(rounds)
     {
         for (size_t round = 0; round <= rounds; ++round) {
-            for (size_t i = 0; i < 4; ++i) {
-                const uint32_t word = load_big_32(round_key + 16 * (rounds - round) + 4 * i);
-                keys_[4 * round + i] = round == 0 || round == rounds ? word : inverse_mix(word);
-            }
+            memcpy(&keys_[round], round_key + block_bytes * (rounds - round), block_bytes);
+            if (round != 0 && round != rounds)
+                mix_inversely(keys_[round]);
         }
     }
-    ~table_inverse() { explicit_bzero(keys_, sizeof keys_); }
+    ~table_inverse() { explicit_bzero(keys_, (rounds_ + 1) * block_bytes); }
     table_inverse(const table_inverse &) = delete;
     table_inverse &operator=(const table_inverse &) = delete;
 
     [[gnu::noinline]] void transform(uint8_t *blocks, size_t count) const
     {
-        transform_all<3>(blocks, count, keys_, rounds_, inverse_tables, inverse_box);
+        const auto *keys = reinterpret_cast<const uint8_t *>(keys_);
+        transform_all<3>(blocks, count, keys, rounds_, inverse_tables, inverse_box);
     }
 
 private:
-    static uint32_t inverse_mix(uint32_t word)
-    {
-        return inverse_tables[0][box[word >> 24]] ^ inverse_tables[1][box[word >> 16 & 255u]] ^
-               inverse_tables[2][box[word >> 8 & 255u]] ^ inverse_tables[3][box[word & 255u]];
-    }
-
     size_t rounds_;
-    uint32_t keys_[4 * (most_rounds + 1)];
+    key_columns keys_[rounds_of(8) + 1];
 };
 
 // --- the choice between the processor's instructions and the tables

@@ -64,6 +64,7 @@ bool note_peer(kestal_ftp_t &ftp)
     // Urgent bytes stay in their place among the others.
     const int on = 1;
     kestal_setsockopt(ftp.m_control_socket, SOL_SOCKET, SO_OOBINLINE, &on, sizeof on);
+    kestal::keep_ftp_socket_alive(ftp.m_control_socket); // long transfers leave it idle
     return true;
 }
 

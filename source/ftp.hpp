@@ -42,6 +42,9 @@ inline bool is_empty(const char *text)
 // Closes a socket of the client's and marks it closed; errno stays.
 void close_ftp_socket(int32_t &sock);
 
+// Keeps a connection known to what lies between while nothing moves on it, and ends it some minutes after its peer is gone.
+void keep_ftp_socket_alive(int32_t sock);
+
 // Waits on one socket for KESTAL_SELECT_ conditions, at most `timeout_ms` (negative: no limit), whatever signals come:
 // 1, 0 with errno ETIMEDOUT when the time is up, -1 on failure.
 int32_t wait_for_ftp_socket(kestal_ftp_t &ftp, int32_t sock, uint32_t conditions, int32_t timeout_ms);

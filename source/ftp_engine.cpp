@@ -1,5 +1,6 @@
 // The FTP client's control connection: what is queued goes out and what comes in is queued, step by step; replies are
 // read out of the queue line by line.
+#include "deadline.hpp"
 #include "ftp.hpp"
 #include "guard.hpp"
 
@@ -19,22 +20,13 @@ namespace {
 
 constexpr uint64_t receive_limit = 0x20000; // bytes queued beyond which nothing more is received
 constexpr int32_t step_ms = 100;
-
-// What is left of a time-out that began at `start`; negative without one.
-int32_t time_left(int32_t timeout_ms, uint64_t start)
-{
-    if (timeout_ms < 0)
-        return -1;
-    const uint64_t passed = kestal_time_stamp_msec() - start;
-    const auto whole = static_cast<uint64_t>(timeout_ms);
-    return static_cast<int32_t>(whole - std::min(passed, whole));
-}
+constexpr int64_t lines_of_time = 64; // a reply may take so many times what a line may
 
 // Waits with the client's set as it stands; signals do not end the wait.
 int32_t dispatch(kestal_ftp_t &ftp, int32_t timeout_ms)
 {
-    const uint64_t start = timeout_ms > 0 ? kestal_time_stamp_msec() : 0;
-    for (int32_t left = timeout_ms;; left = time_left(timeout_ms, start)) {
+    const deadline end(timeout_ms);
+    for (int32_t left = timeout_ms;; left = end.left()) {
         const int32_t ready = kestal_select_dispatch(ftp.m_select, left);
         if (ready >= 0 || errno != EINTR || left == 0)
             return ready;
@@ -115,8 +107,12 @@ void accept_data_connection(kestal_ftp_t &ftp)
     socket_address from{};
     uint32_t length = sizeof from;
     owned_descriptor accepted(accept4(ftp.m_listen_socket, reinterpret_cast<sockaddr *>(&from), &length, SOCK_CLOEXEC));
-    if (accepted.get() < 0)
+    if (accepted.get() < 0) {
+        // Without room for a descriptor there would be no end to accepting it.
+        if (!is_for_later() && errno != ECONNABORTED)
+            close_ftp_socket(ftp.m_listen_socket);
         return;
+    }
     socket_address peer{};
     length = sizeof peer;
     if (ftp.m_same_host != 0 && (kestal_getpeername(ftp.m_control_socket, &peer, &length) != 0 ||
@@ -149,20 +145,28 @@ bool take_line(kestal_ftp_t &ftp)
     return false;
 }
 
-bool read_line(kestal_ftp_t &ftp, int32_t timeout_ms)
+// Bytes that keep coming put off the end of the line's time, not that of the reply's.
+bool read_line(kestal_ftp_t &ftp, int32_t timeout_ms, const deadline &reply_end)
 {
-    const uint64_t start = kestal_time_stamp_msec();
-    while (!take_line(ftp)) {
+    const deadline end(timeout_ms);
+    while (reply_end.left() != 0) {
+        if (take_line(ftp))
+            return true;
         if (!is_usable(ftp))
             return false;
-        const int32_t left = time_left(timeout_ms, start);
+        const int32_t left = end.left();
         step_ftp(ftp, left < 0 ? step_ms : std::min(left, step_ms));
-        if (time_left(timeout_ms, start) == 0 && (ftp.m_state & KESTAL_FTP_RECEIVED) == 0) {
-            errno = ETIMEDOUT;
-            return false;
-        }
+        if (end.left() == 0 && (ftp.m_state & KESTAL_FTP_RECEIVED) == 0)
+            break;
     }
-    return true;
+    return fail_with(ETIMEDOUT) == 0;
+}
+
+// What a whole reply may take, so that a server cannot hold a caller for ever.
+int32_t reply_time(int32_t timeout_ms)
+{
+    const int64_t whole = std::max<int64_t>(timeout_ms, 1000) * lines_of_time;
+    return timeout_ms < 0 ? -1 : static_cast<int32_t>(std::min<int64_t>(whole, INT32_MAX));
 }
 
 bool is_digit(char character)
@@ -214,6 +218,14 @@ void close_ftp_socket(int32_t &sock)
     errno = error;
 }
 
+void keep_ftp_socket_alive(int32_t sock)
+{
+    constexpr int on = 1, idle_seconds = 60, interval_seconds = 15;
+    kestal_setsockopt(sock, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    kestal_setsockopt(sock, IPPROTO_TCP, TCP_KEEPIDLE, &idle_seconds, sizeof idle_seconds);
+    kestal_setsockopt(sock, IPPROTO_TCP, TCP_KEEPINTVL, &interval_seconds, sizeof interval_seconds);
+}
+
 int32_t wait_for_ftp_socket(kestal_ftp_t &ftp, int32_t sock, uint32_t conditions, int32_t timeout_ms)
 {
     kestal_clear_select(ftp.m_select);
@@ -255,8 +267,9 @@ int32_t read_ftp_reply(kestal_ftp_t &ftp, int32_t timeout_ms)
 {
     ftp.m_reply_code = -1;
     ftp.m_reply_text = nullptr;
+    const deadline end(reply_time(timeout_ms));
     do {
-        if (!read_line(ftp, timeout_ms))
+        if (!read_line(ftp, timeout_ms, end))
             return -1;
         if (ftp.m_verbose != 0)
             kestal_printf("%s\n", ftp.m_reply_line);

@@ -1,4 +1,5 @@
 // The FTP client's data connections: passive and active, and the streams over them.
+#include "deadline.hpp"
 #include "ftp.hpp"
 #include "guard.hpp"
 
@@ -11,16 +12,19 @@
 #include <algorithm>
 #include <array>
 #include <errno.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <utility>
 
 namespace {
 
+using kestal::deadline;
 using kestal::fail_with;
 using kestal::owned_descriptor;
 using kestal::socket_address;
 
 constexpr int32_t protocol_v6 = 2; // RFC 2428
-constexpr int32_t accept_step_ms = 100;
+constexpr int32_t step_ms = 100;
 constexpr int32_t abort_grace_ms = 1000; // for the second reply to an abort
 
 constexpr int32_t code_open_already = 125;
@@ -46,6 +50,7 @@ int32_t open_stream_socket(const socket_address &address)
     const int32_t sock = socket(kestal::family_of(&address), SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (sock >= 0)
         kestal_set_non_block_socket(sock, 1);
+    kestal::keep_ftp_socket_alive(sock); // an accepted connection is as its listener
     return sock;
 }
 
@@ -142,7 +147,9 @@ bool take_accepted(kestal_ftp_t &ftp)
         const uint64_t passed = kestal_time_stamp_msec() - start;
         if (ftp.m_data_timeout >= 0 && passed > static_cast<uint64_t>(ftp.m_data_timeout))
             return fail_with(ETIMEDOUT) == 0;
-        kestal::step_ftp(ftp, is_last_look ? 0 : accept_step_ms);
+        if (ftp.m_listen_socket < 0)
+            return fail_with(EMFILE) == 0;
+        kestal::step_ftp(ftp, is_last_look ? 0 : step_ms);
         if (ftp.m_accepted_socket < 0 && (is_last_look || (ftp.m_state & KESTAL_FTP_USABLE) == 0))
             return false;
     }
@@ -208,6 +215,22 @@ int32_t transfer_in_time(kestal_ftp_t &ftp, uint32_t condition, int32_t timeout_
         if (kestal::wait_for_ftp_socket(ftp, ftp.m_data_socket, condition,
                                         timeout_ms < 0 ? ftp.m_data_timeout : timeout_ms) != 1)
             return -1;
+    }
+}
+
+// On a slow link much of an upload is still on its way when its last call returns, and the server answers when it has
+// all: until then it is the data's time that runs, anew with every piece that goes.
+void finish_sending(kestal_ftp_t &ftp)
+{
+    int before = 0, waiting = 0;
+    deadline end(ftp.m_data_timeout);
+    while (ioctl(ftp.m_data_socket, SIOCOUTQ, &waiting) == 0 && waiting > 0) {
+        if (before == 0)
+            kestal_shutdown_socket(ftp.m_data_socket, SHUT_WR);
+        if (waiting != std::exchange(before, waiting))
+            end = deadline(ftp.m_data_timeout);
+        if (end.left() == 0 || kestal::wait_for_ftp_socket(ftp, ftp.m_control_socket, KESTAL_SELECT_READ, step_ms) != 0)
+            return;
     }
 }
 
@@ -330,6 +353,7 @@ int32_t kestal_ftp_close_stream(kestal_ftp_t *ftp)
 {
     if (ftp == nullptr || ftp->m_data_socket < 0)
         return fail_with(EBADF);
+    finish_sending(*ftp);
     kestal_ftp_disconnect_data(ftp);
     return kestal_ftp_command_puts(ftp, nullptr) == code_closing ? 0 : -1;
 }

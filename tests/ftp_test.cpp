@@ -12,39 +12,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+using kestal_test::as_time_passes;
+using kestal_test::caught_console;
 using kestal_test::ftp_server;
 using kestal_test::owned_socket;
 
 namespace {
 
 using texts = std::vector<std::string>;
-
-// While it lives, what is put on standard output is kept here, and a prompt's answer goes to a terminal as it is asked.
-class caught_output {
-public:
-    explicit caught_output(const texts &answers = {})
-    {
-        typed = answers;
-        text.clear();
-        kestal_set_puts_handler(keep, &previous_);
-    }
-    ~caught_output() { kestal_set_puts_handler(previous_, nullptr); }
-    static inline std::string text;
-    static inline texts typed;
-    static inline int terminal = -1;
-
-private:
-    static int32_t keep(const char *part)
-    {
-        text += part == nullptr ? "" : part;
-        if (part != nullptr && strstr(part, ": ") != nullptr && !typed.empty()) {
-            EXPECT_GT(write(terminal, typed[0].data(), typed[0].size()), 0);
-            typed.erase(typed.begin());
-        }
-        return 0;
-    }
-    kestal_puts_handler_t previous_ = nullptr;
-};
 
 // A client that is closed with its scope; given a server's location, it is logged in there.
 struct client {
@@ -83,22 +58,6 @@ struct wire {
     client of;
 };
 
-// Lets time pass for the library, a step whenever `may_go` holds, while it runs the call.
-template <typename Condition>
-int32_t as_time_passes(uint64_t step_ms, Condition may_go, const std::function<int32_t()> &call)
-{
-    std::atomic<bool> is_over = false;
-    std::thread clock([&] {
-        while (!is_over)
-            if (may_go())
-                kestal_test::advance_clock(step_ms);
-    });
-    const int32_t result = call();
-    is_over = true;
-    clock.join();
-    return result;
-}
-
 std::string content_of(const std::string &path)
 {
     std::ifstream file(path, std::ios::binary);
@@ -109,11 +68,8 @@ std::string receive_all(kestal_ftp_t *ftp)
 {
     std::string text;
     char block[1000];
-    for (int32_t count; (count = kestal_ftp_recv_stream(ftp, block, sizeof block, 10000)) != 0;) {
-        if (count < 0)
-            return text + "<" + strerror(errno) + ">";
+    for (int32_t count; (count = kestal_ftp_recv_stream(ftp, block, sizeof block, 10000)) > 0;)
         text.append(block, static_cast<size_t>(count));
-    }
     return text;
 }
 
@@ -143,7 +99,7 @@ TEST_F(ftp, reads_replies_however_they_are_split)
     };
     for (const auto &[sent, code, text, echo] : cases)
         for (size_t split = 0; split < sent.size(); ++split) { // in two pieces, at first byte by byte
-            const caught_output output;
+            const caught_console console;
             wire server;
             server.of->m_verbose = 1;
             for (size_t at = 0, end = 0; at < sent.size(); at = end) {
@@ -154,7 +110,7 @@ TEST_F(ftp, reads_replies_however_they_are_split)
             EXPECT_EQ(kestal_ftp_command_puts(server.of, nullptr), code) << sent << split;
             EXPECT_STREQ(server.of->m_reply_text, text);
             EXPECT_EQ(kestal_ftp_command_puts(server.of, nullptr), 200);
-            EXPECT_EQ(output.text, echo + "200 next\n") << split;
+            EXPECT_EQ(console.text(), echo + "200 next\n") << split;
         }
 }
 
@@ -162,21 +118,23 @@ TEST_F(ftp, ends_with_the_connection_or_the_time_and_bounds_lines)
 {
     wire server;
     EXPECT_EQ(kestal_ftp_check(server.of), 0);
-    // The time-out begins anew with every line.
-    const char *lines[] = {"230-a\r\n", "230-b\r\n", "230 c\r\n", ""}, **next = lines;
-    const auto is_line_read = [&] {
-        int left = 0;
-        if (**next == '\0' || ioctl(server.ends[1], SIOCOUTQ, &left) != 0 || left != 0)
-            return false;
-        server.send(*next++);
-        return next != lines + 1;
-    };
-    EXPECT_EQ(as_time_passes(20000, is_line_read, [&] { return kestal_ftp_noop(server.of); }), 230);
-    EXPECT_EQ(as_time_passes(
-                  24000, [] { return true; }, [&] { return kestal_ftp_noop(server.of); }),
-              -1);
-    EXPECT_EQ(errno, ETIMEDOUT);
-
+    // The time-out begins anew with every line, within bounds.
+    const auto noop = [&] { return kestal_ftp_noop(server.of); };
+    for (const auto &[lines, code] : {std::pair(texts{"230-a\r\n", "230-b\r\n", "230 c\r\n"}, 230),
+                                      {texts(100, "230-for ever\r\n"), -1},
+                                      {{}, -1}}) {
+        size_t sent = 0;
+        const auto send_next = [&, &lines = lines] {
+            int unread = 0;
+            if (sent == lines.size() || ioctl(server.ends[1], SIOCOUTQ, &unread) != 0 || unread > 0)
+                return lines.empty();
+            server.send(lines[sent++]);
+            return true;
+        };
+        EXPECT_EQ(as_time_passes(20000, send_next, noop), code);
+        EXPECT_LT(sent, 90u);
+        EXPECT_TRUE(code != -1 || errno == ETIMEDOUT);
+    }
     server.send("331 " + std::string(40000, 'x'));
     server.send("\n230-unfinished\r\n");
     server.send("23");
@@ -273,62 +231,70 @@ TEST_F(ftp, logs_in)
     EXPECT_EQ(errno, ECONNREFUSED);
 }
 
-// Whether a text stands in the stack that the calls before have left, or in the client's block.
-bool is_left(const std::string &text, const kestal_ftp_t *ftp)
+std::string asked; // the prompts so far
+texts typed;       // the answers to come, each typed as it is asked for
+int terminal = -1;
+
+int32_t type_answer(const char *part)
 {
-    const std::string end = text.substr(text.size() - 8); // what a shorter text on top of it leaves
-    return kestal_test::is_on_the_stack(end) || memmem(ftp->m_block, 65536, end.data(), end.size()) != nullptr;
+    asked += part == nullptr ? "" : part;
+    if (part != nullptr && !typed.empty()) {
+        EXPECT_GT(write(terminal, typed[0].data(), typed[0].size()), 0);
+        typed.erase(typed.begin());
+    }
+    return 0;
 }
 
 TEST_F(ftp, asks_the_user)
 {
-    const std::string secret = std::to_string(getpid()) + "-Open-Sesame-Open"; // nowhere else in memory; "$" below
+    const std::string secret = std::to_string(getpid()) + "-Open-Sesame-Open"; // nowhere else in memory
+    const std::string end = secret.substr(secret.size() - 8);                  // what a shorter text on it leaves
     const struct {
         texts typed;
         int32_t attempts, result;
-        const char *user, *prompts, *heard;
+        const char *user, *prompts;
+        std::string heard;
     } cases[] = {
-        {{"joe\n", "$"}, 1, 0, "", "Username: Password: ", "USER joe|PASS $|TYPE I|"},
-        {{"wrong\n", "$"}, 2, 0, "joe@", "Password: Password: ", "USER joe|PASS wrong|PASS $|TYPE I|"},
-        {{"a\n", "b\n", "$"}, -1, 0, "@", "Username: Password: Password: ", "USER a|PASS b|PASS $|TYPE I|"},
-        {{"wrong\n"}, 1, -1, "joe@", "Password: ", "USER joe|PASS wrong|"},
-        {{"$"}, 1, -1, "joe@", "Password: ", "USER joe|PASS $|"},
-        {{"$"}, 2, 0, "joe:wrong@", "Password: ", "USER joe|PASS wrong|PASS $|TYPE I|"},
+        {{"joe\n", secret + "\n"}, 1, 0, "", "Username: Password: ", "USER joe|PASS " + secret + "|TYPE I|"},
+        {{"bad\n", secret + "\n"},
+         2,
+         0,
+         "joe@",
+         "Password: Password: ",
+         "USER joe|PASS bad|PASS " + secret + "|TYPE I|"},
+        {{"joe\n", "b\n", "c\n"}, -1, -1, "@", "Username: Password: Password: Password: ", "USER joe|PASS b|PASS c|"},
+        {{"bad\n"}, 1, -1, "joe@", "Password: ", "USER joe|PASS bad|"},
+        {{secret + "\n"}, 2, 0, "joe:bad@", "Password: ", "USER joe|PASS bad|PASS " + secret + "|TYPE I|"},
         {{"anonymous\n"}, 1, -1, "", "Username: ", "USER anonymous|PASS anonymous@localhost|"},
-        {{"\x04"}, 1, -1, "", "Username: ", ""}, // the end of the input
         {{std::string(256, 'x') + "\n"}, 1, -1, "", "Username: ", ""},
     };
     int ends = -1;
-    ASSERT_EQ(openpty(&caught_output::terminal, &ends, nullptr, nullptr, nullptr), 0);
-    const int terminal = caught_output::terminal, input = dup(STDIN_FILENO);
-    fcntl(terminal, F_SETFL, O_NONBLOCK);
+    ASSERT_EQ(openpty(&terminal, &ends, nullptr, nullptr, nullptr), 0);
+    const int input = dup(STDIN_FILENO);
     dup2(ends, STDIN_FILENO);
-    for (const auto &[typed, attempts, result, user, prompts, heard] : cases) {
-        ftp_server server;
-        server.answer("PASS", "530 no\r\n");
-        server.answer("PASS " + secret, result == 0 ? "230 yes\r\n" : "332 account?\r\n");
+    kestal_puts_handler_t before = nullptr;
+    kestal_set_puts_handler(type_answer, &before);
+    for (const auto &[answers, attempts, result, user, prompts, heard] : cases) {
+        ftp_server server("127.0.0.1", {{"PASS", "530 no\r\n"}, {"PASS " + secret, "230 yes\r\n"}});
         const client of;
         of.connect(server.uri("", "ftp", user));
-        texts answers = typed;
-        std::ranges::replace(answers, "$", secret + "\n");
-        const caught_output output(answers);
-        of->m_verbose = of->m_ask_user = of->m_ask_password = 1;
+        asked.clear();
+        typed = answers;
+        typed.push_back("\x04"); // the end of the input
+        of->m_ask_user = of->m_ask_password = 1;
         of->m_password_attempts = attempts;
         EXPECT_EQ(kestal_ftp_login(of, nullptr, nullptr, "I"), result) << heard;
-        EXPECT_FALSE(is_left(secret, of));
-        EXPECT_EQ(output.text.find(secret), std::string::npos);
-        std::string expected = heard, asked, shown(4096, '\0');
-        if (const size_t at = expected.find('$'); at != std::string::npos)
-            expected.replace(at, 1, secret);
-        EXPECT_EQ(server.heard(), expected);
-        for (size_t at = 0; (at = output.text.find(": ", at)) != std::string::npos; at += 2)
-            asked += output.text.substr(at - 8, 10);
+        EXPECT_FALSE(kestal_test::is_on_the_stack(end));
+        EXPECT_EQ(memmem(of->m_block, 65536, end.data(), end.size()), nullptr);
+        EXPECT_EQ(server.heard(), heard);
         EXPECT_EQ(asked, prompts);
         // What the terminal showed: user names only.
-        shown.resize(static_cast<size_t>(std::max<ssize_t>(0, read(terminal, shown.data(), shown.size()))));
+        std::string shown(4096, '\0');
+        shown.resize(static_cast<size_t>(read(terminal, shown.data(), shown.size())));
         EXPECT_EQ(shown.find(secret), std::string::npos);
-        EXPECT_EQ(shown.find("joe") != std::string::npos, typed[0] == "joe\n");
+        EXPECT_EQ(shown.find("joe") != std::string::npos, answers[0] == "joe\n");
     }
+    kestal_set_puts_handler(before, nullptr);
     dup2(input, STDIN_FILENO);
     for (const int descriptor : {terminal, ends, input})
         close(descriptor);
@@ -385,33 +351,25 @@ void move_all(const client &of, const std::string &host, const std::string &mode
     kestal_ftp_disconnect(of);
 }
 
-// Both families, both ways of opening the data connection.
-void move_all()
-{
-    const client of;
-    move_all(of, "127.0.0.1", "ACTIVE", "PORT 127,0,0,1,N");
-    move_all(of, "127.0.0.1", "Passive", "PASV");
-    if (kestal_check_ipv6_support() != 0)
-        return;
-    move_all(of, "::1", "active", "EPRT |2|::1|N|");
-    move_all(of, "::1", "passive", "EPSV 2");
-}
-
+// Both families, both ways of opening the data connection, also beyond what the system's own select can watch.
 TEST_F(ftp, moves_data_every_way)
-{
-    move_all();
-}
-
-TEST_F(ftp, moves_data_above_1024) // descriptors, beyond what the system's own select can watch
 {
     rlimit limit;
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     const rlimit wide = {std::max<rlim_t>(limit.rlim_cur, std::min<rlim_t>(limit.rlim_max, 1200)), limit.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &wide), 0);
     std::vector<int> taken;
-    while (taken.size() < 1050)
-        taken.push_back(dup(STDIN_FILENO));
-    move_all();
+    for (const size_t low : {0u, 1050u}) {
+        while (taken.size() < low)
+            taken.push_back(dup(STDIN_FILENO));
+        const client of;
+        move_all(of, "127.0.0.1", "ACTIVE", "PORT 127,0,0,1,N");
+        move_all(of, "127.0.0.1", "Passive", "PASV");
+        if (kestal_check_ipv6_support() == 0) {
+            move_all(of, "::1", "active", "EPRT |2|::1|N|");
+            move_all(of, "::1", "passive", "EPSV 2");
+        }
+    }
     for (const int descriptor : taken)
         close(descriptor);
     setrlimit(RLIMIT_NOFILE, &limit);
@@ -464,13 +422,50 @@ TEST_F(ftp, refuses_streams_and_stays_in_step)
     EXPECT_EQ(kestal_ftp_set_option(of, KESTAL_FTP_OPTION_SAME_HOST, 1), 0);
     EXPECT_EQ(kestal_ftp_passive(of), -1);
     of->m_verbose = 1;
-    const caught_output output;
+    const caught_console console;
     EXPECT_EQ(kestal_ftp_active(of), 0);
-    EXPECT_EQ(output.text.rfind("ftp: [MESSAGE] port command (control_socket=", 0), 0u) << output.text;
+    EXPECT_TRUE(console.text().starts_with("ftp: [MESSAGE] port command (control_socket=")) << console.text();
     owned_socket stranger(kestal_open_connect_socket_ex(
         0, "127.0.0.9", 0, "127.0.0.1", static_cast<int32_t>(kestal_test::port_of(of->m_listen_socket)), 10000));
     EXPECT_EQ(kestal_ftp_noop(of) + kestal_ftp_noop(of), 400);
     EXPECT_EQ(of->m_accepted_socket, -1);
+    // Without a descriptor for it the server's connection is given up, not tried for ever.
+    owned_socket unaccepted(kestal_open_connect_socket(
+        "127.0.0.1", static_cast<int32_t>(kestal_test::port_of(of->m_listen_socket)), 10000));
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none = {0, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(kestal_ftp_noop(of) + kestal_ftp_noop(of), 400);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(of->m_listen_socket, -1);
+}
+
+TEST_F(ftp, waits_for_a_slow_link)
+{
+    ftp_server server;
+    const client of(server.uri());
+    for (const int32_t passive : {0, 1}) {
+        std::atomic<bool> is_all_given = false;
+        server.before_upload([&] {
+            kestal_test::wait_until([&] { return is_all_given.load(); });
+            for (int i = 0; i < 3; ++i, kestal_test::advance_clock(20000)) // more than a reply may take, less than data
+                std::this_thread::sleep_for(std::chrono::milliseconds(120));
+        });
+        of->m_passive = passive;
+        EXPECT_EQ(kestal_ftp_open_stream(of, 0, "up", "w"), 0);
+        int is_kept_alive = 0;
+        uint32_t size = sizeof is_kept_alive;
+        for (const int32_t sock : {of->m_control_socket, of->m_data_socket})
+            EXPECT_TRUE(kestal_getsockopt(sock, SOL_SOCKET, SO_KEEPALIVE, &is_kept_alive, &size) == 0 &&
+                        is_kept_alive != 0);
+        const std::string block(100000, 'x');
+        while (kestal_ftp_send_stream(of, block.data(), block.size(), 0) > 0)
+            ;
+        is_all_given = true;
+        EXPECT_EQ(kestal_ftp_close_stream(of), 0);
+        EXPECT_EQ(server.stored().size(), of->m_bytes);
+    }
 }
 
 TEST_F(ftp, aborts_and_stays_in_step)
@@ -480,7 +475,6 @@ TEST_F(ftp, aborts_and_stays_in_step)
         int32_t result, code, next;
     } cases[] = {{"426 lost\r\n226 over\r\n", 0, 226, 200},
                  {"226 sent\r\n225 nothing\r\n", 0, 225, 200},
-                 {"426 lost\r\n225 nothing\r\n", -1, 225, 200},
                  {"550 lost\r\n426 over\r\n", -1, 426, 200},
                  {"226 alone\r\n", 0, 226, 200},
                  {"hang up", -1, -1, -1}};
@@ -489,8 +483,9 @@ TEST_F(ftp, aborts_and_stays_in_step)
         const client of(server.uri());
         EXPECT_EQ(kestal_ftp_open_stream(of, 0, "f", "r"), 0);
         of->m_command_timeout = -1; // the time that passes is that of the second reply
+        const auto abort = [&] { return kestal_ftp_abort_stream(of); };
         EXPECT_EQ(as_time_passes(
-                      1, [] { return true; }, [&] { return kestal_ftp_abort_stream(of); }),
+                      1, [] { return true; }, abort),
                   result)
             << answer;
         EXPECT_EQ(of->m_data_socket, -1);
@@ -501,12 +496,13 @@ TEST_F(ftp, aborts_and_stays_in_step)
     ftp_server server;
     server.serve(std::string(32 << 20, 'x'));
     const client of(server.uri());
-    char block[1000];
+    char byte;
     EXPECT_EQ(kestal_ftp_open_stream(of, 0, "f", "r"), 0);
-    EXPECT_GT(kestal_ftp_recv_stream(of, block, sizeof block, -1), 0);
-    EXPECT_EQ(kestal_ftp_abort_stream(of), 0);
-    EXPECT_EQ(kestal_ftp_noop(of), 200);
-    EXPECT_EQ(kestal_ftp_abort_stream(of), 0); // nothing to abort
+    EXPECT_EQ(kestal_ftp_recv_stream(of, &byte, 1, -1), 1);
+    for (int turn = 0; turn < 2; ++turn) { // then there is nothing to abort
+        EXPECT_EQ(kestal_ftp_abort_stream(of), 0);
+        EXPECT_EQ(kestal_ftp_noop(of), 200);
+    }
 }
 
 // --- downloads
@@ -514,56 +510,51 @@ TEST_F(ftp, aborts_and_stays_in_step)
 TEST_F(ftp, downloads_files)
 {
     constexpr uint32_t make = KESTAL_FTP_DOWNLOAD_MAKE_DIRECTORIES, remove = KESTAL_FTP_DOWNLOAD_REMOVE;
+    constexpr uint32_t need_size = KESTAL_FTP_DOWNLOAD_NEED_SIZE, shown = 0x19; // also verbose, and without time-out
     const std::string data = noise(150000);
     const struct {
         uint32_t flags;
         const char *path;
         size_t cut_after;
         ftp_server::answers answers;
-        int32_t result;
-        const char *left;                                // null: the data, or as much of it as came
-    } cases[] = {{0, "d/f", SIZE_MAX, {}, -1, "<none>"}, // no such directory
-                 {make, "d/e/f", SIZE_MAX, {}, 0, nullptr},
-                 {0x19, "old", SIZE_MAX, {{"SIZE", "550 no\r\n"}}, 0, nullptr},
-                 {KESTAL_FTP_DOWNLOAD_NEED_SIZE, "old", SIZE_MAX, {{"SIZE", "550 no\r\n"}}, -1, "old"},
-                 {KESTAL_FTP_DOWNLOAD_NEED_SIZE, "old", SIZE_MAX, {}, 0, nullptr},
-                 {remove, "old", SIZE_MAX, {{"RETR", "550 none\r\n"}}, -1, "old"},
-                 {remove, "old", SIZE_MAX, {{"end", "426 lost\r\n"}}, -1, "<none>"},
-                 {remove, "f", 100000, {}, -1, "<none>"},
-                 {0, "f", 100000, {}, -1, nullptr}};
-    for (const auto &[flags, name, cut_after, answers, result, left] : cases) {
+        const char *left;                            // null: the data
+    } cases[] = {{0, "d/f", SIZE_MAX, {}, "<none>"}, // no such directory
+                 {make, "d/e/f", SIZE_MAX, {}, nullptr},
+                 {shown, "old", SIZE_MAX, {{"SIZE", "550 no\r\n"}}, nullptr},
+                 {need_size, "old", SIZE_MAX, {{"SIZE", "550 no\r\n"}}, "old"},
+                 {need_size, "old", SIZE_MAX, {}, nullptr},
+                 {remove, "old", SIZE_MAX, {{"RETR", "550 none\r\n"}}, "old"},
+                 {remove, "old", SIZE_MAX, {{"end", "426 lost\r\n"}}, "<none>"},
+                 {remove, "f", 100000, {}, "<none>"},
+                 {0, "f", 100000, {}, "what came"}};
+    for (const auto &[flags, name, cut_after, answers, left] : cases) {
         const kestal_test::temporary_directory directory;
         directory.file("old", "old");
         ftp_server server("127.0.0.1", answers);
         server.serve(data, cut_after);
         const client of(server.uri());
-        const caught_output output;
+        const caught_console console;
         const std::string path = directory.path(name);
         kestal_md5_t md5, expected;
         const mode_t mask = umask(077);
-        EXPECT_EQ(kestal_ftp_download_to_file_with_md5(of, flags, "f", path.c_str(), 0644, &md5), result) << flags;
+        EXPECT_EQ(kestal_ftp_download_to_file_with_md5(of, flags, "f", path.c_str(), 0644, &md5),
+                  left == nullptr ? 0 : -1);
         umask(mask);
         const std::string found = content_of(path);
-        struct stat status = {};
-        if (left != nullptr)
-            EXPECT_EQ(found, left) << flags;
-        else
-            EXPECT_TRUE(found == data.substr(0, result == 0 ? data.size() : found.size()) && !found.empty()) << flags;
-        if (result == 0) {
+        const bool is_data = !found.empty() && data.starts_with(found);
+        EXPECT_EQ(is_data && left != nullptr ? "what came" : found, left == nullptr ? data : left) << flags << name;
+        if (left == nullptr) {
             kestal_md5_push(kestal_init_md5(&expected), data.data(), data.size());
             EXPECT_STREQ(kestal_md5_digest(&md5, nullptr), kestal_md5_digest(&expected, nullptr));
-            EXPECT_EQ(stat(path.c_str(), &status), 0);
-            EXPECT_EQ(status.st_mode & 07777, 0644u);
+            EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0644});
         }
-        // Settings that flags make, and progress.
-        EXPECT_EQ(of->m_verbose, flags == 0x19 ? 1 : 0);
-        EXPECT_EQ(of->m_data_timeout, flags == 0x19 ? -1 : 60000);
-        EXPECT_EQ(output.text.find("    150000, ") != std::string::npos, flags == 0x19);
-        EXPECT_EQ(output.text.find("bps, ETA 00:00 \n226 done\n") != std::string::npos, flags == 0x19) << output.text;
+        EXPECT_EQ(of->m_verbose, flags == shown ? 1 : 0);
+        EXPECT_EQ(of->m_data_timeout, flags == shown ? -1 : 60000);
+        const std::string text = console.text();
+        EXPECT_EQ(text.find("    150000, ") != std::string::npos, flags == shown);
+        EXPECT_EQ(text.find("bps, ETA 00:00 \n226 done\n") != std::string::npos, flags == shown) << text;
         // What is lost is lost, and the client can be used again.
-        const bool is_lost = cut_after < data.size();
-        EXPECT_EQ(kestal_ftp_noop(of), is_lost ? -1 : 200);
-        EXPECT_EQ(kestal_ftp_check(of), is_lost ? -1 : 0);
+        EXPECT_EQ(kestal_ftp_check(of), cut_after < data.size() ? -1 : 0);
         of.log_in(server.uri());
         EXPECT_EQ(kestal_ftp_noop(of), 200);
     }
@@ -592,17 +583,16 @@ TEST_F(ftp, downloads_into_memory_and_in_one_call)
     EXPECT_EQ(kestal_test::owned(kestal_alloc_pop_buffer_ex(buffer, 2 * text.size(), 1), 2 * text.size()), text + text);
     EXPECT_EQ(kestal_ftp_download_to_buffer(of, 0, "f", nullptr) + kestal_ftp_download_to_ini(of, 0, "f", nullptr), -2);
     server.serve("");
-    // A device, here a terminal of the test's own, keeps its permissions.
-    int terminal = -1, device = -1;
-    ASSERT_EQ(openpty(&terminal, &device, nullptr, nullptr, nullptr), 0);
-    struct stat status;
+    // What is no file keeps its permissions.
+    const std::string pipe = directory.path("pipe");
+    ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+    const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
     EXPECT_EQ(kestal_ftp_download_to_file(of, 0, "f", "f", 0400) |
-                  kestal_ftp_download_to_file(of, 0, "f", ttyname(device), 0400) | fstat(device, &status),
+                  kestal_ftp_download_to_file(of, 0, "f", pipe.c_str(), 0400),
               0);
     EXPECT_EQ(content_of(directory.path("f")), "");
-    EXPECT_NE(status.st_mode & 07777, 0400u);
-    close(terminal);
-    close(device);
+    EXPECT_NE(std::filesystem::status(pipe).permissions(), std::filesystem::perms::owner_read);
+    close(reader);
     std::filesystem::current_path(before);
     // An upload to a connection that is gone, without a signal to the process.
     EXPECT_EQ(kestal_ftp_passive(of), 0);
@@ -619,22 +609,18 @@ TEST_F(ftp, draws_progress)
         uint64_t bytes, elapsed, total;
         const char *text;
     } cases[] = {{0, 0, 100, "         0,   0.00 bps, ETA 99:59"},
-                 {0, 0, 0, "         0,   0.00 bps, ETA 00:00"},
                  {100, 6481, 100, "       100, 123.43 bps, ETA 00:00"},
                  {1240, 8000, 2480, "      1240,   1.24Kbps, ETA 00:08"},
                  {154, 1, 154, "       154,   1.23Mbps, ETA 00:00"},
-                 {1000, 1000, 6001000, "      1000,   8.00Kbps, ETA 100:00"},
                  {12345678901, 1000, UINT64_MAX, "12345678901,  98.76Gbps, ETA 249"},
-                 {1000, 8008, 0, "      1000, 999.00 bps, ETA 00:00"},
-                 {UINT64_MAX, 1, UINT64_MAX, "ETA 00:00"}};
+                 {1000, 8008, 0, "      1000, 999.00 bps, ETA 00:00"}};
     const client of;
     for (const auto &[bytes, elapsed, total, text] : cases) {
-        const caught_output output;
+        const caught_console console;
         of->m_bytes = bytes;
         of->m_elapsed = elapsed;
         EXPECT_EQ(kestal_ftp_download_progress_bar(of, "label", bytes, total), 0);
-        EXPECT_NE(output.text.find(text), std::string::npos) << output.text << "\n" << text;
-        EXPECT_NE(output.text.find("abel"), std::string::npos);
+        EXPECT_NE(console.text().find(text), std::string::npos) << console.text() << "\n" << text;
     }
 }
 
@@ -662,7 +648,7 @@ TEST_F(ftp, answers_null_and_begins_with_defaults)
 {
     char byte = 0;
     const client unconnected;
-    for (kestal_ftp_t *of : {static_cast<kestal_ftp_t *>(nullptr), static_cast<kestal_ftp_t *>(unconnected)}) {
+    for (kestal_ftp_t *of : {static_cast<kestal_ftp_t *>(nullptr), unconnected.ftp}) {
         EXPECT_EQ(kestal_ftp_login(of, "", "", "") + kestal_ftp_set_option(of, 99, 1) + kestal_ftp_check(of) +
                       kestal_ftp_command_puts(of, "x") + kestal_ftp_command_puts(of, nullptr) +
                       kestal_ftp_command_printf(of, "x") + kestal_ftp_cwd(of, "x") + kestal_ftp_rest(of, 1) +
@@ -672,18 +658,18 @@ TEST_F(ftp, answers_null_and_begins_with_defaults)
                       kestal_ftp_abort_stream(of) + kestal_ftp_download_to_file(of, 0, "x", "x", 0) +
                       kestal_ftp_download_to_buffer(of, 0, "x", nullptr),
                   -18);
-        EXPECT_EQ(kestal_ftp_get_system(of), nullptr);
-        EXPECT_EQ(kestal_ftp_get_pwd(of), nullptr);
+        EXPECT_TRUE(kestal_ftp_get_system(of) == nullptr && kestal_ftp_get_pwd(of) == nullptr);
     }
     EXPECT_EQ(kestal_close_ftp(nullptr), nullptr);
-    EXPECT_EQ(kestal_ftp_connect(nullptr, "", 0) + kestal_ftp_disconnect(nullptr), -2);
-    EXPECT_EQ(kestal_ftp_download_progress_bar(nullptr, "", 0, 0), -1);
+    EXPECT_EQ(kestal_ftp_connect(nullptr, "", 0) + kestal_ftp_disconnect(nullptr) +
+                  kestal_ftp_download_progress_bar(nullptr, "", 0, 0),
+              -3);
     const int32_t defaults[] = {0, 24000, 60000, 0, 0, 1, 1}; // in the order of the fields and their options
     EXPECT_EQ(memcmp(unconnected.ftp, defaults, sizeof defaults), 0);
-    for (const int32_t option : {1, 2, 3, 4, 5, 6, 7})
-        EXPECT_EQ(kestal_ftp_set_option(unconnected, option, 70 + option), 0);
-    const int32_t set[] = {71, 72, 73, 74, 75, 76, 77};
-    EXPECT_EQ(memcmp(unconnected.ftp, set, sizeof set), 0);
+    const int32_t changed[] = {71, 72, 73, 74, 75, 76, 77};
+    for (const int32_t value : changed)
+        EXPECT_EQ(kestal_ftp_set_option(unconnected, value - 70, value), 0);
+    EXPECT_EQ(memcmp(unconnected.ftp, changed, sizeof changed), 0);
 }
 
 } // namespace

@@ -68,7 +68,8 @@ enum {
 /** A client: the settings may be written at any time, everything behind them is to be read only. */
 typedef struct kestal_ftp {
     int32_t m_verbose;           /**< not 0: every reply line is echoed to standard output; 0 */
-    int32_t m_command_timeout;   /**< for connecting and each reply line, in ms, -1 for none; 24000 */
+    int32_t m_command_timeout;   /**< for connecting and each reply line, in ms, -1 for none; 24000. A reply of many
+                                      lines has 64 times as long, and a minute at least */
     int32_t m_data_timeout;      /**< for data connections and each read or write of them, in ms, -1 for none; 60000 */
     int32_t m_ask_user;          /**< not 0: an unknown user is asked for with "Username: "; 0 */
     int32_t m_ask_password;      /**< not 0: an unknown password is asked for with "Password: ", with retries; 0 */

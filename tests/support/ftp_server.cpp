@@ -19,7 +19,8 @@ int stream_socket(const sockaddr_storage &address, int (*attach)(int, const sock
 
 int listen_on(const std::string &host)
 {
-    const int sock = stream_socket(address_of(host), bind);
+    const int sock = stream_socket(address_of(host), bind), room = 4096;
+    EXPECT_EQ(setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &room, sizeof room), 0);
     EXPECT_EQ(listen(sock, 16), 0);
     return sock;
 }
@@ -160,6 +161,7 @@ bool ftp_server::receive_file()
 {
     const int data = open_data();
     std::string received;
+    before_upload_();
     char block[4096];
     for (ssize_t count; (count = recv(data, block, sizeof block, 0)) > 0;)
         received.append(block, static_cast<size_t>(count));

@@ -328,6 +328,20 @@ void advance_clock(uint64_t milliseconds)
     clock_ahead_msec += milliseconds;
 }
 
+int32_t as_time_passes(uint64_t step_ms, const std::function<bool()> &may_go, const std::function<int32_t()> &call)
+{
+    std::atomic<bool> is_over = false;
+    std::thread clock([&] {
+        while (!is_over)
+            if (may_go())
+                advance_clock(step_ms);
+    });
+    const int32_t result = call();
+    is_over = true;
+    clock.join();
+    return result;
+}
+
 temporary_directory::temporary_directory()
 {
     std::string name = (std::filesystem::temp_directory_path() / "kestal-test-XXXXXX").string();

@@ -24,12 +24,6 @@ public:
         std::filesystem::create_directory(folder_.path() + "/empty");
         std::ofstream(folder_.path() + "/root/large") << std::string(large_size, 'x');
         std::ofstream(folder_.path() + "/root/small") << std::string(small_size, 'x');
-        const int32_t probe = kestal_open_listen_socket("127.0.0.1", 0);
-        sockaddr_storage name = {};
-        uint32_t length = sizeof name;
-        kestal_getsockname(probe, &name, &length);
-        port_ = std::to_string(kestal_sockaddr_get_port(&name));
-        kestal_close_socket(probe);
         const std::string settings = folder_.path() + "/vsftpd.conf";
         std::ofstream(settings) << "listen=YES\nlisten_address=127.0.0.1\nlisten_port=" << port_
                                 << "\nbackground=NO\nanonymous_enable=YES\nanon_root=" << folder_.path()
@@ -40,22 +34,11 @@ public:
 
     std::string uri(const std::string &file) const { return "ftp://127.0.0.1:" + port_ + "/" + file; }
 
-    // Whether it answers within so many tries.
-    bool answers() const
-    {
-        for (int tries = 0; tries < 200; ++tries) {
-            const int32_t sock = kestal_open_connect_socket("127.0.0.1", std::stoi(port_), 1000);
-            kestal_close_socket(sock);
-            if (sock >= 0)
-                return true;
-            kestal_load_balance();
-        }
-        return false;
-    }
+    bool answers() const { return kestal_bench::answers(port_); }
 
 private:
     kestal_bench::folder folder_;
-    std::string port_;
+    const std::string port_ = kestal_bench::free_port(kestal_open_listen_socket("127.0.0.1", 0));
     std::optional<kestal_bench::server> server_;
 };
 

@@ -10,9 +10,7 @@
 #include <algorithm>
 #include <fstream>
 #include <memory>
-#include <netinet/in.h>
 #include <string>
-#include <sys/socket.h>
 
 namespace {
 
@@ -33,16 +31,10 @@ public:
         for (int i = 0; i < listed; ++i)
             std::ofstream(root() + "/names/file" + std::to_string(i)) << i;
         std::filesystem::permissions(root() + "/new", std::filesystem::perms(0777));
-        const int32_t probe = kestal_open_listen_socket("127.0.0.1", 0);
-        sockaddr_storage name = {};
-        uint32_t length = sizeof name;
-        kestal_getsockname(probe, &name, &length);
-        port_ = kestal_sockaddr_get_port(&name);
-        kestal_close_socket(probe);
     }
 
     std::string root() const { return folder_.path() + "/root"; }
-    std::string port() const { return std::to_string(port_); }
+    const std::string &port() const { return port_; }
     std::string file(const std::string &name, const std::string &content) const
     {
         std::ofstream(folder_.path() + "/" + name) << content;
@@ -50,22 +42,9 @@ public:
     }
     std::string path(const std::string &name) const { return folder_.path() + "/" + name; }
 
-    // Waits until somebody listens.
-    bool answers() const
-    {
-        for (int tries = 0; tries < 300; ++tries) {
-            const int32_t sock = kestal_open_connect_socket("127.0.0.1", static_cast<int32_t>(port_), 1000);
-            kestal_close_socket(sock);
-            if (sock >= 0)
-                return true;
-            kestal_load_balance();
-        }
-        return false;
-    }
-
 private:
     kestal_bench::folder folder_;
-    uint32_t port_;
+    const std::string port_ = kestal_bench::free_port(kestal_open_listen_socket("127.0.0.1", 0));
 };
 
 using command = std::vector<std::string>;
@@ -159,7 +138,7 @@ void transfer(benchmark::State &state, Transfer once)
 {
     const place at;
     const kestal_bench::server server(serve(at));
-    if (!at.answers()) {
+    if (!kestal_bench::answers(at.port())) {
         state.SkipWithError("no server");
         return;
     }

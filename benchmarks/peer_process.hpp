@@ -1,11 +1,14 @@
 // Programs as the sides of a benchmark: servers that run as long as it does, and clients run to their end.
 #pragma once
 
+#include <kestal_ulx.h>
+
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
+#include <netinet/in.h>
 #include <spawn.h>
 #include <string>
 #include <sys/wait.h>
@@ -60,6 +63,29 @@ inline std::string find_program(const std::string &name)
         if (const std::string path = std::string(folder) + "/" + name; access(path.c_str(), X_OK) == 0)
             return path;
     return {};
+}
+
+// The port of a socket, which is closed: a free one.
+inline std::string free_port(int32_t probe)
+{
+    sockaddr_storage name = {};
+    uint32_t length = sizeof name;
+    kestal_getsockname(probe, &name, &length);
+    kestal_close_socket(probe);
+    return std::to_string(kestal_sockaddr_get_port(&name));
+}
+
+// Whether somebody listens at the port before too long.
+inline bool answers(const std::string &port)
+{
+    for (int tries = 0; tries < 300; ++tries) {
+        const int32_t sock = kestal_open_connect_socket("127.0.0.1", std::stoi(port), 1000);
+        kestal_close_socket(sock);
+        if (sock >= 0)
+            return true;
+        kestal_load_balance();
+    }
+    return false;
 }
 
 // A folder that every user may read, removed in the end.

@@ -7,7 +7,6 @@
 #include <benchmark/benchmark.h>
 
 #include <fstream>
-#include <netinet/in.h>
 #include <optional>
 #include <string>
 
@@ -21,12 +20,6 @@ public:
     service()
     {
         std::ofstream(folder_.path() + "/file") << std::string(file_size, 'x');
-        const int32_t probe = kestal_open_udp_socket("127.0.0.1", -1);
-        sockaddr_in name = {};
-        uint32_t length = sizeof name;
-        kestal_getsockname(probe, &name, &length);
-        port_ = std::to_string(kestal_sockaddr_get_port(&name));
-        kestal_close_socket(probe);
         server_.emplace(std::vector<std::string>{kestal_bench::find_program("in.tftpd"), "--foreground", "--address",
                                                  "127.0.0.1:" + port_, "--secure", folder_.path()});
     }
@@ -49,7 +42,7 @@ public:
 
 private:
     kestal_bench::folder folder_;
-    std::string port_;
+    const std::string port_ = kestal_bench::free_port(kestal_open_udp_socket("127.0.0.1", -1));
     std::optional<kestal_bench::server> server_;
 };
 

@@ -106,27 +106,21 @@ int32_t sync(kestal_ctx_t *ctx)
     return refuse(*ctx, -1);
 }
 
-constexpr kestal_ctx0_v1_interface_t interface_table = {.m_base = {.m_version = 1,
-                                                                   .m_size = sizeof(kestal_ctx0_v1_interface_t),
-                                                                   .m_revision = 1,
-                                                                   .m_padding = 0,
-                                                                   .m_open = open_ctx,
-                                                                   .m_close = close_ctx,
-                                                                   .m_vbcontrol = control_nothing,
-                                                                   .m_vxcontrol = control_nothing,
-                                                                   .m_vcontrol = vcontrol,
-                                                                   .m_is_readable = is_readable,
-                                                                   .m_read = read,
-                                                                   .m_is_writable = is_writable,
-                                                                   .m_write = write,
-                                                                   .m_seek = seek,
-                                                                   .m_sync = sync,
-                                                                   .m_get_env = kestal::refuse_get_env,
-                                                                   .m_set_env = kestal::refuse_set_env,
-                                                                   .m_get_last_error = kestal::get_last_error,
-                                                                   .m_set_last_error = kestal::set_last_error,
-                                                                   .m_main = nullptr},
-                                                        .m_reserved = {}};
+constexpr kestal_ctx0_v1_interface_t interface_table = [] {
+    kestal_ctx0_v1_interface_t table = kestal::common_table;
+    table.m_base.m_open = open_ctx;
+    table.m_base.m_close = close_ctx;
+    table.m_base.m_vbcontrol = control_nothing;
+    table.m_base.m_vxcontrol = control_nothing;
+    table.m_base.m_vcontrol = vcontrol;
+    table.m_base.m_is_readable = is_readable;
+    table.m_base.m_read = read;
+    table.m_base.m_is_writable = is_writable;
+    table.m_base.m_write = write;
+    table.m_base.m_seek = seek;
+    table.m_base.m_sync = sync;
+    return table;
+}();
 
 constinit kestal::preloaded_plugins preloaded;
 
@@ -136,14 +130,8 @@ int32_t kestal_plugin_initialize_builtin_ftp_plugin(const char **mime_type_hint,
                                                     const kestal_ctx0_v0_interface_t **interface,
                                                     uint64_t *interface_size)
 {
-    if (interface == nullptr || interface_size == nullptr)
-        return -1;
-    if (mime_type_hint != nullptr)
-        *mime_type_hint = mime_type_hint_list;
-    *interface = &interface_table.m_base;
-    *interface_size = sizeof(interface_table);
-    preloaded.load();
-    return 0;
+    return kestal::initialize_plugin(mime_type_hint_list, interface_table, preloaded, mime_type_hint, interface,
+                                     interface_size);
 }
 
 int32_t kestal_plugin_uninitialize_builtin_ftp_plugin(void)

@@ -41,6 +41,19 @@ inline int32_t set_last_error(kestal_ctx_t *ctx, uint32_t code)
     return 0;
 }
 
+// A plugin's table, but for the operations of its own.
+constexpr kestal_ctx0_v1_interface_t common_table = [] {
+    kestal_ctx0_v1_interface_t table = {};
+    table.m_base.m_version = 1;
+    table.m_base.m_size = sizeof table;
+    table.m_base.m_revision = 1;
+    table.m_base.m_get_env = refuse_get_env;
+    table.m_base.m_set_env = refuse_set_env;
+    table.m_base.m_get_last_error = get_last_error;
+    table.m_base.m_set_last_error = set_last_error;
+    return table;
+}();
+
 // --- the plugin libraries that come with a plugin, counted by its initialisations
 
 class preloaded_plugins {
@@ -78,5 +91,20 @@ private:
     uint32_t use_count_ = 0;
     entry plugins_[1] = {{"kestal_plugin_curl.so", nullptr, nullptr, KESTAL_INVALID_ID}};
 };
+
+// Answers an initialisation; the plugin libraries come with it.
+inline int32_t initialize_plugin(const char *hint_list, const kestal_ctx0_v1_interface_t &table,
+                                 preloaded_plugins &preloaded, const char **mime_type_hint,
+                                 const kestal_ctx0_v0_interface_t **interface, uint64_t *interface_size)
+{
+    if (interface == nullptr || interface_size == nullptr)
+        return -1;
+    if (mime_type_hint != nullptr)
+        *mime_type_hint = hint_list;
+    *interface = &table.m_base;
+    *interface_size = sizeof table;
+    preloaded.load();
+    return 0;
+}
 
 } // namespace kestal

@@ -1,6 +1,7 @@
 // One CGI request after the other: what is read, who is let in, what is written.
 #include "support.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -103,25 +104,23 @@ TEST_F(cgi, reads_the_request)
     const struct {
         const char *method, *length;
         std::vector<std::string> body;
-        uint32_t whole;
         int32_t result;
         const char *stored_method;
-        uint32_t index;
+        uint32_t index, whole;
         uint64_t stored_length;
         const char *kept;
     } cases[] = {
-        {"get", nullptr, {"unread"}, 0, 0, "GET", 1, 0, ""},
-        {"GET", "3", {"abc"}, 0, 0, "GET", 1, 3, "abc"},
-        {"Head", "3", {"abc"}, 0, 0, "HEAD", 2, 3, ""},
-        {"PUT", nullptr, {"ab", "cd", "e"}, 0, 0, "PUT", 4, 0, "abcde"},
-        {"delete", "0", {"abc"}, 0, 0, "DELETE", 5, 0, ""},
-        {"Patch", "12x", {"ab"}, 0, 0, "Patch", 8, 0, "ab"},
-        {nullptr, "-1", {"ab"}, 0, 0, "", 0, 0, "ab"},
-        {"POST", "4", {"abc"}, 0, -1, "POST", 3, 4, "abc"},
-        {"POST", "4", {"ab", "cd"}, 0, -1, "POST", 3, 4, "abcd"}, // not in a single read
-        {"POST", "4", {"ab", "cd", "ef"}, 1, 0, "POST", 3, 4, "abcd"},
-        {"POST", "4", {"ab", "c"}, 1, -1, "POST", 3, 4, "abc"},
-        {"POST", "18446744073709551616", {"ab"}, 0, -1, "POST", 3, UINT64_MAX, "ab"},
+        {"get", nullptr, {"unread"}, 0, "GET", 1, 0, 0, ""},
+        {"GET", "3", {"abc"}, 0, "GET", 1, 0, 3, "abc"},
+        {"Head", "3", {"abc"}, 0, "HEAD", 2, 0, 3, ""},
+        {"PUT", nullptr, {"ab", "cd", "e"}, 0, "PUT", 4, 0, 0, "abcde"},
+        {"delete", "0", {"abc"}, 0, "DELETE", 5, 0, 0, ""},
+        {"Patch", "12x", {"ab"}, 0, "Patch", 8, 0, 0, "ab"},
+        {nullptr, "-1", {"ab"}, 0, "", 0, 0, 0, "ab"},
+        {"POST", "4", {"ab", "cd"}, -1, "POST", 3, 0, 4, "abcd"}, // not in a single read
+        {"POST", "4", {"ab", "cd", "ef"}, 0, "POST", 3, 1, 4, "abcd"},
+        {"POST", "4", {"ab", "c"}, -1, "POST", 3, 1, 4, "abc"},
+        {"POST", "18446744073709551616", {"ab"}, -1, "POST", 3, 0, UINT64_MAX, "ab"},
     };
     for (const auto &each : cases) {
         std::vector<std::string> variables = {"CONTENT_TYPE=text/plain"};
@@ -203,44 +202,40 @@ std::string md5(const std::string &text)
 TEST_F(cgi, checks_credentials)
 {
     // GET with the realm "r" and the nonce "n".
-    const auto response = [](const char *name, const char *password, bool has_qop) {
-        const std::string ends = md5("GET:/u");
-        return md5(md5(std::string(name) + ":r:" + password) + (has_qop ? ":n:1:c:auth:" : ":n:") + ends);
+    const auto response = [](const char *password, const char *qop) {
+        char digits[KESTAL_HTTP_DIGEST_SIZE];
+        kestal_http_digest("md5", "me", "r", password, "n", "c", "GET", "/u", qop, nullptr, "1", digits);
+        return "response=" + std::string(digits);
     };
     const std::string common = "Digest username=\"me\", realm=\"r\", nonce=\"n\", uri=\"/u\", ";
-    const std::string with_qop =
-        common + "qop=auth, nc=1, cnonce=\"c\", response=\"" + response("me", "b:c", true) + "\"";
-    const std::string without = common + "response=" + response("me", "b:c", false);
-    std::string upper = response("me", "b:c", false);
-    for (char &letter : upper)
-        letter = static_cast<char>(std::toupper(letter));
-    const std::string basic = "Basic " + kestal_test::owned(kestal_encode_base64("me:b:c", 6, nullptr));
+    const std::string with_qop = common + "qop=auth, nc=1, cnonce=\"c\", " + response("b:c", "auth");
+    const std::string without = common + response("b:c", "");
+    std::string upper = response("b:c", "");
+    std::ranges::transform(upper.begin() + 9, upper.end(), upper.begin() + 9, toupper);
     const struct {
         std::string header;
         int32_t result, strict_result;
     } cases[] = {
-        {with_qop, 0, 0},
         {without, 0, 0},
         {"  dIGEST   " + without.substr(7) + ",algorithm=SHA-256", 0, 0},
         {without + ", response=x", -1, -1},
-        {common + "response=x,RESPONSE=" + response("me", "b:c", false), 0, 0},
-        {common + "response=" + response("me", "a", false), -1, -1}, // the account added first
+        {common + "response=x,RESPONSE=" + response("b:c", "").substr(9), 0, 0},
+        {common + response("a", ""), -1, -1}, // the account added first
         {"Digest username=you" + without.substr(20), -1, -1},
-        {common + "response=" + upper, -1, -1},
+        {common + upper, -1, -1},
         {common.substr(0, common.size() - 2), -1, -1},
         {with_qop + ", opaque=\"" + md5("r") + "\"", 0, 0},
         {with_qop + ", opaque=\"" + md5("s") + "\"", -1, -1},
         {"Digest username=me,nonce=n,uri=/u,opaque=" + md5("") +
              ",response=" + md5(md5("me::b:c") + ":n:" + md5("GET:/u")),
-         -1, -1}, // no realm
-        {basic, 0, 0},
+         -1, -1},                     // no realm
+        {"Basic bWU6Yjpj", 0, 0},     // me:b:c
         {"basic   bWU6YTpi", 0, -1},  // me:a:b
         {"BASIC bWU6ICBiOmM=", 0, 0}, // blanks before the password
         {"Basic bWU=", -1, -1},       // me
         {"Basic ?", -1, -1},
         {"Basic", -1, -1},
-        {"Bearer " + basic, -1, -1},
-        {"", -1, -1},
+        {"Bearer Basic bWU6Yjpj", -1, -1},
         {"  ", -1, -1},
     };
     for (const auto &[header, result, strict_result] : cases)
@@ -250,7 +245,6 @@ TEST_F(cgi, checks_credentials)
             EXPECT_EQ(kestal_cgi_digest_check(made.opened), 0) << "without accounts";
             for (const auto &[name, password] : {std::pair("me", "a"), {"other", nullptr}, {"me", "b:c"}, {"me", "a"}})
                 EXPECT_EQ(kestal_cgi_add_account(made.opened, name, password), 0);
-            EXPECT_STREQ(made.opened->m_accounts->m_password, "b:c");
             kestal_cgi_set_basic_check(made.opened, strict);
             EXPECT_EQ(kestal_cgi_digest_check(made.opened), strict != 0 ? strict_result : result) << header;
             EXPECT_EQ(made.opened->m_response_headers == nullptr, (strict != 0 ? strict_result : result) == 0);

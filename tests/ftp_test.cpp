@@ -15,6 +15,7 @@
 using kestal_test::as_time_passes;
 using kestal_test::caught_console;
 using kestal_test::ftp_server;
+using kestal_test::noise;
 using kestal_test::owned_socket;
 
 namespace {
@@ -73,14 +74,6 @@ std::string receive_all(kestal_ftp_t *ftp)
     return text;
 }
 
-std::string noise(size_t size)
-{
-    std::string data;
-    for (uint32_t i = 0; data.size() < size; ++i)
-        data += std::to_string(i * i % 9973) + "\r\n";
-    return data.substr(0, size);
-}
-
 // --- replies
 
 TEST_F(ftp, reads_replies_however_they_are_split)
@@ -95,7 +88,6 @@ TEST_F(ftp, reads_replies_however_they_are_split)
         {"2300 x\r\n\r\n12 y\rA23 z\n230 \r\n", 230, "", "2300 x\n\n12 y\nA23 z\n230 \n"},
         {"230\r\n211-free\n 226 x\n500 other\r", 500, "other", "230\n211-free\n 226 x\n500 other\n"},
         {"150 \xEC\x95\x88\r\n", 150, "\xEC\x95\x88", "150 \xEC\x95\x88\n"},
-        {"2x5 odd\n\r", 2, "odd", "2x5 odd\n\n"},
     };
     for (const auto &[sent, code, text, echo] : cases)
         for (size_t split = 0; split < sent.size(); ++split) { // in two pieces, at first byte by byte
@@ -207,7 +199,6 @@ TEST_F(ftp, logs_in)
         {"joe:pw@", nullptr, "own", {}, 0, "USER joe|PASS own|TYPE A|"},
         {"joe@", nullptr, nullptr, {{"USER", "230 in\r\n"}}, 0, "USER joe|TYPE A|"},
         {"", nullptr, nullptr, {{"PASS", "530 no\r\n"}}, -1, "USER anonymous|PASS anonymous@localhost|"},
-        {"", nullptr, nullptr, {{"PASS", "332 account?\r\n"}}, -1, "USER anonymous|PASS anonymous@localhost|"},
         {"", nullptr, nullptr, {{"USER", "530 no\r\n"}}, -1, "USER anonymous|"},
         {"", nullptr, nullptr, {{"TYPE", "504 no\r\n"}}, 0, "USER anonymous|PASS anonymous@localhost|TYPE A|"},
         {"", nullptr, nullptr, {{"TYPE", "hang up"}}, -1, "USER anonymous|PASS anonymous@localhost|TYPE A|"},
@@ -444,28 +435,26 @@ TEST_F(ftp, refuses_streams_and_stays_in_step)
 TEST_F(ftp, waits_for_a_slow_link)
 {
     ftp_server server;
+    std::atomic<bool> is_all_given = false;
+    server.before_upload([&] {
+        kestal_test::wait_until([&] { return is_all_given.load(); });
+        for (int i = 0; i < 3; ++i, kestal_test::advance_clock(15000)) // longer than a reply, not than data
+            std::this_thread::sleep_for(std::chrono::milliseconds(120));
+    });
     const client of(server.uri());
-    for (const int32_t passive : {0, 1}) {
-        std::atomic<bool> is_all_given = false;
-        server.before_upload([&] {
-            kestal_test::wait_until([&] { return is_all_given.load(); });
-            for (int i = 0; i < 3; ++i, kestal_test::advance_clock(20000)) // more than a reply may take, less than data
-                std::this_thread::sleep_for(std::chrono::milliseconds(120));
-        });
-        of->m_passive = passive;
-        EXPECT_EQ(kestal_ftp_open_stream(of, 0, "up", "w"), 0);
-        int is_kept_alive = 0;
-        uint32_t size = sizeof is_kept_alive;
-        for (const int32_t sock : {of->m_control_socket, of->m_data_socket})
-            EXPECT_TRUE(kestal_getsockopt(sock, SOL_SOCKET, SO_KEEPALIVE, &is_kept_alive, &size) == 0 &&
-                        is_kept_alive != 0);
-        const std::string block(100000, 'x');
-        while (kestal_ftp_send_stream(of, block.data(), block.size(), 0) > 0)
-            ;
-        is_all_given = true;
-        EXPECT_EQ(kestal_ftp_close_stream(of), 0);
-        EXPECT_EQ(server.stored().size(), of->m_bytes);
+    EXPECT_EQ(kestal_ftp_open_stream(of, 0, "up", "w"), 0);
+    int is_kept_alive = 0;
+    uint32_t size = sizeof is_kept_alive;
+    for (const int32_t sock : {of->m_control_socket, of->m_data_socket}) {
+        kestal_getsockopt(sock, SOL_SOCKET, SO_KEEPALIVE, &is_kept_alive, &size);
+        EXPECT_EQ(std::exchange(is_kept_alive, 0), 1);
     }
+    const std::string block(100000, 'x');
+    while (kestal_ftp_send_stream(of, block.data(), block.size(), 0) > 0)
+        ;
+    is_all_given = true;
+    EXPECT_EQ(kestal_ftp_close_stream(of), 0);
+    EXPECT_EQ(server.stored().size(), of->m_bytes);
 }
 
 TEST_F(ftp, aborts_and_stays_in_step)

@@ -15,13 +15,10 @@ TEST_F(http_parser, classifies_lines)
 {
     const std::pair<const char *, const char *> first_lines[] = {
         {"GET / HTTP/1.1", "2|GET|/|HTTP|1.1 1.1+"},
-        {"M-SEARCH * HTTP/1.1", "2|M-SEARCH|*|HTTP|1.1 1.1+"},
         {"GET /index", "2|GET|/index|| 0.9+"},
         {"ge /index", "2|ge|/index|| 0.9+"},
         {"GETS /index", "8000|GETS /index"},
-        {"POST /index", "8000|POST /index"},
         {"GET /index ", "8000|GET /index "},
-        {"GET  HTTP/1.1", "8000|GET  HTTP/1.1"},
         {"GET /a HTTP", "8000|GET /a HTTP"},
         {"GET /a  HT TP/12.34 more", "2|GET|/a| HT TP|12.34 12.34+ more"},
         {"GET /a HTTP/2x", "2|GET|/a|HTTP|2 2.0+x"},
@@ -32,18 +29,13 @@ TEST_F(http_parser, classifies_lines)
         {"HTTP/1.1200 200", "3|HTTP|1.1200|200| 1.1200 200+"},
         {"HTTP/1.1 099two  words ", "3|HTTP|1.1|099|two  words  1.1 99+"},
         {"HTTP/1.1 20 OK", "8000|HTTP/1.1 20 OK"},
-        {"HTTP/1.1 2000", "8000|HTTP/1.1 2000"},
-        {"HTTP/1.1  200", "8000|HTTP/1.1  200"},
         {"HTTP/x 200", "8000|HTTP/x 200"},
         {"Host: a", "4|Host|a+"},
         {"X:  a\t ", "4|X| a\t +"},
-        {"X:\tb", "4|X|\tb+"},
         {"X:", "4|X|+"},
         {"X : b", "8000|X : b"},
         {": b", "8000|: b"},
         {"[x]: b", "8000|[x]: b"},
-        {"word", "8000|word"},
-        {"a,b: c", "8000|a,b: c"},
         {"a\x7F: c", "8000|a\x7F: c"},
     };
     for (const auto &[line, expected] : first_lines)
@@ -141,24 +133,23 @@ TEST_F(http_parser, looks_up_and_writes_out)
 TEST_F(http_parser, refuses_what_is_no_parser)
 {
     EXPECT_EQ(kestal_init_http_parser(nullptr), nullptr);
-    EXPECT_EQ(kestal_push_http_parser(nullptr, "x", 1) + kestal_push_printf_http_parser(nullptr, "x"), -2);
-    EXPECT_EQ(kestal_reset_http_parser(nullptr) + kestal_destroy_http_parser(nullptr), -1);
+    EXPECT_EQ(kestal_http_parser_get_field(nullptr, "a"), nullptr);
     uint64_t size = 1;
     EXPECT_EQ(kestal_get_output_http_parser(nullptr, &size), nullptr);
     EXPECT_EQ(size, 0u);
     EXPECT_EQ(kestal_http_parser_get_header_type(nullptr) + kestal_http_parser_get_status_code(nullptr), 0u);
-    EXPECT_EQ(kestal_http_parser_get_field(nullptr, "a"), nullptr);
-    EXPECT_EQ(kestal_http_parser_get_version(nullptr, nullptr, nullptr), -1);
 
-    parser ended;
+    parser ended, open;
     ended.get.m_flags |= 0x4200;
     kestal_destroy_http_parser(&ended.get);
     EXPECT_EQ(ended.get.m_flags, 0x4200u) << "bits of others stay";
-    EXPECT_EQ(ended.push("x"), -1);
-    EXPECT_EQ(kestal_reset_http_parser(&ended.get), -1);
+    EXPECT_EQ(kestal_push_http_parser(nullptr, "x", 1) + kestal_push_printf_http_parser(nullptr, "x") +
+                  kestal_reset_http_parser(nullptr) + kestal_destroy_http_parser(nullptr) +
+                  kestal_http_parser_get_version(nullptr, nullptr, nullptr) + ended.push("x") +
+                  kestal_reset_http_parser(&ended.get) + kestal_push_http_parser(&open.get, nullptr, 1) +
+                  kestal_push_printf_http_parser(&open.get, nullptr),
+              -8);
     EXPECT_TRUE(ended.has(KESTAL_HTTP_PARSER_ERROR));
-    parser open;
-    EXPECT_EQ(kestal_push_http_parser(&open.get, nullptr, 1) + kestal_push_printf_http_parser(&open.get, nullptr), -2);
 }
 
 TEST_F(http_parser, traces)

@@ -19,8 +19,7 @@ int stream_socket(const sockaddr_storage &address, int (*attach)(int, const sock
 
 int listen_on(const std::string &host)
 {
-    const int sock = stream_socket(address_of(host), bind), room = 4096;
-    EXPECT_EQ(setsockopt(sock, SOL_SOCKET, SO_RCVBUF, &room, sizeof room), 0);
+    const int sock = stream_socket(address_of(host), bind);
     EXPECT_EQ(listen(sock, 16), 0);
     return sock;
 }
@@ -114,6 +113,9 @@ bool ftp_server::respond(const std::string &line)
         return answer != "hang up" && say(answer);
     if (verb == "PASV" || verb == "EPSV") {
         close(std::exchange(passive_, listen_on(host_)));
+        constexpr int little = 4096;
+        if (before_upload_)
+            setsockopt(passive_, SOL_SOCKET, SO_RCVBUF, &little, sizeof little);
         const unsigned port = port_of(passive_);
         const std::string bytes = std::to_string(port / 256) + "," + std::to_string(port % 256);
         return say(verb == "PASV" ? "227 at (127,0,0,1," + bytes + ").\r\n"
@@ -161,7 +163,8 @@ bool ftp_server::receive_file()
 {
     const int data = open_data();
     std::string received;
-    before_upload_();
+    if (before_upload_)
+        before_upload_();
     char block[4096];
     for (ssize_t count; (count = recv(data, block, sizeof block, 0)) > 0;)
         received.append(block, static_cast<size_t>(count));

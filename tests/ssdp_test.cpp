@@ -39,14 +39,22 @@ std::string values(kestal_ssdp_t *ssdp, const char *name)
 // The result of a run in a thread of its own, until it is stopped.
 using run_result = std::future<int32_t>;
 
-run_result start(kestal_ssdp_t *ssdp)
+run_result start(kestal_ssdp_t *ssdp, int32_t (*how)(kestal_ssdp_t *) = kestal_ssdp_start)
 {
-    return std::async(std::launch::async, kestal_ssdp_start, ssdp);
+    return std::async(std::launch::async, how, ssdp);
 }
 
-bool is_over(const run_result &run)
+// Stops it at any moment, as often as that takes.
+void stop(kestal_ssdp_t *ssdp, run_result &run)
 {
-    return run.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    while (run.wait_for(std::chrono::seconds(0)) != std::future_status::ready)
+        EXPECT_EQ(kestal_ssdp_stop(ssdp), 0);
+    EXPECT_EQ(run.get(), 0);
+}
+
+void wait_until_running(kestal_ssdp_t *ssdp)
+{
+    kestal_test::wait_until([&] { return kestal_ssdp_check_service(ssdp) == 0; });
 }
 
 // Sends a datagram from the local address (with a "%" and the interface for IPv6) and port 5000.
@@ -55,7 +63,7 @@ void send(const std::string &from, const std::string &to, uint32_t port, const s
     sockaddr_storage local{}, remote{};
     ASSERT_EQ(kestal_inet_ptos(0, from.c_str(), 5000, &local, sizeof local), 0) << from;
     ASSERT_EQ(kestal_inet_ptos(local.ss_family, to.c_str(), port, &remote, sizeof remote), 0) << to;
-    const int32_t sock = kestal_open_socket(local.ss_family, SOCK_DGRAM, 0);
+    const kestal_test::owned_socket sock(kestal_open_socket(local.ss_family, SOCK_DGRAM, 0));
     kestal_set_reuse_address_socket(sock, 1);
     if (local.ss_family == AF_INET6)
         reinterpret_cast<sockaddr_in6 &>(remote).sin6_scope_id = reinterpret_cast<sockaddr_in6 &>(local).sin6_scope_id;
@@ -64,15 +72,11 @@ void send(const std::string &from, const std::string &to, uint32_t port, const s
     EXPECT_EQ(kestal_bind(sock, &local, kestal_sockaddr_size(&local)), 0) << from;
     EXPECT_EQ(kestal_sys_sendto(sock, datagram.data(), datagram.size(), 0, &remote, kestal_sockaddr_size(&remote)),
               static_cast<int32_t>(datagram.size()));
-    kestal_close_socket(sock);
 }
 
-uint32_t free_port()
+std::string free_port()
 {
-    const int32_t sock = kestal_open_udp_socket("0.0.0.0", 0);
-    const uint32_t port = kestal_test::port_of(sock);
-    kestal_close_socket(sock);
-    return port;
+    return std::to_string(kestal_test::owned_socket(kestal_open_udp_socket("0.0.0.0", 0)).port());
 }
 
 TEST_F(ssdp, keeps_options)
@@ -114,7 +118,7 @@ void remember(kestal_ssdp_t *, kestal_http_parser_t *message, const void *sender
 
 TEST_F(ssdp, traces_what_happens)
 {
-    const std::string port = std::to_string(free_port());
+    const std::string port = free_port();
     kestal_ssdp_t *listener = kestal_open_ssdp();
     for (const char *value : {"70000", "0", "", "19x", port.c_str()})
         add(listener, "multicast_ipv4_port", value);
@@ -267,7 +271,7 @@ TEST_F(ssdp, is_stopped_from_anywhere)
     kestal_puts_handler_t before, errors_before;
     kestal_set_puts_handler(stop_at_scan, &before);
     kestal_set_error_puts_handler(kestal_quiet_puts, &errors_before);
-    const std::string port = std::to_string(free_port());
+    const std::string port = free_port();
     const auto open = [&] {
         kestal_ssdp_t *listener = kestal_open_ssdp();
         if (listener != nullptr) {
@@ -296,25 +300,18 @@ TEST_F(ssdp, is_stopped_from_anywhere)
 
     kestal_ssdp_t *listener = open();
     kestal_ssdp_set_option_int(listener, KESTAL_VALUE_REPLACE_BY_NAME, 1, "stop_signal_event", 1);
-    for (int turn = 0; turn < 20; ++turn) { // at any moment
+    for (int turn = 0; turn < 20; ++turn) {
         run_result run = start(listener);
         if (turn % 2 == 0)
-            kestal_test::wait_until([&] { return kestal_ssdp_check_service(listener) == 0; });
-        else
-            std::this_thread::yield();
-        kestal_test::wait_until([&] {
-            EXPECT_EQ(kestal_ssdp_stop(listener), 0);
-            return is_over(run);
-        });
-        EXPECT_EQ(run.get(), 0);
+            wait_until_running(listener);
+        stop(listener, run);
         EXPECT_EQ(listener->m_head, nullptr);
     }
     run_result first = start(listener);
-    kestal_test::wait_until([&] { return kestal_ssdp_check_service(listener) == 0; });
-    run_result second = std::async(std::launch::async, kestal_ssdp_restart, listener);
+    wait_until_running(listener);
+    run_result second = start(listener, kestal_ssdp_restart);
     EXPECT_EQ(first.get(), 0) << "the second takes over";
-    kestal_test::wait_until([&] { return kestal_ssdp_stop(listener) == 0 && is_over(second); });
-    EXPECT_EQ(second.get(), 0);
+    stop(listener, second);
     EXPECT_EQ(kestal_close_ssdp(listener), 0);
     kestal_set_puts_handler(before, nullptr);
     kestal_set_error_puts_handler(errors_before, nullptr);

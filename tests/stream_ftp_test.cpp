@@ -103,9 +103,8 @@ TEST_P(stream_ftp, reads_files)
     server_->heard();
 
     EXPECT_EQ(read_location(server_->uri("/x"), "99990").size(), is_ftp_only() ? 100000u : 10u);
-    const std::string heard = server_->heard();
-    EXPECT_NE(heard.find(is_ftp_only() ? "|PASV|RETR x|" : "|PASV|REST 99990|RETR x|"), std::string::npos) << heard;
-    EXPECT_EQ(heard.rfind("USER anonymous|PASS ", 0), 0u) << heard;
+    EXPECT_EQ(server_->heard(), "USER anonymous|PASS anonymous@localhost|TYPE I|SIZE x|PASV|" +
+                                    std::string(is_ftp_only() ? "" : "REST 99990|") + "RETR x|");
     EXPECT_TRUE(read_location(server_->uri("/x", "ftp@active")) == content);
     EXPECT_NE(server_->heard().find("|PORT 127,0,0,1,N|RETR x|"), std::string::npos);
     EXPECT_TRUE(read_location(server_->uri("/x"), "end") == (is_ftp_only() ? content : "refused 4 0"));
@@ -119,11 +118,9 @@ TEST_P(stream_ftp, writes_files)
         ASSERT_EQ(open(server_->uri("/x"), mode), 0u);
         EXPECT_NE(server_->heard().find(commands), std::string::npos);
         EXPECT_EQ(kestal_ctx_read(id_, nullptr, 1), -1);
-        for (size_t sent = 0; sent < much.size();) {
-            const int64_t length = kestal_ctx_write(id_, much.data() + sent, much.size() - sent);
-            ASSERT_GT(length, 0);
-            sent += static_cast<size_t>(length);
-        }
+        int64_t length = 1;
+        for (size_t sent = 0; sent < much.size() && length > 0; sent += static_cast<size_t>(length))
+            length = kestal_ctx_write(id_, much.data() + sent, much.size() - sent);
         close();
         EXPECT_TRUE(server_->stored() == much);
     }

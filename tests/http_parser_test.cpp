@@ -19,6 +19,7 @@ TEST_F(http_parser, classifies_lines)
         {"ge /index", "2|ge|/index|| 0.9+"},
         {"GETS /index", "8000|GETS /index"},
         {"GET /index ", "8000|GET /index "},
+        {"GET  HTTP/1.1", "8000|GET  HTTP/1.1"},
         {"GET /a HTTP", "8000|GET /a HTTP"},
         {"GET /a  HT TP/12.34 more", "2|GET|/a| HT TP|12.34 12.34+ more"},
         {"GET /a HTTP/2x", "2|GET|/a|HTTP|2 2.0+x"},

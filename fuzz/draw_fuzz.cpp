@@ -1,11 +1,11 @@
 // Draws, copies and redraws what any bytes say, over a tree of maps: no write may leave its bitmap, and a text ends where its
-// bytes do. The first byte picks what is done: 0 text, 1 raw bitmap copies, else a sequence of operations on maps.
+// bytes do. The last byte picks what is done: 0 text, 1 raw bitmap copies, else a sequence of operations on maps.
 #include "fuzz.hpp"
 
-#include <algorithm>
 #include <cstring>
-#include <string>
 #include <vector>
+
+#include <fuzzer/FuzzedDataProvider.h>
 
 namespace {
 
@@ -18,35 +18,22 @@ void require_noted_inside(const kestal_fbmap_t *map)
                                     static_cast<uint32_t>(update.m_y) + update.m_height <= map->m_bitmap.m_height));
 }
 
-// The bytes, taken as numbers; zeros when there are no more.
-class input {
-public:
-    input(const uint8_t *data, size_t size) : data_(data), size_(size) {}
+struct input : FuzzedDataProvider {
+    using FuzzedDataProvider::FuzzedDataProvider;
 
-    bool empty() const { return size_ == 0; }
-
-    template <typename Number>
-    Number take()
-    {
-        Number number = 0;
-        const size_t count = std::min(sizeof number, size_);
-        memcpy(&number, data_, count);
-        data_ += count;
-        size_ -= count;
-        return number;
-    }
+    uint8_t byte() { return ConsumeIntegral<uint8_t>(); }
 
     // Mostly small, now and then any.
     int32_t coordinate()
     {
-        const auto small = take<int8_t>();
-        return small == INT8_MIN ? take<int32_t>() : small;
+        const auto small = ConsumeIntegral<int8_t>();
+        return small == INT8_MIN ? ConsumeIntegral<int32_t>() : small;
     }
 
     uint32_t length()
     {
-        const auto small = take<uint8_t>();
-        return small == UINT8_MAX ? take<uint32_t>() : small;
+        const uint8_t small = byte();
+        return small == UINT8_MAX ? ConsumeIntegral<uint32_t>() : small;
     }
 
     kestal_rectangle_t rectangle()
@@ -65,21 +52,15 @@ public:
                                         KESTAL_COLOR_ARGB8888,
                                         KESTAL_COLOR_ABGR8888,
                                         0x00788898u};
-        return formats[take<uint8_t>() % std::size(formats)];
+        return PickValueInArray(formats);
     }
-
-    std::string rest() const { return std::string(reinterpret_cast<const char *>(data_), size_); }
-
-private:
-    const uint8_t *data_;
-    size_t size_;
 };
 
 void set_brush(kestal_fbmap_t *map, input &from)
 {
-    const auto flags = from.take<uint8_t>();
+    const auto flags = from.byte();
     kestal_fbmap_use_brush_color(map, flags & 1u, flags & 2u, flags & 4u);
-    kestal_fbmap_set_brush_angle(map, (flags & 8u) != 0 ? from.take<int32_t>() : 0);
+    kestal_fbmap_set_brush_angle(map, (flags & 8u) != 0 ? from.ConsumeIntegral<int32_t>() : 0);
     const auto [x, y, width, height] = from.rectangle();
     kestal_fbmap_set_brush_xy(map, x, y);
     if ((flags & 16u) != 0)
@@ -88,31 +69,30 @@ void set_brush(kestal_fbmap_t *map, input &from)
         kestal_fbmap_set_brush_xy_interval(map, from.coordinate(), from.coordinate());
 }
 
-void draw_text(input from)
+void draw_text(input &from)
 {
-    kestal_fbmap_t *map =
-        kestal_new_fbmap(nullptr, KESTAL_FBMAP_OWN_MEMORY, from.format(), 0, 0, from.take<uint8_t>() % 100u + 1u,
-                         from.take<uint8_t>() % 60u + 1u, 0, nullptr);
+    kestal_fbmap_t *map = kestal_new_fbmap(nullptr, KESTAL_FBMAP_OWN_MEMORY, from.format(), 0, 0,
+                                           from.byte() % 100u + 1u, from.byte() % 60u + 1u, 0, nullptr);
     set_brush(map, from);
-    const std::string text = from.rest().substr(0, 64);
+    const std::string text = from.ConsumeRemainingBytesAsString().substr(0, 64);
     const int32_t count = kestal_fbmap_draw_puts(map, text.c_str());
     require(count >= 0 && static_cast<size_t>(count) <= strlen(text.c_str()));
     require_noted_inside(map);
     kestal_free_fbmap(map);
 }
 
-void copy_bitmaps(input from)
+void copy_bitmaps(input &from)
 {
     std::vector<uint8_t> memory[2];
     kestal_raw_bitmap_t bitmaps[2];
     for (int i = 0; i < 2; ++i) {
         const uint32_t code = from.format();
-        const uint32_t width = from.take<uint8_t>() % 40u, height = from.take<uint8_t>() % 20u;
-        const uint32_t line = kestal_color_interface_to_bits_per_pixel(code) / 8 * width + from.take<uint8_t>() % 5u;
+        const uint32_t width = from.byte() % 40u, height = from.byte() % 20u;
+        const uint32_t line = kestal_color_interface_to_bits_per_pixel(code) / 8 * width + from.byte() % 5u;
         memory[i].resize(size_t{line} * height);
         bitmaps[i] = {memory[i].size(), memory[i].data(), code, width, height, 0, line};
     }
-    while (!from.empty()) {
+    while (from.remaining_bytes() > 0) {
         const kestal_rectangle_t source = from.rectangle(), target = from.rectangle();
         kestal_copy_raw_bitmap(&bitmaps[0], &bitmaps[1], target.m_x, target.m_y, &source);
         kestal_copy_raw_bitmap(&bitmaps[1], &bitmaps[1], target.m_x, target.m_y, &source);
@@ -122,9 +102,9 @@ void copy_bitmaps(input from)
 
 void draw(kestal_fbmap_t *map, input &from)
 {
-    const auto color = from.take<uint32_t>();
+    const auto color = from.ConsumeIntegral<uint32_t>();
     const auto [x, y, width, height] = from.rectangle();
-    switch (from.take<uint8_t>() % 8u) {
+    switch (from.byte() % 8u) {
     case 0:
         return (void)kestal_fbmap_draw_box(map, color, x, y, width, height, color & 1u);
     case 1:
@@ -151,18 +131,18 @@ void set(kestal_fbmap_t *map, input &from)
     constexpr decltype(&kestal_fbmap_use_ccolor) settings[] = {
         kestal_fbmap_use_ccolor,       kestal_fbmap_set_ccolor,      kestal_fbmap_use_alpha_window,
         kestal_fbmap_set_alpha_window, kestal_fbmap_use_alpha_pixel, kestal_fbmap_use_alpha_transfer};
-    const auto which = from.take<uint8_t>();
-    settings[which / 2 % std::size(settings)](map, (which & 1u) != 0 ? from.take<uint32_t>() : 0);
+    const auto which = from.byte();
+    settings[which / 2 % std::size(settings)](map, (which & 1u) != 0 ? from.ConsumeIntegral<uint32_t>() : 0);
 }
 
-void operate_on_maps(input from)
+void operate_on_maps(input &from)
 {
     kestal_fbmap_t *root =
         kestal_new_fbmap(nullptr, KESTAL_FBMAP_OWN_MEMORY, from.format(), 0, 0, 70, 50, 0, "_master");
     std::vector<kestal_fbmap_t *> maps = {root};
-    for (int steps = 0; !from.empty() && steps < 200; ++steps) {
-        kestal_fbmap_t *map = maps[from.take<uint8_t>() % maps.size()];
-        const auto what = from.take<uint8_t>();
+    for (int steps = 0; from.remaining_bytes() > 0 && steps < 200; ++steps) {
+        kestal_fbmap_t *map = maps[from.byte() % maps.size()];
+        const auto what = from.byte();
         const kestal_rectangle_t place = what % 8u < 4 ? from.rectangle() : kestal_rectangle_t{};
         switch (what % 8u) {
         case 0:
@@ -202,7 +182,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     const uint64_t blocks = kestal_get_alloc_count();
     input from(data, size);
-    switch (from.take<uint8_t>()) {
+    switch (from.byte()) {
     case 0:
         draw_text(from);
         break;

@@ -5,11 +5,19 @@
 # Written against Buildroot 2024.02. It could not be run where the library is
 # developed: where a step does not fit your tree, the step is at fault.
 #
+# 1. Copy this folder to package/, and in package/Config.in write
+#        source "package/kestal-ulx/Config.in"
+# 2. Lay the tree as released into dl/kestal-ulx/. Out of a checkout it is
+#        git archive --prefix=kestal-ulx-0.0.1/ HEAD | xz >kestal-ulx-0.0.1.tar.xz
+#    Or build the checkout itself: KESTAL_ULX_OVERRIDE_SRCDIR in local.mk.
+# 3. make menuconfig, and choose kestal-ulx; make.
+#
+# CMake 3.25 or newer is needed: where the host's is older, choose
+# BR2_FORCE_HOST_BUILD, and Buildroot makes its own.
+#
 ################################################################################
 
 KESTAL_ULX_VERSION = 0.0.1
-# The tree as released, laid into the download folder; a checkout serves as
-# well: KESTAL_ULX_OVERRIDE_SRCDIR in local.mk.
 KESTAL_ULX_SOURCE = kestal-ulx-$(KESTAL_ULX_VERSION).tar.xz
 KESTAL_ULX_SITE = $(BR2_DL_DIR)/kestal-ulx
 KESTAL_ULX_SITE_METHOD = file

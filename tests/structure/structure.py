@@ -12,7 +12,8 @@ declarations SHARED_OBJECT INCLUDE...
 headers SOURCE                    every public header compiles alone as C11 and as C++; every declaration in it is documented
 floors SOURCE                     no module includes a higher floor, no includes go in a circle, and
                                   ARCHITECTURE.md shows every module on its floor and has a line for it
-docs SOURCE                       Doxygen has nothing to say against the public headers and the guide (77 where it is missing)
+docs SOURCE                       Doxygen has nothing to say against the public headers and the guide, and no page leads to one
+                                  that is not there (77 where it is missing)
 guide SHARED_OBJECT SOURCE        every page of the guide shows its program as it stands beside it, and what it really prints
 names SOURCE                      every name of the library that the guide, README.md and SECURITY.md mention is declared
 manual SOURCE PROGRAM...          the manual page of a program tells of the same options as its --help
@@ -209,9 +210,13 @@ def check_docs(source):
     with tempfile.TemporaryDirectory() as folder:
         result = subprocess.run(["doxygen", "docs/Doxyfile"], cwd=source, env={**os.environ, "KESTAL_DOCS": folder},
                                 stderr=subprocess.PIPE, text=True, check=False)
-    yield from result.stderr.splitlines()
-    if result.returncode != 0:
-        yield f"doxygen ended with {result.returncode}"
+        yield from result.stderr.splitlines()
+        if result.returncode != 0:
+            yield f"doxygen ended with {result.returncode}"
+        for page in sorted(Path(folder).glob("html/*.html")):
+            for target in sorted(set(re.findall(r'(?:href|src)="([^":#]+)["#]', page.read_text()))):
+                if not (page.parent / target).exists():
+                    yield f"{page.name} leads to {target}, which is not there"
 
 
 def run_guide_program(library, source, program, folder):

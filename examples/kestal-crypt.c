@@ -6,11 +6,12 @@
  *
  * The library's ciphers work on bytes in place and pad nothing; the padding of PKCS#7 for ECB and CBC is done here.
  */
-#define _DEFAULT_SOURCE      /* explicit_bzero */
+#define _DEFAULT_SOURCE      /* explicit_bzero, mkstemp, realpath */
 #define _FILE_OFFSET_BITS 64 /* files of any size on 32-bit machines too */
 #include <kestal_ulx.h>
 
 #include <errno.h>
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -107,7 +108,7 @@ static const char help[] =
     "  --key-file FILE   the key's bytes\n"
     "  --iv HEX          the initialisation vector in hexadecimal (all modes but ecb)\n"
     "  --iv-file FILE    its bytes\n"
-    "  -o FILE           where the result goes; standard output by default\n"
+    "  -o FILE           where the result goes, when all of it is there; standard output by default\n"
     "  --help            this text\n"
     "\n"
     "ECB and CBC pad as PKCS#7 does. WARNING: nothing is authenticated. Whoever can change the enciphered data can\n"
@@ -263,49 +264,72 @@ static int run(job_t *job, const round_key_t *round_key, FILE *input, FILE *outp
     return 0;
 }
 
-/* Opening the output empties it: it must not be what is read. */
-static FILE *open_output(const char *path, FILE *input)
+/* Where the result goes. A file is written beside its place and put there when it is whole: until then what was there
+ * stays, and may be what is read. A device or a pipe is written as it stands. */
+typedef struct {
+    FILE *file;
+    const char *path; /* null: standard output */
+    mode_t mode;
+    char target[PATH_MAX];        /* the file behind a link, not the link */
+    char temporary[PATH_MAX + 8]; /* empty: none */
+} output_t;
+
+static FILE *open_beside(output_t *output)
 {
-    struct stat from, to;
-    FILE *output;
-    if (path == NULL)
-        return stdout;
-    if (fstat(fileno(input), &from) == 0 && S_ISREG(from.st_mode) && stat(path, &to) == 0 && from.st_dev == to.st_dev &&
-        from.st_ino == to.st_ino) {
-        fail(path, "the input and the output are the same file");
-        return NULL;
-    }
-    output = fopen(path, "wb");
-    if (output == NULL)
-        fail(path, strerror(errno));
-    return output;
+    int descriptor;
+    if (realpath(output->path, output->target) == NULL)
+        kestal_snprintf(output->target, sizeof output->target, "%s", output->path);
+    kestal_snprintf(output->temporary, sizeof output->temporary, "%s.XXXXXX", output->target);
+    descriptor = mkstemp(output->temporary);
+    if (descriptor < 0)
+        output->temporary[0] = '\0';
+    return descriptor < 0 ? NULL : fdopen(descriptor, "wb");
 }
 
-/* Half a result must not pass for a whole one; a device stays. */
-static int close_output(const char *path, FILE *output, int result)
+static int open_output(output_t *output)
 {
     struct stat status;
-    const int is_file = fstat(fileno(output), &status) == 0 && S_ISREG(status.st_mode);
-    if (fclose(output) != 0 && result == 0)
-        result = fail(path, strerror(errno));
-    if (result != 0 && is_file)
-        unlink(path);
+    const mode_t mask = umask(0);
+    const int exists = output->path != NULL && stat(output->path, &status) == 0;
+    umask(mask);
+    output->mode = exists ? status.st_mode & 07777 : 0666 & ~mask;
+    if (output->path == NULL)
+        output->file = stdout;
+    else if (exists && (!S_ISREG(status.st_mode) || access(output->path, W_OK) != 0))
+        output->file = fopen(output->path, "wb");
+    else
+        output->file = open_beside(output);
+    return output->file == NULL ? fail(output->path, strerror(errno)) : 0;
+}
+
+static int close_output(output_t *output, int result)
+{
+    const int is_beside = output->temporary[0] != '\0';
+    if (output->file == stdout)
+        return result;
+    if (is_beside && result == 0 &&
+        (fchmod(fileno(output->file), output->mode) != 0 || fsync(fileno(output->file)) != 0))
+        result = fail(output->path, strerror(errno));
+    if (fclose(output->file) != 0 && result == 0)
+        result = fail(output->path, strerror(errno));
+    if (is_beside && result == 0 && rename(output->temporary, output->target) != 0)
+        result = fail(output->path, strerror(errno));
+    if (is_beside && result != 0)
+        unlink(output->temporary);
     return result;
 }
 
 static int open_and_run(job_t *job, const round_key_t *round_key)
 {
+    static output_t output;
     FILE *input = job->input != NULL ? fopen(job->input, "rb") : stdin;
-    FILE *output;
-    int result = -1;
+    int result;
     if (input == NULL)
         return fail(job->input, strerror(errno));
-    output = open_output(job->output, input);
-    if (output != NULL) {
-        result = run(job, round_key, input, output);
-        if (output != stdout)
-            result = close_output(job->output, output, result);
-    }
+    output.path = job->output;
+    result = open_output(&output);
+    if (result == 0)
+        result = close_output(&output, run(job, round_key, input, output.file));
     if (input != stdin)
         fclose(input);
     return result;

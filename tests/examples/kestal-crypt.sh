@@ -58,9 +58,15 @@ refused encrypt --cipher aes128 --key-file key.bin plain
 refused encrypt --cipher rot13 --key-file key.bin --iv $iv plain
 refused encrypt --cipher aes128 --key-file key.bin --iv $iv missing
 refused encrypt --cipher aes128 --key-file key.bin --iv $iv -o /nonexistent/result plain
-cp plain same
-refused encrypt --cipher aes128 --key-file key.bin --iv $iv -o same ./same
-cmp -s plain same || fail "the input was overwritten by the output"
+# What was there stays until the result is whole, and may be the input.
+cp good kept
+chmod 640 kept
+refused decrypt --cipher aes128 --key "$(echo $long | cut -c 33-64)" --iv $iv -o kept good
+cmp -s good kept || fail "the old output is gone"
+ln -s kept link
+"$crypt" decrypt --cipher aes128 --key-file key.bin --iv $iv -o link link
+[ -L link ] && cmp -s plain kept && [ "$(stat -c %a kept)" = 640 ] || fail "not put where the link points, with its mode"
+[ -z "$(ls | grep '\.[A-Za-z0-9]\{6\}$')" ] || fail "a temporary file is left"
 refused sign
 "$crypt" --help | grep -q 'nothing is authenticated' || fail "no warning in the help"
 echo "kestal-crypt agrees with openssl enc"

@@ -181,16 +181,16 @@ TEST_F(ground, texts_are_duplicated)
 
 TEST_F(ground, counts_stay_exact_across_threads)
 {
-    constexpr size_t each = 5000;
+    constexpr size_t threads = 24, each = 20000; // more threads than counters
     const uint64_t start = live();
-    std::vector<void *> blocks[4];
-    on_threads(4, [&](size_t thread) {
+    std::vector<void *> blocks[threads];
+    on_threads(threads, [&](size_t thread) {
         while (blocks[thread].size() < each)
             blocks[thread].push_back(kestal_alloc(16));
     });
-    EXPECT_EQ(live(), start + 4 * each);
-    on_threads(4, [&](size_t thread) {
-        for (void *block : blocks[3 - thread]) // another thread's
+    EXPECT_EQ(live(), start + threads * each);
+    on_threads(threads, [&](size_t thread) {
+        for (void *block : blocks[threads - 1 - thread]) // another thread's
             kestal_free(block);
     });
 }

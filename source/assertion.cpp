@@ -9,6 +9,17 @@ namespace {
 
 constinit std::atomic<kestal_assert_handler_t> assert_handler{nullptr};
 
+void print(const char *file, const char *function, uint64_t line, const char *message)
+{
+    char now[32];
+    kestal_asctime(now, sizeof now, 2, -1);
+    fprintf(stderr,
+            "kestal [\033[1;31mASSERT\033[0m:\033[1;34m%s\033[0m:\033[1;32m%s\033[0m:\033[1;37m%llu\033[0m] "
+            "<\033[1;31m%s\033[0m> %s\n",
+            file, function, static_cast<unsigned long long>(line), message, now);
+    fflush(stderr);
+}
+
 } // namespace
 
 void kestal_assert_fail_tag(const char *file, const char *function, uint64_t line, const char *message)
@@ -20,17 +31,8 @@ void kestal_assert_fail_tag(const char *file, const char *function, uint64_t lin
     if (message == nullptr)
         message = "NO_MESSAGE";
 
-    if (const kestal_assert_handler_t handler = assert_handler.load(std::memory_order_acquire)) {
-        handler(file, function, line, message);
-        return;
-    }
-    char now[32];
-    kestal_asctime(now, sizeof now, 2, -1);
-    fprintf(stderr,
-            "kestal [\033[1;31mASSERT\033[0m:\033[1;34m%s\033[0m:\033[1;32m%s\033[0m:\033[1;37m%llu\033[0m] "
-            "<\033[1;31m%s\033[0m> %s\n",
-            file, function, static_cast<unsigned long long>(line), message, now);
-    fflush(stderr);
+    const kestal_assert_handler_t handler = assert_handler.load(std::memory_order_acquire);
+    (handler != nullptr ? handler : print)(file, function, line, message);
 }
 
 int32_t kestal_set_assert_handler(kestal_assert_handler_t handler, kestal_assert_handler_t *previous)

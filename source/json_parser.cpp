@@ -1,11 +1,12 @@
 #include <kestal_ulx/json_parser.h>
 
-#include <kestal_ulx/adler32.h>
 #include <kestal_ulx/assertion.h>
 #include <kestal_ulx/format.h>
 #include <kestal_ulx/memory.h>
 
+#include "adler32.hpp"
 #include "guard.hpp"
+#include "hash.hpp"
 
 #include <algorithm>
 #include <string.h>
@@ -147,11 +148,13 @@ json_member *__kestal_json_new_pair(uint32_t key_hash, const void *key, uint64_t
     json_member *member = static_cast<json_member *>(kestal_alloc(sizeof(json_member) + key_size));
     if (member == nullptr)
         return nullptr;
-    *member = {};
-    member->node.m_key = key_hash;
-    member->node.m_data = &member->pair;
-    member->pair.key_size = key_size;
-    member->pair.key = reinterpret_cast<char *>(member + 1);
+    *member = {.node = {.m_previous = nullptr,
+                        .m_next = nullptr,
+                        .m_bucket_previous = nullptr,
+                        .m_bucket_next = nullptr,
+                        .m_key = key_hash,
+                        .m_data = &member->pair},
+               .pair = {.key_size = key_size, .key = reinterpret_cast<char *>(member + 1), .value = nullptr}};
     memcpy(member->pair.key, key, static_cast<size_t>(key_size));
     return member;
 }
@@ -201,10 +204,8 @@ bool is_same_key(const json_pair *pair, const void *key, uint64_t key_size)
 kestal_hash_node_t *find_member(kestal_hash_t *hash, uint32_t key_hash, const void *key, uint64_t key_size,
                                 const char *function)
 {
-    kestal_hash_node_t *node = hash->m_buckets[kestal_hash_index(hash, key_hash)];
-    for (; node != nullptr; node = node->m_bucket_next) {
-        if (node->m_key != key_hash)
-            continue;
+    kestal_hash_node_t *node = kestal::search(*hash, nullptr, key_hash);
+    for (; node != nullptr; node = kestal::search(*hash, node, key_hash)) {
         const json_pair *pair = static_cast<const json_pair *>(node->m_data);
         if (pair == nullptr)
             report(function, __LINE__, "hash vector is null");
@@ -302,6 +303,7 @@ kestal_json_t *copy_object(const json_object *object, int32_t deep)
     if (copy == nullptr)
         return nullptr;
     for (const kestal_hash_node_t *node = object->hash->m_head; node != nullptr; node = node->m_next) {
+        __builtin_prefetch(node->m_next);
         const json_pair *pair = pair_of(node);
         const auto store = [&](kestal_json_t *value) {
             kestal_json_reference_get(value);
@@ -365,9 +367,16 @@ int32_t compare_strings(const json_string *a, const json_string *b)
     return memcmp(a->data, b->data, static_cast<size_t>(a->size));
 }
 
-uint32_t hash_of(const void *key, uint64_t key_size)
+// Frees an object's table with its members. Nobody looks into it any more, so none is unlinked before it goes.
+void close_members(kestal_hash_t *hash)
 {
-    return kestal_update_adler32(1, key, key_size);
+    for (kestal_hash_node_t *node = hash->m_head, *next; node != nullptr; node = next) {
+        next = node->m_next;
+        __builtin_prefetch(next);
+        __kestal_json_free_pair(node->m_data);
+        kestal_free(node);
+    }
+    kestal_free(hash);
 }
 
 // Frees a value that has no reference left, and the references it holds.
@@ -375,7 +384,7 @@ void __kestal_json_destructor(kestal_json_t *value)
 {
     switch (value->m_type) {
     case KESTAL_JSON_OBJECT:
-        kestal_close_hash(as<json_object>(value)->hash);
+        close_members(as<json_object>(value)->hash);
         break;
     case KESTAL_JSON_ARRAY:
         release_elements(as<json_array>(value));
@@ -451,16 +460,18 @@ kestal_json_t *kestal_new_json_string(const void *bytes, uint64_t size)
 
 kestal_json_t *kestal_new_json_integer(int64_t number)
 {
-    kestal_json_t *value = kestal_new_json(KESTAL_JSON_INTEGER);
-    kestal_json_integer_set_value(value, number);
-    return value;
+    json_integer *integer = new_record<json_integer>();
+    if (integer != nullptr)
+        integer->number = number;
+    return head_of(integer);
 }
 
 kestal_json_t *kestal_new_json_real(double number)
 {
-    kestal_json_t *value = kestal_new_json(KESTAL_JSON_REAL);
-    kestal_json_real_set_value(value, number);
-    return value;
+    json_real *real = new_record<json_real>();
+    if (real != nullptr)
+        real->number = number;
+    return head_of(real);
 }
 
 kestal_json_t *kestal_new_json_true(void)
@@ -586,7 +597,7 @@ int32_t kestal_json_object_set_value(kestal_json_t *object, const void *key, uin
         return -1;
 
     kestal_json_reference_get(value);
-    const uint32_t key_hash = hash_of(key, key_size);
+    const uint32_t key_hash = kestal::adler32_of(key, key_size);
     kestal_hash_node_t *node = find_member(record->hash, key_hash, key, key_size, __func__);
     if (node == nullptr)
         return add_member(record->hash, key_hash, key, key_size, value);
@@ -599,7 +610,8 @@ kestal_json_t *kestal_json_object_get_value(const kestal_json_t *object, const v
     const json_object *record = as<json_object>(object);
     if (record == nullptr || key == nullptr)
         return nullptr;
-    const json_pair *pair = pair_of(find_member(record->hash, hash_of(key, key_size), key, key_size, __func__));
+    const json_pair *pair =
+        pair_of(find_member(record->hash, kestal::adler32_of(key, key_size), key, key_size, __func__));
     return pair == nullptr ? nullptr : pair->value;
 }
 
@@ -608,7 +620,8 @@ int32_t kestal_json_object_delete_value(kestal_json_t *object, const void *key, 
     json_object *record = as<json_object>(object);
     if (record == nullptr || key == nullptr)
         return -1;
-    if (kestal_hash_node_t *node = find_member(record->hash, hash_of(key, key_size), key, key_size, __func__))
+    if (kestal_hash_node_t *node =
+            find_member(record->hash, kestal::adler32_of(key, key_size), key, key_size, __func__))
         kestal_del_hash_node(record->hash, node);
     return 0;
 }

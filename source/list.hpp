@@ -4,6 +4,9 @@
 
 #include <kestal_ulx/list.h>
 
+#include <algorithm>
+#include <utility>
+
 namespace kestal {
 
 // A pointer field of a record whose type is not known here.
@@ -29,10 +32,7 @@ public:
         if (tail_ != nullptr && *tail_ != nullptr)
             return *tail_;
         // NOLINTNEXTLINE(clang-analyzer-core.NullDereference): what the head holds may be null, the head is not
-        void *element = head_;
-        while (element != nullptr && next(element) != nullptr)
-            element = next(element);
-        return element;
+        return last_behind(head_);
     }
 
     uint64_t count() const
@@ -95,17 +95,42 @@ public:
         return before;
     }
 
-    // True when elements changed places. A consistent comparator is done within as many passes as there are elements;
-    // one that contradicts itself must not keep the sort from ending.
+    // Merges the ascending runs that are there: stable, and one walk for a list in order. True when elements changed
+    // places.
     bool sort(kestal_list_compare_t compare) const
     {
-        bool changed = false;
-        for (uint64_t passes = count(); passes > 0 && bubble(compare); --passes)
-            changed = true;
-        return changed;
+        void *rest = head_;
+        void *sorted = take_run(rest, compare);
+        if (rest == nullptr)
+            return false;
+        // What 2^place runs came to, or null; the earliest runs have the highest place. An address has more bits than
+        // there can be places.
+        void *merged[8 * sizeof(void *)];
+        size_t places = 0;
+        for (; sorted != nullptr; sorted = take_run(rest, compare)) {
+            size_t at = 0;
+            for (; at < places && merged[at] != nullptr; ++at)
+                sorted = merge(std::exchange(merged[at], nullptr), sorted, compare);
+            merged[at] = sorted;
+            places = std::max(places, at + 1);
+        }
+        for (size_t at = 0; at < places; ++at)
+            if (merged[at] != nullptr)
+                sorted = sorted == nullptr ? merged[at] : merge(merged[at], sorted, compare);
+        head_ = sorted;
+        if (tail_ != nullptr)
+            *tail_ = last_behind(sorted);
+        return true;
     }
 
 private:
+    void *last_behind(void *element) const
+    {
+        while (element != nullptr && next(element) != nullptr)
+            element = next(element);
+        return element;
+    }
+
     struct place {
         list_link *slot; // the link that points to the element; null when it is not on the list
         void *predecessor;
@@ -132,24 +157,37 @@ private:
         slot = node;
     }
 
-    // One pass of the bubble sort: each element in turn sinks past the successors that it compares greater than, and
-    // is relinked once, where it comes to rest.
-    bool bubble(kestal_list_compare_t compare) const
+    // Cuts the elements that ascend already off the front of `rest`. Null when there are none.
+    void *take_run(void *&rest, kestal_list_compare_t compare) const
     {
-        bool changed = false;
-        void *before = nullptr;
-        for (void *element = head_; element != nullptr; element = next(element)) {
-            void *passed = element;
-            for (void *at = next(element); at != nullptr && compare(element, at) > 0; at = next(at))
-                passed = at;
-            if (passed != element) {
-                (before == nullptr ? head_ : next(before)) = next(element);
-                link_after(passed, element);
-                changed = true;
+        void *first = rest;
+        void *last = first;
+        while (last != nullptr && (rest = next(last)) != nullptr && compare(last, rest) <= 0)
+            last = rest;
+        if (last != nullptr)
+            next(last) = nullptr;
+        return first;
+    }
+
+    // Two sorted chains in one; of equal elements, those of the earlier chain come first.
+    void *merge(void *earlier, void *later, kestal_list_compare_t compare) const
+    {
+        const uint64_t position = next_position_;
+        list_link first = nullptr;
+        list_link *end = &first;
+        while (earlier != nullptr && later != nullptr) {
+            if (compare(earlier, later) > 0) {
+                *end = later;
+                end = &list_link_at(later, position);
+                later = *end;
+            } else {
+                *end = earlier;
+                end = &list_link_at(earlier, position);
+                earlier = *end;
             }
-            before = element;
         }
-        return changed;
+        *end = earlier != nullptr ? earlier : later;
+        return first;
     }
 
     list_link &head_;

@@ -29,7 +29,6 @@ counter &counter::mine()
     return counters[(stack >> 16) * 0x9E3779B97F4A7C15u >> (64 - counter_bits)];
 }
 
-// A process that has never had a second thread needs no locked instruction, the dearest step of a small allocation.
 bool is_single_threaded()
 {
 #if __has_include(<sys/single_threaded.h>)
@@ -39,22 +38,15 @@ bool is_single_threaded()
 #endif
 }
 
-void add_one(std::atomic<size_t> &number)
+// A process that has never had a second thread needs neither a counter of its own nor a locked instruction.
+[[gnu::always_inline]] inline void count(std::atomic<size_t> counter::*number)
 {
-    if (is_single_threaded())
-        number.store(number.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-    else
-        number.fetch_add(1, std::memory_order_release);
-}
-
-void count_up()
-{
-    add_one(counter::mine().allocated);
-}
-
-void count_down()
-{
-    add_one(counter::mine().released);
+    if (is_single_threaded()) {
+        std::atomic<size_t> &only = counters[0].*number;
+        only.store(only.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    } else {
+        (counter::mine().*number).fetch_add(1, std::memory_order_release);
+    }
 }
 
 // Reads what was released first: whatever releases it sees, it then sees the allocations before them too.
@@ -74,9 +66,30 @@ bool is_addressable(uint64_t size)
     return size <= SIZE_MAX;
 }
 
-char *duplicate(const char *text, size_t length, const char *name, uint64_t line)
+[[gnu::noinline]] void report_null_free(const char *name, uint64_t line)
 {
-    char *copy = static_cast<char *>(kestal_alloc_tag(uint64_t{length} + 1u, name, line));
+    if (strcmp(name, "operator delete") != 0)
+        fprintf(stderr, "null pointer free ? (at \"%s\":%llu)\n", name, static_cast<unsigned long long>(line));
+}
+
+// The two ways that everything goes are part of each call: another one inside would cost as much as all they do.
+[[gnu::always_inline]] inline void *allocate(uint64_t size)
+{
+    void *block = is_addressable(size) ? malloc(static_cast<size_t>(size)) : nullptr;
+    if (block != nullptr)
+        count(&counter::allocated);
+    return block;
+}
+
+[[gnu::always_inline]] inline void release(void *block)
+{
+    count(&counter::released);
+    free(block);
+}
+
+char *duplicate(const char *text, size_t length)
+{
+    char *copy = static_cast<char *>(allocate(uint64_t{length} + 1u));
     if (copy == nullptr)
         return nullptr;
     if (length > 0)
@@ -89,21 +102,16 @@ char *duplicate(const char *text, size_t length, const char *name, uint64_t line
 
 void *kestal_heap_tag(void *block, uint64_t size, const char *, uint64_t)
 {
-    if (block == nullptr) {
-        void *fresh = is_addressable(size) ? malloc(static_cast<size_t>(size)) : nullptr;
-        if (fresh != nullptr)
-            count_up();
-        return fresh;
-    }
+    if (block == nullptr)
+        return allocate(size);
     if (size == 0) {
-        count_down();
-        free(block);
+        release(block);
         return nullptr;
     }
     void *resized = is_addressable(size) ? realloc(block, static_cast<size_t>(size)) : nullptr;
     // Counts down although the old block lives on: callers rely on the count going with the returned pointer.
     if (resized == nullptr)
-        count_down();
+        count(&counter::released);
     return resized;
 }
 
@@ -112,9 +120,9 @@ void *kestal_heap_notag(void *block, uint64_t size)
     return kestal_heap_tag(block, size, "<NOTAG>", 0);
 }
 
-void *kestal_alloc_tag(uint64_t size, const char *name, uint64_t line)
+void *kestal_alloc_tag(uint64_t size, const char *, uint64_t)
 {
-    return kestal_heap_tag(nullptr, size, name, line);
+    return allocate(size);
 }
 
 void *kestal_realloc_tag(void *block, uint64_t size, const char *name, uint64_t line)
@@ -133,28 +141,28 @@ void *kestal_calloc_tag(uint64_t count, uint64_t size, const char *name, uint64_
 void *kestal_free_tag(void *block, const char *name, uint64_t line)
 {
     if (block != nullptr)
-        return kestal_heap_tag(block, 0, name, line);
-    if (name == nullptr)
-        name = "";
-    if (strcmp(name, "operator delete") != 0)
-        fprintf(stderr, "null pointer free ? (at \"%s\":%llu)\n", name, static_cast<unsigned long long>(line));
+        release(block);
+    else
+        report_null_free(name == nullptr ? "" : name, line);
     return nullptr;
 }
 
-void *kestal_check_free_tag(void *block, const char *name, uint64_t line)
+void *kestal_check_free_tag(void *block, const char *, uint64_t)
 {
-    return block == nullptr ? nullptr : kestal_heap_tag(block, 0, name, line);
+    if (block != nullptr)
+        release(block);
+    return nullptr;
 }
 
-char *kestal_strdup_tag(const char *text, const char *name, uint64_t line)
+char *kestal_strdup_tag(const char *text, const char *, uint64_t)
 {
-    return duplicate(text, text == nullptr ? 0 : strlen(text), name, line);
+    return duplicate(text, text == nullptr ? 0 : strlen(text));
 }
 
-char *kestal_strndup_tag(const char *text, uint64_t limit, const char *name, uint64_t line)
+char *kestal_strndup_tag(const char *text, uint64_t limit, const char *, uint64_t)
 {
     const size_t bound = is_addressable(limit) ? static_cast<size_t>(limit) : SIZE_MAX;
-    return duplicate(text, text == nullptr ? 0 : strnlen(text, bound), name, line);
+    return duplicate(text, text == nullptr ? 0 : strnlen(text, bound));
 }
 
 char *kestal_realloc_strdup_tag(char *old, const char *text, const char *name, uint64_t line)

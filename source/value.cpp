@@ -39,10 +39,7 @@ bool is_name(const char *have, std::string_view name, bool exact)
 {
     if (have == nullptr || name.data() == nullptr)
         return have == name.data();
-    if (!exact)
-        return is_name_ignoring_case(have, name);
-    // Most names differ in the first character already; that of an empty name is its terminator.
-    return *have == *name.data() && is_exact_name(have, name);
+    return exact ? is_exact_name(have, name) : is_name_ignoring_case(have, name);
 }
 
 // Calls visit(name) for each alternative until it gives true; whether it did.
@@ -62,7 +59,14 @@ bool any_alternative(const char *names, Visit visit)
 
 auto with_name(uint32_t exact, std::string_view name)
 {
-    return [=](const kestal_value_node_t &node) { return is_name(node.m_name, name, exact != 0); };
+    // Most names differ in the first character already; that of an empty name is its terminator.
+    const bool has_first = exact != 0 && name.data() != nullptr;
+    const char first = has_first ? *name.data() : '\0';
+    return [=](const kestal_value_node_t &node) {
+        if (has_first && node.m_name != nullptr && *node.m_name != first)
+            return false;
+        return is_name(node.m_name, name, exact != 0);
+    };
 }
 
 auto with_name(uint32_t exact, const char *name)
@@ -199,6 +203,33 @@ int32_t overwrite(kestal_value_t &list, kestal_value_node_t &node, const void *d
     return 0;
 }
 
+bool lies_in(const void *given, const void *block, uint64_t size)
+{
+    const auto at = reinterpret_cast<uintptr_t>(given), begin = reinterpret_cast<uintptr_t>(block);
+    return given != nullptr && at >= begin && at - begin <= size;
+}
+
+// Whether what a call was given is part of a node whose name has this length.
+bool is_part(const void *given, const kestal_value_node_t &node, uint64_t name_length)
+{
+    return lies_in(given, node.m_data, node.m_size) || lies_in(given, node.m_name, name_length);
+}
+
+// Other data under the same name, in this spelling.
+int32_t renew(kestal_value_t &list, kestal_value_node_t &node, std::string_view name, const void *data, uint64_t size)
+{
+    void *block = size == 0 ? nullptr : copy_data(data, size);
+    if (size != 0 && block == nullptr)
+        return -1;
+    if (name.data() != nullptr)
+        memcpy(node.m_name, name.data(), name.size());
+    kestal_check_free(node.m_data);
+    node.m_data = block;
+    node.m_size = size;
+    list.m_flags |= KESTAL_VALUE_MODIFIED;
+    return 0;
+}
+
 int32_t set(kestal_value_t &list, uint32_t mode, uint32_t exact, std::string_view name, const void *data, uint64_t size,
             discarded_nodes &discarded)
 {
@@ -208,6 +239,9 @@ int32_t set(kestal_value_t &list, uint32_t mode, uint32_t exact, std::string_vie
         old_node = search(list.m_head, with_name(exact, name));
         if (old_node != nullptr && old_node->m_size == size)
             return overwrite(list, *old_node, data);
+        if (old_node != nullptr && !is_part(data, *old_node, name.size()) &&
+            !is_part(name.data(), *old_node, name.size()))
+            return renew(list, *old_node, name, data, size);
         break;
     case KESTAL_VALUE_REPLACE_BY_DATA:
         old_node = search(list.m_head, with_data(data, size));

@@ -122,9 +122,9 @@ KESTAL_API void kestal_doubly_linked_list_sort_insert_tag(void *head, void *tail
                                                           const char *name, uint64_t line);
 
 /**
- * Sorts the list by relinking; equal elements keep their order. Bubble sort: one walk for a list in order, quadratic
- * otherwise, meant for short lists. A comparator that contradicts itself gives some order, in a bounded number of
- * calls. A null comparator leaves the list as it is.
+ * Sorts the list by relinking; equal elements keep their order. Merge sort: one walk for a list in order, and n log n
+ * comparisons at most. A comparator that contradicts itself gives some order. A null
+ * comparator leaves the list as it is.
  */
 KESTAL_API void kestal_doubly_linked_list_sort_tag(void *head, void *tail, uint64_t previous, uint64_t next,
                                                    kestal_list_compare_t compare, const char *name, uint64_t line);

@@ -10,6 +10,7 @@ namespace {
 
 class hash : public counted {};
 
+// The keys from head to tail. Checks every link.
 std::vector<uint32_t> keys_in_order(const kestal_hash_t *table)
 {
     std::vector<uint32_t> keys;
@@ -25,15 +26,13 @@ std::vector<uint32_t> keys_in_order(const kestal_hash_t *table)
 
 TEST_F(hash, the_index_is_the_key_modulo_the_bucket_count)
 {
-    std::vector<uint32_t> keys{0, 1, 2, 99, 100, 65535, 65536, 0x7fffffff, 0x80000000, 0xfffffffe, 0xffffffff};
     std::mt19937 random(1);
-    while (keys.size() < 2000)
-        keys.push_back(static_cast<uint32_t>(random()));
     for (const uint64_t count : {0u, 1u, 2u, 3u, 7u, 32u, 1000u, 65537u, 1000003u}) {
         kestal_hash_t *table = kestal_open_hash(count, nullptr);
         ASSERT_EQ(table->m_bucket_count, count == 0 ? 1 : count);
-        for (const uint32_t key : keys)
-            ASSERT_EQ(kestal_hash_index(table, key), key % table->m_bucket_count) << key << " in " << count;
+        for (const uint32_t edge : {0u, 1u, 65536u, 0x80000000u, 0xffffffffu, static_cast<uint32_t>(random())})
+            for (uint32_t key = edge - 200; key != edge + 200; ++key)
+                ASSERT_EQ(kestal_hash_index(table, key), key % table->m_bucket_count) << key << " in " << count;
         EXPECT_EQ(kestal_close_hash(table), nullptr);
     }
     EXPECT_EQ(kestal_open_hash(UINT64_MAX / 8, nullptr), nullptr);
@@ -79,11 +78,10 @@ TEST_F(hash, look_ups_match_a_model)
     kestal_close_hash(table);
 }
 
-int destroyed = 0;
-
 TEST_F(hash, data_goes_with_its_node)
 {
-    int one = 1, ten = 10, hundred = 100;
+    static int destroyed;
+    int one = 1, ten = 10;
     destroyed = 0;
     kestal_hash_t *table = kestal_open_hash(3, [](void *data) -> void * {
         destroyed += *static_cast<int *>(data);
@@ -91,16 +89,14 @@ TEST_F(hash, data_goes_with_its_node)
     });
     kestal_hash_node_t *first = kestal_create_hash_node_to_tail(table, 1, &one);
     kestal_create_hash_node_to_tail(table, 2, &ten);
-    kestal_create_hash_node_to_tail(table, 3, &hundred);
     EXPECT_EQ(kestal_sub_hash_node(table, first), first);
     EXPECT_EQ(kestal_search_hash_node(table, nullptr, 1), nullptr);
-    EXPECT_EQ(kestal_sub_hash_node(table, first), nullptr); // out of the table already
-    EXPECT_EQ(kestal_del_hash_node(table, first), -1);
-    EXPECT_EQ(kestal_get_hash_node_count(table), 2u);
+    EXPECT_EQ(kestal_del_hash_node(table, first), -1); // out of the table already
+    EXPECT_EQ(keys_in_order(table), std::vector<uint32_t>{2});
     EXPECT_EQ(kestal_free_hash_node(table, first), 0);
     EXPECT_EQ(destroyed, 1);
     kestal_close_hash(table);
-    EXPECT_EQ(destroyed, 111);
+    EXPECT_EQ(destroyed, 11);
 }
 
 TEST_F(hash, nulls_wrong_counts_and_short_memory)
@@ -120,14 +116,14 @@ TEST_F(hash, nulls_wrong_counts_and_short_memory)
         kestal_close_hash(table);
         EXPECT_EQ(reports.messages(), std::vector<std::string>{"s_hash->m_node_count == ((size_t)0u)"});
     }
-    const auto scenario = [] {
-        kestal_hash_t *fresh = kestal_open_hash(8, nullptr);
-        kestal_create_hash_node_to_head(fresh, 1, nullptr);
-        kestal_create_hash_node_to_tail(fresh, 1, nullptr);
-        kestal_create_hash_node_sort_insert(fresh, 1, nullptr, nullptr);
-        kestal_close_hash(fresh);
-    };
-    EXPECT_EQ(with_each_allocation_failing(scenario), 4u);
+    EXPECT_EQ(with_each_allocation_failing([] {
+                  kestal_hash_t *fresh = kestal_open_hash(8, nullptr);
+                  kestal_create_hash_node_to_head(fresh, 1, nullptr);
+                  kestal_create_hash_node_to_tail(fresh, 1, nullptr);
+                  kestal_create_hash_node_sort_insert(fresh, 1, nullptr, nullptr);
+                  kestal_close_hash(fresh);
+              }),
+              4u);
 }
 
 } // namespace

@@ -92,6 +92,7 @@ TEST_F(value, entries_are_set_replaced_and_removed)
         {"a=1. b=2.", [&] { return set(if_absent, 0, "B", "2."); }, "a=1. b=2."},
         {"a=1. b=2.", [&] { return set(if_absent, 1, "B", "2."); }, "a=1. b=2. B=2."},
         {"a=1. b=2.", [&] { return set(if_absent, 1, "b", "3."); }, "a=1. b=2. b=3."},
+        {"a=1.", [&] { return kestal_set_value_int_string(list, append, 1, "b", -7); }, "a=1. b=-7."},
         {"a=x.", [&] { return kestal_multiple_set_value(list, append, 1, "b||c|", "y", 1); }, "a=x. b=y c=y"},
         {"a=x.", [&] { return kestal_multiple_set_value(list, append, 1, "|", "y", 1); }, "a=x."},
         {"a=x.", [&] { return kestal_multiple_set_value_int_string(list, by_name, 0, "A|B", INT32_MIN); },

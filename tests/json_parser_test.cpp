@@ -211,7 +211,9 @@ TEST_F(json, strings_adopt_copy_and_terminate)
 
 TEST_F(json, numbers_convert_one_way)
 {
-    kestal_json_t *integer = kestal_new_json_integer(7), *real = kestal_new_json_real(-2.9);
+    kestal_json_t *integer = kestal_new_json(KESTAL_JSON_INTEGER), *real = kestal_new_json(KESTAL_JSON_REAL);
+    EXPECT_EQ(kestal_json_integer_set_value(integer, 7), 0);
+    EXPECT_EQ(kestal_json_real_set_value(real, -2.9), 0);
     EXPECT_EQ(kestal_json_integer_get_value(real, 0), -2);
     EXPECT_EQ(kestal_json_real_get_value(integer, 0), 7.0);
     EXPECT_EQ(kestal_json_integer_set_value(real, 1), -1);

@@ -99,8 +99,10 @@ TEST_F(value, entries_are_set_replaced_and_removed)
          "A=-2147483648. B=-2147483648."},
         // What is given may lie in an entry that goes.
         {"k=a|b.", [&] { return kestal_set_value_string(list, by_name, 1, list->m_head->m_name, data_at(2)); }, "k=b."},
-        {"k=a|K|b.", [&] { return kestal_multiple_set_value_string(list, by_name, 0, data_at(0), data_at(2)); },
-         "K=K|b. a=K|b. b=K|b."},
+        {"k=abc.", [&] { return kestal_multiple_set_value_string(list, by_name, 1, "k|z", data_at(1)); },
+         "k=bc. z=bc."},
+        {"k=a|K|b.", [&] { return kestal_multiple_set_value_string(list, by_name, 0, data_at(0), "x"); },
+         "K=x. a=x. b=x."},
         {"a=x. b=x. A=x.", [&] { return kestal_remove_value_by_name(list, 0, list->m_head->m_name); }, "b=x."},
         {"a=x. b=x.", [&] { return kestal_remove_value_by_name(list, 1, "A"); }, "a=x. b=x."},
         {"a=x b=x. c=x", [&] { return kestal_remove_value_by_string(list, "x"); }, "b=x."},

@@ -377,7 +377,8 @@ void *kestal_get_buffer_node(kestal_buffer_t *buffer, uint64_t *length)
     return block;
 }
 
-int32_t kestal_pop_buffer_uint8(kestal_buffer_t *buffer)
+// So short that it is felt whether it begins with a cache line.
+[[gnu::aligned(64)]] int32_t kestal_pop_buffer_uint8(kestal_buffer_t *buffer)
 {
     if (buffer == nullptr || buffer->m_size == 0)
         return -1;

@@ -221,7 +221,9 @@ int32_t kestal_del_hash_node(kestal_hash_t *table, kestal_hash_node_t *node)
     return kestal_free_hash_node(table, kestal_sub_hash_node(table, node));
 }
 
-kestal_hash_node_t *kestal_search_hash_node(const kestal_hash_t *table, const kestal_hash_node_t *start, uint32_t key)
+// So short that it is felt whether it begins with a cache line.
+[[gnu::aligned(64)]] kestal_hash_node_t *kestal_search_hash_node(const kestal_hash_t *table,
+                                                                 const kestal_hash_node_t *start, uint32_t key)
 {
     return table == nullptr ? nullptr : kestal::search(*table, start, key);
 }

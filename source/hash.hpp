@@ -42,11 +42,12 @@ inline kestal_hash_node_t *search(const kestal_hash_t &table, const kestal_hash_
     if (start == nullptr) {
         const uint64_t bucket = bucket_of(table, key);
         const bucket_guard guard = guard_of(table, bucket);
+        kestal_hash_node_t *newest = table.m_buckets[bucket];
         if (guard.newest_key == key)
-            return table.m_buckets[bucket];
+            return newest;
         if ((guard.older_traces & trace_of(key)) == 0)
             return nullptr;
-        start = table.m_buckets[bucket];
+        start = newest;
     }
     kestal_hash_node_t *node = start->m_bucket_next;
     while (node != nullptr && node->m_key != key)

@@ -8,7 +8,6 @@
 
 #include "guard.hpp"
 #include "list.hpp"
-#include "pairing_heap.hpp"
 
 #include <algorithm>
 #include <errno.h>
@@ -38,14 +37,6 @@ constexpr int short_waits_from = 64;
 constexpr int long_waits_from = 95;
 
 constinit std::atomic<uint32_t> debug_mode{0};
-
-bool is_due_before(const kestal_event_t &a, const kestal_event_t &b)
-{
-    return a.m_deadline != b.m_deadline ? a.m_deadline < b.m_deadline : a.m_timer_order < b.m_timer_order;
-}
-
-using timer_heap = kestal::pairing_heap<kestal_event_t, &kestal_event_t::m_timer_prev, &kestal_event_t::m_timer_next,
-                                        &kestal_event_t::m_timer_child, is_due_before>;
 
 kestal::doubly_linked_list registered(kestal_event_base_t &base)
 {
@@ -194,13 +185,21 @@ char *copy_of(const char *text)
     return text == nullptr ? nullptr : kestal_strdup_tag(text, assign_tag, __LINE__);
 }
 
+bool delete_and_notify(kestal_event_t &event)
+{
+    const base_guard guard(*event.m_base);
+    const bool was_registered = has_flags(event, KESTAL_EVENT_REGISTERED);
+    const bool is_done = kestal::delete_event(event);
+    if (was_registered && is_done)
+        kestal::notify_loop(*event.m_base);
+    return is_done;
+}
+
 // Takes the event out of its base and releases what it holds.
 void release_event(kestal_event_t &event)
 {
-    if (event.m_base != nullptr) {
-        const base_guard guard(*event.m_base);
-        kestal::delete_event(event);
-    }
+    if (event.m_base != nullptr)
+        delete_and_notify(event);
     kestal_check_free_tag(std::exchange(event.m_bind_address, nullptr), assign_tag, __LINE__);
     kestal_check_free_tag(std::exchange(event.m_resolver_name, nullptr), assign_tag, __LINE__);
     event.m_input_buffer = kestal_close_buffer(event.m_input_buffer);
@@ -301,17 +300,32 @@ bool kestal::watch_event(kestal_event_t &event)
 
 // --- the timer queue
 
+bool kestal::may_start_timer(kestal_event_t &event, int32_t timeout_ms)
+{
+    return timeout_ms < 0 || has_flags(event, KESTAL_EVENT_IN_TIMER_QUEUE) ||
+           event.m_base->m_state->timers.make_room(event.m_base->m_timer_event_count + 1);
+}
+
+uint64_t kestal::look_at_clock(kestal_event_base_t &base)
+{
+    return base.m_state->now = kestal_time_stamp_msec();
+}
+
 void kestal::start_timer(kestal_event_t &event)
 {
-    stop_timer(event);
-    if (event.m_timeout < 0)
+    if (event.m_timeout < 0) {
+        stop_timer(event);
         return;
+    }
     kestal_event_base_t &base = *event.m_base;
-    event.m_deadline = kestal_time_stamp_msec() + static_cast<uint64_t>(event.m_timeout);
-    event.m_timer_order = base.m_state->next_timer_order++;
-    timer_heap(base.m_timer_head).insert(&event);
+    // What is due at once is due at any time that has been.
+    event.m_deadline =
+        event.m_timeout == 0 ? base.m_state->now : look_at_clock(base) + static_cast<uint64_t>(event.m_timeout);
+    base.m_state->timers.put(event);
+    base.m_timer_head = base.m_state->timers.first();
+    if (has_flags(event, KESTAL_EVENT_IN_TIMER_QUEUE))
+        return;
     ++base.m_timer_event_count;
-    event.m_state |= event_in_heap;
     change_flags(event, 0, KESTAL_EVENT_IN_TIMER_QUEUE);
 }
 
@@ -319,21 +333,11 @@ void kestal::stop_timer(kestal_event_t &event)
 {
     if (!has_flags(event, KESTAL_EVENT_IN_TIMER_QUEUE))
         return;
-    if ((event.m_state & event_in_heap) != 0)
-        timer_heap(event.m_base->m_timer_head).remove(&event);
-    --event.m_base->m_timer_event_count;
-    event.m_state &= ~event_in_heap;
+    kestal_event_base_t &base = *event.m_base;
+    base.m_state->timers.remove(event);
+    base.m_timer_head = base.m_state->timers.first();
+    --base.m_timer_event_count;
     change_flags(event, KESTAL_EVENT_IN_TIMER_QUEUE, 0);
-}
-
-void kestal::take_due_timers(kestal_event_base_t &base, uint64_t now, void (*take)(kestal_event_t &event))
-{
-    timer_heap(base.m_timer_head)
-        .take_due([now](const kestal_event_t &event) { return event.m_deadline <= now; },
-                  [take](kestal_event_t &event) {
-                      event.m_state &= ~event_in_heap;
-                      take(event);
-                  });
 }
 
 // --- the active queues
@@ -380,11 +384,10 @@ void kestal::attend_event(kestal_event_t &event)
 bool kestal::delete_event(kestal_event_t &event)
 {
     kestal_event_base_t &base = *event.m_base;
-    const bool was_registered = has_flags(event, KESTAL_EVENT_REGISTERED);
     bool is_done = true;
     stop_timer(event);
     remove_active(event);
-    if (was_registered)
+    if (has_flags(event, KESTAL_EVENT_REGISTERED))
         unregister_event(event);
     if ((event.m_state & event_attached) != 0) {
         is_done = is_plain(event) || base.m_state->watched.set(event.m_descriptor, 0);
@@ -395,9 +398,8 @@ bool kestal::delete_event(kestal_event_t &event)
     }
     if (event.m_signal_node != nullptr)
         kestal_del_signal(std::exchange(event.m_signal_node, nullptr));
-    event.m_resolved = kestal_close_resolver(event.m_resolved);
-    if (was_registered && is_done)
-        notify_loop(base);
+    if (event.m_resolved != nullptr)
+        event.m_resolved = kestal_close_resolver(event.m_resolved);
     return is_done;
 }
 
@@ -602,9 +604,10 @@ int32_t kestal_add_event(kestal_event_t *event, int32_t timeout_ms)
     if (base.m_state->is_closing != 0)
         return -1;
     const bool is_new = !has_flags(*event, KESTAL_EVENT_REGISTERED | KESTAL_EVENT_ACTIVE);
-    event->m_timeout = event->m_descriptor >= 0 || timeout_ms >= 0 ? timeout_ms : 0;
-    if (is_new && !register_event(*event))
+    const int32_t timeout = event->m_descriptor >= 0 || timeout_ms >= 0 ? timeout_ms : 0;
+    if (!kestal::may_start_timer(*event, timeout) || (is_new && !register_event(*event)))
         return -1;
+    event->m_timeout = timeout;
     kestal::start_timer(*event);
     if (!is_new)
         return 0;
@@ -619,8 +622,7 @@ int32_t kestal_del_event(kestal_event_t *event)
 {
     if (!is_usable(event, __func__))
         return -1;
-    const base_guard guard(*event->m_base);
-    return kestal::delete_event(*event) ? 0 : -1;
+    return delete_and_notify(*event) ? 0 : -1;
 }
 
 int32_t kestal_active_event(kestal_event_t *event, uint32_t what)
@@ -633,7 +635,7 @@ int32_t kestal_active_event(kestal_event_t *event, uint32_t what)
         event->m_result |= what;
         return 0;
     }
-    if (base.m_state->is_closing != 0)
+    if (base.m_state->is_closing != 0 || !kestal::may_start_timer(*event, event->m_timeout))
         return -1;
     event->m_result = what;
     kestal::append_active(*event);

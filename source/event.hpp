@@ -4,6 +4,7 @@
 #include <kestal_ulx/event.h>
 
 #include "readiness.hpp"
+#include "timer_heap.hpp"
 
 #include <atomic>
 #include <sys/un.h>
@@ -16,12 +17,14 @@ struct kestal_event_state {
     };
 
     kestal::readiness watched;
+    // With room for all that wait for a deadline or have found it come.
+    kestal::timer_heap<kestal_event_t, &kestal_event_t::m_deadline, &kestal_event_t::m_timer_place> timers;
     kestal_event_t *attended; // events that every look takes in: signals, look-ups under way
     found_event *found;       // the events that this look takes in
     uint64_t found_count;
     uint64_t found_room; // as many as are registered, at least
+    uint64_t now;        // ms, when the clock was looked at last
     uint64_t next_order;
-    uint64_t next_timer_order;
     uint32_t lowest_level; // no level below it has active events
     uint32_t contenders;   // threads that want the lock while the loop has it
     uint32_t is_closing;
@@ -32,10 +35,9 @@ namespace kestal {
 
 // Bits of kestal_event_t.m_state.
 constexpr uint32_t event_connect_failed = 1; // does not try again until it is added anew
-constexpr uint32_t event_in_heap = 2;        // its deadline is still to come
-constexpr uint32_t event_found = 4;
-constexpr uint32_t event_attended = 8;
-constexpr uint32_t event_attached = 16; // is in the chain of its descriptor
+constexpr uint32_t event_found = 2;
+constexpr uint32_t event_attended = 4;
+constexpr uint32_t event_attached = 8; // is in the chain of its descriptor
 
 // --- flags: changed under the base's lock, read without it
 
@@ -99,12 +101,15 @@ uint32_t select_mask(const kestal_event_t &event);
 // Has the base watch the event's descriptor as its mask says. False when memory is short.
 bool watch_event(kestal_event_t &event);
 
+// Whether the event may begin a time-out, of so many milliseconds. False when memory is short.
+bool may_start_timer(kestal_event_t &event, int32_t timeout_ms);
+
+// The time by the clock, noted in the base.
+uint64_t look_at_clock(kestal_event_base_t &base);
+
 // Begins the event's time-out anew, if it has one.
 void start_timer(kestal_event_t &event);
 void stop_timer(kestal_event_t &event);
-
-// Calls take(event) for each event whose deadline has come; these stay in the timer queue, but not in the heap.
-void take_due_timers(kestal_event_base_t &base, uint64_t now, void (*take)(kestal_event_t &event));
 
 void append_active(kestal_event_t &event);
 void remove_active(kestal_event_t &event);
@@ -112,7 +117,7 @@ void remove_active(kestal_event_t &event);
 // Has every look take the event in, or not, as its flags and state want it.
 void attend_event(kestal_event_t &event);
 
-// Takes the event out of everything. False when its interest could not be withdrawn.
+// Takes the event out of everything, without a word to the loop. False when its interest could not be withdrawn.
 bool delete_event(kestal_event_t &event);
 
 // Opens the base's resolver cache if need be.

@@ -186,7 +186,8 @@ void find_events(kestal_event_base_t &base, uint64_t now, bool has_ready)
                 take_in(*at);
             }
         });
-    kestal::take_due_timers(base, now, take_in);
+    state.timers.take_due(now, take_in);
+    base.m_timer_head = state.timers.first();
     for (kestal_event_t *at = state.attended; at != nullptr; at = at->m_attended_next)
         take_in(*at);
     const auto is_earlier = [](const kestal_event_state::found_event &a, const kestal_event_state::found_event &b) {
@@ -238,7 +239,7 @@ void examine(kestal_event_t &event, uint64_t now, int32_t &ready_left)
 void look(kestal_event_base_t &base, int32_t ready)
 {
     const kestal_event_state &state = *base.m_state;
-    const uint64_t now = base.m_timer_event_count == 0 ? 0 : kestal_time_stamp_msec();
+    const uint64_t now = base.m_timer_event_count == 0 ? 0 : kestal::look_at_clock(base);
     find_events(base, now, ready > 0);
     for (uint64_t i = 0; i < state.found_count; ++i)
         examine(*state.found[i].event, now, ready);
@@ -304,14 +305,14 @@ void serve_level(kestal_event_base_t &base)
 
 // --- the loop
 
-int32_t wait_time(const kestal_event_base_t &base, uint32_t flags)
+int32_t wait_time(kestal_event_base_t &base, uint32_t flags)
 {
     if (base.m_active_event_count != 0 || (flags & KESTAL_EVENT_LOOP_NON_BLOCK) != 0)
         return 0;
     int32_t wait = -1;
     if (base.m_timer_head != nullptr) {
-        const uint64_t now = kestal_time_stamp_msec();
         const uint64_t deadline = base.m_timer_head->m_deadline;
+        const uint64_t now = deadline <= base.m_state->now ? deadline : kestal::look_at_clock(base);
         wait = deadline <= now ? 0 : static_cast<int32_t>(std::min<uint64_t>(deadline - now, INT32_MAX));
     }
     // Never shortens a wait without limit, which compares as less: kept.
@@ -442,6 +443,7 @@ kestal_event_base_t *kestal_new_event_base(void)
     base.m_state = &whole->state;
     base.m_thread_id = static_cast<uint64_t>(pthread_self());
     base.m_maximum_wait = -1;
+    kestal::look_at_clock(base);
     base.m_notify[0] = base.m_notify[1] = -1;
     base.m_check_service = kestal_event_base_check_service;
     base.m_start_service = kestal_event_base_start_service;
@@ -463,6 +465,7 @@ kestal_event_base_t *kestal_free_event_base(kestal_event_base_t *base)
     check_counts(*base);
     kestal_close_resolver_cache(base->m_resolver_cache);
     base->m_state->watched.close();
+    base->m_state->timers.close();
     kestal_close_select(base->m_select);
     close_notify_pair(*base);
     kestal_check_free(base->m_state->found);

@@ -48,13 +48,6 @@ bool is_marked(const word *bits, uint64_t descriptor)
     return (bits[descriptor / word_bits] & bit_of(descriptor)) != 0;
 }
 
-void flip(kestal_select_t &set, unsigned condition, uint64_t descriptor)
-{
-    word *bits = words(set, first_interest + condition);
-    bits[descriptor / word_bits] ^= bit_of(descriptor);
-    set.m_count[condition] += is_marked(bits, descriptor) ? 1 : UINT64_MAX;
-}
-
 void mark(word *bits, uint64_t descriptor)
 {
     bits[descriptor / word_bits] |= bit_of(descriptor);
@@ -234,10 +227,15 @@ int32_t kestal_set_select(kestal_select_t *set, int32_t descriptor, uint32_t mas
         return 0;
     if (!make_room(*set, descriptor))
         return -1;
-    const uint32_t flipped = mask ^ kestal_get_select_flags(set, descriptor);
-    for (unsigned condition = 0; condition < 3; ++condition)
-        if ((flipped & 1u << condition) != 0)
-            flip(*set, condition, static_cast<uint64_t>(descriptor));
+    const word bit = bit_of(static_cast<uint64_t>(descriptor));
+    for (unsigned condition = 0; condition < 3; ++condition) {
+        word &bits = words(*set, first_interest + condition)[static_cast<uint64_t>(descriptor) / word_bits];
+        const bool is_wanted = (mask & 1u << condition) != 0;
+        if (((bits & bit) != 0) == is_wanted)
+            continue;
+        bits ^= bit;
+        set->m_count[condition] += is_wanted ? 1 : UINT64_MAX;
+    }
     if (mask != 0 && descriptor > set->m_highest)
         set->m_highest = descriptor;
     else if (mask == 0 && descriptor == set->m_highest)

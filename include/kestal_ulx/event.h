@@ -102,12 +102,9 @@ struct kestal_event {
     kestal_signal_node_t *m_signal_node; /**< a signal event's place among the signal's handlers */
     kestal_event_t *m_prev;              /**< in the list of the registered */
     kestal_event_t *m_next;              /**< in the list of the registered */
-    kestal_event_t *m_timer_prev;        /**< private: links of the heap */
-    kestal_event_t *m_timer_next;        /**< private */
+    uint64_t m_timer_place;              /**< private: in the queue of deadlines */
     kestal_event_t *m_active_prev;       /**< in the queue of its level */
     kestal_event_t *m_active_next;       /**< in the queue of its level */
-    kestal_event_t *m_timer_child;       /**< private: the queue is a heap */
-    uint64_t m_timer_order;              /**< private: parts equal deadlines */
     uint64_t m_order;                    /**< private: place in the list of the registered */
     uint32_t m_ready;                    /**< private: conditions of this look */
     uint32_t m_state;                    /**< private: bits of the module */

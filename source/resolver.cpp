@@ -6,7 +6,6 @@
 #include <kestal_ulx/memory.h>
 #include <kestal_ulx/service.h>
 #include <kestal_ulx/socket.h>
-#include <kestal_ulx/thread.h>
 #include <kestal_ulx/time_stamp.h>
 
 #include "guard.hpp"
@@ -78,7 +77,7 @@ constinit kestal_lock_t g_lock = KESTAL_LOCK_INITIALIZER("kestal_resolver_cache"
 constinit kestal_resolver_cache_t *g_kestal_resolver_cache = nullptr;
 constinit size_t g_kestal_resolver_cache_use_count = 0;
 
-// The cache whose look-up the current thread makes.
+// The cache whose look-up the current thread makes; null from when a handler of it has closed it.
 thread_local constinit kestal_resolver_cache_t *own_cache = nullptr;
 
 // --- looking up
@@ -212,13 +211,14 @@ bool is_for(const entry &candidate, const char *name, uint32_t port)
     return strcmp(candidate.m_name, name) == 0;
 }
 
-// Releases entries that are on no list any more, without the cache's lock: their threads may want it.
-void free_entries(entry *head)
+// Releases entries that are on no list any more, without the cache's lock: their threads may want it. All threads are
+// waited for but that of the service `own`, in which this is called.
+void free_entries(entry *head, const kestal_service_t *own = nullptr)
 {
     while (entry *each = head) {
         head = each->m_next;
         if (each->m_service != nullptr)
-            kestal_close_service(each->m_service);
+            kestal_close_service_ex(each->m_service, each->m_service == own ? 0 : -1);
         while (handler_record *handler = each->m_handler_head) {
             each->m_handler_head = handler->m_next;
             kestal_free_tag(handler, "kestal_free_resolver_handler_queue", __LINE__);
@@ -319,6 +319,23 @@ bool goes_on(entry &of)
     return of.m_runs;
 }
 
+// Releases a cache; `own` is the service of its look-ups in which that happens, or null.
+void destroy(kestal_resolver_cache_t *cache, const kestal_service_t *own)
+{
+    entry *entries = nullptr;
+    {
+        const lock_guard guard(cache->m_lock);
+        entries = std::exchange(cache->m_entry_head, nullptr);
+        cache->m_entry_tail = nullptr;
+        cache->m_is_closing = true;
+        for (entry *each = entries; each != nullptr; each = each->m_next)
+            each->m_again = false;
+    }
+    free_entries(entries, own);
+    kestal_uninit_lock(&cache->m_lock);
+    kestal_free_tag(cache, "kestal_close_resolver_cache", __LINE__);
+}
+
 void kestal_resolver_cache_service_handler(kestal_service_t *service, void *argument)
 {
     auto &of = *static_cast<entry *>(argument);
@@ -331,8 +348,9 @@ void kestal_resolver_cache_service_handler(kestal_service_t *service, void *argu
             each->m_handler(of.m_cache, 1, of.m_name, of.m_port, each->m_context);
             kestal_free_tag(each, "kestal_free_resolver_handler_queue", __LINE__);
         }
-    } while (goes_on(of));
-    own_cache = nullptr;
+    } while (own_cache != nullptr && goes_on(of));
+    if (std::exchange(own_cache, nullptr) == nullptr)
+        destroy(of.m_cache, service);
 }
 
 // Has the entry looked up, unless that is under way. False when there is no thread for it.
@@ -465,23 +483,6 @@ kestal_resolver_cache_t *new_cache(int32_t expiry_ms)
     return cache;
 }
 
-void destroy(void *argument)
-{
-    auto *cache = static_cast<kestal_resolver_cache_t *>(argument);
-    entry *entries = nullptr;
-    {
-        const lock_guard guard(cache->m_lock);
-        entries = std::exchange(cache->m_entry_head, nullptr);
-        cache->m_entry_tail = nullptr;
-        cache->m_is_closing = true;
-        for (entry *each = entries; each != nullptr; each = each->m_next)
-            each->m_again = false;
-    }
-    free_entries(entries);
-    kestal_uninit_lock(&cache->m_lock);
-    kestal_free_tag(cache, "kestal_close_resolver_cache", __LINE__);
-}
-
 void check_shared(bool holds, uint64_t line, const char *message)
 {
     if (!holds)
@@ -600,10 +601,10 @@ kestal_resolver_cache_t *kestal_close_resolver_cache(kestal_resolver_cache_t *ca
 {
     if (cache == nullptr || !give_back(cache))
         return nullptr;
-    if (cache != own_cache)
-        destroy(cache);
-    else // in a handler, which must not wait for itself
-        kestal_detached_thread_ex_tag(destroy, cache, 0, __func__, __LINE__);
+    if (cache == own_cache)
+        own_cache = nullptr; // its look-up, in a handler of which this is, does it when it is done
+    else
+        destroy(cache, nullptr);
     return nullptr;
 }
 

@@ -163,22 +163,21 @@ TEST_F(context, opens_with_the_newest_willing_plugin)
     };
     for (const auto &[type, refused, expected_calls, served_by, error] : cases) {
         SCOPED_TRACE(testing::Message() << (type ? type : "(null)") << ": " << expected_calls);
+        const bool is_open = served_by != nullptr;
         calls.clear();
         refusals = refused;
         kestal_ctx_set_option_string(id_, 1, "kept", "yes");
-        EXPECT_EQ(kestal_open_ctx(id_, type), served_by == nullptr ? -1 : 0);
+        EXPECT_EQ(kestal_open_ctx(id_, type), is_open ? 0 : -1);
         EXPECT_EQ(calls, expected_calls);
         EXPECT_STREQ(kestal_get_ctx_plugin_name(id_), served_by);
         EXPECT_EQ(last_error(), error);
         EXPECT_EQ(record().m_kind, -1);
-        EXPECT_STREQ(record().m_mime_type, served_by == nullptr ? nullptr : type);
-        EXPECT_EQ(kestal_get_valid_ctx(id_), served_by == nullptr ? nullptr : &record());
-        EXPECT_EQ(kestal_check_ctx_mime_type(id_, "TEST/both"), served_by == nullptr ? -1 : 0);
+        EXPECT_STREQ(record().m_mime_type, is_open ? type : nullptr);
+        EXPECT_EQ(kestal_get_valid_ctx(id_), is_open ? &record() : nullptr);
+        EXPECT_EQ(kestal_check_ctx_mime_type(id_, "TEST/both"), is_open ? 0 : -1);
+        EXPECT_EQ(is_open ? kestal_open_ctx(id_, "test/both") : -1, -1);
+        EXPECT_EQ(last_error(), is_open ? KESTAL_CTX_ERROR_ALREADY_OPEN : error);
         EXPECT_STREQ(kestal_ctx_get_option_string(id_, "kept"), "yes");
-        if (served_by != nullptr) {
-            EXPECT_EQ(kestal_open_ctx(id_, "test/both"), -1);
-            EXPECT_EQ(last_error(), KESTAL_CTX_ERROR_ALREADY_OPEN);
-        }
         EXPECT_EQ(kestal_close_ctx(id_), 0);
         EXPECT_EQ(kestal_ctx_get_option(id_, "kept"), nullptr);
     }
@@ -253,37 +252,28 @@ void context::every_call_fails(uint32_t id, int64_t error)
 {
     uint64_t size = 1;
     int number = 0;
-    const auto expect = [&](bool failed) {
-        EXPECT_TRUE(failed && last_error() == error) << "call " << number << ", last error " << last_error();
+    for (const auto &fails : std::initializer_list<std::function<bool()>>{
+             [=] { return kestal_ctx_bcontrol(id, 1) == -1 && kestal_ctx_xcontrol(id, 1) == -1; },
+             [=] { return kestal_ctx_control(id, 1) == -1 && kestal_ctx_sync(id) == -1; },
+             [=] { return kestal_ctx_is_readable(id, 0) == -1 && kestal_ctx_is_writable(id, 0) == -1; },
+             [&] { return kestal_ctx_read(id, &size, 1) == -1 && kestal_ctx_printf(id, "%d", 1) == -1; },
+             [=] { return kestal_ctx_rewind(id) == -1 && kestal_ctx_set_env(id, 1, 2, 3, 4) == -1; },
+             [&] { return kestal_ctx_get_env(id, 1, 2, &size) == nullptr && size == 0; },
+             [=] { return kestal_ctx_get_last_error(id) == -1 && kestal_ctx_set_last_error(id, 5) == -1; },
+             [=] { return kestal_ctx_execute_main(id, 0, nullptr) == 1 && kestal_ctx_db_get_query(id, "q") == 0; },
+             [=] { return kestal_ctx_db_free_result(id, 5) == 5; },
+             [=] { return kestal_ctx_db_get_field_index_f(id, 5, 0, "n") == -1; }}) {
+        EXPECT_TRUE(fails() && last_error() == error) << "calls " << number << ", last error " << last_error();
         ++number;
-    };
-    expect(kestal_ctx_bcontrol(id, 1) == -1);
-    expect(kestal_ctx_xcontrol(id, 1) == -1);
-    expect(kestal_ctx_control(id, 1) == -1);
-    expect(kestal_ctx_is_readable(id, 0) == -1);
-    expect(kestal_ctx_is_writable(id, 0) == -1);
-    expect(kestal_ctx_read(id, &size, 1) == -1);
-    expect(kestal_ctx_printf(id, "%d", 1) == -1);
-    expect(kestal_ctx_rewind(id) == -1);
-    expect(kestal_ctx_sync(id) == -1);
-    expect(kestal_ctx_get_env(id, 1, 2, &size) == nullptr && size == 0);
-    expect(kestal_ctx_set_env(id, 1, 2, 3, 4) == -1);
-    expect(kestal_ctx_get_last_error(id) == -1);
-    expect(kestal_ctx_set_last_error(id, 5) == -1);
-    expect(kestal_ctx_execute_main(id, 0, nullptr) == 1);
-    expect(kestal_ctx_db_get_query(id, "q") == 0);
-    expect(kestal_ctx_db_free_result(id, 5) == 5);
-    expect(kestal_ctx_db_get_field_index_f(id, 5, 0, "n") == -1);
+    }
 }
 
 TEST_F(context, answers_failure_without_plugin_operation_or_context)
 {
     table_ = noting_table();
     record().m_last_error = 55;
-    every_call_fails(none, 55);
-    every_call_fails(load("probe.so", table_, "full/*"), 55);
-    every_call_fails(id_, 55); // a closed context keeps its last error
-
+    for (const uint32_t id : {none, load("probe.so", table_, "full/*"), id_}) // a closed context keeps its last error
+        every_call_fails(id, 55);
     load("second_probe.so", second_table_, "bare/*");
     ASSERT_EQ(kestal_open_ctx(id_, "bare/x"), 0);
     every_call_fails(id_, 3);
@@ -323,14 +313,12 @@ TEST_F(context, asks_databases_by_record)
     kestal_ctx_fbinfo_t info{};
     EXPECT_EQ(kestal_ctx_db_get_query_puts(id_, query), 42u);
     EXPECT_EQ(kestal_ctx_db_set_query_puts(id_, query), 42);
-    EXPECT_EQ(kestal_ctx_db_free_result(id_, 8), 42u);
-    EXPECT_EQ(kestal_ctx_db_fetch_row(id_, 8), 42u);
-    EXPECT_EQ(kestal_ctx_db_get_row_count(id_, 8), 42u);
-    EXPECT_EQ(kestal_ctx_db_get_field_count(id_, 8), 42u);
+    for (const auto ask : {kestal_ctx_db_free_result, kestal_ctx_db_fetch_row, kestal_ctx_db_get_row_count,
+                           kestal_ctx_db_get_field_count})
+        EXPECT_EQ(ask(id_, 8), 42u);
     EXPECT_EQ(kestal_ctx_db_get_field_index(id_, 8, 3, query), 42);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(kestal_ctx_db_get_field_name(id_, 8, 3)), 42u);
-    EXPECT_EQ(kestal_ctx_db_dump_result(id_, 8, 1, 2), -5);
-    EXPECT_EQ(kestal_ctx_get_fbinfo(id_, &info), -5);
+    EXPECT_EQ(kestal_ctx_db_dump_result(id_, 8, 1, 2) & kestal_ctx_get_fbinfo(id_, &info), -5);
     EXPECT_EQ(calls, "\n0102000B 0 0 &\n0202000B ffffffff 0 &\n0602000C 8\n0802000D 0 8\n0102000E 0 8\n0102000F 0 8"
                      "\n01020010 3ffffffff & 8\n01020012 0 3 8\n0902000C 1 2 8\n01030011 0 0 0 0 0 0 0 0 0 0 0");
     EXPECT_EQ(kestal_ctx_db_set_query(id_, "%d", 1), 42);

@@ -168,12 +168,22 @@ TEST_F(sockets, count_time_outs_into_what_they_fill)
         EXPECT_EQ(memcmp(buffer, "123456789", static_cast<size_t>(std::min(sent, 8))), 0);
     }
     EXPECT_EQ(kestal_recv_fill(-1, buffer, 1, 0), -1);
-    const auto [ends] = pair(AF_INET, SOCK_DGRAM);
-    sockaddr_storage from;
+    // A sender without a name leaves room for the name of the next.
+    sockaddr_storage from = {};
     uint32_t length = sizeof from;
-    EXPECT_EQ(kestal_send_message(ends[0], -1, "%d", 12), 2);
-    EXPECT_EQ(kestal_recvfrom_fill(ends[1], buffer, 3, &from, &length, 0), 2 - 2 - 2);
-    EXPECT_EQ(kestal_sockaddr_get_port(&from), port_of(ends[0]));
+    const int32_t receiver = keep(kestal_open_socket(AF_UNIX, SOCK_DGRAM, 0));
+    const int32_t senders[] = {keep(kestal_open_socket(AF_UNIX, SOCK_DGRAM, 0)),
+                               keep(kestal_open_socket(AF_UNIX, SOCK_DGRAM, 0))};
+    const sa_family_t any_name = AF_UNIX;
+    EXPECT_EQ(kestal_bind(receiver, &any_name, sizeof any_name) | kestal_bind(senders[1], &any_name, sizeof any_name),
+              0);
+    EXPECT_EQ(kestal_getsockname(receiver, &from, &length), 0);
+    for (const int32_t sender : senders)
+        EXPECT_EQ(kestal_sendto_message(sender, -1, &from, length, "%d", 1), 1);
+    from = {};
+    length = sizeof from;
+    EXPECT_EQ(kestal_recvfrom_fill(receiver, buffer, 3, &from, &length, 0), 2 - 2 - 2);
+    EXPECT_EQ(from.ss_family, AF_UNIX);
 }
 
 TEST_F(sockets, may_be_pipes_and_terminals)

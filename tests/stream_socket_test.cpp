@@ -1,6 +1,8 @@
 #include "descriptors.hpp"
 #include "namespaces.hpp"
 
+#include <unistd.h>
+
 using kestal_test::caught_errors;
 using kestal_test::owned_socket;
 
@@ -125,6 +127,8 @@ TEST_F(stream_socket, joins_a_silent_group_again)
             });
         };
         link();
+        const int32_t sock = dup(0); // the number that the stream's socket gets
+        kestal_close_socket(sock);
         ASSERT_EQ(open("udp://239.1.2.3:5000", "60000"), 105);
         kestal_test::advance_clock(30000); // data ends a silence
         send("first");
@@ -147,6 +151,14 @@ TEST_F(stream_socket, joins_a_silent_group_again)
         send("again");
         EXPECT_EQ(kestal_ctx_is_readable(id_, 10000), 1);
         EXPECT_EQ(read(), "again");
+        // What is a member still leaves first, and what it had blocked with it.
+        const sockaddr_storage group = kestal_test::address_of("239.1.2.3"),
+                               sender = kestal_test::address_of("10.1.0.2");
+        EXPECT_EQ(kestal_multicast_block_source_all(sock, &group, &sender, 1), 0);
+        kestal_test::advance_clock(60000);
+        EXPECT_EQ(kestal_ctx_is_readable(id_, 0), 0);
+        send("fresh");
+        EXPECT_EQ(kestal_ctx_is_readable(id_, 10000), 1);
         id_ = kestal_destroy_ctx(id_);
     });
 }

@@ -30,6 +30,21 @@ struct deed {
     size_t target = 0;
 };
 
+constexpr size_t kinds_of_deed = 5; // nothing, and those below
+
+template <typename Side>
+void act(Side &side, const deed &does)
+{
+    if (does.kind == 1)
+        side.remove(does.target);
+    else if (does.kind == 2)
+        side.add(does.target, 0);
+    else if (does.kind == 3)
+        side.activate(does.target, KESTAL_EVENT_WRITE);
+    else if (does.kind == 4)
+        side.break_loop();
+}
+
 struct model_event {
     bool reads = false, persists = false, readable = false;
     bool is_registered = false, is_active = false, is_timed = false;
@@ -90,25 +105,19 @@ public:
     void assign(size_t i, bool reads, bool persists)
     {
         remove(i);
-        const bool readable = events[i].readable;
-        const deed does = events[i].does;
-        events[i] = {};
-        events[i].reads = reads;
-        events[i].persists = persists;
-        events[i].readable = readable;
-        events[i].does = does;
+        events[i] = {.reads = reads, .persists = persists, .readable = events[i].readable, .does = events[i].does};
     }
+    void set_readable(size_t i, bool readable) { events[i].readable = readable; }
+    void break_loop() { must_break_ = true; }
     void loop()
     {
-        for (must_break_ = false;;) {
-            if (must_break_)
-                return;
+        const auto has_active = [](const auto &level) { return !level.empty(); };
+        for (must_break_ = false; !must_break_;) {
             look();
-            const auto level = std::find_if(active_.begin(), active_.end(), [](const auto &at) { return !at.empty(); });
-            if (level == active_.end())
-                return;
-            serve(*level);
-            if (std::all_of(active_.begin(), active_.end(), [](const auto &at) { return at.empty(); }))
+            const auto level = std::find_if(active_.begin(), active_.end(), has_active);
+            if (level != active_.end())
+                serve(*level);
+            if (std::none_of(active_.begin(), active_.end(), has_active))
                 return;
         }
     }
@@ -146,31 +155,11 @@ private:
                 remove(i);
             }
             calls.push_back({i, what});
-            act(events[i].does);
+            act(*this, events[i].does);
             if (calls.size() >= most_calls)
                 must_break_ = true;
         }
     }
-    void act(const deed &does)
-    {
-        switch (does.kind) {
-        case 1:
-            remove(does.target);
-            break;
-        case 2:
-            add(does.target, 0);
-            break;
-        case 3:
-            activate(does.target, KESTAL_EVENT_WRITE);
-            break;
-        case 4:
-            must_break_ = true;
-            break;
-        default:
-            break;
-        }
-    }
-
     std::vector<size_t> order_;
     std::array<std::deque<size_t>, level_count> active_;
     bool must_break_ = false;
@@ -218,9 +207,13 @@ public:
         while (result != 0 && errno == EINTR);
         require(result == 0);
     }
-    kestal_event_t *event(size_t i) { return &events_[i]; }
-    uint64_t registered() const { return base_->m_event_count - 1; }
-    uint64_t active() const { return base_->m_active_event_count; }
+    void add(size_t i, int32_t timeout) { require(kestal_add_event(&events_[i], timeout) == 0); }
+    void remove(size_t i) { require(kestal_del_event(&events_[i]) == 0); }
+    void activate(size_t i, uint32_t what) { require(kestal_active_event(&events_[i], what) == 0); }
+    bool set_priority(size_t i, uint32_t priority) { return kestal_event_set_priority(&events_[i], priority) == 0; }
+    void break_loop() { require(kestal_event_base_break_loop(base_) == 0); }
+    uint32_t pending(size_t i) { return kestal_event_pending(&events_[i], 0xFFFF, nullptr); }
+    size_t registered() const { return base_->m_event_count - 1; }
 
     std::vector<call> calls;
 
@@ -232,25 +225,9 @@ private:
         real &self = *static_cast<real *>(context);
         const auto i = static_cast<size_t>(event - self.events_.data());
         self.calls.push_back({i, what});
-        const deed does = self.other_.events[i].does;
-        switch (does.kind) {
-        case 1:
-            require(kestal_del_event(&self.events_[does.target]) == 0);
-            break;
-        case 2:
-            require(kestal_add_event(&self.events_[does.target], 0) == 0);
-            break;
-        case 3:
-            require(kestal_active_event(&self.events_[does.target], KESTAL_EVENT_WRITE) == 0);
-            break;
-        case 4:
-            kestal_event_base_break_loop(self.base_);
-            break;
-        default:
-            break;
-        }
+        act(self, self.other_.events[i].does);
         if (self.calls.size() >= most_calls)
-            kestal_event_base_break_loop(self.base_);
+            self.break_loop();
     }
 
     const model &other_;
@@ -262,42 +239,34 @@ private:
 void operate(model &expected, real &actual, const uint8_t *input)
 {
     const size_t i = input[1] % event_count;
+    const uint8_t value = input[2];
+    const auto both = [&](auto operation) {
+        operation(expected);
+        operation(actual);
+    };
+    constexpr int32_t timeouts[] = {-1, 0, far_away_ms};
     switch (input[0] % 8) {
-    case 0: {
-        const int32_t timeouts[] = {-1, 0, far_away_ms};
-        expected.add(i, timeouts[input[2] % 3]);
-        require(kestal_add_event(actual.event(i), timeouts[input[2] % 3]) == 0);
-        break;
-    }
+    case 0:
+        return both([=](auto &side) { side.add(i, timeouts[value % 3]); });
     case 1:
-        expected.remove(i);
-        require(kestal_del_event(actual.event(i)) == 0);
-        break;
+        return both([=](auto &side) { side.remove(i); });
     case 2:
-        expected.activate(i, input[2] & 7u);
-        require(kestal_active_event(actual.event(i), input[2] & 7u) == 0);
-        break;
-    case 3: {
-        const bool is_set = expected.set_priority(i, input[2] % (level_count + 1));
-        require((kestal_event_set_priority(actual.event(i), input[2] % (level_count + 1)) == 0) == is_set);
-        break;
-    }
+        return both([=](auto &side) { side.activate(i, value & 7u); });
+    case 3:
+        return require(expected.set_priority(i, value % (level_count + 1)) ==
+                       actual.set_priority(i, value % (level_count + 1)));
     case 4:
-        expected.events[i].readable = !expected.events[i].readable;
-        actual.set_readable(i, expected.events[i].readable);
-        break;
+        return both([i, readable = !expected.events[i].readable](auto &side) { side.set_readable(i, readable); });
     case 5:
-        expected.assign(i, (input[2] & 1) != 0, (input[2] & 2) != 0);
-        actual.assign(i, (input[2] & 1) != 0, (input[2] & 2) != 0);
-        break;
+        return both([=](auto &side) { side.assign(i, (value & 1) != 0, (value & 2) != 0); });
     case 6:
-        expected.events[i].does = {static_cast<uint8_t>(input[2] % 5), input[2] / 5 % event_count};
-        break;
+        expected.events[i].does = {static_cast<uint8_t>(value % kinds_of_deed), value / kinds_of_deed % event_count};
+        return;
     default:
-        expected.calls.clear();
-        actual.calls.clear();
-        expected.loop();
-        actual.loop();
+        both([](auto &side) {
+            side.calls.clear();
+            side.loop();
+        });
         require(expected.calls == actual.calls);
     }
 }
@@ -315,7 +284,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             operate(expected, actual, data);
             require(actual.registered() == expected.registered());
             for (size_t i = 0; i < event_count; ++i)
-                require(kestal_event_pending(actual.event(i), 0xFFFF, nullptr) == expected.pending(i));
+                require(actual.pending(i) == expected.pending(i));
         }
     }
     require(kestal_get_alloc_count() == blocks);

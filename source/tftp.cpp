@@ -27,6 +27,7 @@ constexpr int32_t resolver_timeout_ms = 60000;
 constexpr int32_t hop_limit = 64;
 constexpr int32_t receive_buffer_size = 0x100000;
 constexpr uint32_t most_waiting = 4096; // packets, more than a socket holds
+constexpr uint32_t most_repeats = 64;   // of blocks, that a read gives new time for
 
 enum opcode : uint16_t { read_request = 1, write_request, data, acknowledgement, refusal };
 constexpr int32_t header_size = 4; // opcode, and a block number or an error code
@@ -282,7 +283,8 @@ int32_t kestal_tftp_read_data(kestal_tftp_t *tftp, int32_t timeout_ms)
         tftp->m_data_length = 0;
         return end_failed(*tftp, EBADF);
     }
-    const deadline end(timeout_ms);
+    deadline end(timeout_ms);
+    uint32_t repeats = 0;
     for (uint32_t passed_over = 0;; ++passed_over) {
         peer_address sender;
         const bool is_late = passed_over > most_waiting && end.left() == 0;
@@ -309,6 +311,9 @@ int32_t kestal_tftp_read_data(kestal_tftp_t *tftp, int32_t timeout_ms)
         }
         if (tftp->m_stream != 0)
             return end_failed(*tftp, EPROTO);
+        // An acknowledgement was lost, and the server is there.
+        if (++repeats <= most_repeats)
+            end = deadline(timeout_ms);
     }
 }
 

@@ -92,8 +92,9 @@ KESTAL_API int32_t kestal_tftp_write_request(kestal_tftp_t *tftp, const char *fi
 
 /**
  * Receives the next block, within `timeout_ms` (negative: no limit), and acknowledges it. Over datagrams a block that came
- * before is acknowledged again and passed over, and whoever sent the first block sends all: packets from elsewhere are
- * passed over in silence. Over a stream a repeated block ends the transfer.
+ * before is acknowledged again and passed over, and the next one has `timeout_ms` anew (64 times at most, so that a read
+ * ends whatever comes); and whoever sent the first block sends all: packets from elsewhere are passed over in silence, and
+ * give no time. Over a stream a repeated block ends the transfer.
  *
  * Returns the number of bytes, which are at m_data: 512 while there is more, fewer (0 too) with the last block, and 0
  * ever after. -1 when the transfer failed, and until the next read request: a time-out (errno ETIMEDOUT), a packet that

@@ -501,8 +501,9 @@ int open_regular(ftpd_session &session, const char *argument, int flags, const c
     if (file.get() < 0 || fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode))
         return -1;
     failure = "Can not seek file !";
-    if ((flags & O_APPEND) == 0 && (session.restart_offset > static_cast<uint64_t>(status.st_size) ||
-                                    lseek(file.get(), static_cast<off_t>(session.restart_offset), SEEK_SET) < 0))
+    const uint64_t offset = (flags & O_APPEND) == 0 ? session.restart_offset : 0;
+    if (offset > static_cast<uint64_t>(status.st_size) ||
+        (offset != 0 && lseek(file.get(), static_cast<off_t>(offset), SEEK_SET) < 0))
         return -1;
     return file.release();
 }

@@ -57,11 +57,16 @@ namespace kestal {
 
 const char *ftpd_send_file(ftpd_session &session, int32_t sock, int file)
 {
+    size_t sent = 0;
     for (;;) {
         const ssize_t count = sendfile(sock, file, nullptr, piece_size);
         if (count == 0)
             return nullptr;
         if (count > 0) {
+            sent += static_cast<size_t>(count);
+            if (sent < piece_size)
+                continue;
+            sent = 0;
             if (ftpd_is_interrupted(session))
                 return send_failure;
             continue;

@@ -254,7 +254,7 @@ TEST_F(ftp, asks_the_user)
          "Password: Password: ",
          "USER joe|PASS bad|PASS " + secret + "|TYPE I|"},
         {{"joe\n", "b\n", "c\n"}, -1, -1, "@", "Username: Password: Password: Password: ", "USER joe|PASS b|PASS c|"},
-        {{"bad\n"}, 1, -1, "joe@", "Password: ", "USER joe|PASS bad|"},
+        {{secret + "\n"}, 1, -1, "joe@", "Password: ", "USER joe|PASS " + secret + "|"},
         {{secret + "\n"}, 2, 0, "joe:bad@", "Password: ", "USER joe|PASS bad|PASS " + secret + "|TYPE I|"},
         {{"anonymous\n"}, 1, -1, "", "Username: ", "USER anonymous|PASS anonymous@localhost|"},
         {{std::string(256, 'x') + "\n"}, 1, -1, "", "Username: ", ""},
@@ -266,7 +266,8 @@ TEST_F(ftp, asks_the_user)
     kestal_puts_handler_t before = nullptr;
     kestal_set_puts_handler(type_answer, &before);
     for (const auto &[answers, attempts, result, user, prompts, heard] : cases) {
-        ftp_server server("127.0.0.1", {{"PASS", "530 no\r\n"}, {"PASS " + secret, "230 yes\r\n"}});
+        ftp_server server("127.0.0.1",
+                          {{"PASS", "530 no\r\n"}, {"PASS " + secret, result == 0 ? "230 yes\r\n" : "530 no\r\n"}});
         const client of;
         of.connect(server.uri("", "ftp", user));
         asked.clear();

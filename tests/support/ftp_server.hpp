@@ -30,7 +30,7 @@ public:
     // The commands since the last call, with a "|" behind each; the port of a data connection reads N.
     std::string heard();
     // What is done before an upload is read; then little of it fits between the client and the server.
-    void before_upload(const std::function<void()> &step) { before_upload_ = step; }
+    void before_upload(const std::function<void()> &step);
     // What the last upload brought.
     std::string stored();
 
@@ -40,7 +40,7 @@ private:
     bool say(const std::string &text) const;
     int open_data();
     bool send_file(const std::string &content, size_t cut_after);
-    bool receive_file();
+    bool receive_file(const std::function<void()> &before);
 
     std::string host_;
     int listening_;
@@ -48,8 +48,8 @@ private:
     int passive_ = -1;             // listens for a data connection
     sockaddr_storage active_ = {}; // where to connect one to
     size_t offset_ = 0;
-    std::function<void()> before_upload_;
     std::mutex mutex_; // of all below
+    std::function<void()> before_upload_;
     answers answers_ = {{"", "220 test\r\n"},   {"USER", "331 and?\r\n"}, {"PASS", "230 welcome\r\n"},
                         {"TYPE", "200 ok\r\n"}, {"NOOP", "200 here\r\n"}, {"ABOR", "226 over\r\n"}};
     std::string content_, heard_, stored_;

@@ -95,7 +95,7 @@ private:
         if (block == nullptr)
             return false;
         if (count_ != 0)
-            memcpy(block, entries_, count_ * sizeof(entry));
+            memcpy(block, entries_, static_cast<size_t>(count_) * sizeof(entry));
         kestal_check_free(entries_);
         entries_ = static_cast<entry *>(block);
         due_ = reinterpret_cast<place *>(entries_ + room);

@@ -46,8 +46,8 @@ public:
             find_first();
     }
 
-    // Takes out all records whose deadline has come, and hands each to `take`, which leaves the heap alone. Those that were
-    // put in one after the other with the same time-out come as they went.
+    // Takes out all records whose deadline has come, and hands each to `take`, which leaves the heap alone. They come in no
+    // certain order; mostly, those with the same time-out come as they went in.
     template <typename Take>
     void take_due(uint64_t now, Take take)
     {

@@ -561,16 +561,27 @@ TEST_F(event, EveryFailedAllocationIsSurvived)
 {
     const caught_errors errors;
     const std::deque<pair_of_sockets> pairs(20);
+    int refused = 0;
     EXPECT_GT(kestal_test::with_each_allocation_failing([&] {
                   kestal_event_base_t *base = kestal_new_event_base();
                   kestal_event_base_init_priority(base, 9);
+                  kestal_event_t *often = kestal_new_event(base, -1, 0, nullptr, nullptr);
+                  const bool is_added = kestal_add_event(often, 1000) == 0;
+                  EXPECT_EQ(kestal_event_pending(often, KESTAL_EVENT_TIMEOUT, nullptr) != 0, is_added);
+                  EXPECT_EQ(base != nullptr && base->m_event_count == 2, is_added);
                   for (const pair_of_sockets &pair : pairs) {
+                      if (kestal_active_event(often, 1) != 0 && is_added) {
+                          ++refused; // no room for its time-out
+                          EXPECT_EQ(kestal_event_pending(often, 0xFFFF, nullptr), 0u);
+                      }
+                      kestal_del_event(often);
                       kestal_event_t *at = kestal_new_event_with_resolver(base, pair.ends[0], reading | persisting,
                                                                           nullptr, nullptr, "::1", 0, "localhost", 1);
                       kestal_event_push_printf(at, 3, "%d", 7);
                       if (kestal_add_event(at, 1000) != 0)
                           kestal_free_event(at);
                   }
+                  kestal_free_event(often);
                   kestal_event_base_once(base, SIGUSR2, KESTAL_EVENT_SIGNAL, nullptr, nullptr, -1);
                   // Where nothing at all could be added, a loop would wait for others to add.
                   if (kestal_event_base_once(base, -1, 0, nullptr, nullptr, 0) == 0)
@@ -580,6 +591,7 @@ TEST_F(event, EveryFailedAllocationIsSurvived)
                   kestal_free_event_base(base);
               }),
               20u);
+    EXPECT_GT(refused, 0);
 }
 
 TEST_F(event, TheProcessWideBaseServesTheCallsWithoutOne)

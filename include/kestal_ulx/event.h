@@ -333,14 +333,19 @@ KESTAL_API int32_t kestal_event_set_priority(kestal_event_t *event, uint32_t pri
 /**
  * Registers the event, so that it waits, for at most `timeout_ms` (negative: no limit): then it comes up with
  * KESTAL_EVENT_TIMEOUT. An event without a descriptor and without a time-out is due at once. One that is registered
- * already begins its time-out anew. -1 also when memory is short or the signal is refused.
+ * already begins its time-out anew. -1, leaving it as it was, also when memory is short, when the signal is refused, and
+ * while its base is being released.
  */
 KESTAL_API int32_t kestal_add_event(kestal_event_t *event, int32_t timeout_ms);
 
 /** Takes the event out of the base and its queues; it stays assigned. An event that is in none is left as it is. */
 KESTAL_API int32_t kestal_del_event(kestal_event_t *event);
 
-/** Has the handler called with `what`, registered or not; of an event that is active already `what` is added. */
+/**
+ * Has the handler called with `what`, registered or not; of an event that is active already `what` is added. A time-out
+ * that it was added with begins anew. -1, leaving it as it was, also when memory for its place among those that wait for
+ * a deadline is short, and while its base is being released.
+ */
 KESTAL_API int32_t kestal_active_event(kestal_event_t *event, uint32_t what);
 
 /**

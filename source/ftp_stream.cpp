@@ -47,11 +47,18 @@ bool get_control_name(const kestal_ftp_t &ftp, get_name_t get, socket_address &a
 
 int32_t open_stream_socket(const socket_address &address)
 {
-    const int32_t sock = socket(kestal::family_of(&address), SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int32_t sock = socket(kestal::family_of(&address), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (sock >= 0)
-        kestal_set_non_block_socket(sock, 1);
-    kestal::keep_ftp_socket_alive(sock); // an accepted connection is as its listener
+        kestal::keep_ftp_socket_alive(sock); // an accepted connection is as its listener
     return sock;
+}
+
+// What has become of a connection: an error, or 0.
+int error_of(int32_t sock)
+{
+    int error = 0;
+    uint32_t length = sizeof error;
+    return kestal_getsockopt(sock, SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
 }
 
 // --- passive: the client connects
@@ -86,11 +93,8 @@ int32_t connect_data(kestal_ftp_t &ftp, const socket_address &address)
     if (errno != EINPROGRESS ||
         kestal::wait_for_ftp_socket(ftp, sock.get(), KESTAL_SELECT_WRITE, ftp.m_data_timeout) != 1)
         return -1;
-    int error = 0;
-    uint32_t length = sizeof error;
-    if (kestal_getsockopt(sock.get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0)
-        return fail_with(error);
-    return sock.release();
+    const int error = error_of(sock.get());
+    return error == 0 ? sock.release() : fail_with(error);
 }
 
 // --- active: the server connects
@@ -219,14 +223,16 @@ int32_t transfer_in_time(kestal_ftp_t &ftp, uint32_t condition, int32_t timeout_
 }
 
 // On a slow link much of an upload is still on its way when its last call returns, and the server answers when it has
-// all: until then it is the data's time that runs, anew with every piece that goes.
+// all: until then it is the data's time that runs, anew with every piece that goes. What waits on a connection that has
+// failed never goes.
 void finish_sending(kestal_ftp_t &ftp)
 {
     int before = 0, waiting = 0;
     deadline end(ftp.m_data_timeout);
     while (ioctl(ftp.m_data_socket, SIOCOUTQ, &waiting) == 0 && waiting > 0) {
-        if (before == 0)
-            kestal_shutdown_socket(ftp.m_data_socket, SHUT_WR);
+        if ((before == 0 && kestal_shutdown_socket(ftp.m_data_socket, SHUT_WR) != 0) ||
+            error_of(ftp.m_data_socket) != 0)
+            return;
         if (waiting != std::exchange(before, waiting))
             end = deadline(ftp.m_data_timeout);
         if (end.left() == 0 || kestal::wait_for_ftp_socket(ftp, ftp.m_control_socket, KESTAL_SELECT_READ, step_ms) != 0)

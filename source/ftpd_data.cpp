@@ -119,6 +119,9 @@ int32_t accept_client(ftpd_session &session, const char *&failure)
             accept4(session.data_listener, reinterpret_cast<sockaddr *>(&peer), &length, SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (sock.get() >= 0 && kestal_compare_sockaddr_address(&peer, &session.peer) == 0)
             return sock.release();
+        // Without room for a descriptor there would be no end to accepting it.
+        if (sock.get() < 0 && errno != EAGAIN && errno != EINTR && errno != ECONNABORTED)
+            return -1;
     } while (session.timeouts.data_ms < 0 || !due.expired());
     return -1;
 }

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <linux/sockios.h>
+#include <netinet/tcp.h>
 #include <pty.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
@@ -444,6 +445,44 @@ TEST_F(ftp, waits_for_a_slow_link)
     is_all_given = true;
     EXPECT_EQ(kestal_ftp_close_stream(of), 0);
     EXPECT_EQ(server.stored().size(), of->m_bytes);
+}
+
+TEST_F(ftp, does_not_wait_for_an_upload_that_was_reset)
+{
+    ftp_server server;
+    const client of(server.uri());
+    of->m_command_timeout = 1000;
+    const owned_socket listener(kestal_open_listen_socket("127.0.0.1", 0));
+    const int32_t port = listener.port();
+    server.answer("PASV", "227 (127,0,0,1," + std::to_string(port / 256) + "," + std::to_string(port % 256) + ")\r\n");
+    server.answer("STOR", "150 go on\r\n");
+    for (const bool is_closing : {false, true}) {
+        EXPECT_EQ(kestal_ftp_open_stream(of, 0, "up", "w"), 0);
+        const int32_t data = kestal_accept(listener, nullptr, nullptr, 10000), upload = of->m_data_socket;
+        const std::string block(100000, 'x');
+        while (kestal_ftp_send_stream(of, block.data(), block.size(), 0) > 0)
+            ;
+        const auto is_finishing = [=] {
+            tcp_info info = {};
+            uint32_t size = sizeof info;
+            kestal_getsockopt(upload, IPPROTO_TCP, TCP_INFO, &info, &size);
+            return info.tcpi_state == TCP_FIN_WAIT1;
+        };
+        const auto reset = [=] {
+            if (is_closing)
+                kestal_test::wait_until(is_finishing);
+            kestal_set_linger_socket(data, 1, 0);
+            close(data);
+        };
+        std::thread resets(reset);
+        if (!is_closing)
+            resets.join();
+        const uint64_t start = kestal_time_stamp_msec();
+        EXPECT_EQ(kestal_ftp_close_stream(of), -1);
+        EXPECT_LT(kestal_time_stamp_msec() - start, static_cast<uint64_t>(of->m_data_timeout)) << is_closing;
+        if (is_closing)
+            resets.join();
+    }
 }
 
 TEST_F(ftp, aborts_and_stays_in_step)

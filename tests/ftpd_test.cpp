@@ -10,6 +10,7 @@
 #include <pwd.h>
 #include <shadow.h>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -549,6 +550,22 @@ TEST_F(ftpd, makes_data_connections_to_the_client_only)
     EXPECT_EQ(read_all(stranger), "") << "another machine's connection is not served";
     EXPECT_EQ(read_all(connect_to("127.0.0.1", offered)), "content");
     EXPECT_EQ(peer.reply(), "226 Transfer complete");
+
+    // Without a descriptor for it a connection is given up, not tried until the time is over.
+    const int32_t unaccepted = kestal_open_socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    sockaddr_storage waiting = kestal_test::address_of("127.0.0.1");
+    unsigned waiting_port = 0;
+    EXPECT_EQ(sscanf(peer.ask("EPSV").c_str(), "229 Entering Extended Passive Mode (|||%u|).", &waiting_port), 1);
+    kestal_sockaddr_set_port(&waiting, waiting_port);
+    EXPECT_EQ(peer.ask("RETR file"), "150 Opening data connection");
+    rlimit limit;
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none = {3, limit.rlim_max}; // still as many as poll is asked about
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(kestal_connect(unaccepted, &waiting, sizeof(sockaddr_in), -1), 0);
+    EXPECT_EQ(peer.reply(), "451 Accept error !");
+    setrlimit(RLIMIT_NOFILE, &limit);
+    close(unaccepted);
 }
 
 TEST_F(ftpd, gives_up_on_clients_that_stall)

@@ -77,9 +77,9 @@ KESTAL_API kestal_tftp_t *kestal_open_tftp(uint32_t stream, const char *uri, int
 
 /**
  * Begins to read a file: sends a read request within `timeout_ms` (negative: no limit), whatever became of a transfer
- * before it; over datagrams from another local port, so that nothing that comes late for that one is taken. A null `filename` is the location's path,
- * percent-decoded, without its leading "/"; a null `mode` is "octet" (RFC 1350 has "netascii" too, which is received as
- * it comes).
+ * before it; over datagrams from another local port, so that nothing that comes late for that one is taken. A null
+ * `filename` is the location's path, percent-decoded, without its leading "/"; a null `mode` is "octet" (RFC 1350 has
+ * "netascii" too, which is received as it comes).
  *
  * Returns 0, or -1 when it could not be sent or `tftp` is null. A file that is missing shows with the first read.
  */

@@ -228,7 +228,7 @@ std::string numbers_masked(std::string text, const std::string &before)
     return text;
 }
 
-bool is_on_the_stack(const std::string &bytes)
+bool is_on_the_stack(std::string_view bytes)
 {
 #ifdef __SANITIZE_THREAD__
     return bytes.empty();

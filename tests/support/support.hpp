@@ -11,6 +11,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -129,7 +130,7 @@ void wait_until(Condition condition)
 }
 
 // Whether these bytes stand in the stack that the calls before have left. Never where a sanitizer itself leaves copies.
-bool is_on_the_stack(const std::string &bytes);
+bool is_on_the_stack(std::string_view bytes);
 
 // So many bytes that look random, the same each time.
 std::string noise(size_t length);

@@ -122,9 +122,11 @@ KESTAL_API void kestal_doubly_linked_list_sort_insert_tag(void *head, void *tail
                                                           const char *name, uint64_t line);
 
 /**
- * Sorts the list by relinking; equal elements keep their order. Merge sort: one walk for a list in order, and n log n
- * comparisons at most. A comparator that contradicts itself gives some order. A null
- * comparator leaves the list as it is.
+ * Sorts the list by relinking: a merge sort of the ascending runs that are there. Equal elements keep their order. A
+ * list in order takes n - 1 comparisons and stays as it is, any other in the order of n log n. `compare` is asked with
+ * the element that stands earlier first, and only a positive answer counts; it must not look at the list, whose links
+ * are being changed. It has to order all elements; one that contradicts itself leaves the list whole, in some order. A
+ * null one leaves it as it is.
  */
 KESTAL_API void kestal_doubly_linked_list_sort_tag(void *head, void *tail, uint64_t previous, uint64_t next,
                                                    kestal_list_compare_t compare, const char *name, uint64_t line);

@@ -12,6 +12,7 @@
 
 #include <errno.h>
 #include <limits.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -265,57 +266,108 @@ static int run(job_t *job, const round_key_t *round_key, FILE *input, FILE *outp
 }
 
 /* Where the result goes. A file is written beside its place and put there when it is whole: until then what was there
- * stays, and may be what is read. A device or a pipe is written as it stands. */
+ * stays, and may be what is read. */
 typedef struct {
     FILE *file;
-    const char *path; /* null: standard output */
-    mode_t mode;
-    char target[PATH_MAX];        /* the file behind a link, not the link */
-    char temporary[PATH_MAX + 8]; /* empty: none */
+    const char *path;      /* null: standard output */
+    struct stat old;       /* of the file that is there; all zeros when none is */
+    char target[PATH_MAX]; /* the file behind a link, not the link */
 } output_t;
 
-static FILE *open_beside(output_t *output)
+static char temporary[PATH_MAX + sizeof ".kestal-crypt.XXXXXX"]; /* empty: nothing is to be removed */
+
+static void remove_temporary(void)
 {
+    if (temporary[0] != '\0')
+        unlink(temporary);
+    temporary[0] = '\0';
+}
+
+static void end_by_signal(int number)
+{
+    remove_temporary();
+    raise(number); /* to the default action, on return */
+}
+
+static void catch_signals(void)
+{
+    static const int numbers[] = {SIGINT, SIGTERM, SIGHUP};
+    struct sigaction action, before;
+    size_t i;
+    memset(&action, 0, sizeof action);
+    action.sa_handler = end_by_signal;
+    action.sa_flags = (int)SA_RESETHAND;
+    for (i = 0; i < sizeof numbers / sizeof numbers[0]; ++i)
+        if (sigaction(numbers[i], NULL, &before) == 0 && before.sa_handler != SIG_IGN)
+            sigaction(numbers[i], &action, NULL);
+}
+
+/* The name that the result is to get in the end. There is none for a device, a pipe, a file that may not be written, a
+ * link to nowhere, or one to a file without a name, as /dev/stdout may be: these are written as they stand. */
+static int find_target(output_t *output)
+{
+    struct stat found;
+    if (lstat(output->path, &found) != 0 && errno == ENOENT)
+        return kestal_snprintf(output->target, sizeof output->target, "%s", output->path) > 0;
+    if (stat(output->path, &output->old) != 0 || !S_ISREG(output->old.st_mode) || access(output->path, W_OK) != 0)
+        return 0;
+    return realpath(output->path, output->target) != NULL && stat(output->target, &found) == 0 &&
+           found.st_dev == output->old.st_dev && found.st_ino == output->old.st_ino;
+}
+
+static FILE *open_beside(const output_t *output)
+{
+    const char *slash = strrchr(output->target, '/');
+    const size_t folder = slash == NULL ? 0 : (size_t)(slash - output->target) + 1;
     int descriptor;
-    if (realpath(output->path, output->target) == NULL)
-        kestal_snprintf(output->target, sizeof output->target, "%s", output->path);
-    kestal_snprintf(output->temporary, sizeof output->temporary, "%s.XXXXXX", output->target);
-    descriptor = mkstemp(output->temporary);
+    memcpy(temporary, output->target, folder);
+    strcpy(temporary + folder, ".kestal-crypt.XXXXXX");
+    descriptor = mkstemp(temporary);
     if (descriptor < 0)
-        output->temporary[0] = '\0';
+        temporary[0] = '\0';
     return descriptor < 0 ? NULL : fdopen(descriptor, "wb");
 }
 
 static int open_output(output_t *output)
 {
-    struct stat status;
-    const mode_t mask = umask(0);
-    const int exists = output->path != NULL && stat(output->path, &status) == 0;
-    umask(mask);
-    output->mode = exists ? status.st_mode & 07777 : 0666 & ~mask;
     if (output->path == NULL)
         output->file = stdout;
-    else if (exists && (!S_ISREG(status.st_mode) || access(output->path, W_OK) != 0))
-        output->file = fopen(output->path, "wb");
-    else
+    else if (find_target(output))
         output->file = open_beside(output);
+    else
+        output->file = fopen(output->path, "wb");
     return output->file == NULL ? fail(output->path, strerror(errno)) : 0;
+}
+
+/* Owner, group and mode stay. Where this process may not give the file to its group, the group's rights go. */
+static int keep_rights(const output_t *output)
+{
+    const int descriptor = fileno(output->file);
+    const mode_t mask = umask(0);
+    mode_t mode = 0666 & ~mask;
+    umask(mask);
+    if (output->old.st_mode != 0) {
+        mode = output->old.st_mode & 0777;
+        if (fchown(descriptor, output->old.st_uid, output->old.st_gid) != 0 &&
+            fchown(descriptor, (uid_t)-1, output->old.st_gid) != 0)
+            mode &= ~(mode_t)070;
+    }
+    return fchmod(descriptor, mode);
 }
 
 static int close_output(output_t *output, int result)
 {
-    const int is_beside = output->temporary[0] != '\0';
+    const int is_beside = temporary[0] != '\0';
     if (output->file == stdout)
         return result;
-    if (is_beside && result == 0 &&
-        (fchmod(fileno(output->file), output->mode) != 0 || fsync(fileno(output->file)) != 0))
+    if (is_beside && result == 0 && (keep_rights(output) != 0 || fsync(fileno(output->file)) != 0))
         result = fail(output->path, strerror(errno));
     if (fclose(output->file) != 0 && result == 0)
         result = fail(output->path, strerror(errno));
-    if (is_beside && result == 0 && rename(output->temporary, output->target) != 0)
+    if (is_beside && result == 0 && rename(temporary, output->target) != 0)
         result = fail(output->path, strerror(errno));
-    if (is_beside && result != 0)
-        unlink(output->temporary);
+    if (result == 0)
+        temporary[0] = '\0';
     return result;
 }
 
@@ -327,9 +379,11 @@ static int open_and_run(job_t *job, const round_key_t *round_key)
     if (input == NULL)
         return fail(job->input, strerror(errno));
     output.path = job->output;
+    catch_signals();
     result = open_output(&output);
     if (result == 0)
         result = close_output(&output, run(job, round_key, input, output.file));
+    remove_temporary();
     if (input != stdin)
         fclose(input);
     return result;

@@ -60,15 +60,33 @@ refused encrypt --cipher aes128 --key-file key.bin --iv $iv missing
 refused encrypt --cipher aes128 --key-file key.bin --iv $iv -o /nonexistent/result plain
 # What was there stays until the result is whole, and may be the input.
 cp good kept
-chmod 640 kept
+chmod 4640 kept
 refused decrypt --cipher aes128 --key "$(echo $long | cut -c 33-64)" --iv $iv -o kept good
 cmp -s good kept || fail "the old output is gone"
 ln -s kept link
 "$crypt" decrypt --cipher aes128 --key-file key.bin --iv $iv -o link link
 { [ -L link ] && cmp -s plain kept && [ "$(stat -c %a kept)" = 640 ]; } || fail "not put where the link points, with its mode"
-for temporary in *.??????; do
+# What has no name of its own is written as it stands.
+exec 3<>gone
+rm gone
+ln -s /proc/self/fd/3 nameless
+ln -s behind to_nowhere
+for name in nameless to_nowhere; do
+    "$crypt" decrypt --cipher aes128 --key-file key.bin --iv $iv -o $name good
+    { [ -L $name ] && cmp -s plain $name; } || fail "the link $name was not followed"
+done
+mkfifo pipe
+"$crypt" encrypt --cipher aes128 --key-file key.bin --iv $iv -o result pipe &
+exec 4>pipe
+until ls .kestal-crypt.?????? >/dev/null 2>&1; do
+    kill -0 $! || fail "no temporary file"
+done
+kill $!
+! wait $! || fail "not ended by the signal"
+for temporary in .kestal-crypt.??????; do
     [ ! -e "$temporary" ] || fail "a temporary file is left"
 done
+[ ! -e result ] || fail "a part of the result is left"
 refused sign
 "$crypt" --help | grep -q 'nothing is authenticated' || fail "no warning in the help"
 echo "kestal-crypt agrees with openssl enc"

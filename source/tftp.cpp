@@ -12,6 +12,7 @@
 #include "uri.hpp"
 
 #include <errno.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <string.h>
 
@@ -154,7 +155,12 @@ void leave_port(kestal_tftp_t &tftp)
 {
     if (own(tftp).has_requested) {
         constexpr sockaddr nobody = {.sa_family = AF_UNSPEC, .sa_data = {}};
+        char interface[IFNAMSIZ];
+        uint32_t length = sizeof interface;
+        const bool is_known = kestal_getsockopt(tftp.m_socket, SOL_SOCKET, SO_BINDTODEVICE, interface, &length) == 0;
         kestal_connect(tftp.m_socket, &nobody, sizeof nobody, -1); // gives back the port that the system chose
+        if (is_known && length > 0)                                // and has let go of the network interface
+            kestal_setsockopt(tftp.m_socket, SOL_SOCKET, SO_BINDTODEVICE, interface, length);
         kestal_bind(tftp.m_socket, &tftp.m_local_address, tftp.m_local_address_length);
     }
     own(tftp).peer.length = 0;

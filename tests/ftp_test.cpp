@@ -451,7 +451,6 @@ TEST_F(ftp, does_not_wait_for_an_upload_that_was_reset)
 {
     ftp_server server;
     const client of(server.uri());
-    of->m_command_timeout = 1000;
     const owned_socket listener(kestal_open_listen_socket("127.0.0.1", 0));
     const int32_t port = listener.port();
     server.answer("PASV", "227 (127,0,0,1," + std::to_string(port / 256) + "," + std::to_string(port % 256) + ")\r\n");
@@ -477,9 +476,11 @@ TEST_F(ftp, does_not_wait_for_an_upload_that_was_reset)
         std::thread resets(reset);
         if (!is_closing)
             resets.join();
+        const int32_t command_timeout = std::exchange(of->m_command_timeout, 1);
         const uint64_t start = kestal_time_stamp_msec();
         EXPECT_EQ(kestal_ftp_close_stream(of), -1);
         EXPECT_LT(kestal_time_stamp_msec() - start, static_cast<uint64_t>(of->m_data_timeout)) << is_closing;
+        of->m_command_timeout = command_timeout;
         if (is_closing)
             resets.join();
     }

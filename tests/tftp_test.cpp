@@ -37,6 +37,13 @@ protected:
     }
     int32_t request() const { return kestal_tftp_read_request(client_, nullptr, nullptr, patience); }
     uint32_t port() const { return kestal_test::port_of(client_->m_socket); }
+    std::string interface_of_socket() const
+    {
+        char name[16] = {};
+        uint32_t length = sizeof name;
+        kestal_getsockopt(client_->m_socket, SOL_SOCKET, SO_BINDTODEVICE, name, &length);
+        return name;
+    }
     void send(const std::string &bytes) const { send(bytes, transfers_, port()); }
     static void send(const std::string &bytes, int32_t from, uint32_t port)
     {
@@ -95,6 +102,8 @@ TEST_F(tftp, takes_blocks_in_order_once_and_from_one_sender)
 {
     open("/f");
     EXPECT_EQ(read(), "EINVAL");
+    kestal_setsockopt(client_->m_socket, SOL_SOCKET, SO_BINDTODEVICE, "lo", sizeof "lo");
+    const std::string interface = interface_of_socket();
     request();
     for (const std::string &last : {""s, full.substr(1)}) {
         const uint32_t port_before = port();
@@ -111,6 +120,7 @@ TEST_F(tftp, takes_blocks_in_order_once_and_from_one_sender)
         for (const unsigned block : {2u, 1u, 1u, 0u, 2u})
             EXPECT_EQ(receive(transfers_), packet(4, block));
     }
+    EXPECT_EQ(interface_of_socket(), interface) << "what its user has set stays";
     request();
     client_->m_block = 65534;
     for (const unsigned block : {65535u, 0u, 1u}) {

@@ -293,7 +293,8 @@ int32_t kestal_tftp_read_data(kestal_tftp_t *tftp, int32_t timeout_ms)
     uint32_t repeats = 0;
     for (uint32_t passed_over = 0;; ++passed_over) {
         peer_address sender;
-        const bool is_late = passed_over > most_waiting && end.left() == 0;
+        // What is there already is taken after the time too, unless there is no end of it.
+        const bool is_late = (passed_over > most_waiting || repeats > most_repeats) && end.left() == 0;
         const int32_t size = is_late ? fail_with(ETIMEDOUT) : receive_packet(*tftp, sender, end);
         if (size >= 0 && tftp->m_stream == 0 && is_stranger(sender, own(*tftp).peer))
             continue;

@@ -404,7 +404,7 @@ int main(int argc, char **argv)
 
     if (argc > 1 && strcmp(argv[1], "--help") == 0) {
         kestal_puts(help);
-        return 0;
+        return fflush(stdout) != 0 || ferror(stdout);
     }
     if (argc < 2 || (strcmp(argv[1], "encrypt") != 0 && strcmp(argv[1], "decrypt") != 0))
         return usage();

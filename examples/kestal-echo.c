@@ -42,8 +42,8 @@ typedef struct {
     int32_t tcp_port;
     int32_t udp_port;
     int32_t idle_ms;
-    uint32_t connections;
-    uint32_t most;
+    int32_t connections;
+    int32_t most;
 } server_t;
 
 /* Lives until its event is unassigned. */
@@ -269,23 +269,37 @@ static void raise_descriptor_limit(void)
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+static int read_number(const char *text, int32_t least, int32_t most, int32_t *number)
+{
+    char *end;
+    const long value = strtol(text, &end, 10);
+    *number = (int32_t)value;
+    return end != text && *end == '\0' && value >= least && value <= most ? 0 : -1;
+}
+
+static int read_option(server_t *server, const char *name, const char *value)
+{
+    if (strcmp(name, "--address") == 0) {
+        server->address = value;
+        return 0;
+    }
+    if (strcmp(name, "--tcp") == 0)
+        return read_number(value, 0, UINT16_MAX, &server->tcp_port);
+    if (strcmp(name, "--udp") == 0)
+        return read_number(value, 0, UINT16_MAX, &server->udp_port);
+    if (strcmp(name, "--most") == 0)
+        return read_number(value, 1, INT32_MAX, &server->most);
+    if (strcmp(name, "--idle") != 0 || read_number(value, 1, INT32_MAX / 1000, &server->idle_ms) != 0)
+        return -1;
+    server->idle_ms *= 1000;
+    return 0;
+}
+
 static int read_options(server_t *server, int count, char **words)
 {
-    for (int i = 1; i + 1 < count; i += 2) {
-        const int32_t number = (int32_t)strtol(words[i + 1], NULL, 10);
-        if (strcmp(words[i], "--address") == 0)
-            server->address = words[i + 1];
-        else if (strcmp(words[i], "--tcp") == 0)
-            server->tcp_port = number;
-        else if (strcmp(words[i], "--udp") == 0)
-            server->udp_port = number;
-        else if (strcmp(words[i], "--idle") == 0)
-            server->idle_ms = number > INT32_MAX / 1000 ? INT32_MAX : number * 1000;
-        else if (strcmp(words[i], "--most") == 0 && number > 0)
-            server->most = (uint32_t)number;
-        else
+    for (int i = 1; i + 1 < count; i += 2)
+        if (read_option(server, words[i], words[i + 1]) != 0)
             return -1;
-    }
     return count % 2 == 1 ? 0 : -1;
 }
 
@@ -293,10 +307,8 @@ int main(int count, char **words)
 {
     server_t server = {.address = "127.0.0.1", .tcp_port = 7007, .udp_port = 7007, .idle_ms = 60000, .most = 10000};
     server.listener.m_descriptor = server.datagrams.m_descriptor = -1;
-    if (count == 2 && strcmp(words[1], "--help") == 0) {
-        fputs(help, stdout);
-        return 0;
-    }
+    if (count == 2 && strcmp(words[1], "--help") == 0)
+        return fputs(help, stdout) < 0 || fflush(stdout) != 0;
     if (read_options(&server, count, words) != 0) {
         fputs(help, stderr);
         return 2;

@@ -485,8 +485,7 @@ settings read_arguments(int argc, char **argv)
             wanted.debugs = true;
             break;
         case 'h':
-            fputs(help, stdout);
-            exit(EXIT_SUCCESS);
+            exit(fputs(help, stdout) < 0 || fflush(stdout) != 0 ? EXIT_FAILURE : EXIT_SUCCESS);
         default:
             refuse("bad option");
         }

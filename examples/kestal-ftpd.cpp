@@ -16,6 +16,8 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 namespace {
 
 constexpr char help[] = R"(usage: kestal-ftpd [OPTION]...
@@ -92,10 +94,15 @@ bool parse(int count, char **words, options &wanted)
 
 bool add_users(kestal_ftpd_t *server, const options &wanted)
 {
-    for (const user &each : wanted.users)
+    for (const user &each : wanted.users) {
+        if (access((each.home + "/").c_str(), X_OK) != 0) {
+            std::fprintf(stderr, "kestal-ftpd: %s: %s\n", each.home.c_str(), std::strerror(errno));
+            return false;
+        }
         if (kestal_ftpd_add_user(server, nullptr, each.name.c_str(),
                                  each.password.empty() ? nullptr : each.password.c_str(), each.home.c_str()) != 0)
             return false;
+    }
     return !wanted.serves_system_users ||
            kestal_ftpd_add_account(server, kestal_ftpd_new_account(nullptr, KESTAL_FTPD_ACCOUNT_SYSTEM)) == 0;
 }
@@ -119,7 +126,7 @@ int main(int count, char **words)
         return 2;
     }
     if (wanted.wants_help)
-        return std::fputs(help, stdout) < 0;
+        return std::fputs(help, stdout) < 0 || std::fflush(stdout) != 0;
     watch_signals();
     kestal_ftpd_t *server = kestal_open_ftpd(wanted.address, wanted.port);
     if (server == nullptr) {

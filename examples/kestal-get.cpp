@@ -31,7 +31,7 @@ else that the library opens: pipe:// (or -) is standard input.
       --offset N           begin N bytes after the start
       --bytes N            end after N bytes
       --time S             end after S seconds, for streams that never do
-      --timeout S          give up when nothing arrives for S seconds
+      --timeout S          give up when nothing arrives for S seconds (TFTP: 16, others: never)
       --option NAME=VALUE  give the stream an option of its own
       --plugin FILE        load a plugin that opens further locations
       --debug              let the library tell what it does
@@ -43,8 +43,9 @@ Size, MD5, SHA-256 and CRC-32 go to standard output, or to standard error when t
 )";
 
 constexpr size_t chunk_size = 65536;
-constexpr uint64_t wait_slice = 200; // ms between two looks at signals and time limits
-constexpr uint64_t draw_pause = 100; // ms between two drawings of the progress
+constexpr uint64_t wait_slice = 200;         // ms between two looks at signals and time limits
+constexpr uint64_t draw_pause = 100;         // ms between two drawings of the progress
+constexpr uint64_t datagram_timeout = 16000; // ms until a block that has not come never will
 
 // Ends the program: with a message, or as the signal would have it.
 struct failure {
@@ -112,6 +113,14 @@ std::pair<std::string, std::string> parse_assignment(const std::string &text)
     return {text.substr(0, equals), text.substr(equals + 1)};
 }
 
+// Ends the program when all that was asked for has been printed.
+[[noreturn]] void end_told()
+{
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        fail_with_errno("standard output");
+    std::exit(EXIT_SUCCESS);
+}
+
 settings parse_command_line(int argc, char **argv)
 {
     enum { offset = 256, bytes, time, timeout, option, plugin, debug, version };
@@ -159,10 +168,10 @@ settings parse_command_line(int argc, char **argv)
             break;
         case 'h':
             kestal_puts(help);
-            std::exit(EXIT_SUCCESS);
+            end_told();
         case version:
             kestal_printf("kestal-get %s\n", kestal_get_ulx_version_string());
-            std::exit(EXIT_SUCCESS);
+            end_told();
         default: // getopt has said what is wrong
             std::exit(EXIT_FAILURE);
         }
@@ -248,6 +257,12 @@ public:
         uint64_t size = 0;
         kestal_ctx_control(ctx_.id, KESTAL_CTX_CONTROL_GET_SIZE, &size, uint64_t{sizeof(size)});
         return size == 0 ? std::nullopt : std::optional(size);
+    }
+
+    // How long nothing may arrive when the user has not said: TFTP alone has no end of a connection to wait for.
+    std::optional<uint64_t> timeout() const
+    {
+        return is_builtin({KESTAL_CTX_KIND_STREAM_TFTP}) ? std::optional(datagram_timeout) : std::nullopt;
     }
 
     // The bytes at the start that the stream could not pass over itself.
@@ -520,6 +535,7 @@ class transfer {
 public:
     transfer(const settings &wanted, input &source, output &target)
         : wanted_(wanted), source_(source), target_(target), whole_(what_is_left(source.size())),
+          timeout_(wanted.timeout ? wanted.timeout : source.timeout()),
           progress_(shows_progress(), whole_ && wanted.bytes ? std::min(*whole_, *wanted.bytes) : whole_)
     {}
 
@@ -536,7 +552,7 @@ public:
                 break;
             progress_.show(done_);
             if (!source_.wait(wanted_.time ? std::min(wait_slice, *wanted_.time - (now - start_)) : wait_slice)) {
-                if (wanted_.timeout && now - last_arrival >= *wanted_.timeout)
+                if (timeout_ && now - last_arrival >= *timeout_)
                     fail(source_.name(), "nothing arrives any more");
                 continue;
             }
@@ -607,6 +623,7 @@ private:
     input &source_;
     output &target_;
     std::optional<uint64_t> whole_;
+    std::optional<uint64_t> timeout_; // ms
     progress progress_;
     digests digests_;
     uint64_t start_ = kestal_time_stamp_msec();

@@ -115,10 +115,8 @@ static int32_t read_options(settings_t *settings, int count, char **words)
 
 int main(int count, char **words)
 {
-    if (count == 2 && strcmp(words[1], "--help") == 0) {
-        fputs(help, stdout);
-        return 0;
-    }
+    if (count == 2 && strcmp(words[1], "--help") == 0)
+        return fputs(help, stdout) < 0 || fflush(stdout) != 0;
     setvbuf(stdout, NULL, _IOLBF, BUFSIZ);
     settings_t settings = {.ssdp = kestal_open_ssdp()};
     if (settings.ssdp == NULL)

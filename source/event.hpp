@@ -29,6 +29,7 @@ struct kestal_event_state {
     uint32_t contenders;   // threads that want the lock while the loop has it
     uint32_t is_closing;
     uint32_t is_stopping; // the service is to end
+    uint32_t looks_again; // the next wait ends at once: bytes were read that something attended may have sent
 };
 
 namespace kestal {

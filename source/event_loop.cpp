@@ -89,6 +89,8 @@ void handle_notification(kestal_event_t *, int32_t descriptor, uint32_t what, vo
     empty_notify_pair(descriptor);
     const base_guard guard(base);
     word(base.m_notified).exchange(0);
+    // Some may have come after this look, for a signal or a look-up that it did not find yet.
+    base.m_state->looks_again = base.m_state->attended != nullptr;
 }
 
 bool open_notify_pair(kestal_event_base_t &base)
@@ -238,7 +240,8 @@ void examine(kestal_event_t &event, uint64_t now, int32_t &ready_left)
 
 void look(kestal_event_base_t &base, int32_t ready)
 {
-    const kestal_event_state &state = *base.m_state;
+    kestal_event_state &state = *base.m_state;
+    state.looks_again = 0;
     const uint64_t now = base.m_timer_event_count == 0 ? 0 : kestal::look_at_clock(base);
     find_events(base, now, ready > 0);
     for (uint64_t i = 0; i < state.found_count; ++i)
@@ -307,7 +310,7 @@ void serve_level(kestal_event_base_t &base)
 
 int32_t wait_time(kestal_event_base_t &base, uint32_t flags)
 {
-    if (base.m_active_event_count != 0 || (flags & KESTAL_EVENT_LOOP_NON_BLOCK) != 0)
+    if (base.m_active_event_count != 0 || base.m_state->looks_again != 0 || (flags & KESTAL_EVENT_LOOP_NON_BLOCK) != 0)
         return 0;
     int32_t wait = -1;
     if (base.m_timer_head != nullptr) {

@@ -300,6 +300,7 @@ static void catch_signals(void)
     for (i = 0; i < sizeof numbers / sizeof numbers[0]; ++i)
         if (sigaction(numbers[i], NULL, &before) == 0 && before.sa_handler != SIG_IGN)
             sigaction(numbers[i], &action, NULL);
+    signal(SIGXFSZ, SIG_IGN); /* a file that may not grow is a failed write */
 }
 
 /* The name that the result is to get in the end. There is none for a device, a pipe, a file that may not be written, a

@@ -107,13 +107,14 @@ bool add_users(kestal_ftpd_t *server, const options &wanted)
            kestal_ftpd_add_account(server, kestal_ftpd_new_account(nullptr, KESTAL_FTPD_ACCOUNT_SYSTEM)) == 0;
 }
 
-// Signals only end the wait for the next connection.
+// The signals that end the server only end the wait for the next connection.
 void watch_signals()
 {
     struct sigaction action = {};
     action.sa_handler = [](int) { stopped = 1; };
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow fails its upload alone
 }
 
 } // namespace

@@ -215,8 +215,9 @@ void catch_signals()
         if (before.sa_handler != SIG_IGN)
             sigaction(number, &action, nullptr);
     }
-    // A reader that went away is a failed write, to be told like any other.
+    // A reader that went away or a file that may not grow is a failed write, to be told like any other.
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
 }
 
 // --- the stream

@@ -1,14 +1,15 @@
 #include <kestal_ulx/multicast.h>
 
 #include <kestal_ulx/address.h>
-#include <kestal_ulx/network_interface.h>
 #include <kestal_ulx/socket.h>
 
+#include "multicast.hpp"
 #include "socket_address.hpp"
 
 #include <errno.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
+#include <utility>
 
 namespace {
 
@@ -140,7 +141,11 @@ bool set_source(int32_t sock, const void *group, const void *source, const chose
     request.gsr_interface = interface.known_index();
     copy_address(request.gsr_group, group);
     copy_address(request.gsr_source, source);
-    return set(sock, level_of(family_of(group)), option, request);
+    if (set(sock, level_of(family_of(group)), option, request))
+        return true;
+    // On an interface that is gone the system knows no senders, but counts the membership: it is left whole.
+    return option == MCAST_LEAVE_SOURCE_GROUP && errno == ENODEV && request.gsr_interface != 0 &&
+           set_any_family(sock, group, request.gsr_interface, false);
 }
 
 int32_t set_source_checked(int32_t sock, const void *group, const void *source, const chosen_interface &interface,
@@ -155,36 +160,63 @@ int32_t set_source_checked(int32_t sock, const void *group, const void *source, 
 
 // --- every interface
 
-bool has_address(const kestal_network_interface_t &interface, int32_t family)
+kestal_network_interface_t *list_interfaces(const void *group)
 {
-    for (const kestal_network_address_t *at = interface.m_address_head; at != nullptr; at = at->m_next)
-        if (at->m_family == family && at->m_scope != KESTAL_SCOPE_UNKNOWN)
-            return true;
-    return false;
+    return kestal_get_network_interface_ex(
+        family_of(group) == AF_INET6 ? KESTAL_NETWORK_UPDATE_IPV6 : KESTAL_NETWORK_UPDATE_IPV4, nullptr);
 }
 
-// Applies `apply` to every interface with an address of the group's family, or, when they cannot be listed, to none in
-// particular: 0 when it worked on one.
+// Applies `apply` to every interface of the list with an address of the group's family, or, when they could not be
+// listed, to none in particular: 0 when it worked on one.
 template <typename Apply>
-int32_t apply_to_all(const void *group, Apply apply)
+int32_t apply_to(const kestal_network_interface_t *list, const void *group, Apply apply)
 {
-    const int32_t family = family_of(group);
-    const uint32_t flags = family == AF_INET6 ? KESTAL_NETWORK_UPDATE_IPV6 : KESTAL_NETWORK_UPDATE_IPV4;
-    kestal_network_interface_t *list = kestal_get_network_interface_ex(flags, nullptr);
     if (list == nullptr)
         return apply(nullptr, 0u);
     int32_t result = -1;
     errno = EADDRNOTAVAIL;
     for (const kestal_network_interface_t *each = list; each != nullptr; each = each->m_next)
-        if (has_address(*each, family) && apply(each->m_name, each->m_index) == 0)
+        if (kestal::has_address(*each, family_of(group)) && apply(each->m_name, each->m_index) == 0)
             result = 0;
+    return result;
+}
+
+template <typename Apply>
+int32_t apply_to_all(const void *group, Apply apply)
+{
+    kestal_network_interface_t *list = list_interfaces(group);
+    const int32_t result = apply_to(list, group, apply);
     const int error = errno;
     kestal_free_network_interface(list);
     errno = error;
     return result;
 }
 
+// What sets the membership on an interface.
+auto membership(int32_t sock, const void *group, int32_t join)
+{
+    return [=](const char *name, uint32_t index) { return kestal_multicast_join(sock, group, name, index, join); };
+}
+
 } // namespace
+
+bool kestal::has_address(const kestal_network_interface_t &interface, int32_t family)
+{
+    for (const kestal_network_address_t *at = interface.m_address_head; at != nullptr; at = at->m_next)
+        if ((family == AF_UNSPEC || at->m_family == family) && at->m_scope != KESTAL_SCOPE_UNKNOWN)
+            return true;
+    return false;
+}
+
+void kestal::join_again(int32_t sock, const void *group, kestal_network_interface_t *&joined)
+{
+    kestal_network_interface_t *now = list_interfaces(group);
+    if (now == nullptr && joined != nullptr)
+        return; // memory is short, or no interface left: as good as it was
+    apply_to(joined, group, membership(sock, group, 0));
+    apply_to(now, group, membership(sock, group, 1));
+    kestal_free_network_interface(std::exchange(joined, now));
+}
 
 int32_t kestal_multicast_join(int32_t sock, const void *group, const char *interface_name, uint32_t interface_index,
                               int32_t join)
@@ -198,8 +230,7 @@ int32_t kestal_multicast_join(int32_t sock, const void *group, const char *inter
 
 int32_t kestal_multicast_join_all(int32_t sock, const void *group, int32_t join)
 {
-    return apply_to_all(
-        group, [=](const char *name, uint32_t index) { return kestal_multicast_join(sock, group, name, index, join); });
+    return apply_to_all(group, membership(sock, group, join));
 }
 
 int32_t kestal_inet_multicast_join(int32_t sock, const void *raw_group, const void *raw_interface, int32_t join)

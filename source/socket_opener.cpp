@@ -247,10 +247,9 @@ int32_t open_own_connect_socket(const char *host, int32_t port, int32_t timeout_
     return connect_by_name(AF_UNSPEC, nullptr, 0, host, port, timeout_ms, the_library);
 }
 
-int32_t open_own_udp_socket(int32_t family, const char *bind_address_string, int32_t port,
-                            const char *multicast_group_string)
+int32_t open_own_udp_socket(int32_t family, const char *bind_address_string, int32_t port)
 {
-    return bind_by_name(family, bind_address_string, port, multicast_group_string, the_library);
+    return bind_by_name(family, bind_address_string, port, nullptr, the_library);
 }
 
 } // namespace kestal

@@ -1,9 +1,9 @@
 #include "ssdp.hpp"
 
-#include <kestal_ulx/address.h>
+#include "multicast.hpp"
 
 #include <net/if.h>
-#include <netinet/in.h>
+#include <sys/socket.h>
 
 namespace {
 
@@ -12,26 +12,10 @@ using kestal::trace;
 constexpr uint32_t update_flags = KESTAL_NETWORK_UPDATE_INTERFACES | KESTAL_NETWORK_UPDATE_IPV4 |
                                   KESTAL_NETWORK_UPDATE_IPV6 | KESTAL_NETWORK_UPDATE_MARK | KESTAL_NETWORK_UPDATE_DROP;
 
-bool is_specified(const kestal_network_address_t &address)
-{
-    if (address.m_family == AF_INET)
-        return static_cast<const sockaddr_in *>(address.m_address)->sin_addr.s_addr != INADDR_ANY;
-    return kestal_in6addr_is_unspecified(&static_cast<const sockaddr_in6 *>(address.m_address)->sin6_addr) == 0;
-}
-
-bool has_address(const kestal_network_interface_t &interface)
-{
-    for (const kestal_network_address_t *address = interface.m_address_head; address != nullptr;
-         address = address->m_next)
-        if (is_specified(*address))
-            return true;
-    return false;
-}
-
 bool is_to_be_joined(const kestal_network_interface_t &interface)
 {
     return (interface.m_change & (KESTAL_NETWORK_CHANGE_NEW | KESTAL_NETWORK_CHANGE_CHANGED)) != 0 &&
-           (interface.m_flags & KESTAL_NETWORK_INTERFACE_INDEX) != 0 && has_address(interface);
+           (interface.m_flags & KESTAL_NETWORK_INTERFACE_INDEX) != 0 && kestal::has_address(interface, AF_UNSPEC);
 }
 
 void mark_seen(kestal_network_interface_t &interface)

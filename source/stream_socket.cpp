@@ -2,11 +2,11 @@
 #include "stream_kind.hpp"
 
 #include "guard.hpp"
+#include "multicast.hpp"
 #include "socket_address.hpp"
 #include "socket_opener.hpp"
 
 #include <kestal_ulx/address.h>
-#include <kestal_ulx/multicast.h>
 #include <kestal_ulx/output.h>
 #include <kestal_ulx/socket.h>
 #include <kestal_ulx/time_stamp.h>
@@ -28,9 +28,10 @@ struct open_socket {
     bool is_owned = false; // closed with the context
     // UDP only
     bool is_debugging = false;
-    socket_address group{}; // family 0: none
-    uint64_t missed_ms = 0; // without data until the group is joined again; 0: never
-    uint64_t last_data = 0; // milliseconds
+    socket_address group{};                       // family 0: none
+    kestal_network_interface_t *joined = nullptr; // the interfaces there were when it was joined last
+    uint64_t missed_ms = 0;                       // without data until the group is joined again; 0: never
+    uint64_t last_data = 0;                       // milliseconds
     uint64_t last_join = 0;
 };
 
@@ -61,6 +62,7 @@ uint32_t open_with(kestal_ctx_t &ctx, const stream_request &request, Open open)
 int32_t close_state(kestal_ctx_t &ctx)
 {
     const owned_block<open_socket> state(std::exchange(ctx.m_plugin_state, nullptr), __func__);
+    kestal_free_network_interface(state->joined);
     return state->is_owned ? kestal_close_socket(state->sock) : 0;
 }
 
@@ -103,12 +105,16 @@ int32_t open_port(open_socket &state, const kestal_uri_t &uri)
     }
     const char *host = uri.m_host;
     if (kestal_inet_ptos(AF_UNSPEC, host, 0, &state.group, sizeof state.group) == 0 &&
-        kestal_is_multicast(&state.group) != 0)
-        return open_own_udp_socket(AF_UNSPEC, nullptr, uri.m_port, host);
+        kestal_is_multicast(&state.group) != 0) {
+        const int32_t sock = open_own_udp_socket(family_of(&state.group), nullptr, uri.m_port);
+        if (sock >= 0)
+            join_again(sock, &state.group, state.joined);
+        return sock;
+    }
     state.group = {};
     const bool is_any_host = host == nullptr || host[0] == '\0';
-    const int32_t sock = is_any_host ? open_own_udp_socket(AF_INET, nullptr, uri.m_port, nullptr) : -1;
-    return sock >= 0 ? sock : open_own_udp_socket(AF_UNSPEC, host, uri.m_port, nullptr);
+    const int32_t sock = is_any_host ? open_own_udp_socket(AF_INET, nullptr, uri.m_port) : -1;
+    return sock >= 0 ? sock : open_own_udp_socket(AF_UNSPEC, host, uri.m_port);
 }
 
 uint32_t open_udp(kestal_ctx_t &ctx, stream_request &request)
@@ -125,13 +131,6 @@ uint32_t open_udp(kestal_ctx_t &ctx, stream_request &request)
     return KESTAL_CTX_ERROR_NONE;
 }
 
-// A membership is lost when its interface goes and comes back; joining anew finds it as it is now.
-void join_again(open_socket &state)
-{
-    kestal_multicast_join_all(state.sock, &state.group, 0);
-    kestal_multicast_join_all(state.sock, &state.group, 1);
-}
-
 // Asked for when it is told: the option may have been set anew since the context was opened.
 const char *source_of(const kestal_ctx_t &ctx)
 {
@@ -146,7 +145,7 @@ void note_silence(const kestal_ctx_t &ctx, open_socket &state)
     if (state.group.any.ss_family != AF_UNSPEC && state.missed_ms > 0 && silence >= state.missed_ms &&
         now - state.last_join >= state.missed_ms) {
         state.last_join = now;
-        join_again(state);
+        join_again(state.sock, &state.group, state.joined);
         if (state.is_debugging)
             kestal_error_printf(
                 "need multicast stream ! (mime_type=\"\033[1;37m%s\033[0m\", url=\"\033[1;32m%s\033[0m\")\n",

@@ -137,6 +137,13 @@ TEST_F(multicast, comes_from_the_senders_that_were_chosen)
             EXPECT_EQ(heard(), "12");
             EXPECT_EQ(kestal_multicast_block_source_all(sock, &group, &two, 0), 0);
             EXPECT_EQ(heard(), "012");
+            // What is gone can be left by the index that it had.
+            run("ip link add d0 type veth peer d1 && ip link set d0 up && ip addr add 10.9.0.1/24 dev d0");
+            const uint32_t gone = if_nametoindex("d0");
+            EXPECT_EQ(kestal_multicast_join_source_group(sock, &group, &one, "d0", 0, 1), 0);
+            run("ip link del d0");
+            EXPECT_EQ(kestal_multicast_join_source_group(sock, &group, &one, nullptr, gone, 0), 0);
+            EXPECT_EQ(kestal_multicast_join(sock, &group, nullptr, gone, 0), -1);
         }
     });
 }

@@ -1,6 +1,7 @@
 #include "descriptors.hpp"
 #include "namespaces.hpp"
 
+#include <net/if.h>
 #include <unistd.h>
 
 using kestal_test::caught_errors;
@@ -118,48 +119,57 @@ TEST_F(stream_socket, joins_a_silent_group_again)
         const kestal_test::other_network other;
         const auto link = [&other] {
             kestal_test::run("ip link add v0 type veth peer name v1 netns " + other.process() +
-                             " && ip link set v0 up && ip addr add 10.1.0.1/24 dev v0");
-            other.run([] { kestal_test::run("ip link set v1 up && ip addr add 10.1.0.2/24 dev v1"); });
-        };
-        const auto send = [&other](const char *text) {
-            other.run([text] {
-                EXPECT_GT(kestal_send_udp_packet_ex(AF_INET, "10.1.0.2", -1, "239.1.2.3", 5000, 3, text, 5, 1000), 0);
+                             " && ip link set v0 up && ip addr add 10.1.0.1/24 dev v0 && "
+                             "ip addr add fd01::1/64 dev v0 nodad");
+            other.run([] {
+                kestal_test::run("ip link set v1 up && ip addr add 10.1.0.2/24 dev v1 && "
+                                 "ip addr add fd01::2/64 dev v1 nodad");
             });
         };
+        kestal_test::run("sysctl -qw net.ipv4.igmp_max_memberships=2"); // lo and one more
         link();
-        const int32_t sock = dup(0); // the number that the stream's socket gets
-        kestal_close_socket(sock);
-        ASSERT_EQ(open("udp://239.1.2.3:5000", "60000"), 105);
-        kestal_test::advance_clock(30000); // data ends a silence
-        send("first");
-        EXPECT_EQ(kestal_ctx_is_readable(id_, 10000), 1);
-        EXPECT_EQ(read(), "first");
-        kestal_test::run("ip link del v0");
-        link();
-        send("lost.");
-        kestal_test::advance_clock(50000);
-        const caught_errors errors;
-        EXPECT_EQ(kestal_ctx_is_readable(id_, 0), 0);
-        EXPECT_NE(errors.text().find("\033[0m\", 5"), std::string::npos)
-            << errors.text(); // seconds, on a busy machine some more
-        kestal_test::advance_clock(10000);
-        EXPECT_EQ(kestal_ctx_is_readable(id_, 0), 0);
-        errors.wait_for("need multicast stream ! (mime_type=\"\033[1;37mapplication/ulx_stream\033[0m\", "
-                        "url=\"\033[1;32mudp://239.1.2.3:5000\033[0m\")\n");
-        EXPECT_EQ(kestal_ctx_is_readable(id_, 0), 0); // joined just now
-        errors.wait_for("wait udp", 2);
-        send("again");
-        EXPECT_EQ(kestal_ctx_is_readable(id_, 10000), 1);
-        EXPECT_EQ(read(), "again");
-        // What is a member still leaves first, and what it had blocked with it.
-        const sockaddr_storage group = kestal_test::address_of("239.1.2.3"),
-                               sender = kestal_test::address_of("10.1.0.2");
-        EXPECT_EQ(kestal_multicast_block_source_all(sock, &group, &sender, 1), 0);
-        kestal_test::advance_clock(60000);
-        EXPECT_EQ(kestal_ctx_is_readable(id_, 0), 0);
-        send("fresh");
-        EXPECT_EQ(kestal_ctx_is_readable(id_, 10000), 1);
-        id_ = kestal_destroy_ctx(id_);
+        for (const auto &[name, to, from] :
+             {std::tuple("239.1.2.3", "239.1.2.3", "10.1.0.2"), {"ff15::7", "ff15::7%v1", "fd01::2"}}) {
+            const sockaddr_storage group = kestal_test::address_of(name), sender = kestal_test::address_of(from);
+            const std::string url = std::string("udp://") + (*name == 'f' ? "[ff15::7]" : name) + ":5000";
+            const auto send = [&, to = to, from = from](const char *text) {
+                other.run([&] { EXPECT_EQ(kestal_send_udp_packet_ex(0, from, -1, to, 5000, 3, text, 5, 1000), 5); });
+            };
+            const auto exchange = [&](const char *text) {
+                send(text);
+                ASSERT_EQ(kestal_ctx_is_readable(id_, 10000), 1);
+                EXPECT_EQ(read(), text);
+            };
+            const int32_t sock = dup(0); // the number that the stream's socket gets
+            kestal_close_socket(sock);
+            ASSERT_EQ(open(url, "60000"), 105);
+            kestal_test::advance_clock(30000); // data ends a silence
+            exchange("first");
+            const uint32_t gone = if_nametoindex("v0");
+            kestal_test::run("ip link del v0");
+            link();
+            send("lost.");
+            kestal_test::advance_clock(50000);
+            const caught_errors errors;
+            EXPECT_EQ(kestal_ctx_is_readable(id_, 0), 0);
+            EXPECT_NE(errors.text().find("\033[0m\", 5"), std::string::npos)
+                << errors.text(); // seconds, on a busy machine some more
+            kestal_test::advance_clock(10000);
+            EXPECT_EQ(kestal_ctx_is_readable(id_, 0), 0);
+            errors.wait_for("need multicast stream ! (mime_type=\"\033[1;37mapplication/ulx_stream\033[0m\", "
+                            "url=\"\033[1;32m" +
+                            url + "\033[0m\")\n");
+            EXPECT_EQ(kestal_ctx_is_readable(id_, 0), 0); // joined just now
+            errors.wait_for("wait udp", 2);
+            exchange("again");
+            EXPECT_EQ(kestal_multicast_join(sock, &group, nullptr, gone, 0), -1) << "the system counts it no longer";
+            // What is a member still leaves first, and what it had blocked with it.
+            EXPECT_EQ(kestal_multicast_block_source_all(sock, &group, &sender, 1), 0);
+            kestal_test::advance_clock(60000);
+            EXPECT_EQ(kestal_ctx_is_readable(id_, 0), 0);
+            exchange("fresh");
+            id_ = kestal_destroy_ctx(id_);
+        }
     });
 }
 

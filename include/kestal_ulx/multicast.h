@@ -5,8 +5,9 @@
  *
  * Groups and senders are socket addresses (<kestal_ulx/address.h>), IPv4 or IPv6, whose ports do not matter. An
  * interface is told by its name, by its index when the name is null or empty, or left to the system when the index is 0
- * too. Nothing is kept here: the membership is the socket's and ends with it. Any thread may call anything. The result
- * is 0 or -1; a socket that already is what is asked for is a failure (EADDRINUSE, EADDRNOTAVAIL).
+ * too. Nothing is kept here: the membership is the socket's and ends with it. On an interface that is gone it still
+ * counts (a socket may have 20 of IPv4) until it is left by the index that the interface had. Any thread may call
+ * anything. The result is 0 or -1; a socket that already is what is asked for is a failure (EADDRINUSE, EADDRNOTAVAIL).
  */
 #ifndef KESTAL_ULX_MULTICAST_H
 #define KESTAL_ULX_MULTICAST_H

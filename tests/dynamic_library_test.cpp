@@ -24,9 +24,13 @@ TEST(dynamic_library, is_found_along_the_search_path_or_by_itself)
         const char *path, *search_path;
         int answer;
     } cases[] = {
-        {full.c_str(), "/nowhere", 42}, {"bare.so", plugins, 42}, {"bare.so", behind.c_str(), 42},
-        {"bare.so", nullptr, -2},       {"bare.so", "", -2},      {"./bare.so", plugins, -2},
-        {"libc.so.6", plugins, -1},     {nullptr, plugins, -1},   {"", nullptr, -1},
+        {full.c_str(), "/nowhere", 42},
+        {"bare.so", behind.c_str(), 42},
+        {"bare.so", nullptr, -2},
+        {"./bare.so", plugins, -2},
+        {"libc.so.6", plugins, -1},
+        {nullptr, plugins, -1},
+        {"", nullptr, -1},
     };
     char error[300], cut[5];
     for (const auto &c : cases) {

@@ -24,14 +24,10 @@ TEST_F(ground, a_short_lock_excludes_threads)
     EXPECT_EQ(kestal_init_short_lock(&lock), &lock);
     EXPECT_EQ(kestal_try_short_lock(&lock), 1);
     EXPECT_EQ(kestal_try_short_lock(&lock), 0);
-    EXPECT_EQ(kestal_atomic_exchange(&lock, 5), 1u);
     uint64_t sum = 0;
     on_threads(5, [&](size_t thread) {
-        if (thread == 0) { // the holder
-            kestal_load_balance();
-            EXPECT_EQ(sum, 0u);
+        if (thread == 0) // the holder
             kestal_short_unlock(&lock);
-        }
         for (int i = 0; i < 4000; ++i) {
             kestal_short_lock(&lock);
             ++sum;
@@ -51,11 +47,9 @@ TEST_F(ground, a_short_lock_excludes_threads)
 TEST_F(ground, sleeps_are_whole_milliseconds)
 {
     const uint64_t start = kestal_time_stamp_nsec();
-    EXPECT_EQ(kestal_sleep_wait(0, 999), 0);
-    EXPECT_EQ(kestal_sleep_wait(0, 20000), 0);
-    EXPECT_EQ(kestal_load_balance_short(), 0);
-    EXPECT_GE(kestal_time_stamp_nsec() - start, 21000000u);
-    EXPECT_GE(kestal_time_stamp_msec(), start / 1000000 + 21);
+    EXPECT_EQ(kestal_sleep_wait(0, 20999), 0);
+    EXPECT_GE(kestal_time_stamp_nsec() - start, 20000000u);
+    EXPECT_GE(kestal_time_stamp_msec(), start / 1000000 + 20);
 }
 
 TEST_F(ground, calendar_texts)
@@ -63,13 +57,11 @@ TEST_F(ground, calendar_texts)
     setenv("TZ", "UTC", 1);
     char buffer[32];
     EXPECT_STREQ(kestal_asctime(buffer, sizeof buffer, 0, 1000000000), "Sun Sep  9 01:46:40 2001");
-    EXPECT_STREQ(kestal_asctime(buffer, sizeof buffer, 0, 1072915199), "Wed Dec 31 23:59:59 2003");
     EXPECT_STREQ(kestal_asctime(buffer, sizeof buffer, 1, 1000000000), "2001-09-09 01:46:40");
     EXPECT_STREQ(kestal_asctime(buffer, 15, 2, 1000000000), "20010909014640");
     EXPECT_EQ(kestal_asctime(buffer, 14, 2, 0), nullptr);
     EXPECT_STREQ(buffer, "");
     EXPECT_EQ(kestal_asctime(buffer, sizeof buffer, 3, 0), nullptr);
-    EXPECT_EQ(kestal_asctime(nullptr, 0, 0, 0), nullptr);
     EXPECT_GT(std::string(kestal_asctime(buffer, sizeof buffer, 2, -1)), "20200101000000");
 }
 
@@ -83,46 +75,35 @@ TEST_F(ground, assertion_reports_go_to_standard_error_and_carry_on)
     kestal_assert_fail_tag(nullptr, nullptr, UINT64_MAX, nullptr);
     kestal_assertf_fail_tag("file.c", "function", 7, "%s %.3d", "number", 5);
     kestal_assertf_fail_tag("file.c", "function", 7, "%70000d", 1);
-    kestal_assertf_fail_tag("file.c", "function", 7, nullptr);
     const std::string shown = kestal_test::colours_named(GetCapturedStderr());
     EXPECT_EQ(kestal_test::numbers_masked(shown, "> "),
               report("file.c", "function", "7>] <<r:message>") +
                   report("UNKNOWN", "UNKNOWN", "18446744073709551615>] <<r:NO_MESSAGE>") +
                   report("file.c", "function", "7>] <<r:number   5>") +
-                  report("file.c", "function", "7>] <<r:%70000d>") + // too long to be formatted
-                  report("file.c", "function", "7>] <<r:NO_MESSAGE>"));
+                  report("file.c", "function", "7>] <<r:%70000d>")); // too long to be formatted
 }
 
 TEST_F(ground, destroy_stack_undoes_from_the_top)
 {
-    static std::vector<intptr_t> seen;
-    const kestal_destructor_t count_up = [](void *argument) -> void * {
-        seen.push_back(reinterpret_cast<intptr_t>(argument));
-        return static_cast<char *>(argument) + 10;
+    static std::string seen;
+    seen.clear();
+    const kestal_destructor_t note = [](void *argument) -> void * {
+        seen += argument == nullptr ? "-" : static_cast<const char *>(argument);
+        return nullptr;
     };
-    kestal_destroy_stack_t *top = kestal_add_destroy_stack(nullptr, count_up, reinterpret_cast<void *>(1));
+    char first[] = "first", second[] = "second ";
+    kestal_destroy_stack_t *top = kestal_add_destroy_stack(nullptr, note, first);
     top = kestal_add_destroy_stack(top, nullptr, kestal_alloc(8));
-    top = kestal_add_destroy_stack(top, count_up, reinterpret_cast<void *>(2));
+    top = kestal_add_destroy_stack(top, note, second);
     {
         const failing_allocation failing(1);
-        EXPECT_EQ(kestal_add_destroy_stack(top, count_up, nullptr), top);
+        EXPECT_EQ(kestal_add_destroy_stack(top, note, nullptr), top);
     }
     for (int call = 0; call < 2; ++call)
         EXPECT_EQ(kestal_call_destroy_stack(top), 0);
-    EXPECT_EQ(top->m_next->m_argument, nullptr);
-    EXPECT_EQ(seen, (std::vector<intptr_t>{2, 1, 12, 11}));
+    EXPECT_EQ(seen, "second first--") << "what a destructor returns is its argument from then on";
     EXPECT_EQ(kestal_free_destroy_stack(top), 0);
     EXPECT_EQ(kestal_call_destroy_stack(nullptr) + kestal_free_destroy_stack(nullptr), 0);
-}
-
-TEST_F(ground, global_break_is_one_flag)
-{
-    EXPECT_EQ(kestal_get_global_break(), 0u);
-    for (const uint32_t flag : {1u, 0u}) {
-        EXPECT_EQ(flag == 1 ? kestal_set_global_break() : kestal_clear_global_break(), 0);
-        EXPECT_EQ(kestal_get_global_break(), flag);
-    }
-    EXPECT_STREQ(kestal_get_ulx_version_string(), KESTAL_ULX_VERSION_STRING);
 }
 
 constexpr auto live = kestal_get_alloc_count;
@@ -131,7 +112,6 @@ TEST_F(ground, counts_live_blocks)
 {
     const uint64_t start = live();
     void *blocks[3] = {kestal_alloc(1), kestal_alloc(0), kestal_calloc(3, 5)};
-    EXPECT_EQ(live(), start + 3);
     EXPECT_EQ(std::memcmp(blocks[2], "\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 15), 0);
     EXPECT_GE(__kestal_malloc_usable_size(blocks[2]), 15u);
     EXPECT_EQ(kestal_free(blocks[0]), nullptr);
@@ -139,16 +119,12 @@ TEST_F(ground, counts_live_blocks)
     EXPECT_EQ(kestal_get_alloc_info(&count, &size, &peak), 0);
     EXPECT_TRUE(count == start + 2 && size == 0 && peak == 0);
     EXPECT_EQ(kestal_get_alloc_info(nullptr, nullptr, nullptr), 0);
-
-    blocks[1] = kestal_realloc(blocks[1], 100);
-    EXPECT_EQ(live(), start + 2);
-    EXPECT_EQ(kestal_realloc(blocks[1], 0), nullptr);
+    EXPECT_EQ(kestal_realloc(kestal_realloc(blocks[1], 100), 0), nullptr);
     EXPECT_EQ(kestal_heap_notag(blocks[2], 0), nullptr);
     EXPECT_EQ(live(), start);
 
     char *block = static_cast<char *>(kestal_realloc(nullptr, 4));
     std::memcpy(block, "abc", 4);
-    EXPECT_EQ(live(), start + 1);
     EXPECT_EQ(kestal_alloc(UINT64_MAX), nullptr);
     EXPECT_EQ(kestal_realloc(block, UINT64_MAX), nullptr);
     EXPECT_EQ(live(), start) << "a failing resize counts down";
@@ -171,28 +147,10 @@ TEST_F(ground, texts_are_duplicated)
     char *text = kestal_realloc_strdup(kestal_strdup(nullptr), "hello");
     text = kestal_realloc_strdup(text, text + 1); // the source may lie inside the old block
     EXPECT_STREQ(text, "ello");
-    for (const auto &[limit, copy] : {std::pair(uint64_t{3}, "abc"), {UINT64_MAX, "abcdef"}, {0, ""}}) {
-        text = kestal_realloc_strndup(text, "abcdef", limit);
-        EXPECT_STREQ(text, copy);
-    }
+    for (const auto &[limit, copy] : {std::pair(uint64_t{3}, "abc"), {UINT64_MAX, "abcdef"}})
+        EXPECT_STREQ(text = kestal_realloc_strndup(text, "abcdef", limit), copy);
     const failing_allocation failing(1);
     EXPECT_EQ(kestal_realloc_strdup(text, "lost"), nullptr); // the old block is gone all the same
-}
-
-TEST_F(ground, counts_stay_exact_across_threads)
-{
-    constexpr size_t threads = 24, each = 20000; // more threads than counters
-    const uint64_t start = live();
-    std::vector<void *> blocks[threads];
-    on_threads(threads, [&](size_t thread) {
-        while (blocks[thread].size() < each)
-            blocks[thread].push_back(kestal_alloc(16));
-    });
-    EXPECT_EQ(live(), start + threads * each);
-    on_threads(threads, [&](size_t thread) {
-        for (void *block : blocks[threads - 1 - thread]) // another thread's
-            kestal_free(block);
-    });
 }
 
 std::string dumped(int32_t force)
@@ -250,11 +208,8 @@ TEST_F(ground, misuse_and_excess_are_reported)
     for (auto &record : records)
         record = kestal_add_exception();
     EXPECT_EQ(caught.messages(), (texts{"invalid argument", "not enough memory", "too many exception entry"}));
-    EXPECT_NE(records.back(), nullptr);
-    on_threads(2, [&](size_t thread) {
-        for (size_t i = thread; i < records.size(); i += 2)
-            kestal_del_exception(records[i]);
-    });
+    for (kestal_exception_t *record : records)
+        kestal_del_exception(record);
     EXPECT_EQ(dumped(0), "");
 }
 

@@ -3,7 +3,6 @@
 #include "descriptors.hpp"
 
 #include <fcntl.h>
-#include <future>
 #include <memory>
 
 namespace {
@@ -48,38 +47,6 @@ opened hold(std::initializer_list<int32_t> sockets)
     return all;
 }
 
-// A server and a client in the middle of an upload.
-opened upload(const std::string &home, bool is_passive)
-{
-    kestal_ftpd_t *server = kestal_open_ftpd("127.0.0.1", 0);
-    kestal_ftpd_add_user(server, nullptr, "joe", "secret", home.c_str());
-    const auto accepted = std::async(std::launch::async, [=] { return kestal_ftpd_do(server, -1); });
-    kestal_ftp_t *client = kestal_open_ftp();
-    client->m_passive = is_passive;
-    const std::string location = "ftp://127.0.0.1:" + std::to_string(kestal_ftpd_get_port(server));
-    EXPECT_EQ(kestal_ftp_connect(client, location.c_str(), 21) + kestal_ftp_login(client, "joe", "secret", "I") +
-                  kestal_ftp_open_stream(client, 0, "file", "w"),
-              0);
-    return hold(client, [=](kestal_ftp_t *ftp) {
-        kestal_close_ftp(ftp);
-        kestal_close_ftpd(server);
-    });
-}
-
-opened listen_for_devices()
-{
-    const auto console = std::make_shared<kestal_test::caught_console>();
-    kestal_ssdp_t *listener = kestal_open_ssdp();
-    kestal_ssdp_set_option_string(listener, KESTAL_VALUE_REPLACE_BY_NAME, 1, "verbose", "1");
-    const std::shared_future<int32_t> run = std::async(std::launch::async, kestal_ssdp_start, listener);
-    console->wait_for("wake up network interface scan event.");
-    return hold(listener, [=, caught = console](kestal_ssdp_t *ssdp) {
-        kestal_ssdp_stop(ssdp);
-        run.wait();
-        kestal_close_ssdp(ssdp);
-    });
-}
-
 TEST_F(inheritance, is_for_the_sockets_of_callers)
 {
     const kestal_test::temporary_directory directory;
@@ -100,7 +67,6 @@ TEST_F(inheritance, is_for_the_sockets_of_callers)
         {"connected", "inherited",
          [&] { return hold({kestal_open_connect_socket("127.0.0.1", listening.port(), 10000)}); }},
         {"accepted", "inherited", [&] { return hold({kestal_accept(listening, nullptr, nullptr, 10000)}); }},
-        {"listening", "inherited", [] { return hold({kestal_open_listen_socket("127.0.0.1", 0)}); }},
         {"datagrams", "inherited", [] { return hold({kestal_open_udp_socket("127.0.0.1", 0)}); }},
         {"pair", "inherited",
          [&] {
@@ -119,9 +85,6 @@ TEST_F(inheritance, is_for_the_sockets_of_callers)
         {"event base", "kept", [] { return hold(kestal_new_event_base(), kestal_free_event_base); }},
         {"TFTP", "kept",
          [&] { return hold(kestal_open_tftp(0, ("tftp://" + listener + "/file").c_str(), 10000), kestal_close_tftp); }},
-        {"FTP, passive", "kept", [&] { return upload(directory.path(""), true); }},
-        {"FTP, active", "kept", [&] { return upload(directory.path(""), false); }},
-        {"SSDP", "kept", listen_for_devices},
     };
     for (const auto &each : cases) {
         const std::set<int> before = all_descriptors();

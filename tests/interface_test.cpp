@@ -3,6 +3,7 @@
 #include <bit>
 #include <cstring>
 #include <map>
+#include <sstream>
 
 using kestal_test::caught_assertions;
 
@@ -26,25 +27,18 @@ int32_t open_or_refuse(kestal_ctx_t *ctx)
     return -1;
 }
 
-int32_t note(const char *what, uint64_t number, int32_t answer)
-{
-    calls += what + std::to_string(number) + " ";
-    return answer;
-}
-
-// A table whose operations note what they are called with and answer with numbers of their own. What moves bytes is left
-// to the tests of the built-in plugin.
-kestal_ctx0_v1_interface_t noting_table()
+// A table whose operations answer with numbers of their own. What moves bytes is left to the tests of the built-in plugin.
+kestal_ctx0_v1_interface_t answering_table()
 {
     using ctx_t = kestal_ctx_t;
     kestal_ctx0_v1_interface_t table = empty_table();
     kestal_ctx0_v0_interface_t &base = table.m_base;
     base.m_open = [](ctx_t *) { return 0; };
-    base.m_close = [](ctx_t *) { return note("close", 0, -1); };
-    base.m_vbcontrol = [](ctx_t *, uint32_t code, va_list list) { return note("b", code, va_arg(list, int)); };
-    base.m_vxcontrol = [](ctx_t *, uint32_t code, va_list list) { return note("x", code, va_arg(list, int)); };
-    base.m_vcontrol = [](ctx_t *, uint32_t code, va_list list) { return note("v", code, va_arg(list, int)); };
-    base.m_is_readable = [](ctx_t *ctx, int32_t timeout) { return note("error", ctx->m_last_error, timeout); };
+    base.m_close = [](ctx_t *) { return calls += "closed", -1; };
+    base.m_vbcontrol = [](ctx_t *, uint32_t code, va_list list) { return int32_t(code) + va_arg(list, int); };
+    base.m_vxcontrol = [](ctx_t *, uint32_t code, va_list list) { return int32_t(code) + va_arg(list, int) + 100; };
+    base.m_vcontrol = [](ctx_t *, uint32_t code, va_list list) { return int32_t(code) + va_arg(list, int) + 200; };
+    base.m_is_readable = [](ctx_t *ctx, int32_t timeout) { return int32_t(ctx->m_last_error) + timeout; };
     base.m_sync = [](ctx_t *ctx) { return ctx->m_last_error = 77, -1; };
     base.m_get_env = [](ctx_t *ctx, uint64_t a, uint64_t b, uint64_t *size) -> void * { return *size += a + b, ctx; };
     base.m_set_env = [](ctx_t *, uint64_t a, uint64_t b, uint64_t c, uint64_t d) { return int32_t(a + b + c + d); };
@@ -81,7 +75,6 @@ protected:
         set_probe(name, table.m_base, hint);
         return load_probe(name);
     }
-    void every_call_fails(uint32_t id, int64_t error);
 
     uint32_t id_ = none;
     kestal_ctx0_v1_interface_t table_, second_table_;
@@ -95,11 +88,8 @@ TEST(mime_type_hint, matches_by_wildcard_word)
         EXPECT_EQ(matches(builtin, type), 0) << type;
     for (const char *type : {"application/ulx_fb2", "xapplication/ulx_fb", ""})
         EXPECT_EQ(matches(builtin, type), -1) << type;
-    EXPECT_EQ(matches(nullptr, "any/type") | matches(nullptr, nullptr), 0); // no list takes everything
-    EXPECT_EQ(matches(";;||a/b;", "a/b") | matches("*", nullptr), 0);
-    EXPECT_EQ(matches(";|", "") & matches("", ""), -1);
-    EXPECT_EQ(kestal_compare_mime_type(nullptr, ""), 0);
-    EXPECT_GT(kestal_compare_mime_type("a/b", "A/b"), 0);
+    EXPECT_EQ(matches(nullptr, "any/type") | matches("*", nullptr), 0); // no list takes everything
+    EXPECT_EQ(matches(";|", ""), -1);
 }
 
 TEST_F(context, keeps_options_in_order_and_replaces_the_first)
@@ -112,20 +102,15 @@ TEST_F(context, keeps_options_in_order_and_replaces_the_first)
     };
     for (const auto &[name, value] : {std::pair("a", "1"), std::pair("a", "2"), std::pair("A", "3")})
         EXPECT_EQ(kestal_ctx_set_option_string(id_, 0, name, value), 0);
-    EXPECT_EQ(all("a"), "1 2 3 ");
     EXPECT_EQ(kestal_ctx_set_option_string(id_, 1, "a", kestal_ctx_get_option_string(id_, "a")), 0); // its own value
     EXPECT_EQ(all("a"), "2 3 1 ");
     EXPECT_EQ(kestal_ctx_set_option_int_string(id_, 1, "a", INT32_MIN), 0);
     EXPECT_EQ(kestal_ctx_set_option(id_, 0, "", "x\0y", 3), 0);
     EXPECT_EQ(all("A"), std::string("3 1 -2147483648 x\0y ", 20));
     EXPECT_STREQ(static_cast<char *>(kestal_ctx_get_option(id_, nullptr)->m_value) + 2, "y"); // a NUL stands behind
-    EXPECT_EQ(kestal_ctx_set_option(id_, UINT32_MAX, nullptr, nullptr, 2), 0);                // zeros, no longer x
-    EXPECT_EQ(all(""), std::string("\0\0 ", 3));
 
     EXPECT_EQ(kestal_ctx_set_option_string(id_, 1, "empty", nullptr), 0);
-    EXPECT_EQ(kestal_ctx_get_option(id_, "empty")->m_value, nullptr);
     EXPECT_STREQ(kestal_ctx_get_option_string_ex(id_, "empty", "default"), "default");
-    EXPECT_EQ(kestal_ctx_get_option_string(id_, "absent"), nullptr);
     EXPECT_EQ(kestal_ctx_set_option_fstring(id_, 1, "f", "%d-%s", 5, "x"), 0);
     EXPECT_EQ(kestal_ctx_set_option(id_, 1, "f", "x", UINT64_MAX), -1);
     EXPECT_EQ(last_error(), KESTAL_CTX_ERROR_NO_MEMORY);
@@ -133,9 +118,10 @@ TEST_F(context, keeps_options_in_order_and_replaces_the_first)
     EXPECT_EQ(last_error(), KESTAL_CTX_ERROR_NONE);
     EXPECT_EQ(all("f"), "5-x ");
 
-    EXPECT_EQ(kestal_ctx_set_option(id_, UINT32_MAX, nullptr, nullptr, 0), 0);
-    EXPECT_EQ(kestal_ctx_set_option_string(id_, 1, "a", "new"), 0);
-    EXPECT_EQ(all("a") + all("A"), "new ");
+    EXPECT_EQ(kestal_ctx_set_option(id_, UINT32_MAX, nullptr, nullptr, 2), 0); // as many zeros for all
+    EXPECT_EQ(all(""), std::string("\0\0 ", 3));
+    EXPECT_EQ(kestal_ctx_set_option(id_, UINT32_MAX, nullptr, nullptr, 0), 0); // none is left
+    EXPECT_EQ(kestal_ctx_get_option(id_, nullptr), nullptr);
     EXPECT_EQ(kestal_ctx_set_option_string(none, 1, "a", "x"), -1);
     EXPECT_EQ(kestal_ctx_get_option(none, "a"), nullptr);
 }
@@ -152,12 +138,10 @@ TEST_F(context, opens_with_the_newest_willing_plugin)
         uint32_t error;
     } cases[] = {
         {"test/both", {}, "second_probe.so ", "second_probe.so", 0},
-        {"test/one", {}, "probe.so ", "probe.so", 0},
         {"test/both", {{"second_probe.so", 3}}, "second_probe.so probe.so ", "probe.so", 0},
         {"test/both", {{"second_probe.so", 1}}, "second_probe.so ", nullptr, 1},
         {"test/both", {{"second_probe.so", 0}}, "second_probe.so ", nullptr, 3},
         {"test/both", {{"second_probe.so", 3}, {"probe.so", 99}}, "second_probe.so probe.so ", nullptr, 99},
-        {"test/both", {{"second_probe.so", 3}, {"probe.so", 3}}, "second_probe.so probe.so ", nullptr, 3},
         {"nobody/takes-this", {}, "", nullptr, 3},
         {nullptr, {}, "", nullptr, 3},
     };
@@ -172,34 +156,24 @@ TEST_F(context, opens_with_the_newest_willing_plugin)
         EXPECT_STREQ(kestal_get_ctx_plugin_name(id_), served_by);
         EXPECT_EQ(last_error(), error);
         EXPECT_EQ(record().m_kind, -1);
-        EXPECT_STREQ(record().m_mime_type, is_open ? type : nullptr);
-        EXPECT_EQ(kestal_get_valid_ctx(id_), is_open ? &record() : nullptr);
         EXPECT_EQ(kestal_check_ctx_mime_type(id_, "TEST/both"), is_open ? 0 : -1);
-        EXPECT_EQ(is_open ? kestal_open_ctx(id_, "test/both") : -1, -1);
-        EXPECT_EQ(last_error(), is_open ? KESTAL_CTX_ERROR_ALREADY_OPEN : error);
         EXPECT_STREQ(kestal_ctx_get_option_string(id_, "kept"), "yes");
         EXPECT_EQ(kestal_close_ctx(id_), 0);
         EXPECT_EQ(kestal_ctx_get_option(id_, "kept"), nullptr);
     }
-    EXPECT_EQ(kestal_open_ctx(none, "test/both"), -1);
     EXPECT_EQ(kestal_open_ctx(older, "test/both"), -1); // a plugin's id is no context's
     EXPECT_EQ(kestal_close_ctx(none), -1);
 
-    // Plugins that cannot open are passed over; a table that is too small is reported, and used.
+    // A plugin that cannot open is passed over; a table that is too small is reported, and used.
     const caught_assertions reports;
-    kestal_ctx0_v0_interface_t &table = second_table_.m_base;
-    const kestal_ctx0_v0_interface_t whole = table;
     calls.clear();
     refusals.clear();
-    for (const auto spoil : {+[](kestal_ctx0_v0_interface_t &t) { t.m_version = 2; },
-                             +[](kestal_ctx0_v0_interface_t &t) { t.m_open = nullptr; },
-                             +[](kestal_ctx0_v0_interface_t &t) { t.m_size = sizeof(t) - 1; }}) {
-        table = whole;
-        spoil(table);
-        EXPECT_EQ(kestal_open_ctx(id_, "test/both"), 0);
-        kestal_close_ctx(id_);
-    }
-    EXPECT_EQ(calls, "probe.so probe.so second_probe.so ");
+    second_table_.m_base.m_open = nullptr;
+    table_.m_base.m_size = sizeof(table_.m_base) - 1;
+    EXPECT_EQ(kestal_open_ctx(id_, "test/both"), 0);
+    EXPECT_EQ(kestal_open_ctx(id_, "test/both"), -1);
+    EXPECT_EQ(last_error(), KESTAL_CTX_ERROR_ALREADY_OPEN);
+    EXPECT_EQ(calls, "probe.so ");
     EXPECT_EQ(reports.messages(),
               std::vector<std::string>{
                   "s_interface_header->m_size >= ((kestal_uint32_t)sizeof(kestal_ctx0_v0_interface_t))"});
@@ -207,20 +181,19 @@ TEST_F(context, opens_with_the_newest_willing_plugin)
 
 TEST_F(context, forwards_every_operation)
 {
-    table_ = noting_table();
+    table_ = answering_table();
     load("probe.so", table_, "test/*");
     ASSERT_EQ(kestal_open_ctx(id_, "test/x"), 0);
     uint64_t size = 99;
     EXPECT_EQ(kestal_ctx_set_last_error(id_, 5), 14);
     EXPECT_EQ(kestal_ctx_get_last_error(id_), 1005) << "asked of the plugin, and nothing cleared";
-    EXPECT_EQ(kestal_ctx_is_readable(id_, 21), 21);
-    EXPECT_EQ(kestal_ctx_bcontrol(id_, 1, 11), 11);
-    EXPECT_EQ(kestal_ctx_xcontrol(id_, UINT32_MAX, 12), 12);
-    EXPECT_EQ(kestal_ctx_control(id_, 3, 13), 13);
+    EXPECT_EQ(kestal_ctx_is_readable(id_, 21), 21) << "the last error is cleared";
+    EXPECT_EQ(kestal_ctx_bcontrol(id_, 1, 11), 12);
+    EXPECT_EQ(kestal_ctx_xcontrol(id_, 2, 12), 114);
+    EXPECT_EQ(kestal_ctx_control(id_, 3, 13), 216);
     EXPECT_EQ(kestal_ctx_set_env(id_, 1, 2, 3, 4), 10);
     EXPECT_EQ(kestal_ctx_get_env(id_, 3, 4, &size), kestal_get_valid_ctx(id_));
     EXPECT_EQ(size, 7u);
-    EXPECT_EQ(kestal_ctx_execute_main(id_, 2, nullptr), 42);
     EXPECT_EQ(kestal_ctx_sync(id_), -1);
     EXPECT_EQ(last_error(), 77u);
     EXPECT_EQ(kestal_ctx_printf(id_, "%70000d", 1), 0);
@@ -236,43 +209,32 @@ TEST_F(context, forwards_every_operation)
     EXPECT_EQ(reports.messages()[0], "s_interface_header->m_size >= sizeof(kestal_ctx0_v1_interface_t)");
 
     // Whether there are controls is judged by the one slot; a missing slot of their own is no crash either.
-    const auto vbcontrol = std::exchange(table_.m_base.m_vbcontrol, nullptr);
-    EXPECT_EQ(kestal_ctx_xcontrol(id_, 4, 12) & kestal_ctx_control(id_, 5, 13), -1);
-    table_.m_base.m_vbcontrol = vbcontrol;
     table_.m_base.m_vxcontrol = nullptr;
-    EXPECT_EQ(kestal_ctx_control(id_, 6, 13), 13);
     EXPECT_EQ(kestal_ctx_xcontrol(id_, 7, 12), -1);
-    EXPECT_EQ(last_error(), KESTAL_CTX_ERROR_NOT_SUPPORTED);
+    table_.m_base.m_vbcontrol = nullptr;
+    EXPECT_EQ(kestal_ctx_control(id_, 5, 13), -1);
     EXPECT_EQ(kestal_close_ctx(id_), 0); // whatever the plugin's close returned
-    EXPECT_EQ(calls, "error0 b1 x4294967295 v3 v6 close0 ");
-}
-
-// `error` is what every call leaves as the last error of the context under test.
-void context::every_call_fails(uint32_t id, int64_t error)
-{
-    uint64_t size = 1;
-    int number = 0;
-    for (const auto &fails : std::initializer_list<std::function<bool()>>{
-             [=] { return kestal_ctx_bcontrol(id, 1) == -1 && kestal_ctx_xcontrol(id, 1) == -1; },
-             [=] { return kestal_ctx_control(id, 1) == -1 && kestal_ctx_sync(id) == -1; },
-             [=] { return kestal_ctx_is_readable(id, 0) == -1 && kestal_ctx_is_writable(id, 0) == -1; },
-             [&] { return kestal_ctx_read(id, &size, 1) == -1 && kestal_ctx_printf(id, "%d", 1) == -1; },
-             [=] { return kestal_ctx_rewind(id) == -1 && kestal_ctx_set_env(id, 1, 2, 3, 4) == -1; },
-             [&] { return kestal_ctx_get_env(id, 1, 2, &size) == nullptr && size == 0; },
-             [=] { return kestal_ctx_get_last_error(id) == -1 && kestal_ctx_set_last_error(id, 5) == -1; },
-             [=] { return kestal_ctx_execute_main(id, 0, nullptr) == 1 && kestal_ctx_db_get_query(id, "q") == 0; },
-             [=] { return kestal_ctx_db_free_result(id, 5) == 5; },
-             [=] { return kestal_ctx_db_get_field_index_f(id, 5, 0, "n") == -1; }}) {
-        EXPECT_TRUE(fails() && last_error() == error) << "calls " << number << ", last error " << last_error();
-        ++number;
-    }
+    EXPECT_EQ(calls, "closed");
 }
 
 TEST_F(context, answers_failure_without_plugin_operation_or_context)
 {
-    table_ = noting_table();
+    table_ = answering_table();
+    const auto every_call_fails = [this](uint32_t id, uint32_t error) { // and leaves that as the last error
+        uint64_t size = 1;
+        EXPECT_EQ(kestal_ctx_bcontrol(id, 1) + kestal_ctx_xcontrol(id, 1) + kestal_ctx_control(id, 1), -3);
+        EXPECT_EQ(kestal_ctx_is_readable(id, 0) + kestal_ctx_is_writable(id, 0) + kestal_ctx_sync(id), -3);
+        EXPECT_EQ(kestal_ctx_read(id, &size, 1) + kestal_ctx_printf(id, "%d", 1) + kestal_ctx_rewind(id), -3);
+        EXPECT_EQ(kestal_ctx_get_last_error(id) + kestal_ctx_set_last_error(id, 5), -2);
+        EXPECT_EQ(kestal_ctx_get_env(id, 1, 2, &size), nullptr);
+        EXPECT_EQ(kestal_ctx_set_env(id, 1, 2, 3, 4) + static_cast<int32_t>(size), -1);
+        EXPECT_EQ(kestal_ctx_execute_main(id, 0, nullptr), 1);
+        EXPECT_EQ(kestal_ctx_db_get_query(id, "q") + kestal_ctx_db_free_result(id, 5), 5u);
+        EXPECT_EQ(kestal_ctx_db_get_field_index_f(id, 5, 0, "n"), -1);
+        EXPECT_EQ(last_error(), error) << id;
+    };
     record().m_last_error = 55;
-    for (const uint32_t id : {none, load("probe.so", table_, "full/*"), id_}) // a closed context keeps its last error
+    for (const uint32_t id : {load("probe.so", table_, "full/*"), id_}) // a closed context keeps its last error
         every_call_fails(id, 55);
     load("second_probe.so", second_table_, "bare/*");
     ASSERT_EQ(kestal_open_ctx(id_, "bare/x"), 0);
@@ -290,13 +252,11 @@ int32_t database(kestal_ctx_t *, uint32_t code, va_list list)
 {
     uint64_t *record = va_arg(list, uint64_t *);
     const uint64_t words = va_arg(list, uint64_t) / sizeof(uint64_t);
-    char text[20];
-    std::snprintf(text, sizeof(text), "\n%08X", code);
-    calls += text;
-    for (uint64_t i = 0; i < words; ++i) {
-        std::snprintf(text, sizeof(text), " %llx", static_cast<unsigned long long>(record[i]));
-        calls += record[i] == reinterpret_cast<uintptr_t>(query) ? " &" : text;
-    }
+    std::ostringstream text;
+    text << '\n' << std::hex << code;
+    for (uint64_t i = 0; i < words; ++i)
+        record[i] == reinterpret_cast<uintptr_t>(query) ? text << " &" : text << ' ' << record[i];
+    calls += text.str();
     const int32_t answer = 42;
     std::memcpy(record, &answer, sizeof(answer));
     return -5;
@@ -319,11 +279,10 @@ TEST_F(context, asks_databases_by_record)
     EXPECT_EQ(kestal_ctx_db_get_field_index(id_, 8, 3, query), 42);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(kestal_ctx_db_get_field_name(id_, 8, 3)), 42u);
     EXPECT_EQ(kestal_ctx_db_dump_result(id_, 8, 1, 2) & kestal_ctx_get_fbinfo(id_, &info), -5);
-    EXPECT_EQ(calls, "\n0102000B 0 0 &\n0202000B ffffffff 0 &\n0602000C 8\n0802000D 0 8\n0102000E 0 8\n0102000F 0 8"
-                     "\n01020010 3ffffffff & 8\n01020012 0 3 8\n0902000C 1 2 8\n01030011 0 0 0 0 0 0 0 0 0 0 0");
+    EXPECT_EQ(calls, "\n102000b 0 0 &\n202000b ffffffff 0 &\n602000c 8\n802000d 0 8\n102000e 0 8\n102000f 0 8"
+                     "\n1020010 3ffffffff & 8\n1020012 0 3 8\n902000c 1 2 8\n1030011 0 0 0 0 0 0 0 0 0 0 0");
     EXPECT_EQ(kestal_ctx_db_set_query(id_, "%d", 1), 42);
     EXPECT_EQ(kestal_ctx_db_set_query(id_, "%70000d", 1), -1);
-    EXPECT_EQ(last_error(), KESTAL_CTX_ERROR_NO_MEMORY);
 }
 
 // --- a plugin that serves http from memory
@@ -334,10 +293,8 @@ size_t broken_at;      // from this position on reading fails
 
 int32_t open_page(kestal_ctx_t *ctx)
 {
-    if (std::strncmp(kestal_ctx_get_option_string_ex(ctx->m_id, "src", ""), "http://", 7) != 0) {
-        ctx->m_last_error = KESTAL_CTX_ERROR_NOT_SUPPORTED;
+    if (kestal_ctx_get_option_string(ctx->m_id, "src") == nullptr)
         return -1;
-    }
     calls.clear();
     for (const kestal_ctx_option_t *option = ctx->m_option_head; option != nullptr; option = option->m_next)
         calls += std::string("<") + option->m_name + "=" + static_cast<char *>(option->m_value) + ">";
@@ -358,38 +315,29 @@ TEST_F(context, fetches_a_page_whole_or_not_at_all)
 {
     table_.m_base.m_open = open_page;
     table_.m_base.m_is_readable = [](kestal_ctx_t *ctx, int32_t) {
-        return ctx->m_reserved[0] < readable_until ? 1 : 0;
+        return int32_t{ctx->m_reserved[0] < readable_until};
     };
     table_.m_base.m_read = read_page;
     load("probe.so", table_, "application/ulx_stream*");
-    std::string whole;
-    while (whole.size() < 5000)
-        whole += static_cast<char>(whole.size() * 7);
-
+    const std::string whole = kestal_test::noise(5000);
+    constexpr size_t never = SIZE_MAX;
     void *data = nullptr;
     uint64_t size = 0;
-    const struct {
-        const char *url;
-        size_t length, readable_until, broken_at;
-        uint64_t limit;
-        int32_t result;
-    } cases[] = {
-        {"http://h/", 5000, SIZE_MAX, SIZE_MAX, 0, 0},     {"http://h/", 5000, SIZE_MAX, SIZE_MAX, 5001, 0},
-        {"http://h/", 5000, SIZE_MAX, SIZE_MAX, 5000, -1}, {"http://h/", 5000, 4096, SIZE_MAX, 0, -1},
-        {"http://h/", 5000, SIZE_MAX, 4096, 0, -1},        {"http://h/", 0, SIZE_MAX, SIZE_MAX, 0, 0},
-        {"gopher://h/", 5000, SIZE_MAX, SIZE_MAX, 0, -1},  {nullptr, 5000, SIZE_MAX, SIZE_MAX, 0, -1},
-    };
-    for (const auto &expected : cases) {
-        page = whole.substr(0, expected.length);
-        readable_until = expected.readable_until;
-        broken_at = expected.broken_at;
+    for (const auto &[length, limit, silent_from, broken_from, result] : {std::tuple(5000u, 5001u, never, never, 0),
+                                                                          {5000u, 5000u, never, never, -1},
+                                                                          {5000u, 0u, 4096u, never, -1},
+                                                                          {5000u, 0u, never, 4096u, -1},
+                                                                          {0u, 0u, never, never, 0}}) {
+        page = whole.substr(0, length);
+        readable_until = silent_from;
+        broken_at = broken_from;
         data = &data;
-        size = 1;
-        EXPECT_EQ(kestal_ctx_simple_http_get(expected.url, nullptr, expected.limit, 0, &data, &size), expected.result);
+        EXPECT_EQ(kestal_ctx_simple_http_get("http://h/", nullptr, limit, 0, &data, &size), result);
         const std::string fetched = data == nullptr ? "" : kestal_test::owned(data, size);
-        EXPECT_TRUE(fetched == (expected.result == 0 ? page : "")) << "case " << &expected - cases;
+        EXPECT_TRUE(fetched == (result == 0 ? page : "")) << limit << ' ' << silent_from << ' ' << broken_from;
         EXPECT_EQ(size, fetched.size());
     }
+    EXPECT_EQ(kestal_ctx_simple_http_get(nullptr, nullptr, 0, 0, &data, &size), -1);
     page = "x";
     EXPECT_EQ(kestal_ctx_simple_http_get("http://h/", "\r\nA: 1\r\n\nB: 2\rC", 0, 0, nullptr, nullptr), 0);
     const std::string options = "<src=http://h/><mode=rb><debug=0>";

@@ -44,5 +44,5 @@ int main(void)
     kestal_uninit_lock_condition(&box.m_filled);
     kestal_uninit_lock(&box.m_lock);
     kestal_close_buffer(box.m_queue);
-    return kestal_thread_pool_wait(1000);
+    return kestal_thread_pool_wait(-1);
 }

@@ -18,11 +18,11 @@ static void echo(kestal_event_t *event, int32_t descriptor, uint32_t what, void 
 /* The other side: asks, and says good-bye when the answer is there. */
 static void ask(kestal_event_t *event, int32_t descriptor, uint32_t what, void *context)
 {
-    (void)event;
     (void)context;
     if ((what & KESTAL_EVENT_TIMEOUT) != 0) {
         kestal_printf("time to ask\n");
         kestal_send(descriptor, "hello", 5, 1000);
+        kestal_add_event(event, -1); /* the answer may take its time */
     }
     if ((what & KESTAL_EVENT_READ) != 0) {
         char data[64] = "";

@@ -15,6 +15,7 @@
  *  - p P: the pointer as 16 hexadecimal digits.
  *  - f: "%.Nf" has N digits after the point, "%W.Nf" pads the integer part to W, "%Wf" prints no fraction, "%f" six
  *    digits. "%lf" takes a long double; "%llf" takes and prints nothing. NaN and infinities print "nan", "inf", "-inf".
+ *    Halves round away from zero, in double arithmetic: the last digit may be one off the C runtime's.
  *  - "*" takes a signed 32-bit width; a negative one means "-" with its absolute value.
  *  - "%%" is "%"; any other conversion prints its own character and takes no argument.
  */

@@ -93,17 +93,27 @@ void handle_notification(kestal_event_t *, int32_t descriptor, uint32_t what, vo
     base.m_state->looks_again = base.m_state->attended != nullptr;
 }
 
-bool open_notify_pair(kestal_event_base_t &base)
+// A pair for the library alone: programs that the process starts do not inherit it.
+bool open_own_pair(kestal_socket_pair_t &ends)
 {
-    kestal_socket_pair_t ends;
-    if (kestal_socket_pipe(&ends) != 0)
+    if (kestal_socket_pair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, &ends) == 0)
+        return true;
+    if (kestal_socket_pipe(&ends) != 0) // what there is without unix sockets takes no flags
         return false;
-    base.m_notify[0] = ends.m_socket[1];
-    base.m_notify[1] = ends.m_socket[0];
-    for (const int32_t descriptor : base.m_notify) {
+    for (const int32_t descriptor : ends.m_socket) {
         kestal_set_non_block_socket(descriptor, 1);
         fcntl(descriptor, F_SETFD, FD_CLOEXEC);
     }
+    return true;
+}
+
+bool open_notify_pair(kestal_event_base_t &base)
+{
+    kestal_socket_pair_t ends;
+    if (!open_own_pair(ends))
+        return false;
+    base.m_notify[0] = ends.m_socket[1];
+    base.m_notify[1] = ends.m_socket[0];
     return true;
 }
 

@@ -3,6 +3,7 @@
 #include "base64_instructions.hpp"
 #include "byte_order.hpp"
 #include "guard.hpp"
+#include "set_field.hpp"
 
 #include <algorithm>
 #include <array>
@@ -12,6 +13,7 @@ namespace {
 
 using kestal::base64_alphabet;
 using kestal::base64_alphabets;
+using kestal::set_field;
 namespace instructions = kestal::base64_instructions;
 
 // What a character means where it is not worth its 6 bits.
@@ -356,50 +358,32 @@ kestal_base64_t *kestal_close_base64(kestal_base64_t *context)
 
 int32_t kestal_set_base64_input_limit(kestal_base64_t *context, uint64_t bytes)
 {
-    if (context == nullptr)
-        return -1;
-    context->m_input_limit = bytes;
-    return 0;
+    return set_field(context, &kestal_base64_t::m_input_limit, bytes);
 }
 
 int32_t kestal_set_base64_output_limit(kestal_base64_t *context, uint64_t bytes)
 {
-    if (context == nullptr)
-        return -1;
-    context->m_output_limit = bytes;
-    return 0;
+    return set_field(context, &kestal_base64_t::m_output_limit, bytes);
 }
 
 int32_t kestal_set_base64_line_length(kestal_base64_t *context, uint64_t characters)
 {
-    if (context == nullptr)
-        return -1;
-    context->m_line_length = characters;
-    return 0;
+    return set_field(context, &kestal_base64_t::m_line_length, characters);
 }
 
 int32_t kestal_set_base64_line_continuation(kestal_base64_t *context, uint32_t on)
 {
-    if (context == nullptr)
-        return -1;
-    context->m_line_continuation = on;
-    return 0;
+    return set_field(context, &kestal_base64_t::m_line_continuation, on);
 }
 
 int32_t kestal_set_base64_ignore_invalid(kestal_base64_t *context, uint32_t on)
 {
-    if (context == nullptr)
-        return -1;
-    context->m_ignore_invalid = on;
-    return 0;
+    return set_field(context, &kestal_base64_t::m_ignore_invalid, on);
 }
 
 int32_t kestal_set_base64_alphabet(kestal_base64_t *context, uint32_t url_safe)
 {
-    if (context == nullptr)
-        return -1;
-    context->m_alphabet = url_safe;
-    return 0;
+    return set_field(context, &kestal_base64_t::m_alphabet, url_safe);
 }
 
 int32_t kestal_push_encode_base64(kestal_base64_t *context, const void *data, uint64_t size)

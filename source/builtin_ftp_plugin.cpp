@@ -46,12 +46,6 @@ uint32_t open_transfer(kestal_ctx_t &ctx)
     return error == KESTAL_CTX_ERROR_NO_MEMORY ? KESTAL_CTX_ERROR_NOT_SUPPORTED : error;
 }
 
-int32_t open_ctx(kestal_ctx_t *ctx)
-{
-    ctx->m_last_error = open_transfer(*ctx);
-    return ctx->m_last_error == KESTAL_CTX_ERROR_NONE ? 0 : -1;
-}
-
 int32_t close_ctx(kestal_ctx_t *ctx)
 {
     if (ctx->m_kind == kind_none)
@@ -106,21 +100,19 @@ int32_t sync(kestal_ctx_t *ctx)
     return refuse(*ctx, -1);
 }
 
-constexpr kestal_ctx0_v1_interface_t interface_table = [] {
-    kestal_ctx0_v1_interface_t table = kestal::common_table;
-    table.m_base.m_open = open_ctx;
-    table.m_base.m_close = close_ctx;
-    table.m_base.m_vbcontrol = control_nothing;
-    table.m_base.m_vxcontrol = control_nothing;
-    table.m_base.m_vcontrol = vcontrol;
-    table.m_base.m_is_readable = is_readable;
-    table.m_base.m_read = read;
-    table.m_base.m_is_writable = is_writable;
-    table.m_base.m_write = write;
-    table.m_base.m_seek = seek;
-    table.m_base.m_sync = sync;
-    return table;
-}();
+constexpr kestal_ctx0_v1_interface_t interface_table = kestal::table_with([](kestal_ctx0_v0_interface_t &own) {
+    own.m_open = kestal::open_by<open_transfer>;
+    own.m_close = close_ctx;
+    own.m_vbcontrol = control_nothing;
+    own.m_vxcontrol = control_nothing;
+    own.m_vcontrol = vcontrol;
+    own.m_is_readable = is_readable;
+    own.m_read = read;
+    own.m_is_writable = is_writable;
+    own.m_write = write;
+    own.m_seek = seek;
+    own.m_sync = sync;
+});
 
 constinit kestal::preloaded_plugins preloaded;
 

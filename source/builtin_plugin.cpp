@@ -1,8 +1,11 @@
 #include <kestal_ulx/builtin_plugin.h>
 
+#include "caller_text.hpp"
 #include "plugin.hpp"
 #include "stream_kind.hpp"
 #include "stream_plugin.hpp"
+
+#include <type_traits>
 
 namespace {
 
@@ -21,7 +24,7 @@ constexpr char stream_type[] = "application/ulx_stream";
 const stream_kind *kind_of_source(const stream_request &request)
 {
     const char *scheme = request.has_descriptor ? nullptr : request.uri->m_scheme_name;
-    return kestal::find_kind_of_scheme(scheme == nullptr || scheme[0] == '\0' ? "file" : scheme);
+    return kestal::find_kind_of_scheme(kestal::is_empty(scheme) ? "file" : scheme);
 }
 
 uint32_t open_kind(kestal_ctx_t &ctx)
@@ -44,23 +47,30 @@ uint32_t open_kind(kestal_ctx_t &ctx)
     return kind->open(ctx, request);
 }
 
-int32_t open_ctx(kestal_ctx_t *ctx)
-{
-    ctx->m_last_error = open_kind(*ctx);
-    return ctx->m_last_error == KESTAL_CTX_ERROR_NONE ? 0 : -1;
-}
-
 // --- passing on
-
-template <typename Operation>
-using member = Operation stream_kind::*;
 
 // The operation of the context's kind, or null.
 template <typename Operation>
-Operation find_operation(const kestal_ctx_t &ctx, member<Operation> wanted)
+Operation find_operation(const kestal_ctx_t &ctx, Operation stream_kind::*wanted)
 {
     const stream_kind *kind = find_kind(ctx.m_kind);
     return kind == nullptr ? nullptr : kind->*wanted;
+}
+
+// What the context's kind answers; refused when it lacks the operation.
+template <typename Result, typename... Arguments>
+Result ask(kestal_ctx_t &ctx, Result (*stream_kind::*wanted)(kestal_ctx_t &, Arguments...),
+           std::type_identity_t<Arguments>... arguments)
+{
+    const auto operation = find_operation(ctx, wanted);
+    return operation == nullptr ? refuse(ctx, Result{-1}) : operation(ctx, arguments...);
+}
+
+// A kind that has nothing to wait for is ready.
+int32_t wait(kestal_ctx_t &ctx, int32_t (*stream_kind::*wanted)(kestal_ctx_t &, int32_t), int32_t timeout)
+{
+    const auto operation = find_operation(ctx, wanted);
+    return operation == nullptr ? 1 : operation(ctx, timeout);
 }
 
 int32_t close_ctx(kestal_ctx_t *ctx)
@@ -76,8 +86,7 @@ int32_t vbcontrol(kestal_ctx_t *ctx, uint32_t, va_list)
 
 int32_t vxcontrol(kestal_ctx_t *ctx, uint32_t code, va_list arguments)
 {
-    const auto operation = find_operation(*ctx, &stream_kind::xcontrol);
-    return operation == nullptr ? refuse(*ctx, -1) : operation(*ctx, code, arguments);
+    return ask(*ctx, &stream_kind::xcontrol, code, arguments);
 }
 
 int32_t vcontrol(kestal_ctx_t *ctx, uint32_t code, va_list arguments)
@@ -89,41 +98,34 @@ int32_t vcontrol(kestal_ctx_t *ctx, uint32_t code, va_list arguments)
     return size == nullptr ? -1 : operation(*ctx, *size);
 }
 
-// A kind that has nothing to wait for is ready.
 int32_t is_readable(kestal_ctx_t *ctx, int32_t timeout)
 {
-    const auto operation = find_operation(*ctx, &stream_kind::is_readable);
-    return operation == nullptr ? 1 : operation(*ctx, timeout);
+    return wait(*ctx, &stream_kind::is_readable, timeout);
 }
 
 int64_t read(kestal_ctx_t *ctx, void *buffer, uint64_t size)
 {
-    const auto operation = find_operation(*ctx, &stream_kind::read);
-    return operation == nullptr ? refuse(*ctx, int64_t{-1}) : operation(*ctx, buffer, size);
+    return ask(*ctx, &stream_kind::read, buffer, size);
 }
 
 int32_t is_writable(kestal_ctx_t *ctx, int32_t timeout)
 {
-    const auto operation = find_operation(*ctx, &stream_kind::is_writable);
-    return operation == nullptr ? 1 : operation(*ctx, timeout);
+    return wait(*ctx, &stream_kind::is_writable, timeout);
 }
 
 int64_t write(kestal_ctx_t *ctx, const void *data, uint64_t size)
 {
-    const auto operation = find_operation(*ctx, &stream_kind::write);
-    return operation == nullptr ? refuse(*ctx, int64_t{-1}) : operation(*ctx, data, size);
+    return ask(*ctx, &stream_kind::write, data, size);
 }
 
 int64_t seek(kestal_ctx_t *ctx, int64_t offset, uint32_t whence)
 {
-    const auto operation = find_operation(*ctx, &stream_kind::seek);
-    return operation == nullptr ? refuse(*ctx, int64_t{-1}) : operation(*ctx, offset, whence);
+    return ask(*ctx, &stream_kind::seek, offset, whence);
 }
 
 int32_t sync(kestal_ctx_t *ctx)
 {
-    const auto operation = find_operation(*ctx, &stream_kind::sync);
-    return operation == nullptr ? refuse(*ctx, -1) : operation(*ctx);
+    return ask(*ctx, &stream_kind::sync);
 }
 
 int main_entry(int, char **)
@@ -131,22 +133,20 @@ int main_entry(int, char **)
     return 1;
 }
 
-constexpr kestal_ctx0_v1_interface_t interface_table = [] {
-    kestal_ctx0_v1_interface_t table = kestal::common_table;
-    table.m_base.m_open = open_ctx;
-    table.m_base.m_close = close_ctx;
-    table.m_base.m_vbcontrol = vbcontrol;
-    table.m_base.m_vxcontrol = vxcontrol;
-    table.m_base.m_vcontrol = vcontrol;
-    table.m_base.m_is_readable = is_readable;
-    table.m_base.m_read = read;
-    table.m_base.m_is_writable = is_writable;
-    table.m_base.m_write = write;
-    table.m_base.m_seek = seek;
-    table.m_base.m_sync = sync;
-    table.m_base.m_main = main_entry;
-    return table;
-}();
+constexpr kestal_ctx0_v1_interface_t interface_table = kestal::table_with([](kestal_ctx0_v0_interface_t &own) {
+    own.m_open = kestal::open_by<open_kind>;
+    own.m_close = close_ctx;
+    own.m_vbcontrol = vbcontrol;
+    own.m_vxcontrol = vxcontrol;
+    own.m_vcontrol = vcontrol;
+    own.m_is_readable = is_readable;
+    own.m_read = read;
+    own.m_is_writable = is_writable;
+    own.m_write = write;
+    own.m_seek = seek;
+    own.m_sync = sync;
+    own.m_main = main_entry;
+});
 
 constinit kestal::preloaded_plugins preloaded;
 

@@ -1,6 +1,7 @@
 #include <kestal_ulx/cgi.h>
 
 #include "cgi.hpp"
+#include "set_field.hpp"
 
 #include <kestal_ulx/memory.h>
 
@@ -11,6 +12,7 @@
 namespace {
 
 using kestal::object_of;
+using kestal::set_field;
 using std::string_view;
 
 constexpr const char *methods[] = {"", "GET", "HEAD", "POST", "PUT", "DELETE", "LINK", "UNLINK", nullptr};
@@ -146,66 +148,42 @@ int32_t kestal_cgi_add_account(kestal_cgi_t *cgi, const char *username, const ch
 
 int32_t kestal_cgi_set_basic_check(kestal_cgi_t *cgi, uint32_t on)
 {
-    if (cgi == nullptr)
-        return -1;
-    object_of(*cgi).checks_basic = on;
-    return 0;
+    return set_field(cgi, &kestal_cgi_object::checks_basic, on);
 }
 
 int32_t kestal_cgi_set_header_check(kestal_cgi_t *cgi, uint32_t on)
 {
-    if (cgi == nullptr)
-        return -1;
-    object_of(*cgi).checks_headers = on;
-    return 0;
+    return set_field(cgi, &kestal_cgi_object::checks_headers, on);
 }
 
 int32_t kestal_cgi_set_whole_body(kestal_cgi_t *cgi, uint32_t on)
 {
-    if (cgi == nullptr)
-        return -1;
-    object_of(*cgi).reads_whole_body = on;
-    return 0;
+    return set_field(cgi, &kestal_cgi_object::reads_whole_body, on);
 }
 
 int32_t kestal_cgi_set_body_limit(kestal_cgi_t *cgi, uint64_t bytes)
 {
-    if (cgi == nullptr)
-        return -1;
-    cgi->m_body_limit = bytes;
-    return 0;
+    return set_field(cgi, &kestal_cgi_t::m_body_limit, bytes);
 }
 
 int32_t kestal_cgi_set_incoming_handler(kestal_cgi_t *cgi, kestal_cgi_incoming_handler_t handler)
 {
-    if (cgi == nullptr)
-        return -1;
-    cgi->m_incoming_handler = handler;
-    return 0;
+    return set_field(cgi, &kestal_cgi_t::m_incoming_handler, handler);
 }
 
 int32_t kestal_cgi_set_outgoing_handler(kestal_cgi_t *cgi, kestal_cgi_outgoing_handler_t handler)
 {
-    if (cgi == nullptr)
-        return -1;
-    cgi->m_outgoing_handler = handler;
-    return 0;
+    return set_field(cgi, &kestal_cgi_t::m_outgoing_handler, handler);
 }
 
 int32_t kestal_cgi_set_file_name(kestal_cgi_t *cgi, const char *name)
 {
-    if (cgi == nullptr)
-        return -1;
-    cgi->m_file_name = name;
-    return 0;
+    return set_field(cgi, &kestal_cgi_t::m_file_name, name);
 }
 
 int32_t kestal_cgi_set_context(kestal_cgi_t *cgi, void *context)
 {
-    if (cgi == nullptr)
-        return -1;
-    object_of(*cgi).context = context;
-    return 0;
+    return set_field(cgi, &kestal_cgi_object::context, context);
 }
 
 void *kestal_cgi_get_context(const kestal_cgi_t *cgi)

@@ -1,6 +1,8 @@
 // What the parts of the CGI module share.
 #pragma once
 
+#include "caller_text.hpp"
+
 #include <kestal_ulx/cgi.h>
 
 // What an object keeps behind its public fields.
@@ -26,11 +28,6 @@ inline kestal_cgi_object &object_of(kestal_cgi_t &cgi)
 inline const char *cgi_variable(const kestal_cgi_t &cgi, const char *name)
 {
     return kestal_search_argument_variable(cgi.m_argument, name);
-}
-
-inline bool is_empty(const char *text)
-{
-    return text == nullptr || *text == '\0';
 }
 
 } // namespace kestal

@@ -1,5 +1,6 @@
 #include <kestal_ulx/exception.h>
 
+#include "caller_text.hpp"
 #include "exception.hpp"
 #include "guard.hpp"
 
@@ -12,6 +13,8 @@
 #include <stdlib.h>
 
 namespace {
+
+using kestal::or_empty;
 
 constexpr char source_path[] = "./source/exception";
 constexpr char prompt[] = "CONSOLE #";
@@ -38,11 +41,6 @@ counters read_counters()
     return now;
 }
 
-const char *shown(const char *text)
-{
-    return text == nullptr ? "" : text;
-}
-
 unsigned long long wide(uint64_t value)
 {
     return value;
@@ -53,8 +51,8 @@ bool dump_records()
 {
     const uint64_t now = kestal_time_stamp_msec();
     for (const kestal_exception_t *record = newest; record != nullptr; record = record->m_older) {
-        fprintf(stderr, "%s     %s:%s():%llu (-%llu msec)\n", prompt, shown(record->m_file), shown(record->m_function),
-                wide(record->m_line), wide(now - record->m_entry_time));
+        fprintf(stderr, "%s     %s:%s():%llu (-%llu msec)\n", prompt, or_empty(record->m_file),
+                or_empty(record->m_function), wide(record->m_line), wide(now - record->m_entry_time));
         if (record->m_older == record)
             return false;
     }
@@ -67,7 +65,7 @@ bool dump(const counters &now, const char *file, const char *function, uint64_t 
     fprintf(stderr,
             "%s dump exception at %s:%s:%llu (section=%llu, heap size/count/peak=%llu/%llu/%llu, "
             "active/ready/threads/max=%llu/%llu/%llu/%llu)%s\n",
-            prompt, shown(file), shown(function), wide(line), wide(record_count), wide(now.heap_size),
+            prompt, or_empty(file), or_empty(function), wide(line), wide(record_count), wide(now.heap_size),
             wide(now.heap_count), wide(now.heap_peak), wide(now.active), wide(now.ready), wide(now.threads),
             wide(now.max), newest != nullptr ? " {" : ".");
     if (newest == nullptr)

@@ -1,6 +1,7 @@
 // What the rooms of the FTP client share: the engine that moves bytes, the reply reader, commands put together.
 #pragma once
 
+#include "caller_text.hpp"
 #include "failure.hpp"
 #include "socket_address.hpp"
 
@@ -33,11 +34,6 @@ public:
 private:
     char *text_;
 };
-
-inline bool is_empty(const char *text)
-{
-    return text == nullptr || text[0] == '\0';
-}
 
 // Closes a socket of the client's and marks it closed; errno stays.
 void close_ftp_socket(int32_t &sock);

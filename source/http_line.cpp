@@ -1,5 +1,7 @@
 #include "http_line.hpp"
 
+#include "caller_text.hpp"
+
 #include <kestal_ulx/memory.h>
 #include <kestal_ulx/output.h>
 
@@ -183,11 +185,6 @@ bool classify_request_line(kestal_http_node_t &node, line_reader line, std::stri
     node.m_major = version.major;
     node.m_minor = version.minor;
     return become(node, KESTAL_HTTP_NODE_REQUEST, line.at(), {method, uri, protocol, version.text});
-}
-
-const char *or_empty(const char *text)
-{
-    return text == nullptr ? "" : text;
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include <kestal_ulx/http_parser.h>
 
+#include "caller_text.hpp"
 #include "guard.hpp"
 #include "http_line.hpp"
 #include "line_end.hpp"
@@ -14,6 +15,8 @@
 #include <utility>
 
 namespace {
+
+using kestal::or_empty;
 
 constexpr uint32_t line_end_flags = KESTAL_BUFFER_CR | KESTAL_BUFFER_LF;
 
@@ -271,11 +274,6 @@ void end_head(kestal_http_parser_t &parser)
 }
 
 // --- output
-
-const char *or_empty(const char *text)
-{
-    return text == nullptr ? "" : text;
-}
 
 // Writes texts one behind the other, or only counts their bytes when there is nowhere to write to.
 class text_writer {

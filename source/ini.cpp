@@ -1,6 +1,7 @@
 #include <kestal_ulx/ini.h>
 
 #include "guard.hpp"
+#include "set_field.hpp"
 
 #include <kestal_ulx/file.h>
 #include <kestal_ulx/memory.h>
@@ -300,10 +301,7 @@ kestal_ini_t *kestal_close_ini(kestal_ini_t *ini)
 
 int32_t kestal_set_ini_limit(kestal_ini_t *ini, uint64_t bytes)
 {
-    if (ini == nullptr)
-        return -1;
-    ini->limit = bytes;
-    return 0;
+    return kestal::set_field(ini, &kestal_ini::limit, bytes);
 }
 
 int32_t kestal_push_ini(kestal_ini_t *ini, const void *data, uint64_t size)

@@ -1,5 +1,6 @@
 #include "interface.hpp"
 
+#include "caller_text.hpp"
 #include "guard.hpp"
 #include "instance.hpp"
 #include "lock_guard.hpp"
@@ -16,6 +17,7 @@
 
 namespace {
 
+using kestal::or_empty;
 using kestal::owned_block;
 using kestal::owned_ctx;
 using kestal::shared_spin_guard;
@@ -24,11 +26,6 @@ constexpr char source_path[] = "./source/interface";
 constexpr char ctx_type[] = "application/ulx_base_ctx";
 constexpr char stream_type[] = "application/ulx_stream";
 constexpr uint32_t all_ones = UINT32_MAX;
-
-const char *text_or_empty(const char *text)
-{
-    return text == nullptr ? "" : text;
-}
 
 // The record of a context, open or closed; ids of other things are none.
 kestal_ctx_t *find_ctx(uint32_t id)
@@ -61,7 +58,7 @@ const kestal_ctx0_v0_interface_t *known_interface(const kestal_plugin_t &plugin)
 
 bool has_name(const kestal_ctx_option_t &option, const char *name)
 {
-    return strcmp(text_or_empty(option.m_name), text_or_empty(name)) == 0;
+    return strcmp(or_empty(option.m_name), or_empty(name)) == 0;
 }
 
 kestal_ctx_option_t *new_option(const char *name, const void *value, uint64_t size)
@@ -267,7 +264,7 @@ int32_t ask_database(uint32_t id, uint32_t code, Record &record)
 
 bool add_headers(uint32_t id, const char *headers)
 {
-    const char *line = text_or_empty(headers);
+    const char *line = or_empty(headers);
     while (*line != '\0') {
         const size_t length = strcspn(line, "\r\n");
         if (length > 0 && kestal_ctx_set_option(id, 0, "httpheader", line, length) != 0)
@@ -413,7 +410,7 @@ int32_t kestal_check_ctx_mime_type(uint32_t id, const char *mime_type)
 
 int32_t kestal_compare_mime_type(const char *left, const char *right)
 {
-    return strcmp(text_or_empty(left), text_or_empty(right));
+    return strcmp(or_empty(left), or_empty(right));
 }
 
 int32_t kestal_compare_mime_type_hint(const char *hint_list, const char *mime_type)
@@ -471,7 +468,7 @@ int32_t kestal_ctx_set_option(uint32_t id, uint32_t replace, const char *name, c
 
 int32_t kestal_ctx_set_option_string(uint32_t id, uint32_t replace, const char *name, const char *text)
 {
-    return kestal_ctx_set_option(id, replace, name, text_or_empty(text), strlen(text_or_empty(text)));
+    return kestal_ctx_set_option(id, replace, name, or_empty(text), strlen(or_empty(text)));
 }
 
 int32_t kestal_ctx_set_option_fstring(uint32_t id, uint32_t replace, const char *name, const char *format, ...)
@@ -624,7 +621,7 @@ int32_t kestal_ctx_set_last_error(uint32_t id, uint32_t code)
 
 int64_t kestal_ctx_puts(uint32_t id, const char *text)
 {
-    return kestal_ctx_write(id, text_or_empty(text), strlen(text_or_empty(text)));
+    return kestal_ctx_write(id, or_empty(text), strlen(or_empty(text)));
 }
 
 int64_t kestal_ctx_printf(uint32_t id, const char *format, ...)

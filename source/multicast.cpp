@@ -3,6 +3,7 @@
 #include <kestal_ulx/address.h>
 #include <kestal_ulx/socket.h>
 
+#include "caller_text.hpp"
 #include "multicast.hpp"
 #include "socket_address.hpp"
 
@@ -25,7 +26,7 @@ struct chosen_interface {
     const char *name;
     uint32_t index;
 
-    bool has_name() const { return name != nullptr && name[0] != '\0'; }
+    bool has_name() const { return !kestal::is_empty(name); }
     bool is_any() const { return !has_name() && index == 0; }
     uint32_t known_index() const { return index == 0 && has_name() ? kestal_interface_name_to_index(name) : index; }
     bool is(const kestal_network_interface_t &interface) const

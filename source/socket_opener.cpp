@@ -6,6 +6,7 @@
 #include <kestal_ulx/resolver.h>
 #include <kestal_ulx/socket.h>
 
+#include "caller_text.hpp"
 #include "failure.hpp"
 #include "guard.hpp"
 #include "socket_address.hpp"
@@ -17,6 +18,7 @@ namespace {
 
 using kestal::fail_with;
 using kestal::family_of;
+using kestal::is_empty;
 using kestal::owned_descriptor;
 using kestal::short_lock_guard;
 using kestal::socket_address;
@@ -34,11 +36,6 @@ void check_network(bool holds, uint64_t line, const char *message)
 {
     if (!holds)
         kestal_assert_fail_tag("./source/socket.c", "__kestal_init_network", line, message);
-}
-
-bool is_empty(const char *text)
-{
-    return text == nullptr || text[0] == '\0';
 }
 
 // --- where to

@@ -1,5 +1,6 @@
 #include "ssdp.hpp"
 
+#include "caller_text.hpp"
 #include "list.hpp"
 
 #include <kestal_ulx/address.h>
@@ -13,6 +14,7 @@
 
 namespace {
 
+using kestal::or_empty;
 using kestal::trace;
 using kestal::trace_error;
 
@@ -93,11 +95,6 @@ void join_groups(kestal_ssdp_socket_t &socket, uint32_t interface_index, bool jo
 }
 
 // --- messages
-
-const char *or_empty(const char *text)
-{
-    return text == nullptr ? "" : text;
-}
 
 void trace_failure(kestal_ssdp_socket_t &socket, const sockaddr_storage &sender)
 {

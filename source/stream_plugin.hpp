@@ -41,8 +41,18 @@ inline int32_t set_last_error(kestal_ctx_t *ctx, uint32_t code)
     return 0;
 }
 
-// A plugin's table, but for the operations of its own.
-constexpr kestal_ctx0_v1_interface_t common_table = [] {
+// Opens by a function that gives the last error (0: open).
+template <uint32_t (*Open)(kestal_ctx_t &ctx)>
+int32_t open_by(kestal_ctx_t *ctx)
+{
+    ctx->m_last_error = Open(*ctx);
+    return ctx->m_last_error == KESTAL_CTX_ERROR_NONE ? 0 : -1;
+}
+
+// A plugin's table: what is the same for all, and what fill(base table) sets.
+template <typename Fill>
+constexpr kestal_ctx0_v1_interface_t table_with(Fill fill)
+{
     kestal_ctx0_v1_interface_t table = {};
     table.m_base.m_version = 1;
     table.m_base.m_size = sizeof table;
@@ -51,8 +61,9 @@ constexpr kestal_ctx0_v1_interface_t common_table = [] {
     table.m_base.m_set_env = refuse_set_env;
     table.m_base.m_get_last_error = get_last_error;
     table.m_base.m_set_last_error = set_last_error;
+    fill(table.m_base);
     return table;
-}();
+}
 
 // --- the plugin libraries that come with a plugin, counted by its initialisations
 

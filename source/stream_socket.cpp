@@ -1,6 +1,7 @@
 // Streams over sockets: TCP connections, and the datagrams of a UDP port or multicast group.
 #include "stream_kind.hpp"
 
+#include "caller_text.hpp"
 #include "guard.hpp"
 #include "multicast.hpp"
 #include "socket_address.hpp"
@@ -112,7 +113,7 @@ int32_t open_port(open_socket &state, const kestal_uri_t &uri)
         return sock;
     }
     state.group = {};
-    const bool is_any_host = host == nullptr || host[0] == '\0';
+    const bool is_any_host = is_empty(host);
     const int32_t sock = is_any_host ? open_own_udp_socket(AF_INET, nullptr, uri.m_port) : -1;
     return sock >= 0 ? sock : open_own_udp_socket(AF_UNSPEC, host, uri.m_port);
 }

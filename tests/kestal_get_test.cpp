@@ -111,7 +111,6 @@ TEST_F(kestal_get, says_what_went_wrong_and_leaves_the_old_file)
         {"$get folder -o old", "folder: cannot be read: Is a directory"},
         {"cat digits | $get --offset 11 - -o old", "-: ends before the offset"},
         {"$get source -o nowhere/copy", "nowhere/copy: No such file or directory"},
-        {"$get source -o /dev/full", "/dev/full: No space left on device"},
         {"$get source -o copy >/dev/full", "standard output: No space left on device"},
         {"ulimit -f 100; $get source -o old", "old: File too large"},
         {"$get", "no LOCATION given; --help tells more"},
@@ -123,19 +122,6 @@ TEST_F(kestal_get, says_what_went_wrong_and_leaves_the_old_file)
         std::filesystem::remove(directory_.path("copy"));
     }
     EXPECT_EQ(names(), "digits folder old source\n");
-    EXPECT_EQ(run("$get --nonsense source"), 1);
-}
-
-TEST_F(kestal_get, puts_the_file_where_a_link_points_and_keeps_its_mode)
-{
-    directory_.file("source", "new");
-    constexpr auto mode = static_cast<std::filesystem::perms>(0640);
-    std::filesystem::permissions(directory_.file("target", "old"), mode);
-    std::filesystem::create_symlink("target", directory_.path("link"));
-    EXPECT_EQ(run("$get -q source -o link"), 0) << err_;
-    EXPECT_EQ(file("target"), "new");
-    EXPECT_TRUE(std::filesystem::is_symlink(directory_.path("link")));
-    EXPECT_EQ(std::filesystem::status(directory_.path("target")).permissions(), mode);
 }
 
 TEST_F(kestal_get, draws_a_bar_on_a_terminal)

@@ -19,10 +19,3 @@ KESTAL_API int32_t kestal_plugin_uninitialize(void)
         probe.m_on_uninitialize();
     return 0;
 }
-
-KESTAL_API int32_t other_initialize(const char **hint, const kestal_ctx0_v0_interface_t **interface, uint64_t *size)
-{
-    int32_t result = kestal_plugin_initialize(hint, interface, size);
-    *hint = "other/*";
-    return result;
-}

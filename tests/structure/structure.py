@@ -4,16 +4,13 @@
 library SHARED_OBJECT             needs only the C runtime; its soname; every export under the one version node
 hardening SHARED_OBJECT ARCHIVE   nothing writable once loaded that need not be, no executable stack, no text relocations; smashed
                                   stacks are noticed, and where the compiler can, jumps land only where one was meant to
-exports SHARED_OBJECT INCLUDE...  every exported name is declared in a public header, looked for in the folders INCLUDE
-declarations SHARED_OBJECT INCLUDE...
-                                  every name that a public header declares is exported
+exports SHARED_OBJECT INCLUDE...  what is exported is declared in a public header, looked for in the folders INCLUDE, and the reverse
 headers SOURCE                    every public header compiles alone as C11 and as C++; every declaration in it is documented
 floors SOURCE                     no module includes a higher floor, no includes go in a circle, and ARCHITECTURE.md has a line
                                   for every module
 docs SOURCE                       Doxygen has nothing to say against the public headers and the guide, and no page leads to one
                                   that is not there (77 where it is missing)
 guide SHARED_OBJECT SOURCE        every page of the guide shows its program as it stands beside it, and what it really prints
-names SOURCE                      every name of the library that the guide, README.md and SECURITY.md mention is declared
 
 CC and CXX name the compilers. Prints what is wrong, a line each, and exits 1 if anything is.
 """
@@ -89,13 +86,9 @@ def check_hardening(library, archive):
 
 
 def check_exports(library, *include_folders):
-    for name in sorted({name for name, _ in exported_names(library)} - declared_names(include_folders)):
-        yield f"{name} is exported but stands in no public header"
-
-
-def check_declarations(library, *include_folders):
-    for name in sorted(declared_names(include_folders) - {name for name, _ in exported_names(library)}):
-        yield f"{name} is declared but not exported"
+    exported, declared = {name for name, _ in exported_names(library)}, declared_names(include_folders)
+    for name in sorted(exported ^ declared):
+        yield f"{name} is {'exported' if name in exported else 'declared'} only"
 
 
 def check_headers(source):
@@ -203,17 +196,6 @@ def check_guide(library, source):
             printed = run_guide_program(library, source, program, folder)
         if f"```text\n{printed}```\n" not in page:
             yield f"{program.name}: its page does not show what it prints:\n{printed}"
-
-
-def check_names(source):
-    declared = set()
-    for header in public_headers(source):
-        declared.update(re.findall(r"\w+", re.sub(r"/\*.*?\*/", "", header.read_text(), flags=re.DOTALL)))
-    pages = [*(source / "docs").rglob("*.md"), *(source / name for name in ("README.md", "SECURITY.md"))]
-    for page in filter(Path.exists, sorted(pages)):
-        for name in sorted(set(re.findall(r"\b(?:__)?(?:kestal|KESTAL)_\w+", page.read_text())) - declared):
-            if name != "kestal_ulx" and not name.endswith("_"):
-                yield f"{page.relative_to(source)}: {name} is declared nowhere"
 
 
 def main():

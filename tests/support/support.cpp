@@ -1,6 +1,6 @@
 #include "support.hpp"
 
-#include "../../source/processor.hpp"
+#include "processor.hpp"
 
 #include <cerrno>
 #include <chrono>

@@ -20,7 +20,6 @@ namespace kestal_test {
 // A test whose live-block count must end where it began, once its threads are gone.
 class counted : public testing::Test {
 protected:
-    void SetUp() override { blocks_ = kestal_get_alloc_count(); }
     void TearDown() override
     {
         EXPECT_EQ(kestal_thread_pool_wait(60000), 0) << "threads left behind";
@@ -28,7 +27,7 @@ protected:
     }
 
 private:
-    uint64_t blocks_ = 0;
+    const uint64_t blocks_ = kestal_get_alloc_count();
 };
 
 // For so many failures: all for some fifty milliseconds, so that what waits for memory goes on in the end.

@@ -1,6 +1,5 @@
 #include "support.hpp"
 
-#include <cstring>
 #include <random>
 
 // Cross-built tests go without: the published vectors and the inverses are left to them.
@@ -41,7 +40,7 @@ struct cipher {
     void (*make_round_key)(void *round_key, const void *key);
     kestal_cipher_ecb_t ecb[2]; // encrypt, decrypt
     mode_function modes[3][2];
-    const char *openssl[3]; // ECB, CBC, CFB-8, where OpenSSL has the same
+    const char *openssl[4]; // ECB, CBC, CFB-8, where OpenSSL has the same
 };
 
 // clang-format off
@@ -136,19 +135,24 @@ TEST(cipher, published_vectors)
         EXPECT_EQ(run_ecb(named(name), 0, key, from_hex(plain)), from_hex(enciphered)) << name;
         EXPECT_EQ(run_ecb(named(name), 1, key, from_hex(enciphered)), from_hex(plain)) << name;
     };
+    // The longer variants of SEED have no standard: what they have enciphered must stay readable.
     const std::string counting = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f";
-    const std::pair<const char *, const char *> aes[] = {{"aes128", "69c4e0d86a7b0430d8cdb78070b4c55a"},
-                                                         {"aes192", "dda97ca4864cdfe06eaf70a0ec0d7191"},
-                                                         {"aes256", "8ea2b7ca516745bfeafc49904b496089"}};
-    const char *const seed[][3] = {
+    const char *const under_counting_keys[][3] = {
+        {"aes128", "00112233445566778899aabbccddeeff", "69c4e0d86a7b0430d8cdb78070b4c55a"},
+        {"aes192", "00112233445566778899aabbccddeeff", "dda97ca4864cdfe06eaf70a0ec0d7191"},
+        {"aes256", "00112233445566778899aabbccddeeff", "8ea2b7ca516745bfeafc49904b496089"},
+        {"seed", "00000000000000000000000000000000", "c11f22f20140505084483597e4370f43"},
+        {"seed192", "00000000000000000000000000000000", "526c2ba60111c4a8f6f893e0ca10ac6e"},
+        {"seed256", "00000000000000000000000000000000", "64ccf67fd20d1ebae0cae22400d56320"},
+    };
+    const char *const under_others[][3] = {
         {"00000000000000000000000000000000", "000102030405060708090a0b0c0d0e0f", "5ebac6e0054e166819aff1cc6d346cdb"},
-        {"000102030405060708090a0b0c0d0e0f", "00000000000000000000000000000000", "c11f22f20140505084483597e4370f43"},
         {"4706480851e61be85d74bfb3fd956185", "83a2f8a288641fb9a4e9a5cc2f131c7d", "ee54d13ebcae706d226bc3142cd40d4a"},
         {"28dbc3bc49ffd87dcfa509b11d422be7", "b41e6be2eba84a148e2eed84593c5ec7", "9b9b7bfcd1813cb95d0b3618f40f5122"},
     };
     const bytes iv = from_hex(counting.substr(0, 32));
-    const bytes plain = from_hex("6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51"
-                                 "30c81c46a35ce411e5fbc1191a0a52eff69f2445df4f9b17ad2b417be66c3710");
+    const bytes data = from_hex("6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51"
+                                "30c81c46a35ce411e5fbc1191a0a52eff69f2445df4f9b17ad2b417be66c3710");
     const struct {
         const char *cipher, *key, *cbc, *cfb8;
     } chained[] = {
@@ -166,17 +170,16 @@ TEST(cipher, published_vectors)
          "dc1f1a8520a64db55fcc8ac554844e889700"},
     };
     on_every_path([&] {
-        for (const auto &[name, enciphered] : aes)
-            check_block(name, from_hex(counting.substr(0, 2 * named(name).key_size)),
-                        "00112233445566778899aabbccddeeff", enciphered);
-        for (const auto &[key, block, enciphered] : seed)
-            check_block("seed", from_hex(key), block, enciphered);
+        for (const auto &[name, plain, enciphered] : under_counting_keys)
+            check_block(name, from_hex(counting.substr(0, 2 * named(name).key_size)), plain, enciphered);
+        for (const auto &[key, plain, enciphered] : under_others)
+            check_block("seed", from_hex(key), plain, enciphered);
         for (const auto &each : chained) {
             const cipher &which = named(each.cipher);
             const round_key key(which, from_hex(each.key));
             for (const auto &[mode, expected, cut] :
                  {std::tuple(cbc, from_hex(each.cbc), size_t{16}), {cfb8, from_hex(each.cfb8), 5}}) {
-                const bytes start(plain.begin(), plain.begin() + static_cast<ptrdiff_t>(expected.size()));
+                const bytes start(data.begin(), data.begin() + static_cast<ptrdiff_t>(expected.size()));
                 EXPECT_EQ(run_mode(which.modes[mode][0], key, iv, start, cut), expected) << each.cipher;
                 EXPECT_EQ(run_mode(which.modes[mode][1], key, iv, expected, 2 * cut), start) << each.cipher;
             }
@@ -184,54 +187,22 @@ TEST(cipher, published_vectors)
     });
 }
 
-// The variable-plaintext and variable-key tables, their values computed with OpenSSL: the key 01...01 with one bit of the
-// plaintext set, from the first on, and the plaintext 0 with one bit of the key changed, parity bits left out.
-constexpr uint64_t des_variable_plaintext[64] = {
-    0x95f8a5e5dd31d900, 0xdd7f121ca5015619, 0x2e8653104f3834ea, 0x4bd388ff6cd81d4f, 0x20b9e767b2fb1456,
-    0x55579380d77138ef, 0x6cc5defaaf04512f, 0x0d9f279ba5d87260, 0xd9031b0271bd5a0a, 0x424250b37c3dd951,
-    0xb8061b7ecd9a21e5, 0xf15d0f286b65bd28, 0xadd0cc8d6e5deba1, 0xe6d5f82752ad63d1, 0xecbfe3bd3f591a5e,
-    0xf356834379d165cd, 0x2b9f982f20037fa9, 0x889de068a16f0be6, 0xe19e275d846a1298, 0x329a8ed523d71aec,
-    0xe7fce22557d23c97, 0x12a9f5817ff2d65d, 0xa484c3ad38dc9c19, 0xfbe00a8a1ef8ad72, 0x750d079407521363,
-    0x64feed9c724c2faf, 0xf02b263b328e2b60, 0x9d64555a9a10b852, 0xd106ff0bed5255d7, 0xe1652c6b138c64a5,
-    0xe428581186ec8f46, 0xaeb5f5ede22d1a36, 0xe943d7568aec0c5c, 0xdf98c8276f54b04b, 0xb160e4680f6c696f,
-    0xfa0752b07d9c4ab8, 0xca3a2b036dbc8502, 0x5e0905517bb59bcf, 0x814eeb3b91d90726, 0x4d49db1532919c9f,
-    0x25eb5fc3f8cf0621, 0xab6a20c0620d1c6f, 0x79e90dbc98f92cca, 0x866ecedd8072bb0e, 0x8b54536f2f3e64a8,
-    0xea51d3975595b86b, 0xcaffc6ac4542de31, 0x8dd45a2ddf90796c, 0x1029d55e880ec2d0, 0x5d86cb23639dbea9,
-    0x1d1ca853ae7c0c5f, 0xce332329248f3228, 0x8405d1abe24fb942, 0xe643d78090ca4207, 0x48221b9937748a23,
-    0xdd7c0bbd61fafd54, 0x2fbc291a570db5c4, 0xe07c30d7e4e26e12, 0x0953e2258e8e90a1, 0x5b711bc4ceebf2ee,
-    0xcc083f1e6d9e85f6, 0xd2fd8867d50d2dfe, 0x06e7ea22ce92708f, 0x166b40b44aba4bd6};
-constexpr uint64_t des_variable_key[56] = {
-    0x95a8d72813daa94d, 0x0eec1487dd8c26d5, 0x7ad16ffb79c45926, 0xd3746294ca6a6cf3, 0x809f5f873c1fd761,
-    0xc02faffec989d1fc, 0x4615aa1d33e72f10, 0x2055123350c00858, 0xdf3b99d6577397c8, 0x31fe17369b5288c9,
-    0xdfdd3cc64dae1642, 0x178c83ce2b399d94, 0x50f636324a9b7f80, 0xa8468ee3bc18f06d, 0xa2dc9e92fd3cde92,
-    0xcac09f797d031287, 0x90ba680b22aeb525, 0xce7a24f350e280b6, 0x882bff0aa01a0b87, 0x25610288924511c2,
-    0xc71516c29c75d170, 0x5199c29a52c9f059, 0xc22f0a294a71f29f, 0xee371483714c02ea, 0xa81fbd448f9e522f,
-    0x4f644c92e192dfed, 0x1afa9a66a6df92ae, 0xb3c1cc715cb879d8, 0x19d032e64ab0bd8b, 0x3cfaa7a7dc8720dc,
-    0xb7265f7f447ac6f3, 0x9db73b3c0d163f54, 0x8181b65babf4a975, 0x93c9b64042eaa240, 0x5570530829705592,
-    0x8638809e878787a0, 0x41b9a79af79ac208, 0x7a9be42f2009a892, 0x29038d56ba6d2745, 0x5495c6abf1e5df51,
-    0xae13dbd561488933, 0x024d1ffa8904e389, 0xd1399712f99bf02e, 0x14c1d7c1cffec79e, 0x1de5279dae3bed6f,
-    0xe941a33f85501303, 0xda99dbbc9a03f379, 0xb7fc92f91d8e92e9, 0xae8e5caa3ca04e85, 0x9cc62df43b6eed74,
-    0xd863dbb5c59a91a0, 0xa1ab2190545b91d7, 0x0875041e64c570f7, 0x5a594528bebef1cc, 0xfcdb3291de21f0c0,
-    0x869efd7f9f265a09};
-
-bytes big_endian(uint64_t word)
-{
-    word = htobe64(word);
-    const auto *first = reinterpret_cast<const uint8_t *>(&word);
-    return {first, first + sizeof word};
-}
-
+// The variable-plaintext and variable-key tables: the key 01...01 with one bit of the plaintext set, from the first on, then
+// the plaintext 0 with one bit of the key changed, parity bits left out; the digest is that of OpenSSL's 120 blocks.
 TEST(cipher, des_tables)
 {
-    constexpr uint64_t plain_key = 0x0101010101010101;
-    const cipher &des = named("des");
-    for (size_t bit = 0, key_bit = 0; bit < 64; ++bit) {
-        const uint64_t one = uint64_t{1} << (63 - bit);
-        EXPECT_EQ(run_ecb(des, 0, big_endian(plain_key), big_endian(one)), big_endian(des_variable_plaintext[bit]));
-        if (bit % 8 != 7) {
-            EXPECT_EQ(run_ecb(des, 0, big_endian(plain_key ^ one), bytes(8)), big_endian(des_variable_key[key_bit++]));
+    kestal_sha256_t tables;
+    kestal_init_sha256(&tables);
+    for (const bool of_keys : {false, true})
+        for (size_t bit = 0; bit < 64; ++bit) {
+            bytes key(8, 1), block(8);
+            uint8_t &changed = (of_keys ? key : block)[bit / 8];
+            changed = static_cast<uint8_t>(changed ^ 0x80 >> bit % 8);
+            if (!of_keys || bit % 8 != 7)
+                kestal_sha256_push(&tables, run_ecb(named("des"), 0, key, block).data(), 8);
         }
-    }
+    EXPECT_STREQ(kestal_sha256_digest(&tables, nullptr),
+                 "1F0B4867D8D193C3672744768B6A89ECAFFFEFEB92C8135F44466C2844E3483F");
 }
 
 TEST(cipher, random_data_comes_back_and_agrees_with_openssl)
@@ -241,15 +212,15 @@ TEST(cipher, random_data_comes_back_and_agrees_with_openssl)
         const bytes key = random_bytes(which.key_size), iv = random_bytes(which.block_size);
         const bytes data = random_bytes(blocks * which.block_size);
         const round_key expanded(which, key);
-        const size_t half = blocks / 2 * which.block_size;
-        const bytes enciphered[] = {run_ecb(which, 0, key, data),
-                                    run_mode(which.modes[cbc][0], expanded, iv, data, half),
-                                    run_mode(which.modes[cfb8][0], expanded, iv, data, blocks)};
+        bytes enciphered[4] = {run_ecb(which, 0, key, data)};
         EXPECT_EQ(run_ecb(which, 1, key, enciphered[0]), data);
-        EXPECT_EQ(run_mode(which.modes[cbc][1], expanded, iv, enciphered[1], half), data);
-        EXPECT_EQ(run_mode(which.modes[cfb8][1], expanded, iv, enciphered[2], 3), data);
+        for (const mode each : {cbc, cfb8, ofb8}) {
+            const size_t cut = each == cbc ? blocks / 2 * which.block_size : blocks;
+            enciphered[1 + each] = run_mode(which.modes[each][0], expanded, iv, data, cut);
+            EXPECT_EQ(run_mode(which.modes[each][1], expanded, iv, enciphered[1 + each], cut), data);
+        }
 #ifdef WITH_OPENSSL
-        for (size_t i = 0; i < 3; ++i)
+        for (size_t i = 0; i < 4; ++i)
             if (which.openssl[i] != nullptr) {
                 EXPECT_EQ(enciphered[i], openssl(which.openssl[i], key, iv, data)) << which.openssl[i];
             }
@@ -262,63 +233,46 @@ TEST(cipher, random_data_comes_back_and_agrees_with_openssl)
     });
 }
 
-void check_kept_definitions(const cipher &which)
+TEST(cipher, triple_des_is_three_encryptions)
 {
-    SCOPED_TRACE(which.name);
-    const size_t size = which.block_size;
-    const bytes key = random_bytes(which.key_size), iv = random_bytes(size);
-    const round_key expanded(which, key);
-
-    // ECB leaves a partial last block alone.
-    const bytes whole = random_bytes(2 * size + 4), partial = run_ecb(which, 0, key, whole);
-    EXPECT_EQ(std::memcmp(&partial[2 * size], &whole[2 * size], 4), 0);
-    EXPECT_NE(std::memcmp(&partial[size], &whole[size], size), 0);
-
-    const bytes data = random_bytes(37);
-    const bytes stream = defined(
-        ofb8, [&](const bytes &block) { return run_ecb(which, 0, key, block); }, iv, data);
-    EXPECT_EQ(run_mode(which.modes[ofb8][0], expanded, iv, data, 11), stream);
-    EXPECT_EQ(run_mode(which.modes[ofb8][1], expanded, iv, stream, 20), data);
-
-    // CBC takes a partial last block as a whole one.
-    bytes a = random_bytes(2 * size), b = a, iv_a = iv, iv_b = iv;
-    which.modes[cbc][0](a.data(), size + 1, iv_a.data(), expanded);
-    which.modes[cbc][0](b.data(), 2 * size, iv_b.data(), expanded);
-    EXPECT_TRUE(a == b && iv_a == iv_b);
-
-    EXPECT_EQ(which.ecb[0](nullptr, 16, expanded), nullptr);
-    EXPECT_EQ(which.modes[cbc][1](a.data(), 16, nullptr, expanded), nullptr);
-    EXPECT_EQ(which.modes[cfb8][0](a.data(), 16, iv_a.data(), nullptr), nullptr);
-}
-
-TEST(cipher, kept_definitions)
-{
-    // Triple DES is three encryptions, so equal keys do not fall back to single DES.
     const bytes key = random_bytes(24), block = random_bytes(8);
     bytes thrice = block;
     for (auto part = key.begin(); part != key.end(); part += 8)
         thrice = run_ecb(named("des"), 0, {part, part + 8}, thrice);
     EXPECT_EQ(run_ecb(named("3des"), 0, key, block), thrice);
-    bytes equal(key.begin(), key.begin() + 8);
-    const bytes once = run_ecb(named("des"), 0, equal, block);
-    while (equal.size() < 24)
-        equal.push_back(equal[equal.size() - 8]);
-    EXPECT_NE(run_ecb(named("3des"), 0, equal, block), once);
-    on_every_path([] { std::for_each(std::begin(ciphers), std::end(ciphers), check_kept_definitions); });
+}
+
+TEST(cipher, ecb_leaves_a_partial_last_block_alone_and_cbc_takes_it_as_a_whole_one)
+{
+    on_every_path([] {
+        for (const cipher &which : ciphers) {
+            SCOPED_TRACE(which.name);
+            const bytes partial = random_bytes(4), key = random_bytes(which.key_size);
+            const round_key expanded(which, key);
+            EXPECT_EQ(run_ecb(which, 0, key, partial), partial);
+            bytes a = random_bytes(2 * which.block_size), b = a, iv_a(which.block_size), iv_b = iv_a;
+            which.modes[cbc][0](a.data(), which.block_size + 1, iv_a.data(), expanded);
+            which.modes[cbc][0](b.data(), 2 * which.block_size, iv_b.data(), expanded);
+            EXPECT_TRUE(a == b && iv_a == iv_b);
+            EXPECT_EQ(which.ecb[0](nullptr, 16, expanded), nullptr);
+            EXPECT_EQ(which.modes[cbc][1](a.data(), 16, nullptr, expanded), nullptr);
+            EXPECT_EQ(which.modes[cfb8][0](a.data(), 16, iv_a.data(), nullptr), nullptr);
+        }
+    });
 }
 
 // Whether a call leaves the first round key on the stack, as it stands or as words of this machine.
-bool leaves_key(const cipher &which, mode each, int direction, size_t blocks)
+bool leaves_key(const cipher &which, mode each, int direction)
 {
     const round_key key(which, random_bytes(which.key_size));
-    run_mode(which.modes[each][direction], key, random_bytes(16), random_bytes(16 * blocks), 16);
+    run_mode(which.modes[each][direction], key, random_bytes(16), random_bytes(16 * 9), 16);
     // Looked for where it lies: a copy made here would go through registers, and these to the stack.
     const std::string_view first(reinterpret_cast<const char *>(key.words), 16);
     const bool as_it_stands = kestal_test::is_on_the_stack(first);
-    std::string bytes_of_key(first);
-    for (auto word = bytes_of_key.begin(); word != bytes_of_key.end(); word += 4)
+    std::string as_words(first);
+    for (auto word = as_words.begin(); word != as_words.end(); word += 4)
         std::reverse(word, word + 4);
-    return as_it_stands || kestal_test::is_on_the_stack(bytes_of_key);
+    return as_it_stands || kestal_test::is_on_the_stack(as_words);
 }
 
 TEST(cipher, no_key_is_left_on_the_stack)
@@ -326,25 +280,12 @@ TEST(cipher, no_key_is_left_on_the_stack)
     on_every_path([] {
         for (const char *name : {"aes128", "aes192", "aes256"})
             for (const mode each : {cbc, cfb8, ofb8})
-                for (const int direction : {0, 1})
-                    for (const size_t blocks : {2u, 9u}) {
-                        leaves_key(named(name), each, direction, blocks); // the dynamic linker's registers, once
-                        EXPECT_FALSE(leaves_key(named(name), each, direction, blocks))
-                            << name << ", mode " << each << ", direction " << direction << ", blocks " << blocks;
-                    }
+                for (const int direction : {0, 1}) {
+                    leaves_key(named(name), each, direction); // the dynamic linker's registers, once
+                    EXPECT_FALSE(leaves_key(named(name), each, direction))
+                        << name << ", mode " << each << ", direction " << direction;
+                }
     });
-}
-
-TEST(cipher, every_key_bit_of_the_longer_seed_variants_counts)
-{
-    for (const char *name : {"seed192", "seed256"}) {
-        const bytes key = random_bytes(named(name).key_size), block(16);
-        for (size_t bit = 0; bit < 8 * key.size(); ++bit) {
-            bytes other = key;
-            other[bit / 8] = static_cast<uint8_t>(other[bit / 8] ^ 1u << bit % 8);
-            EXPECT_NE(run_ecb(named(name), 0, other, block), run_ecb(named(name), 0, key, block)) << name << ' ' << bit;
-        }
-    }
 }
 
 // A caller's own block function, its own inverse, for blocks of any size.
@@ -379,10 +320,12 @@ void check_modes(const kestal_cipher_ecb_t (&ecb)[2], size_t size, const void *k
 
 TEST_F(modes, serve_the_librarys_ciphers_and_a_callers_own)
 {
-    for (const cipher &which : ciphers) {
-        SCOPED_TRACE(which.name);
-        check_modes(which.ecb, which.block_size, round_key(which, random_bytes(which.key_size)));
-    }
+    on_every_path([] {
+        for (const cipher &which : ciphers) {
+            SCOPED_TRACE(which.name);
+            check_modes(which.ecb, which.block_size, round_key(which, random_bytes(which.key_size)));
+        }
+    });
     const uint8_t key = 0x5a;
     for (const size_t size : {1u, 3u, 16u, 32u, 33u, 64u, 100u})
         check_modes({toy, toy}, size, &key);

@@ -16,6 +16,7 @@ namespace {
     static constexpr auto push = kestal_##NAME##_push;                                                                 \
     static constexpr auto push_file = kestal_##NAME##_push_file;                                                       \
     static constexpr auto digest = kestal_##NAME##_digest;                                                             \
+    static constexpr auto simple = kestal_simple_##NAME;                                                               \
     static constexpr size_t size = SIZE
 
 struct md5 {
@@ -25,36 +26,28 @@ struct md5 {
         at.m_bit_count[0] = static_cast<uint32_t>(bytes * 8);
         at.m_bit_count[1] = static_cast<uint32_t>(bytes >> 29);
     }
-    static constexpr const char *empty = "D41D8CD98F00B204E9800998ECF8427E";
     static constexpr const char *abc = "900150983CD24FB0D6963F7D28E17F72";
-    static constexpr const char *million = "7707D6AE4E027C70EEA2A935C2296F21";
     static constexpr const char *every_length = "7DD9E96D52B765455EF296CB758CD215";
-    static constexpr const char *file = "6711A87C11348A853120DF93FC678EEA";
     static constexpr const char *behind_512_mib = "43BD3594D00D11365A4A72E32928605E";
+    static constexpr const char *def_behind_abc = "E80B5017098950FC58AAD83C8C14978E";
 };
 
 struct sha1 {
     FUNCTIONS(sha1, KESTAL_SHA1_DIGEST_SIZE);
     static void set_length(context &at, uint64_t bytes) { at.m_byte_count = bytes; }
-    static constexpr const char *empty = "DA39A3EE5E6B4B0D3255BFEF95601890AFD80709";
     static constexpr const char *abc = "A9993E364706816ABA3E25717850C26C9CD0D89D";
-    static constexpr const char *million = "34AA973CD4C4DAA4F61EEB2BDBAD27316534016F";
     static constexpr const char *every_length = "82FA681882E216468817EB177E7BD316F8CDCBFE";
-    static constexpr const char *file = "C796603484EA3ADD06BAAF8284875A1EC0EE9B08";
     static constexpr const char *behind_512_mib = "BA0DAC59BA21DDD0B1FD19FE08B68B0302C1468B";
-    static constexpr const char *abc_padding_def = "E17BE75B08A7E926498DA4BC47F3CB6E1F20B125";
+    static constexpr const char *def_behind_abc = "E17BE75B08A7E926498DA4BC47F3CB6E1F20B125";
 };
 
 struct sha256 {
     FUNCTIONS(sha256, KESTAL_SHA256_DIGEST_SIZE);
     static void set_length(context &at, uint64_t bytes) { at.m_byte_count = bytes; }
-    static constexpr const char *empty = "E3B0C44298FC1C149AFBF4C8996FB92427AE41E4649B934CA495991B7852B855";
     static constexpr const char *abc = "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD";
-    static constexpr const char *million = "CDC76E5C9914FB9281A1C7E284D73E67F1809A48A497200E046D39CCC7112CD0";
     static constexpr const char *every_length = "B02275D18A1DE3F8DC11A8F5A6BDC8006B6DE6E4DBA31BEE48C075F6A88FFAFA";
-    static constexpr const char *file = "734221AF446A8A2FBC1F9B58FFC476A07EDC8848A872C098FF6418B9658CED6D";
     static constexpr const char *behind_512_mib = "94BC1DEFB4C95C0ED8C091202FAAE38C5330AE0AAEC1D61EF79EC3DEE7D42AD6";
-    static constexpr const char *abc_padding_def = "E7C14C6EF0DBC9F6023A9DAE7563D3E8D1880B37BBFE252035124725B78B1B76";
+    static constexpr const char *def_behind_abc = "E7C14C6EF0DBC9F6023A9DAE7563D3E8D1880B37BBFE252035124725B78B1B76";
 };
 
 template <typename Algorithm>
@@ -77,10 +70,7 @@ TYPED_TEST(digest, agrees_with_the_standard_however_a_message_is_split)
 {
     const std::string message = noise(300);
     kestal_test::on_every_path([&message] {
-        EXPECT_EQ(digest<TypeParam>::of(""), TypeParam::empty);
         EXPECT_EQ(digest<TypeParam>::of("abc"), TypeParam::abc);
-        EXPECT_EQ(digest<TypeParam>::of(std::string(1000000, 'a'), 997), TypeParam::million);
-
         std::string all;
         for (size_t length = 0; length <= message.size(); ++length) {
             const std::string part = message.substr(0, length);
@@ -103,71 +93,46 @@ TYPED_TEST(digest, agrees_with_the_standard_however_a_message_is_split)
     });
 }
 
-TYPED_TEST(digest, reads_files_of_any_length)
+TYPED_TEST(digest, reads_files_and_locations_of_any_length)
 {
     const kestal_test::temporary_directory directory;
-    const std::string path = directory.file("data", noise(100001));
-    kestal_test::with_each_allocation_failing([&path] {
+    const std::string content = noise(100001), path = directory.file("data", content), uri = "file://" + path;
+    kestal_test::with_each_allocation_failing([&] {
         auto *context = TypeParam::open();
         if (TypeParam::push_file(context, path.c_str()) == 0) {
-            EXPECT_STREQ(TypeParam::digest(context, nullptr), TypeParam::file);
+            EXPECT_EQ(TypeParam::digest(context, nullptr), digest<TypeParam>::of(content));
+        }
+        if (TypeParam::simple(uri.c_str(), context) == 0 && context != nullptr) {
+            EXPECT_EQ(TypeParam::digest(context, nullptr), digest<TypeParam>::of(content));
         }
         EXPECT_EQ(TypeParam::close(context), nullptr);
     });
 
     typename TypeParam::context context;
-    TypeParam::init(&context);
+    TypeParam::push(TypeParam::init(&context), "abc", 3);
     EXPECT_EQ(TypeParam::push_file(&context, directory.path("missing").c_str()), -1);
     EXPECT_EQ(TypeParam::push_file(&context, directory.path("").c_str()), -1) << "a directory cannot be read";
     EXPECT_EQ(TypeParam::push_file(&context, directory.file("empty", "").c_str()), 0);
-    EXPECT_STREQ(TypeParam::digest(&context, nullptr), TypeParam::empty);
+    EXPECT_STREQ(TypeParam::digest(&context, nullptr), TypeParam::abc);
+    EXPECT_EQ(TypeParam::simple(directory.path("").c_str(), nullptr), -1);
+    EXPECT_EQ(TypeParam::simple(directory.path("missing").c_str(), &context), -1);
+    EXPECT_EQ(TypeParam::digest(&context, nullptr), digest<TypeParam>::of("")) << "not initialised";
 }
 
-TYPED_TEST(digest, refuses_nulls)
+TYPED_TEST(digest, refuses_nulls_and_gives_its_result_again)
 {
     typename TypeParam::context context;
     EXPECT_EQ(TypeParam::init(nullptr), nullptr);
-    EXPECT_EQ(TypeParam::close(nullptr), nullptr);
     EXPECT_EQ(TypeParam::digest(nullptr, nullptr), nullptr);
     EXPECT_EQ(TypeParam::push(nullptr, "a", 1) + TypeParam::push_file(nullptr, "/dev/null"), -2);
     TypeParam::push(TypeParam::init(&context), "abc", 3);
     EXPECT_EQ(TypeParam::push(&context, nullptr, 1) + TypeParam::push_file(&context, nullptr), -2);
+    EXPECT_STREQ(TypeParam::digest(&context, nullptr), TypeParam::abc);
     EXPECT_EQ(TypeParam::push(&context, nullptr, 0), 0);
     EXPECT_STREQ(TypeParam::digest(&context, nullptr), TypeParam::abc);
-}
-
-class digest_end : public counted {};
-
-TEST_F(digest_end, md5_stays_open_behind_a_digest)
-{
-    kestal_md5_t context;
-    kestal_md5_push(kestal_init_md5(&context), "abc", 3);
-    EXPECT_STREQ(kestal_md5_digest(&context, nullptr), md5::abc);
-    EXPECT_STREQ(kestal_md5_digest(&context, nullptr), md5::abc);
-    kestal_md5_push(&context, "d", 1);
-    const char *text = kestal_md5_digest(&context, nullptr);
-    EXPECT_EQ(text, context.m_text);
-    EXPECT_STREQ(text, "E2FC714C4727EE9395F324CD2E7F331F"); // of "abcd"
-}
-
-template <typename Sha>
-void check_end()
-{
-    typename Sha::context context;
-    uint8_t first[Sha::size], second[Sha::size];
-    Sha::push(Sha::init(&context), "abc", 3);
-    EXPECT_STREQ(Sha::digest(&context, first), Sha::abc);
-    EXPECT_EQ(Sha::push(&context, "", 0), 0);
-    EXPECT_STREQ(Sha::digest(&context, second), Sha::abc);
-    EXPECT_TRUE(std::ranges::equal(first, second));
-    Sha::push(&context, "def", 3);
-    EXPECT_STREQ(Sha::digest(&context, nullptr), Sha::abc_padding_def);
-}
-
-TEST_F(digest_end, sha_pads_the_context_itself_and_repeats_its_digest)
-{
-    check_end<sha1>();
-    check_end<sha256>();
+    // MD5 stays open behind a digest; the others have padded their context itself.
+    TypeParam::push(&context, "def", 3);
+    EXPECT_STREQ(TypeParam::digest(&context, nullptr), TypeParam::def_behind_abc);
 }
 
 } // namespace

@@ -1,7 +1,5 @@
 #include "support.hpp"
 
-#include <cstring>
-
 using kestal_test::temporary_directory;
 using kestal_test::with_each_allocation_failing;
 
@@ -26,16 +24,10 @@ protected:
 TEST_F(hash_file, makes_an_entry_of_each_line)
 {
     const std::pair<const char *, const char *> cases[] = {
-        {"", ""},
-        {"a b\n", "a=b;"},
         {"a b\nc d\r\ne f\rg h\n\r", "a=b;c=d;e=f;g=h;"},
-        {"  \t key \t two  words \t\n", "key=two  words \t;"},
-        {"only\n", "only=;"},
-        {"only \n", "only=;"},
+        {"  \t key \t two  words \t\nonly\nonly \n", "key=two  words \t;only=;only=;"},
         {"# c\n  #d e\n\n \t\nk #v\n", "k=#v;"},
-        {"a 1\na 2\n", "a=1;a=2;"},
-        {"a b\nunfinished c", "a=b;"},
-        {"unfinished", ""},
+        {"a 1\na 2\nunfinished c", "a=1;a=2;"},
         {"k \xB0\n2\n", "k=\xB0\n2;"}, // the second half of a double-byte character ends no line
     };
     for (const auto &[content, entries] : cases)

@@ -11,7 +11,7 @@ namespace {
 
 using push_function = int32_t (*)(kestal_base64_t *, const void *, uint64_t);
 
-// The output of a stream with these settings, got as often as its limit asks for.
+// The output of a stream with these settings, got behind each push.
 std::string converted(push_function push, const uint8_t *settings, const std::string &input, size_t piece)
 {
     std::string output;
@@ -21,19 +21,15 @@ std::string converted(push_function push, const uint8_t *settings, const std::st
     kestal_set_base64_line_continuation(context, settings[0] & 2u); // its backslashes are foreign
     kestal_set_base64_line_length(context, settings[1]);
     kestal_set_base64_output_limit(context, settings[2] == 0 ? 0u : settings[2] + 4u);
-    const auto push_or_get = [&](const void *data, size_t size) {
-        const bool done = push(context, data, size) == 0;
-        if (!done || size == 0) {
-            uint64_t length = 0;
-            char *block = kestal_get_base64(context, &length);
-            output.append(block, length);
-            kestal_free(block);
-        }
-        return done;
-    };
-    for (size_t done = 0; done < input.size(); done += piece)
-        push_or_get(&input[done], std::min(piece, input.size() - done));
-    while (!push_or_get(nullptr, 0)) {
+    bool ended = false;
+    for (size_t done = 0; !ended;) {
+        const size_t part = std::min(piece, input.size() - done);
+        ended = push(context, part == 0 ? nullptr : &input[done], part) == 0 && part == 0;
+        done += part;
+        uint64_t length = 0;
+        char *block = kestal_get_base64(context, &length);
+        output.append(block, length);
+        kestal_free(block);
     }
     kestal_close_base64(context);
     return output;
@@ -47,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     const std::string input(reinterpret_cast<const char *>(data + 4), size - 4);
     kestal::processor::allow_only(0);
-    const std::string decoded = converted(kestal_push_decode_base64, data, input, SIZE_MAX / 2);
+    const std::string decoded = converted(kestal_push_decode_base64, data, input, SIZE_MAX);
     for (const uint32_t features : {0u, kestal::processor::every_feature}) {
         kestal::processor::allow_only(features);
         require(converted(kestal_push_decode_base64, data, input, data[3] + 1u) == decoded);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-using kestal_test::counted;
 using kestal_test::noise;
 
 namespace {
@@ -51,8 +50,7 @@ struct sha256 {
 };
 
 template <typename Algorithm>
-class digest : public counted {
-protected:
+struct digest : kestal_test::counted {
     static std::string of(const std::string &message, size_t piece = SIZE_MAX)
     {
         typename Algorithm::context context;

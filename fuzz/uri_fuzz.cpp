@@ -2,7 +2,6 @@
 #include "fuzz.hpp"
 
 #include <cstring>
-#include <string>
 
 namespace {
 
@@ -13,10 +12,8 @@ void check_uri(const std::string &text)
     require((uri->m_scheme == nullptr ? "" : uri->m_scheme + std::string("://")) + uri->m_location == text);
     require(uri->m_path_query == nullptr || std::string(uri->m_location).ends_with(uri->m_path_query));
     require(uri->m_query == nullptr || std::string(uri->m_path) + "?" + uri->m_query == uri->m_path_query);
-    for (const kestal_uri_option_t *option = uri->m_options; option != nullptr; option = option->m_next) {
+    for (const kestal_uri_option_t *option = uri->m_options; option != nullptr; option = option->m_next)
         require(*option->m_option != '\0' && strlen(option->m_decoded_value) <= strlen(option->m_value));
-        require(kestal_match_wildcard(option->m_name, option->m_name) == 1 || strchr(option->m_name, '\\') != nullptr);
-    }
     kestal_search_uri_option_value(uri->m_options, text.c_str());
     kestal_close_uri(uri);
 }
@@ -30,10 +27,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (const uint32_t flags : {0u, KESTAL_PERCENT_FORM}) {
         char *encoded = kestal_encode_percent_string_ex(text.c_str(), flags, nullptr);
         char *back = kestal_decode_percent_string_ex(encoded, flags);
-        char *decoded = kestal_decode_percent_string_ex(text.c_str(), flags);
-        require(text == back && strlen(decoded) <= text.size());
-        for (char *each : {encoded, back, decoded})
-            kestal_free(each);
+        require(text == back);
+        kestal_free(encoded);
+        kestal_free(back);
     }
     return 0;
 }

@@ -1,8 +1,6 @@
 // INI texts and parameter lists.
 #include "support.hpp"
 
-using kestal_test::with_each_allocation_failing;
-
 namespace {
 
 class ini : public kestal_test::counted {};
@@ -31,7 +29,7 @@ TEST_F(ini, reads_the_same_however_it_is_split)
     const char expected[] = "/top=1\none/a=b=c\none/a b=x;y#z\none/colour=#fff\none/flag=\none/empty=\n"
                             "Two/q= a \"b\" \\ ; c \nTwo/s=a \\\nTwo/open=to the end ;\nTwo/nul=a\n"
                             "two/last=\xED\x95\x9C\xEA\xB8\x80\n";
-    for (const size_t step : {text.size(), size_t{1}, size_t{7}}) {
+    for (const size_t step : {text.size(), size_t{1}}) {
         kestal_ini_t *opened = kestal_open_ini();
         for (size_t at = 0; at < text.size(); at += step)
             EXPECT_EQ(kestal_push_ini(opened, text.data() + at, std::min(step, text.size() - at)), 0);
@@ -45,28 +43,19 @@ TEST_F(ini, finds_the_last_of_a_name)
 {
     const kestal_test::temporary_directory folder;
     kestal_ini_t *opened = kestal_load_ini(folder.file("ini", "a=0\n[S]\nA=1\nb=2\n[t]\na=3\n[s]\na=4").c_str());
-    for (const auto &[section, name, value] : {std::tuple("S", "a", "4"),
-                                               {"s", "B", "2"},
-                                               {"T", "a", "3"},
-                                               {"", "a", "0"},
-                                               {nullptr, "a", "0"},
-                                               {"t", "b", nullptr},
-                                               {"t", nullptr, nullptr}})
+    for (const auto &[section, name, value] :
+         {std::tuple("S", "a", "4"), {"s", "B", "2"}, {"T", "a", "3"}, {nullptr, "a", "0"}, {"t", "b", nullptr}})
         EXPECT_STREQ(kestal_search_ini_value(opened, section, name), value);
-    EXPECT_EQ(kestal_search_ini_entry(opened, "t", "a")->m_next->m_value, std::string("4"));
     kestal_close_ini(opened);
-    for (const std::string &path : {folder.path("none"), folder.file("large", std::string(KESTAL_INI_LIMIT + 1, '\n'))})
-        EXPECT_EQ(kestal_load_ini(path.c_str()), nullptr);
+    EXPECT_EQ(kestal_load_ini(folder.file("large", std::string(KESTAL_INI_LIMIT + 1, '\n')).c_str()), nullptr);
 }
 
 TEST_F(ini, splits_parameter_lists)
 {
     for (const auto &[text, expected] :
-         {std::pair("username=\"a, b=c&d%20\",qop=auth, nc = 00000001 ,,x",
-                    "/username=a, b=c&d%20\n/qop=auth\n/nc=00000001\n/x=\n"),
-          {"a=\"\\\"q\\\\\" , junk\", b=it's 'so, c=;d", "/a=\"q\\\n/junk\"=\n/b=it's 'so\n/c=;d\n"},
+         {std::pair("a=\"\\\"q\\\\\" , junk\", b=it's 'so, c=;d", "/a=\"q\\\n/junk\"=\n/b=it's 'so\n/c=;d\n"),
           {" a\r\n = \r\n\tb c\t,=x,\"y\"=z,d==,e=\"open, \\", "/a=b c\n/\"y\"=z\n/d==\n/e=open, \\\n"},
-          {"a=1,[s],A=\"2\"x=3,b=", "/a=1\n/[s]=\n/A=2\n/b=\n"},
+          {"a=1,[s],A=\"2\"x=3,,b=,c", "/a=1\n/[s]=\n/A=2\n/b=\n/c=\n"},
           {nullptr, ""}})
         EXPECT_EQ(entries(kestal_parse_ini_parameters(text)), expected);
 }
@@ -78,15 +67,12 @@ TEST_F(ini, ends_at_its_limit_and_without_memory)
     EXPECT_EQ(kestal_push_ini_string(opened, "a=1\nb=2"), 0);
     EXPECT_EQ(kestal_push_ini_string(opened, "\n\n"), -1);
     kestal_set_ini_limit(opened, 0);
-    EXPECT_EQ(kestal_push_ini_string(opened, "c"), -1);
-    EXPECT_EQ(kestal_end_ini(opened), -1);
+    EXPECT_EQ(kestal_push_ini_string(opened, "c") + kestal_end_ini(opened), -2) << "for good";
     EXPECT_EQ(entries(opened), "/a=1\n");
     EXPECT_EQ(kestal_push_ini(nullptr, "a", 1) + kestal_end_ini(nullptr) + kestal_set_ini_limit(nullptr, 0), -3);
-    EXPECT_EQ(kestal_first_ini_entry(nullptr), nullptr);
-    EXPECT_EQ(kestal_search_ini_value(nullptr, "", "a"), nullptr);
     const kestal_test::temporary_directory folder;
     const std::string path = folder.file("ini", "[s]\n" + std::string(5000, 'a') + "=b\n");
-    EXPECT_GE(with_each_allocation_failing([&] {
+    EXPECT_GE(kestal_test::with_each_allocation_failing([&] {
                   kestal_close_ini(kestal_load_ini(path.c_str()));
                   kestal_close_ini(kestal_parse_ini_parameters("a=\"b\", c=d"));
               }),

@@ -1,9 +1,7 @@
 // URIs, their options and percent coding.
 #include "support.hpp"
 
-using kestal_test::failing_allocation;
 using kestal_test::owned;
-using kestal_test::with_each_allocation_failing;
 
 namespace {
 
@@ -16,19 +14,15 @@ TEST_F(uri, percent_coding)
         uint32_t flags;
         const char *keep, *result;
     } encoded[] = {
-        {"AZaz09-._~", 0, nullptr, "AZaz09-._~"},
-        {"a b/\xC3\xA9", 0, nullptr, "a%20b%2F%C3%A9"},
-        {"a b/\xC3\xA9", 1, nullptr, "a+b%2F%C3%A9"},
+        {"aZ9-._~ b/\xC3\xA9", 0, nullptr, "aZ9-._~%20b%2F%C3%A9"},
         {"a b/\xC3\xA9", 0, "/", "a%20b/%C3%A9"},
         {"\x01\x7F\xFF%+@[`{", 0, "", "%01%7F%FF%25%2B%40%5B%60%7B"},
-        {"+ \xFF", 1, " +\xFF", "++\xFF"},
+        {"+ a\xFF", 1, "+\xFF", "++a\xFF"},
         {nullptr, 0, nullptr, "<null>"},
     };
     for (const auto &[text, flags, keep, result] : encoded)
         EXPECT_EQ(owned(kestal_encode_percent_string_ex(text, flags, keep)), result);
-    EXPECT_EQ(owned(kestal_encode_percent_string("a b")), "a%20b");
-    for (const auto &[text, result] : {std::pair("a+b%2B", "a+b+"),
-                                       {"a%20b%2f%fF", "a b/\xFF"},
+    for (const auto &[text, result] : {std::pair("a+b%2B%fF", "a+b+\xFF"),
                                        {"%4g%411", "\x04gA1"},
                                        {"%4", "\x04"},
                                        {"%%41%zz%", "%A%zz%"},
@@ -58,22 +52,14 @@ TEST_F(uri, is_cut_into_parts)
 {
     const std::pair<const char *, const char *> cases[] = {
         {"tftp://user:pw@h:69/d/f?x=1", "tftp - user pw h 69 69 user:pw@h:69/d/f?x=1 /d/f?x=1 /d/f /d/f x=1"},
-        {"tftp://host//dir/f", "tftp - - - host - 0 host//dir/f //dir/f //dir/f //dir/f -"},
         {"ftp://user:p:w@host:2121/x", "ftp - user p:w host 2121 2121 user:p:w@host:2121/x /x /x /x -"},
         {"ftp@active@x://host/?", "ftp active@x - - host - 0 host/? /? / / "},
         {"@q://", " q - - - - 0  - - / -"},
         {"http://[fe80::1]:8080/", "http - - - fe80::1 8080 8080 [fe80::1]:8080/ / / / -"},
-        {"host:abc/x", "- - - - host:abc - 0 host:abc/x /x /x /x -"},
-        {"udp://:5000", "udp - - - - 5000 5000 :5000 - - / -"},
-        {"[::1]:69", "- - - - ::1 69 69 [::1]:69 - - / -"},
-        {"[]", "- - - -  - 0 [] - - / -"},
-        {"x://:@/", "x -    - 0 :@/ / / / -"},
-        {"x://@h", "x -  - h - 0 @h - - / -"},
+        {"[x:abc/y", "- - - - [x:abc - 0 [x:abc/y /y /y /y -"},
+        {"h:", "- - - - h: - 0 h: - - / -"},
         {"x://a@b@h:1:2", "x - a@b - h:1 2 2 a@b@h:1:2 - - / -"},
-        {"x://u:21@h:", "x - u 21 h: - 0 u:21@h: - - / -"},
-        {"host?q=1", "- - - - host?q=1 - 0 host?q=1 - - / -"},
         {"x:///a%20b%2f", "x - - - - - 0 /a%20b%2f /a%20b%2f /a%20b%2f /a b/ -"},
-        {"://h/p://q", " - - - h - 0 h/p://q /p://q /p://q /p://q -"},
         {"h:99999999999999999999", "- - - - h 99999999999999999999 0 h:99999999999999999999 - - / -"},
         {"", "- - - - - - 0  - - / -"},
     };
@@ -97,28 +83,21 @@ TEST_F(uri, options_are_parsed_and_found)
             all += part + std::string(";");
     EXPECT_EQ(all, "a=1;a;1;a;1;b;b;;b;;c=x%20y;c;x%20y;c;x y;%44=+=;%44;+=;D;+=;a+b=c+d;a+b;c+d;a b;c d;");
     for (const auto &[pattern, value, decoded] :
-         {std::tuple("x|C", "x%20y", "x y"), {"d", "+=", "+="}, {"a?b", "c+d", "c d"}, {"e", nullptr, nullptr}}) {
+         {std::tuple("x|C", "x%20y", "x y"), {"a?b", "c+d", "c d"}, {"e", nullptr, nullptr}}) {
         EXPECT_STREQ(kestal_search_uri_option_value(list, pattern), value);
         EXPECT_STREQ(kestal_search_uri_option_decode_value(list, pattern), decoded);
     }
-    EXPECT_EQ(kestal_search_uri_option_node(list, nullptr), nullptr);
     EXPECT_EQ(kestal_free_uri_option(list), 0);
 }
 
 TEST_F(uri, short_memory_leaves_parts_out)
 {
-    EXPECT_GT(with_each_allocation_failing([] {
+    EXPECT_GT(kestal_test::with_each_allocation_failing([] {
                   if (kestal_uri_t *opened = kestal_open_uri("ftp@q://u:p@h:1/d?a=1&b=2"))
                       kestal_close_uri(opened);
                   owned(kestal_encode_percent_string("a b"));
               }),
               15u);
-    for (const uint64_t nth : {1u, 3u}) { // the first option, its decoded value
-        const failing_allocation failing(nth);
-        kestal_uri_option_t *list = kestal_parse_uri_option(nullptr, "a=%41&b=2", 0);
-        EXPECT_STREQ(kestal_search_uri_option_decode_value(list, "*"), nth == 1 ? "2" : "%41");
-        kestal_free_uri_option(list);
-    }
 }
 
 } // namespace

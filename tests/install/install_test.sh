@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # install_test.sh SOURCE BUILD: installs BUILD into a temporary prefix, and builds and runs a C11 and a C++ program
-# against the copy: by pkg-config, against the archive, and by the CMake package. The C program is the README's first.
+# against the copy: by pkg-config, against the archive, and by the CMake package. Both are the README's first program.
 # CC and CXX name the compilers.
 set -euo pipefail
 source=$1
@@ -20,8 +20,7 @@ check()
 
 cmake --install "$build" --prefix "$prefix" >"$work/install.log"
 library=$(dirname "$(find "$prefix" -name libkestal_ulx.a)")
-check "$(readlink "$library/libkestal_ulx.so")" libkestal_ulx.so.0
-check "$(readlink "$library/libkestal_ulx.so.0")" libkestal_ulx.so.0.0.1
+check "$(basename "$(readlink -f "$library/libkestal_ulx.so")")" libkestal_ulx.so.0.0.1
 export LD_LIBRARY_PATH=$library PKG_CONFIG_PATH=$library/pkgconfig
 
 # The README's first program and, from the block after it, what it prints.
@@ -35,8 +34,8 @@ expected=$(readme_block text)
 read -ra flags < <(pkg-config --cflags --libs kestal_ulx)
 "$CC" -std=c11 "${strict[@]}" "$work/first.c" "${flags[@]}" -o "$work/first"
 check "$("$work/first")" "$expected"
-"$CXX" -std=c++17 "${strict[@]}" "$source/tests/install/consumer.cpp" "${flags[@]}" -o "$work/consumer"
-"$work/consumer"
+"$CXX" -std=c++17 "${strict[@]}" -x c++ "$work/first.c" "${flags[@]}" -o "$work/first_cpp"
+check "$("$work/first_cpp")" "$expected"
 
 read -ra flags < <(pkg-config --static --cflags --libs kestal_ulx)
 "$CC" -std=c11 "${strict[@]}" "$work/first.c" -static "${flags[@]}" -o "$work/first_static"
@@ -58,7 +57,7 @@ done
 cmake -S "$source/tests/install" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" -DFIRST_PROGRAM="$work/first.c" \
     -DPARTS="$(IFS=';' && printf '%s' "${parts[*]}")" >/dev/null
 cmake --build "$work/cmake" >/dev/null
-check "$("$work/cmake/first_c")" "$expected"
-check "$(env -u LD_LIBRARY_PATH "$work/cmake/first_c_static")" "$expected"
-"$work/cmake/consumer"
+for program in first_c first_c_static first_cpp; do
+    check "$(env -u LD_LIBRARY_PATH "$work/cmake/$program")" "$expected"
+done
 echo "installed, linked and run from $prefix"

@@ -8,7 +8,6 @@ trap 'rm -rf "$work"' EXIT
 
 awk '$0 == "```c" { inside = 1; next } inside && /^```/ { exit } inside' README.md >"$work/readme.c"
 for program in "$work/readme.c" tests/musl/*.c docs/guide/*.c; do
-    [ -e "$program" ] || continue
     name=$(basename "$program" .c)
     for kind in shared static; do
         if [ $kind = shared ]; then

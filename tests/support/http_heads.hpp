@@ -27,12 +27,11 @@ struct http_head {
     }
 };
 
-// A line as "TYPE" with its texts, numbers, and what follows the part that was understood.
+// A line as its type with its texts, numbers, and what follows the part that was understood.
 inline std::string shown(const kestal_http_node_t *node)
 {
     char type[16];
-    kestal_snprintf(type, sizeof type, "%x", node->m_type);
-    std::string line = type;
+    std::string line(type, kestal_snprintf(type, sizeof type, "%x", node->m_type));
     for (const char *text : {node->m_text1, node->m_text2, node->m_text3, node->m_text4})
         if (text != nullptr)
             line += "|" + std::string(text);

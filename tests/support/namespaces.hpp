@@ -23,7 +23,7 @@ public:
     other_network &operator=(const other_network &) = delete;
 
     std::string process() const { return std::to_string(process_); }
-    // Runs the work in that network, in a process of its own, and waits for it.
+    // Runs the work in that network, on a thread of its own, and waits for it.
     void run(const std::function<void()> &work) const;
 
 private:

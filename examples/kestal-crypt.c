@@ -99,7 +99,7 @@ static const cipher_t ciphers[] = {
 };
 
 static const char help[] =
-    "kestal-crypt encrypt|decrypt [OPTION...] [INPUT]\n"
+    "usage: kestal-crypt encrypt|decrypt [OPTION...] [INPUT]\n"
     "\n"
     "Enciphers or deciphers INPUT, or standard input when it is absent or \"-\".\n"
     "\n"

@@ -2,9 +2,6 @@
 #include "fuzz.hpp"
 
 #include <algorithm>
-#include <cctype>
-#include <cstring>
-#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -22,7 +19,7 @@ int32_t next_reply(std::string &rest, std::string &text)
             return -1;
         const std::string line = rest.substr(0, std::min(end, longest_line));
         rest.erase(0, end + (rest.compare(end, 2, "\r\n") == 0 ? 2 : 1));
-        if (line.size() < 4 || std::isdigit(static_cast<unsigned char>(line[0])) == 0 || line[3] != ' ')
+        if (line.size() < 4 || line[0] < '0' || line[0] > '9' || line[3] != ' ')
             continue;
         text = line.substr(4).c_str(); // a NUL ends what a caller sees
         return std::atoi(line.substr(0, 3).c_str());

@@ -5,10 +5,8 @@
 #include <algorithm>
 #include <fcntl.h>
 #include <fstream>
-#include <linux/sockios.h>
 #include <netinet/tcp.h>
 #include <pty.h>
-#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -66,15 +64,6 @@ std::string content_of(const std::string &path)
     return file ? std::string{std::istreambuf_iterator<char>(file), {}} : "<none>";
 }
 
-std::string receive_all(kestal_ftp_t *ftp)
-{
-    std::string text;
-    char block[1000];
-    for (int32_t count; (count = kestal_ftp_recv_stream(ftp, block, sizeof block, 10000)) > 0;)
-        text.append(block, static_cast<size_t>(count));
-    return text;
-}
-
 // --- replies
 
 TEST_F(ftp, reads_replies_however_they_are_split)
@@ -84,12 +73,9 @@ TEST_F(ftp, reads_replies_however_they_are_split)
         int32_t code;
         const char *text;
         std::string echo;
-    } cases[] = {
-        {"230-Welcome\r\n230-x\r\n230 OK\r\n", 230, "OK", "230-Welcome\n230-x\n230 OK\n"},
-        {"2300 x\r\n\r\n12 y\rA23 z\n230 \r\n", 230, "", "2300 x\n\n12 y\nA23 z\n230 \n"},
-        {"230\r\n211-free\n 226 x\n500 other\r", 500, "other", "230\n211-free\n 226 x\n500 other\n"},
-        {"150 \xEC\x95\x88\r\n", 150, "\xEC\x95\x88", "150 \xEC\x95\x88\n"},
-    };
+    } cases[] = {{"230-Welcome\r\n230-x\r\n230 OK\r\n", 230, "OK", "230-Welcome\n230-x\n230 OK\n"},
+                 {"2300 x\r\n\r\n12 y\rA23 z\n230 \r\n", 230, "", "2300 x\n\n12 y\nA23 z\n230 \n"},
+                 {"230\r\n211-free\n 226 x\n500 other\r", 500, "other", "230\n211-free\n 226 x\n500 other\n"}};
     for (const auto &[sent, code, text, echo] : cases)
         for (size_t split = 0; split < sent.size(); ++split) { // in two pieces, at first byte by byte
             const caught_console console;
@@ -109,33 +95,23 @@ TEST_F(ftp, reads_replies_however_they_are_split)
 
 TEST_F(ftp, ends_with_the_connection_or_the_time_and_bounds_lines)
 {
+    // The time-out begins anew with every line, within bounds.
+    for (const auto &[lines, step, code] : {std::tuple(9, 1000u, 230), {0, 1000, -1}, {100, 10000, -1}}) {
+        wire server;
+        for (int line = 1; line <= lines; ++line)
+            server.send(line < lines ? "230-goes on\r\n" : "230 ends\r\n");
+        EXPECT_EQ(as_time_passes(step, [&] { return kestal_ftp_noop(server.of); }), code) << lines;
+        EXPECT_TRUE(code != -1 || errno == ETIMEDOUT) << lines;
+    }
     wire server;
     EXPECT_EQ(kestal_ftp_check(server.of), 0);
-    // The time-out begins anew with every line, within bounds.
-    const auto noop = [&] { return kestal_ftp_noop(server.of); };
-    for (const auto &[lines, code] : {std::pair(texts{"230-a\r\n", "230-b\r\n", "230 c\r\n"}, 230),
-                                      {texts(100, "230-for ever\r\n"), -1},
-                                      {{}, -1}}) {
-        size_t sent = 0;
-        const auto send_next = [&, &lines = lines] {
-            int unread = 0;
-            if (sent == lines.size() || ioctl(server.ends[1], SIOCOUTQ, &unread) != 0 || unread > 0)
-                return lines.empty();
-            server.send(lines[sent++]);
-            return true;
-        };
-        EXPECT_EQ(as_time_passes(20000, send_next, noop), code);
-        EXPECT_LT(sent, 90u);
-        EXPECT_TRUE(code != -1 || errno == ETIMEDOUT);
-    }
     server.send("331 " + std::string(40000, 'x'));
     server.send("\n230-unfinished\r\n");
     server.send("23");
     EXPECT_EQ(kestal_ftp_command_puts(server.of, "FIRST\r\n"), 331);
-    EXPECT_EQ(server.of->m_reply_length, 16383u);
     EXPECT_EQ(strlen(server.of->m_reply_text), 16379u);
     server.hang_up();
-    for (const char *command : {"NOOP\r\n", static_cast<const char *>(nullptr), "NOOP\r\n"}) {
+    for (const char *command : {"NOOP\r\n", static_cast<const char *>(nullptr)}) {
         EXPECT_EQ(kestal_ftp_command_puts(server.of, command), -1);
         EXPECT_EQ(server.of->m_reply_code, -1);
     }
@@ -147,40 +123,37 @@ TEST_F(ftp, sends_commands_as_they_are_written)
     ftp_server server;
     const client of(server.uri());
     server.heard();
-    EXPECT_EQ(kestal_ftp_help(of, nullptr) + kestal_ftp_help(of, "RETR") + kestal_ftp_opts(of, "UTF8 ON") +
-                  kestal_ftp_site(of, "IDLE") + kestal_ftp_acct(of, "a") + kestal_ftp_syst(of) +
-                  kestal_ftp_mode(of, "S") + kestal_ftp_stru(of, "F") + kestal_ftp_mdtm(of, "f") +
-                  kestal_ftp_stat(of, "") + kestal_ftp_stat(of, "a b") + kestal_ftp_cwd(of, "d") + kestal_ftp_cdup(of) +
-                  kestal_ftp_mkd(of, "\xEC\x95") + kestal_ftp_rmd(of, "d") +
+    EXPECT_EQ(kestal_ftp_help(of, nullptr) + kestal_ftp_opts(of, "UTF8 ON") + kestal_ftp_site(of, "IDLE") +
+                  kestal_ftp_acct(of, "a") + kestal_ftp_mode(of, "S") + kestal_ftp_stru(of, "F") +
+                  kestal_ftp_mdtm(of, "f") + kestal_ftp_stat(of, "") + kestal_ftp_cdup(of) +
+                  kestal_ftp_mkd(of, "\xEC\x95") + kestal_ftp_rmd(of, "d e") +
                   kestal_ftp_command_printf(of, "X%03d\r\n", 7) + kestal_ftp_quit(of),
-              17 * 500);
-    EXPECT_EQ(kestal_ftp_rest(of, UINT64_MAX) + kestal_ftp_epsv(of, 1), 350 + 229);
+              13 * 500);
+    EXPECT_EQ(kestal_ftp_rest(of, UINT64_MAX), 350);
     // Nothing that would be two commands, or none.
     EXPECT_EQ(kestal_ftp_dele(of, "x\rDELE y") + kestal_ftp_cwd(of, "a\nb") + kestal_ftp_cwd(of, nullptr), -3);
-    EXPECT_EQ(server.heard(), "HELP|HELP RETR|OPTS UTF8 ON|SITE IDLE|ACCT a|SYST|MODE S|STRU F|MDTM f|STAT|STAT a b|"
-                              "CWD d|CDUP|MKD \xEC\x95|RMD d|X007|QUIT|REST 18446744073709551615|EPSV 1|");
+    EXPECT_EQ(server.heard(), "HELP|OPTS UTF8 ON|SITE IDLE|ACCT a|MODE S|STRU F|MDTM f|STAT|CDUP|MKD \xEC\x95|RMD d e|"
+                              "X007|QUIT|REST 18446744073709551615|");
 
-    for (const auto &[command, answer] : ftp_server::answers{{"SYST", "215 UNIX\r\n"},
-                                                             {"PWD", "257 \"/a \"\"b\"\" c\" is it\r\n"},
-                                                             {"CWD", "250 ok\r\n"},
-                                                             {"RNFR", "350 ok\r\n"},
-                                                             {"RNTO", "250 ok\r\n"},
-                                                             {"DELE", "250 ok\r\n"}})
-        server.answer(command, answer);
+    server.answer("SYST", "215 UNIX\r\n");
     EXPECT_STREQ(kestal_ftp_get_system(of), "UNIX");
+    server.answer("PWD", "257 \"/a \"\"b\"\" c\" is it\r\n");
     EXPECT_STREQ(kestal_ftp_get_pwd(of), "/a \"b\" c");
-    EXPECT_EQ(kestal_ftp_chdir(of, "d") | kestal_ftp_rename(of, "a", "b") | kestal_ftp_remove(of, "b"), 0);
-    server.answer("RNTO", "550 no\r\n");
-    EXPECT_EQ(kestal_ftp_rename(of, "a", "b"), -1);
     server.answer("PWD", "257 \"open\r\n");
     EXPECT_EQ(kestal_ftp_get_pwd(of), nullptr);
-    for (const char *answer : {"213 123456789012\r\n", "213 18446744073709551616\r\n", "213 -1\r\n", "213 \r\n",
-                               "213 1x\r\n", "550 1\r\n"}) {
+    server.answer("RNFR", "350 ok\r\n");
+    EXPECT_EQ(kestal_ftp_rename(of, "a", "b") + kestal_ftp_chdir(of, "d") + kestal_ftp_remove(of, "b"), -3);
+    for (const char *command : {"RNTO", "CWD", "DELE"})
+        server.answer(command, "250 ok\r\n");
+    EXPECT_EQ(kestal_ftp_rename(of, "a", "b") | kestal_ftp_chdir(of, "d") | kestal_ftp_remove(of, "b"), 0);
+    for (const auto &[answer, wanted] : {std::pair("213 123456789012\r\n", 123456789012u),
+                                         {"213 18446744073709551616\r\n", 0},
+                                         {"213 -1\r\n", 0},
+                                         {"550 1\r\n", 0}}) {
         uint64_t size = 1;
         server.answer("SIZE", answer);
-        const bool is_size = answer == std::string("213 123456789012\r\n");
-        EXPECT_EQ(kestal_ftp_get_size(of, "f", &size), is_size ? 0 : -1) << answer;
-        EXPECT_EQ(size, is_size ? 123456789012u : 0u);
+        EXPECT_EQ(kestal_ftp_get_size(of, "f", &size), wanted == 0 ? -1 : 0) << answer;
+        EXPECT_EQ(size, wanted) << answer;
     }
 }
 
@@ -193,18 +166,14 @@ TEST_F(ftp, logs_in)
         ftp_server::answers answers;
         int32_t result;
         const char *heard;
-    } cases[] = {
-        {"", nullptr, nullptr, {}, 0, "USER anonymous|PASS anonymous@localhost|TYPE A|"},
-        {"joe:p%40ss%zz@", nullptr, nullptr, {}, 0, "USER joe|PASS p@ss%zz|TYPE A|"},
-        {"joe:@", "ann", nullptr, {}, 0, "USER ann|PASS |TYPE A|"},
-        {"joe:pw@", nullptr, "own", {}, 0, "USER joe|PASS own|TYPE A|"},
-        {"joe@", nullptr, nullptr, {{"USER", "230 in\r\n"}}, 0, "USER joe|TYPE A|"},
-        {"", nullptr, nullptr, {{"PASS", "530 no\r\n"}}, -1, "USER anonymous|PASS anonymous@localhost|"},
-        {"", nullptr, nullptr, {{"USER", "530 no\r\n"}}, -1, "USER anonymous|"},
-        {"", nullptr, nullptr, {{"TYPE", "504 no\r\n"}}, 0, "USER anonymous|PASS anonymous@localhost|TYPE A|"},
-        {"", nullptr, nullptr, {{"TYPE", "hang up"}}, -1, "USER anonymous|PASS anonymous@localhost|TYPE A|"},
-        {"a%0D%0ADELE%20b@", nullptr, nullptr, {}, -1, ""},
-    };
+    } cases[] = {{"", nullptr, nullptr, {}, 0, "USER anonymous|PASS anonymous@localhost|TYPE A|"},
+                 {"joe:p%40ss%zz@", nullptr, nullptr, {}, 0, "USER joe|PASS p@ss%zz|TYPE A|"},
+                 {"joe:@", "ann", nullptr, {}, 0, "USER ann|PASS |TYPE A|"},
+                 {"joe@", nullptr, nullptr, {{"USER", "230 in\r\n"}}, 0, "USER joe|TYPE A|"},
+                 {"joe:pw@", nullptr, "own", {{"USER", "530 no\r\n"}}, -1, "USER joe|"},
+                 {"joe:pw@", nullptr, "own", {{"TYPE", "504 no\r\n"}}, 0, "USER joe|PASS own|TYPE A|"},
+                 {"joe:pw@", nullptr, "own", {{"TYPE", "hang up"}}, -1, "USER joe|PASS own|TYPE A|"},
+                 {"a%0D%0ADELE%20b@", nullptr, nullptr, {}, -1, ""}};
     const client of;
     for (const auto &[user_in_uri, user, password, answers, result, heard] : cases) {
         ftp_server server("127.0.0.1", answers);
@@ -216,9 +185,8 @@ TEST_F(ftp, logs_in)
     // Only one greeting is welcome.
     ftp_server server("127.0.0.1", {{"", "120-busy\r\n120 come later\r\n"}});
     EXPECT_EQ(kestal_ftp_connect(of, server.uri().c_str(), 0), -1);
-    EXPECT_EQ(of->m_control_socket, -1);
     EXPECT_STREQ(of->m_reply_text, "come later");
-    for (const char *uri : {"ftp://", "ftp:///x", "", static_cast<const char *>(nullptr), "ftp://127.0.0.1:1/"})
+    for (const char *uri : {"ftp:///x", static_cast<const char *>(nullptr), "ftp://127.0.0.1:1/"})
         EXPECT_EQ(kestal_ftp_connect(of, uri, 0), -1);
     EXPECT_EQ(errno, ECONNREFUSED);
 }
@@ -248,16 +216,9 @@ TEST_F(ftp, asks_the_user)
         std::string heard;
     } cases[] = {
         {{"joe\n", secret + "\n"}, 1, 0, "", "Username: Password: ", "USER joe|PASS " + secret + "|TYPE I|"},
-        {{"bad\n", secret + "\n"},
-         2,
-         0,
-         "joe@",
-         "Password: Password: ",
-         "USER joe|PASS bad|PASS " + secret + "|TYPE I|"},
+        {{secret + "\n"}, 2, 0, "joe:bad@", "Password: ", "USER joe|PASS bad|PASS " + secret + "|TYPE I|"},
         {{"joe\n", "b\n", "c\n"}, -1, -1, "@", "Username: Password: Password: Password: ", "USER joe|PASS b|PASS c|"},
         {{secret + "\n"}, 1, -1, "joe@", "Password: ", "USER joe|PASS " + secret + "|"},
-        {{secret + "\n"}, 2, 0, "joe:bad@", "Password: ", "USER joe|PASS bad|PASS " + secret + "|TYPE I|"},
-        {{"anonymous\n"}, 1, -1, "", "Username: ", "USER anonymous|PASS anonymous@localhost|"},
         {{std::string(256, 'x') + "\n"}, 1, -1, "", "Username: ", ""},
     };
     int ends = -1;
@@ -282,10 +243,13 @@ TEST_F(ftp, asks_the_user)
         EXPECT_EQ(server.heard(), heard);
         EXPECT_EQ(asked, prompts);
         // What the terminal showed: user names only.
-        std::string shown(4096, '\0');
-        shown.resize(static_cast<size_t>(read(terminal, shown.data(), shown.size())));
-        EXPECT_EQ(shown.find(secret), std::string::npos);
-        EXPECT_EQ(shown.find("joe") != std::string::npos, answers[0] == "joe\n");
+        char shown[4096];
+        for (std::string all; all.find(answers[0] == "joe\n" ? "joe\r\n" : "\n") == std::string::npos;) {
+            const ssize_t count = read(terminal, shown, sizeof shown);
+            ASSERT_GT(count, 0);
+            all.append(shown, static_cast<size_t>(count));
+            EXPECT_EQ(all.find(secret), std::string::npos);
+        }
     }
     kestal_set_puts_handler(before, nullptr);
     dup2(input, STDIN_FILENO);
@@ -301,59 +265,14 @@ TEST_F(ftp, reads_addresses_in_replies)
     EXPECT_TRUE(kestal::parse_pasv_reply("go (127,1,2,255,4,210).", address));
     EXPECT_EQ(ntohl(address.sin_addr.s_addr), 0x7F0102FFu);
     EXPECT_EQ(ntohs(address.sin_port), 1234);
-    for (const char *text : {"", "(", "127,0,0,1,4,210", "(127,0,0,1,4)", "(127,0,0,1,4,256)", "(127,0,0,1,,210)",
-                             "(-1,0,0,1,4,210)", "(127,0,0,1,4,210", "(127.0.0.1,4,210)", "(127,0,0,1,0,0)",
-                             "(4294967423,0,0,1,4,210)", "(127,0,0,1,4,2100000000000000000000)", "(127,0)(0,1,4,210)"})
+    for (const char *text : {"", "127,0,0,1,4,210", "(127,0,0,1,4)", "(127,0,0,1,4,256)", "(127,0,0,1,,210)",
+                             "(127,0,0,1,4,210", "(127.0.0.1,4,210)", "(127,0,0,1,0,0)", "(4294967423,0,0,1,4,210)"})
         EXPECT_FALSE(kestal::parse_pasv_reply(text, address)) << text;
-    for (const char *text : {"go (|||1234|)", "(|1||1234|)", "(|2|::1|1234|)", "(!!!1234!)", "(,,,1234)"})
+    for (const char *text : {"go (|||1234|)", "(|2|::1|1234|)", "(!!!1234!)", "(,,,1234)"})
         EXPECT_EQ(kestal::parse_epsv_reply(text), 1234u) << text;
-    for (const char *text : {"(|||65536|)", "(|||0|)", "(||80|)", "(|||-5|)", "(|||80", "|||80|", "(", "", "(|", "(|||",
-                             "(|||4294967376|)", "(||||)", "()", "(1112341)"})
+    for (const char *text :
+         {"(|||65536|)", "(|||0|)", "(||80|)", "(|||80", "|||80|", "(", "(|", "(||||)", "()", "(1112341)"})
         EXPECT_EQ(kestal::parse_epsv_reply(text), 0u) << text;
-}
-
-// All kinds of stream, one after the other.
-void move_all(const client &of, const std::string &host, const std::string &mode, const std::string &opens)
-{
-    ftp_server server(host);
-    const std::string data = noise(300000);
-    server.serve(data);
-    of.log_in(server.uri("/dir/a%20b?x", "ftp@" + mode));
-    server.heard();
-    const struct {
-        const char *mode, *path;
-        uint64_t offset;
-        const char *heard;
-    } streams[] = {{"r", "", 0, "|RETR dir/a b|"}, {"RB", "f", 299990, "|REST 299990|RETR f|"},
-                   {"list", "", 0, "|LIST|"},      {"N", "d", 0, "|NLST d|"},
-                   {"w", "up", 0, "|STOR up|"},    {"A", nullptr, 0, "|APPE dir/a b|"}};
-    for (const auto &[letter, path, offset, heard] : streams) {
-        EXPECT_EQ(kestal_ftp_open_stream(of, offset, path, letter), 0) << heard;
-        const bool is_upload = *letter == 'w' || *letter == 'A';
-        for (size_t sent = 0; is_upload && sent < data.size();) {
-            const int32_t count = kestal_ftp_send_stream(of, &data[sent], data.size() - sent, -1);
-            ASSERT_GT(count, 0) << strerror(errno);
-            sent += static_cast<size_t>(count);
-        }
-        EXPECT_TRUE(is_upload || receive_all(of) == data.substr(offset));
-        EXPECT_EQ(of->m_bytes, data.size() - offset);
-        EXPECT_EQ(kestal_ftp_close_stream(of), 0);
-        EXPECT_TRUE(server.stored() == (is_upload ? data : ""));
-        EXPECT_EQ(server.heard(), opens + heard);
-    }
-    kestal_ftp_disconnect(of);
-}
-
-// Both families, both ways of opening the data connection.
-TEST_F(ftp, moves_data_every_way)
-{
-    const client of;
-    move_all(of, "127.0.0.1", "ACTIVE", "PORT 127,0,0,1,N");
-    move_all(of, "127.0.0.1", "Passive", "PASV");
-    if (kestal_check_ipv6_support() != 0)
-        return;
-    move_all(of, "::1", "active", "EPRT |2|::1|N|");
-    move_all(of, "::1", "passive", "EPSV 2");
 }
 
 TEST_F(ftp, refuses_streams_and_stays_in_step)
@@ -362,29 +281,24 @@ TEST_F(ftp, refuses_streams_and_stays_in_step)
         const char *command, *answer;
         int32_t passive;
         uint64_t offset;
-    } cases[] = {
-        {"PASV", "500 no\r\n", 1, 0},   {"PASV", "227 (127,0,0,1,0,1)\r\n", 1, 0}, // nobody listens
-        {"PASV", "227 lost\r\n", 1, 0}, {"REST", "320 odd\r\n", 1, 9},
-        {"RETR", "550 none\r\n", 1, 0}, {"RETR", "226 nothing to do\r\n", 1, 0},
-        {"PORT", "500 no\r\n", 0, 0},   {"RETR", "150 now\r\n425 cannot\r\n", 0, 0}, // never comes
-    };
+    } cases[] = {{"REST", "320 odd\r\n", 1, 9},
+                 {"RETR", "226 nothing to do\r\n", 1, 0},
+                 {"PORT", "500 no\r\n", 0, 0},
+                 {"RETR", "150 now\r\n425 cannot\r\n", 0, 0}}; // never comes
     for (const auto &[command, answer, passive, offset] : cases) {
         ftp_server server("127.0.0.1", {{command, answer}});
         const client of(server.uri());
         of->m_passive = passive;
         EXPECT_EQ(kestal_ftp_open_stream(of, offset, "f", "r"), -1) << answer;
-        EXPECT_EQ(std::max({of->m_data_socket, of->m_listen_socket, of->m_accepted_socket}), -1);
         EXPECT_EQ(strstr(answer, "\r\n425") != nullptr ? kestal_ftp_command_puts(of, nullptr) : 425, 425);
         EXPECT_EQ(kestal_ftp_noop(of), 200) << answer;
     }
     ftp_server server;
     const client of(server.uri(""));
-    for (const char *mode : {"x", "", static_cast<const char *>(nullptr), "r"}) // the last without a path
+    for (const char *mode : {"x", static_cast<const char *>(nullptr), "r"}) // the last without a path
         EXPECT_EQ(kestal_ftp_open_stream(of, 0, nullptr, mode), -1);
+    EXPECT_EQ(kestal_ftp_close_stream(of), -1);
     char byte;
-    EXPECT_EQ(kestal_ftp_recv_stream(of, &byte, 1, 0) + kestal_ftp_send_stream(of, &byte, 1, 0) +
-                  kestal_ftp_close_stream(of),
-              -3);
     // A server that lets its client wait: for data, and for a connection.
     server.answer("RETR", "150 wait\r\n");
     EXPECT_EQ(kestal_ftp_open_stream(of, 0, "f", "r"), 0);
@@ -422,93 +336,88 @@ TEST_F(ftp, refuses_streams_and_stays_in_step)
     EXPECT_EQ(of->m_listen_socket, -1);
 }
 
+// A connected client in the middle of an upload, and the server's end of its data connection.
+struct slow_upload : wire {
+    slow_upload()
+    {
+        kestal_socket_pair_t pair;
+        EXPECT_EQ(kestal_socket_pair(AF_INET, SOCK_STREAM, IPPROTO_TCP, &pair), 0);
+        of->m_data_socket = pair.m_socket[0];
+        data = pair.m_socket[1];
+        const std::string block(100000, 'x');
+        while (kestal_ftp_send_stream(of, block.data(), block.size(), 0) > 0)
+            ;
+    }
+    // Once the client has said all; it waits for the rest to go.
+    void wait_until_closing() const
+    {
+        tcp_info info = {};
+        socklen_t size = sizeof info;
+        kestal_test::wait_until([&] {
+            const bool is_open = getsockopt(of->m_data_socket, IPPROTO_TCP, TCP_INFO, &info, &size) == 0;
+            return !is_open || info.tcpi_state == TCP_FIN_WAIT1;
+        });
+    }
+
+    int32_t data;
+};
+
 TEST_F(ftp, waits_for_a_slow_link)
 {
-    ftp_server server;
-    std::atomic<bool> is_all_given = false;
-    server.before_upload([&] {
-        kestal_test::wait_until([&] { return is_all_given.load(); });
-        for (int i = 0; i < 3; ++i, kestal_test::advance_clock(15000)) // longer than a reply, not than data
-            std::this_thread::sleep_for(std::chrono::milliseconds(120));
+    slow_upload upload;
+    uint64_t received = 0;
+    std::thread server([&] {
+        upload.wait_until_closing();
+        kestal_test::advance_clock(45000);                           // longer than a reply may take, not than data
+        std::this_thread::sleep_for(std::chrono::milliseconds(200)); // one who does not wait would be gone
+        char block[65536];
+        for (int32_t count; (count = kestal_recv(upload.data, block, sizeof block, 10000)) > 0;)
+            received += static_cast<uint32_t>(count);
+        upload.send("226 stored\r\n");
     });
-    const client of(server.uri());
-    EXPECT_EQ(kestal_ftp_open_stream(of, 0, "up", "w"), 0);
-    int is_kept_alive = 0;
-    uint32_t size = sizeof is_kept_alive;
-    for (const int32_t sock : {of->m_control_socket, of->m_data_socket}) {
-        kestal_getsockopt(sock, SOL_SOCKET, SO_KEEPALIVE, &is_kept_alive, &size);
-        EXPECT_EQ(std::exchange(is_kept_alive, 0), 1);
-    }
-    const std::string block(100000, 'x');
-    while (kestal_ftp_send_stream(of, block.data(), block.size(), 0) > 0)
-        ;
-    is_all_given = true;
-    EXPECT_EQ(kestal_ftp_close_stream(of), 0);
-    EXPECT_EQ(server.stored().size(), of->m_bytes);
+    EXPECT_EQ(kestal_ftp_close_stream(upload.of), 0);
+    server.join();
+    EXPECT_EQ(received, upload.of->m_bytes);
+    kestal_close_socket(upload.data);
 }
 
 TEST_F(ftp, does_not_wait_for_an_upload_that_was_reset)
 {
-    ftp_server server;
-    const client of(server.uri());
-    const owned_socket listener(kestal_open_listen_socket("127.0.0.1", 0));
-    const int32_t port = listener.port();
-    server.answer("PASV", "227 (127,0,0,1," + std::to_string(port / 256) + "," + std::to_string(port % 256) + ")\r\n");
-    server.answer("STOR", "150 go on\r\n");
-    for (const bool is_closing : {false, true}) {
-        EXPECT_EQ(kestal_ftp_open_stream(of, 0, "up", "w"), 0);
-        const int32_t data = kestal_accept(listener, nullptr, nullptr, 10000), upload = of->m_data_socket;
-        const std::string block(100000, 'x');
-        while (kestal_ftp_send_stream(of, block.data(), block.size(), 0) > 0)
-            ;
-        const auto is_finishing = [=] {
-            tcp_info info = {};
-            uint32_t size = sizeof info;
-            kestal_getsockopt(upload, IPPROTO_TCP, TCP_INFO, &info, &size);
-            return info.tcpi_state == TCP_FIN_WAIT1;
-        };
-        const auto reset = [=] {
-            if (is_closing)
-                kestal_test::wait_until(is_finishing);
-            kestal_set_linger_socket(data, 1, 0);
-            close(data);
-        };
-        std::thread resets(reset);
-        if (!is_closing)
-            resets.join();
-        const int32_t command_timeout = std::exchange(of->m_command_timeout, 1);
-        const uint64_t start = kestal_time_stamp_msec();
-        EXPECT_EQ(kestal_ftp_close_stream(of), -1);
-        EXPECT_LT(kestal_time_stamp_msec() - start, static_cast<uint64_t>(of->m_data_timeout)) << is_closing;
-        of->m_command_timeout = command_timeout;
-        if (is_closing)
-            resets.join();
-    }
+    slow_upload upload;
+    std::thread server([&] {
+        upload.wait_until_closing();
+        kestal_set_linger_socket(upload.data, 1, 0);
+        kestal_close_socket(upload.data);
+    });
+    upload.of->m_command_timeout = 1;
+    const uint64_t start = kestal_time_stamp_msec();
+    EXPECT_EQ(kestal_ftp_close_stream(upload.of), -1);
+    EXPECT_LT(kestal_time_stamp_msec() - start, static_cast<uint64_t>(upload.of->m_data_timeout));
+    server.join();
 }
 
 TEST_F(ftp, aborts_and_stays_in_step)
 {
     const struct {
-        const char *answer;
-        int32_t result, code, next;
-    } cases[] = {{"426 lost\r\n226 over\r\n", 0, 226, 200},
-                 {"226 sent\r\n225 nothing\r\n", 0, 225, 200},
-                 {"550 lost\r\n426 over\r\n", -1, 426, 200},
-                 {"226 alone\r\n", 0, 226, 200},
-                 {"hang up", -1, -1, -1}};
-    for (const auto &[answer, result, code, next] : cases) {
-        ftp_server server("127.0.0.1", {{"RETR", "150 wait\r\n"}, {"ABOR", answer}});
-        const client of(server.uri());
-        EXPECT_EQ(kestal_ftp_open_stream(of, 0, "f", "r"), 0);
-        of->m_command_timeout = -1; // the time that passes is that of the second reply
-        const auto abort = [&] { return kestal_ftp_abort_stream(of); };
-        EXPECT_EQ(as_time_passes(
-                      1, [] { return true; }, abort),
-                  result)
-            << answer;
-        EXPECT_EQ(of->m_data_socket, -1);
-        EXPECT_EQ(of->m_reply_code, code) << answer;
-        EXPECT_EQ(kestal_ftp_noop(of), next) << answer;
+        texts answers;
+        int32_t result, code;
+    } cases[] = {{{"426 lost\r\n", "226 over\r\n"}, 0, 226},
+                 {{"226 sent\r\n", "225 nothing\r\n"}, 0, 225},
+                 {{"550 lost\r\n", "426 over\r\n"}, -1, 426},
+                 {{"226 alone\r\n"}, 0, 226},
+                 {{}, -1, -1}};
+    for (const auto &[answers, result, code] : cases) {
+        slow_upload upload;
+        for (const std::string &answer : answers)
+            upload.send(answer);
+        EXPECT_EQ(as_time_passes(1000, [&] { return kestal_ftp_abort_stream(upload.of); }), result) << code;
+        EXPECT_EQ(upload.of->m_reply_code, code);
+        EXPECT_EQ(upload.of->m_data_socket, -1) << code;
+        upload.send("200 here\r\n");
+        EXPECT_EQ(kestal_ftp_noop(upload.of), 200) << code;
+        upload.send("226 over\r\n");
+        EXPECT_EQ(kestal_ftp_abort_stream(upload.of), 0) << "with nothing to abort there is one reply";
+        kestal_close_socket(upload.data);
     }
     // One that is busy sending hears of it only once its connection is gone.
     ftp_server server;
@@ -517,10 +426,8 @@ TEST_F(ftp, aborts_and_stays_in_step)
     char byte;
     EXPECT_EQ(kestal_ftp_open_stream(of, 0, "f", "r"), 0);
     EXPECT_EQ(kestal_ftp_recv_stream(of, &byte, 1, -1), 1);
-    for (int turn = 0; turn < 2; ++turn) { // then there is nothing to abort
-        EXPECT_EQ(kestal_ftp_abort_stream(of), 0);
-        EXPECT_EQ(kestal_ftp_noop(of), 200);
-    }
+    EXPECT_EQ(as_time_passes(0, [&] { return kestal_ftp_abort_stream(of); }), 0);
+    EXPECT_EQ(kestal_ftp_noop(of), 200);
 }
 
 // --- downloads
@@ -540,7 +447,6 @@ TEST_F(ftp, downloads_files)
                  {make, "d/e/f", SIZE_MAX, {}, nullptr},
                  {shown, "old", SIZE_MAX, {{"SIZE", "550 no\r\n"}}, nullptr},
                  {need_size, "old", SIZE_MAX, {{"SIZE", "550 no\r\n"}}, "old"},
-                 {need_size, "old", SIZE_MAX, {}, nullptr},
                  {remove, "old", SIZE_MAX, {{"RETR", "550 none\r\n"}}, "old"},
                  {remove, "old", SIZE_MAX, {{"end", "426 lost\r\n"}}, "<none>"},
                  {remove, "f", 100000, {}, "<none>"},
@@ -553,23 +459,15 @@ TEST_F(ftp, downloads_files)
         const client of(server.uri());
         const caught_console console;
         const std::string path = directory.path(name);
-        kestal_md5_t md5, expected;
         const mode_t mask = umask(077);
-        EXPECT_EQ(kestal_ftp_download_to_file_with_md5(of, flags, "f", path.c_str(), 0644, &md5),
-                  left == nullptr ? 0 : -1);
+        EXPECT_EQ(kestal_ftp_download_to_file(of, flags, "f", path.c_str(), 0644), left == nullptr ? 0 : -1);
         umask(mask);
         const std::string found = content_of(path);
         const bool is_data = !found.empty() && data.starts_with(found);
         EXPECT_EQ(is_data && left != nullptr ? "what came" : found, left == nullptr ? data : left) << flags << name;
-        if (left == nullptr) {
-            kestal_md5_push(kestal_init_md5(&expected), data.data(), data.size());
-            EXPECT_STREQ(kestal_md5_digest(&md5, nullptr), kestal_md5_digest(&expected, nullptr));
-            EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0644});
-        }
-        EXPECT_EQ(of->m_verbose, flags == shown ? 1 : 0);
+        EXPECT_TRUE(left != nullptr || std::filesystem::status(path).permissions() == std::filesystem::perms{0644});
         EXPECT_EQ(of->m_data_timeout, flags == shown ? -1 : 60000);
         const std::string text = console.text();
-        EXPECT_EQ(text.find("    150000, ") != std::string::npos, flags == shown);
         EXPECT_EQ(text.find("bps, ETA 00:00 \n226 done\n") != std::string::npos, flags == shown) << text;
         // What is lost is lost, and the client can be used again.
         EXPECT_EQ(kestal_ftp_check(of), cut_after < data.size() ? -1 : 0);
@@ -581,37 +479,28 @@ TEST_F(ftp, downloads_files)
 TEST_F(ftp, downloads_into_memory_and_in_one_call)
 {
     const kestal_test::temporary_directory directory;
-    const std::string text = "[a]\nb = c\nd = e", before = std::filesystem::current_path();
+    const std::string text = "[a]\nb = c\nd = e", file = directory.path("f");
     ftp_server server;
     server.serve(text);
     kestal_buffer_t *buffer = kestal_open_buffer_ex(0);
     kestal_ini_t *ini = kestal_open_ini();
-    const std::string uri = server.uri("/d/f", "ftp", "joe:pw@"), nothing = server.uri("", "ftp", "joe:pw@");
-    std::filesystem::current_path(directory.path(""));
+    const std::string uri = server.uri("/d/f", "ftp", "joe:pw@");
     EXPECT_EQ(kestal_ftp_simple_download_to_buffer(0, uri.c_str(), nullptr, nullptr, buffer), 0);
     EXPECT_EQ(server.heard(), "USER joe|PASS pw|TYPE I|SIZE d/f|PASV|RETR d/f|");
-    EXPECT_EQ(kestal_ftp_simple_download_to_file(0, uri.c_str(), "u", "p", nullptr, 0600), 0);
-    EXPECT_EQ(content_of(directory.path("f")), text);
+    EXPECT_EQ(kestal_test::owned(kestal_alloc_pop_buffer_ex(buffer, text.size(), 1), text.size()), text);
     EXPECT_EQ(kestal_ftp_simple_download_to_ini(0, uri.c_str(), nullptr, nullptr, ini), 0);
     EXPECT_STREQ(kestal_search_ini_value(ini, "a", "d"), "e");
-    EXPECT_EQ(kestal_ftp_simple_download_to_ini(0, nothing.c_str(), nullptr, nullptr, ini), -1);
-
-    const client of(server.uri());
-    EXPECT_EQ(kestal_ftp_download_to_buffer(of, 0, "f", buffer) | kestal_ftp_download_to_ini(of, 0, "f", ini), 0);
-    EXPECT_EQ(kestal_test::owned(kestal_alloc_pop_buffer_ex(buffer, 2 * text.size(), 1), 2 * text.size()), text + text);
-    EXPECT_EQ(kestal_ftp_download_to_buffer(of, 0, "f", nullptr) + kestal_ftp_download_to_ini(of, 0, "f", nullptr), -2);
     server.serve("");
-    // What is no file keeps its permissions.
+    EXPECT_EQ(kestal_ftp_simple_download_to_file(0, uri.c_str(), "u", "p", file.c_str(), 0600), 0);
+    EXPECT_EQ(content_of(file), "");
+    const client of(uri);
     const std::string pipe = directory.path("pipe");
     ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
     const int reader = open(pipe.c_str(), O_RDONLY | O_NONBLOCK);
-    EXPECT_EQ(kestal_ftp_download_to_file(of, 0, "f", "f", 0400) |
-                  kestal_ftp_download_to_file(of, 0, "f", pipe.c_str(), 0400),
-              0);
-    EXPECT_EQ(content_of(directory.path("f")), "");
-    EXPECT_NE(std::filesystem::status(pipe).permissions(), std::filesystem::perms::owner_read);
+    EXPECT_EQ(kestal_ftp_download_to_file(of, 0, nullptr, pipe.c_str(), 0400), 0);
+    EXPECT_EQ(std::filesystem::status(pipe).permissions(), std::filesystem::perms{0600}) << "it is no file";
     close(reader);
-    std::filesystem::current_path(before);
+    EXPECT_EQ(kestal_ftp_download_to_buffer(of, 0, "f", nullptr) + kestal_ftp_download_to_ini(of, 0, "f", nullptr), -2);
     // An upload to a connection that is gone, without a signal to the process.
     EXPECT_EQ(kestal_ftp_passive(of), 0);
     shutdown(of->m_data_socket, SHUT_RDWR);
@@ -627,11 +516,8 @@ TEST_F(ftp, draws_progress)
         uint64_t bytes, elapsed, total;
         const char *text;
     } cases[] = {{0, 0, 100, "         0,   0.00 bps, ETA 99:59"},
-                 {100, 6481, 100, "       100, 123.43 bps, ETA 00:00"},
                  {1240, 8000, 2480, "      1240,   1.24Kbps, ETA 00:08"},
-                 {154, 1, 154, "       154,   1.23Mbps, ETA 00:00"},
-                 {12345678901, 1000, UINT64_MAX, "12345678901,  98.76Gbps, ETA 249"},
-                 {1000, 8008, 0, "      1000, 999.00 bps, ETA 00:00"}};
+                 {12345678901, 1000, UINT64_MAX, "12345678901,  98.76Gbps, ETA 249"}};
     const client of;
     for (const auto &[bytes, elapsed, total, text] : cases) {
         const caught_console console;
@@ -645,19 +531,18 @@ TEST_F(ftp, draws_progress)
 TEST_F(ftp, leaves_nothing_behind_when_memory_is_short)
 {
     const kestal_test::temporary_directory directory;
-    ftp_server server;
-    server.serve(noise(100000));
     kestal_init_network(); // its cache is not the client's
-    for (const char *scheme : {"ftp", "ftp@active"}) {
+    const bool has_v6 = kestal_check_ipv6_support() == 0;
+    for (const auto &[host, scheme] :
+         {std::pair("127.0.0.1", "ftp@passive"), {has_v6 ? "::1" : "127.0.0.1", "ftp@active"}}) {
+        ftp_server server(host);
+        server.serve(noise(100000));
         const std::string uri = server.uri("/f", scheme), path = directory.path("d/f");
         const auto scenario = [&] {
-            kestal_buffer_t *buffer = kestal_open_buffer_ex(0);
-            kestal_ftp_simple_download_to_buffer(0, uri.c_str(), nullptr, nullptr, buffer);
             kestal_ftp_simple_download_to_file(KESTAL_FTP_DOWNLOAD_MAKE_DIRECTORIES, uri.c_str(), nullptr, nullptr,
                                                path.c_str(), 0644);
-            kestal_close_buffer(buffer);
         };
-        EXPECT_GT(kestal_test::with_each_allocation_failing(scenario), 30u);
+        EXPECT_GT(kestal_test::with_each_allocation_failing(scenario), 20u);
     }
     kestal_uninit_network();
 }
@@ -668,20 +553,19 @@ TEST_F(ftp, answers_null_and_begins_with_defaults)
     const client unconnected;
     for (kestal_ftp_t *of : {static_cast<kestal_ftp_t *>(nullptr), unconnected.ftp}) {
         EXPECT_EQ(kestal_ftp_login(of, "", "", "") + kestal_ftp_set_option(of, 99, 1) + kestal_ftp_check(of) +
-                      kestal_ftp_command_puts(of, "x") + kestal_ftp_command_puts(of, nullptr) +
-                      kestal_ftp_command_printf(of, "x") + kestal_ftp_cwd(of, "x") + kestal_ftp_rest(of, 1) +
-                      kestal_ftp_get_size(of, "x", nullptr) + kestal_ftp_passive(of) + kestal_ftp_active(of) +
-                      kestal_ftp_open_stream(of, 0, "x", "r") + kestal_ftp_recv_stream(of, &byte, 1, 0) +
-                      kestal_ftp_send_stream(of, &byte, 1, 0) + kestal_ftp_close_stream(of) +
-                      kestal_ftp_abort_stream(of) + kestal_ftp_download_to_file(of, 0, "x", "x", 0) +
-                      kestal_ftp_download_to_buffer(of, 0, "x", nullptr),
-                  -18);
+                      kestal_ftp_command_puts(of, "x") + kestal_ftp_command_printf(of, "x") + kestal_ftp_cwd(of, "x") +
+                      kestal_ftp_rest(of, 1) + kestal_ftp_get_size(of, "x", nullptr) + kestal_ftp_passive(of) +
+                      kestal_ftp_active(of) + kestal_ftp_open_stream(of, 0, "x", "r") +
+                      kestal_ftp_recv_stream(of, &byte, 1, 0) + kestal_ftp_send_stream(of, &byte, 1, 0) +
+                      kestal_ftp_close_stream(of) + kestal_ftp_abort_stream(of) +
+                      kestal_ftp_download_to_file(of, 0, "x", "x", 0),
+                  -16);
         EXPECT_TRUE(kestal_ftp_get_system(of) == nullptr && kestal_ftp_get_pwd(of) == nullptr);
     }
-    EXPECT_EQ(kestal_close_ftp(nullptr), nullptr);
     EXPECT_EQ(kestal_ftp_connect(nullptr, "", 0) + kestal_ftp_disconnect(nullptr) +
-                  kestal_ftp_download_progress_bar(nullptr, "", 0, 0),
-              -3);
+                  kestal_ftp_download_progress_bar(nullptr, "", 0, 0) +
+                  kestal_ftp_download_to_buffer(nullptr, 0, "x", nullptr),
+              -4);
     const int32_t defaults[] = {0, 24000, 60000, 0, 0, 1, 1}; // in the order of the fields and their options
     EXPECT_EQ(memcmp(unconnected.ftp, defaults, sizeof defaults), 0);
     const int32_t changed[] = {71, 72, 73, 74, 75, 76, 77};

@@ -1,6 +1,5 @@
 #include "descriptors.hpp"
 
-#include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
 #include <dlfcn.h>
@@ -30,21 +29,19 @@ constexpr system_user system_users[] = {
     {"short", "x", "$1$short$LxXJAIhwSz0xP5VN1cQt7/"},
     {"sha", "*", sha512},
     {"open", "", ""},
-    {"shadow-open", "x", ""},
     {"locked", "x", "!"},
-    {"starred", "x", "*"},
     {"shadowless", "x", nullptr},
     {"plain", "secret", nullptr},
-    {"empty-hash", "x", "a"},
+    {nullptr, nullptr, nullptr}, // anybody else
 };
 std::string system_home;
 
-const system_user *find_system_user(const char *name)
+const system_user &find_system_user(const char *name)
 {
-    for (const system_user &each : system_users)
-        if (strcmp(each.name, name) == 0)
-            return &each;
-    return nullptr;
+    const system_user *each = system_users;
+    while (each->name != nullptr && strcmp(each->name, name) != 0)
+        ++each;
+    return *each;
 }
 
 } // namespace
@@ -52,11 +49,11 @@ const system_user *find_system_user(const char *name)
 extern "C" {
 int __wrap_getpwnam_r(const char *name, passwd *entry, char *, size_t, passwd **result)
 {
-    const system_user *found = find_system_user(name);
-    *result = found == nullptr ? nullptr : entry;
+    const system_user &found = find_system_user(name);
+    *result = found.name == nullptr ? nullptr : entry;
     *entry = {};
     entry->pw_name = const_cast<char *>(name);
-    entry->pw_passwd = const_cast<char *>(found == nullptr ? nullptr : found->password);
+    entry->pw_passwd = const_cast<char *>(found.password);
     entry->pw_uid = system_uid;
     entry->pw_gid = system_uid;
     entry->pw_dir = system_home.data();
@@ -65,9 +62,8 @@ int __wrap_getpwnam_r(const char *name, passwd *entry, char *, size_t, passwd **
 
 int __wrap_getspnam_r(const char *name, spwd *entry, char *, size_t, spwd **result)
 {
-    const system_user *found = find_system_user(name);
     *entry = {};
-    entry->sp_pwdp = const_cast<char *>(found == nullptr ? nullptr : found->shadow);
+    entry->sp_pwdp = const_cast<char *>(find_system_user(name).shadow);
     *result = entry->sp_pwdp == nullptr ? nullptr : entry;
     return 0;
 }
@@ -79,13 +75,12 @@ using kestal_test::port_of;
 
 int connect_to(const std::string &host, uint32_t port)
 {
-    const bool is_v6 = host.find(':') != std::string::npos;
-    const sockaddr_storage address =
-        kestal_test::address_of((is_v6 ? "[" + host + "]:" : host + ":") + std::to_string(port));
-    const int32_t sock = kestal_open_socket(address.ss_family, SOCK_STREAM, IPPROTO_TCP);
+    sockaddr_storage address = kestal_test::address_of(host);
+    kestal_sockaddr_set_port(&address, port);
+    const int sock = socket(address.ss_family, SOCK_STREAM, 0);
     const timeval limit = {30, 0};
     setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-    EXPECT_EQ(kestal_connect(sock, &address, kestal_sockaddr_size(&address), -1), 0) << strerror(errno);
+    EXPECT_EQ(connect(sock, reinterpret_cast<sockaddr *>(&address), kestal_sockaddr_size(&address)), 0);
     return sock;
 }
 
@@ -117,23 +112,20 @@ public:
     // One reply with all its lines, the last without its end; empty when the connection has ended.
     std::string reply()
     {
-        for (size_t begin = 0;;) {
-            const size_t end = received_.find("\r\n", begin);
-            if (end == std::string::npos) {
-                char piece[4096];
+        for (size_t begin = 0, end = 0;; begin = end + 2) {
+            char piece[4096];
+            while ((end = received_.find("\r\n", begin)) == std::string::npos) {
                 const ssize_t count = recv(sock_, piece, sizeof piece, 0);
                 if (count <= 0)
                     return "";
                 received_.append(piece, static_cast<size_t>(count));
-                continue;
             }
             const size_t code = std::min(received_.find_first_not_of("\xFF\xF4\xF2", begin), end);
             if (end > code + 3 && received_[code] <= '9' && received_[code + 3] == ' ') {
-                std::string whole = received_.substr(0, end);
+                const std::string whole = received_.substr(0, end);
                 received_.erase(0, end + 2);
                 return whole;
             }
-            begin = end + 2;
         }
     }
 
@@ -163,38 +155,26 @@ public:
     int passive()
     {
         unsigned port = 0;
-        if (sscanf(ask("EPSV").c_str(), "229 Entering Extended Passive Mode (|||%u|).", &port) != 1)
-            return -1;
-        return connect_to(host_, port);
+        const bool is_offered = sscanf(ask("EPSV").c_str(), "229 Entering Extended Passive Mode (|||%u|).", &port) == 1;
+        return is_offered ? connect_to(host_, port) : -1;
     }
 
-    // What a command such as LIST or RETR gives; the reply that ends it in `end`.
-    std::string fetch(const std::string &command, std::string *end = nullptr)
+    // The last of the commands begins a transfer, which is given this content; what it gives.
+    std::string transfer(const std::vector<std::string> &commands, const std::string &content = "")
     {
         const int data = passive();
-        std::string last = ask(command);
+        for (const std::string &command : commands)
+            last = ask(command);
         const bool has_begun = last.starts_with("150 ");
-        if (!has_begun)
-            shutdown(data, SHUT_RDWR);
-        const std::string content = read_all(data);
+        ::send(data, content.data(), content.size(), MSG_NOSIGNAL);
+        shutdown(data, has_begun ? SHUT_WR : SHUT_RDWR);
+        const std::string received = read_all(data);
         if (has_begun)
             last = reply();
-        if (end != nullptr)
-            *end = last;
-        else
-            EXPECT_EQ(last, "226 Transfer complete") << command;
-        return content;
+        return received;
     }
 
-    // The reply to a command such as STOR given this content.
-    std::string store(const std::string &command, const std::string &content)
-    {
-        const int data = passive();
-        const std::string begin = ask(command);
-        ::send(data, content.data(), content.size(), MSG_NOSIGNAL);
-        close(data);
-        return begin == "150 Opening data connection" ? reply() : begin;
-    }
+    std::string last; // how a transfer ended
 
 private:
     const char *host_;
@@ -252,10 +232,6 @@ protected:
         all << std::ifstream(path(name)).rdbuf();
         return all.str();
     }
-    void wait_for_sessions(uint32_t count) const
-    {
-        kestal_test::wait_until([&] { return kestal_ftpd_get_session_count(server_) == count; });
-    }
 
     kestal_test::temporary_directory files_;
     size_t descriptors_ = 0;
@@ -263,11 +239,9 @@ protected:
     std::thread acceptor_;
 };
 
-struct exchange {
-    const char *command, *reply;
-};
+const std::string done = "226 Transfer complete";
 
-void converse(client &peer, std::initializer_list<exchange> exchanges)
+void converse(client &peer, const std::vector<std::pair<std::string, std::string>> &exchanges)
 {
     for (const auto &[command, reply] : exchanges)
         EXPECT_EQ(peer.ask(command), reply) << command;
@@ -283,69 +257,58 @@ TEST_F(ftpd, answers_every_command_with_its_text)
 
     client peer(port());
     EXPECT_EQ(peer.reply(), "220 KESTAL FTP Server");
-    for (const char *word : {"SYST", "TYPE I", "PWD", "NOOP", "HELP", "RETR file", "PASV", "RNTO x", "OPTS UTF8 ON"})
-        EXPECT_EQ(peer.ask(word), "530 Please login with USER and PASS !") << word;
     // clang-format off
     converse(peer, {
+        {"SYST", "530 Please login with USER and PASS !"}, 
         {"user joe", "500 user not understood"}, {"FEAT", "500 FEAT not understood"}, {"", "500  not understood"},
         {"PASS secret", "530 Please login with USER !"}, {"USER nobody", "331 Password required for nobody"},
         {"PASS secret", "530 Login incorrect !"}, {"USER joe", "331 Password required for joe"},
         {"PASS wrong", "530 Login incorrect !"}, {"USER joe", "331 Password required for joe"},
         {"PASS secret", "230 Login successful."},
         {"SYST", "215 UNIX Type: L8"}, {"TYPE a", "200 Type set to A"},
-        {"SIZE file", "504 SIZE not implemented for type"}, {"TYPE I", "200 Type set to I"},
-        {"TYPE L", "200 Type set to L (byte size 8)"}, {"TYPE L 8", "200 Type set to L 8"},
-        {"TYPE L 7", "504 Byte size must be 8 !"}, {"TYPE E", "501 Type unknown !"},
-        {"TYPE", "500 TYPE not understood !"}, {"TYPE A N", "500 TYPE not understood !"},
-        {"TYPE Image", "500 TYPE not understood !"}, {"MODE S", "502 MODE command not implemented !"},
-        {"STRU F", "502 STRU command not implemented !"}, {"ACCT x", "502 ACCT command not implemented !"},
-        {"SITE x", "502 SITE command not implemented !"}, {"ABOR", "426 Transfer aborted. Data connection closed."},
-        {"NOOP", "200 NOOP command successful"}, {"OPTS UTF8 ON", "200 OK, UTF-8 enabled"},
-        {"OPTS UTF-8 enable", "200 OK, UTF-8 enabled"}, {"OPTS UTF8 OFF", "504 UIF-8 disabled"},
+        {"SIZE file", "504 SIZE not implemented for type"}, {"TYPE L", "200 Type set to L (byte size 8)"},
+        {"TYPE L 8", "200 Type set to L 8"}, {"TYPE L 7", "504 Byte size must be 8 !"},
+        {"TYPE E", "501 Type unknown !"}, {"TYPE", "500 TYPE not understood !"},
+        {"TYPE A N", "500 TYPE not understood !"}, 
+        {"TYPE I", "200 Type set to I"}, {"MODE S", "502 MODE command not implemented !"}, {"STRU F", "502 STRU command not implemented !"},
+        {"ACCT x", "502 ACCT command not implemented !"},
+        {"ABOR", "426 Transfer aborted. Data connection closed."}, {"NOOP", "200 NOOP command successful"},
+        {"OPTS UTF8 ON", "200 OK, UTF-8 enabled"}, 
         {"OPTS UTF8", "504 UIF-8 disabled"}, {"OPTS LANG en", "200 OK"},
         {"OPTS MLST x", "501 OPTS: MLST x not understood"}, {"REST 10", "320 Restart position ready"},
-        {"REST -1", "501 Illegal REST command"}, {"REST 99999999999999999999", "501 Illegal REST command"},
-        {"EPRT |3|x|1|", "502 EPRT command not implemented !"}, {"EPSV 2", "502 EPSV command not implemented !"},
-        {"LIST", "451 Socket error !"},
-        {"PWD", "257 \"/\" is current directory."}, {"CDUP", "250 CWD command successful"},
-        {"MKD folder", "250 MKD command successful"}, {"XMKD folder", "550 Can not make directory !"},
-        {"MKD a \"b\" c", "250 MKD command successful"}, {"CWD a \"b\" c", "250 CWD command successful"},
-        {"XPWD", "257 \"/a \"\"b\"\" c\" is current directory."}, {"CWD ../../..", "250 CWD command successful"},
-        {"PWD", "257 \"/\" is current directory."},
+        {"REST -1", "501 Illegal REST command"}, {"REST 99999999999999999999", "501 Illegal REST command"}, 
+        {"EPSV 2", "502 EPSV command not implemented !"}, {"LIST", "451 Socket error !"},
+        {"MKD a \"b\" c", "250 MKD command successful"}, {"MKD a \"b\" c", "550 Can not make directory !"},
+        {"CWD a \"b\" c", "250 CWD command successful"},
+        {"XPWD", "257 \"/a \"\"b\"\" c\" is current directory."}, {"RMD .", "550 Can not remove current directory !"},
+        {"DELE .", "550 Can not delete current directory !"}, {"RMD /", "550 Can not remove home directory !"},
+        {"DELE ..", "550 Can not delete home directory !"}, {"CWD ../../..", "250 CWD command successful"}, {"CDUP", "250 CWD command successful"},
+         {"PWD", "257 \"/\" is current directory."},
         {"CWD nowhere/else", "550 /nowhere/else: No such file or directory"},
-        {"CWD file", "550 Can not change directory !"}, {"XCWD folder", "250 CWD command successful"},
-        {"RMD .", "550 Can not remove current directory !"},
-        {"DELE /folder", "550 Can not delete current directory !"}, {"RMD /", "550 Can not remove home directory !"},
-        {"DELE ..", "550 Can not delete home directory !"}, {"XCUP", "250 CWD command successful"},
-        {"RMD file", "550 Can not remove directory !"}, {"DELE folder", "550 Can not delete file !"},
-        {"DELE doomed", "250 DELE command successful"}, {"RMD folder", "250 RMD command successful"},
-        {"XRMD a \"b\" c", "250 RMD command successful"}, {"SIZE file", "213 7"}, {"SIZE gone", "550 Unknown size !"},
+        {"CWD file", "550 Can not change directory !"}, {"RMD file", "550 Can not remove directory !"},
+        {"DELE a \"b\" c", "550 Can not delete file !"}, {"RMD a \"b\" c", "250 RMD command successful"},
+        {"DELE doomed", "250 DELE command successful"}, {"SIZE file", "213 7"}, {"SIZE gone", "550 Unknown size !"},
         {"SIZE /", "550 /: not a regular file."}, {"MDTM file", "213 20000229000000"},
         {"MDTM gone", "550 Unknown size !"}, {"MDTM pipe", "550 /pipe: not a plain file."},
         {"RNFR gone", "550 /gone: No such file or directory."}, {"RNFR /", "550 RNFR error !"},
         {"RNTO new", "550 RNTO error !"}, {"RNFR file", "350 RNFR successful"},
         {"RNTO no/where", "550 /no/where: Rename error."}, {"RNFR file", "350 RNFR successful"},
-        {"RNTO new\tname", "250 Rename successful"}, {"SIZE new\tname", "213 7"},
-        {"CWD new\tname/x\ny", "550 Can not change directory !"},
+        {"RNTO new\tname", "250 Rename successful"}, {"CWD new\tname/x\ny", "550 Can not change directory !"},
         {"RNFR x\ny", "550 /x?y: No such file or directory."}, {"RETR gone", "550 Can not open file !"},
-        {"RETR pipe", "550 Stream error !"}, {"STOR pipe", "550 Stream error !"}, {"RETR /", "550 Stream error !"},
-        {"STOR no/where", "550 Can not open file !"}});
+        {"RETR pipe", "550 Stream error !"}, {"STOR pipe", "550 Stream error !"},
+        {"STOR no/where", "550 Can not open file !"},
+        {"HELP", "214-The following commands are recognized (* =>'s unimplemented):\r\n"
+                 " CWD     XCWD    CDUP    XCUP    SMNT*   QUIT    PORT    PASV\r\n"
+                 " EPRT*   EPSV*   ALLO*   RNFR    RNTO    DELE    MDTM    RMD\r\n"
+                 " XRMD    MKD     XMKD    PWD     XPWD    SIZE    SYST    HELP\r\n"
+                 " NOOP    FEAT*   OPTS    AUTH*   CCC*    CONF*   ENC*    MIC*\r\n"
+                 " PBSZ*   PROT*   TYPE    STRU*   MODE*   RETR    STOR    STOU*\r\n"
+                 " APPE    REST    ABOR    USER    PASS    ACCT*   REIN*   LIST\r\n"
+                 " NLST    STAT*   SITE*   MLSD*   MLST*\r\n"
+                 "214 Direct comments to KESTAL Co.,LTD."},
+        {"USER joe", "331 Password required for joe"}, {"PWD", "530 Please login with USER and PASS !"},
+        {"PASS secret", "530 Please login with USER !"}, {"QUIT", "221 Good-bye"}, {"", ""}}); // the end
     // clang-format on
-    EXPECT_EQ(peer.ask("HELP"), "214-The following commands are recognized (* =>'s unimplemented):\r\n"
-                                " CWD     XCWD    CDUP    XCUP    SMNT*   QUIT    PORT    PASV\r\n"
-                                " EPRT*   EPSV*   ALLO*   RNFR    RNTO    DELE    MDTM    RMD\r\n"
-                                " XRMD    MKD     XMKD    PWD     XPWD    SIZE    SYST    HELP\r\n"
-                                " NOOP    FEAT*   OPTS    AUTH*   CCC*    CONF*   ENC*    MIC*\r\n"
-                                " PBSZ*   PROT*   TYPE    STRU*   MODE*   RETR    STOR    STOU*\r\n"
-                                " APPE    REST    ABOR    USER    PASS    ACCT*   REIN*   LIST\r\n"
-                                " NLST    STAT*   SITE*   MLSD*   MLST*\r\n"
-                                "214 Direct comments to KESTAL Co.,LTD.");
-    // A new login begins with nobody, and PASS has to follow upon USER.
-    converse(peer, {{"USER joe", "331 Password required for joe"},
-                    {"PWD", "530 Please login with USER and PASS !"},
-                    {"PASS secret", "530 Please login with USER !"},
-                    {"QUIT", "221 Good-bye"}});
-    EXPECT_EQ(peer.reply(), "") << "the end";
 }
 
 TEST_F(ftpd, carries_values_over_to_the_next_command_only)
@@ -357,33 +320,17 @@ TEST_F(ftpd, carries_values_over_to_the_next_command_only)
     converse(peer, {
         {"RNFR file", "350 RNFR successful"}, {"no such", "500 no not understood"}, {"RNTO x", "550 RNTO error !"},
         {"RNFR file", "350 RNFR successful"}, {"RNFR gone", "550 /gone: No such file or directory."},
-        {"RNTO x", "550 RNTO error !"}, {"RNFR file", "350 RNFR successful"}, {"RNFR file", "350 RNFR successful"},
-        {"RNTO file", "250 Rename successful"}});
+        {"RNTO x", "550 RNTO error !"}, {"REST 11", "320 Restart position ready"},
+        {"RETR file", "550 Can not seek file !"}});
     // clang-format on
-    const auto fetch_after = [&](std::initializer_list<const char *> commands) {
-        const int data = peer.passive();
-        for (const char *command : commands)
-            peer.ask(command);
-        peer.ask("RETR file");
-        const std::string content = read_all(data);
-        EXPECT_EQ(peer.reply(), "226 Transfer complete");
-        return content;
-    };
-    EXPECT_EQ(fetch_after({"REST 4"}), "456789");
-    EXPECT_EQ(fetch_after({"REST 10"}), "");
-    EXPECT_EQ(fetch_after({"REST 4", "NOOP"}), "0123456789");
-    EXPECT_EQ(peer.store("STOR file", "new content"), "226 Transfer complete");
-    EXPECT_EQ(content("file"), "new content");
-    const int data = peer.passive();
-    converse(peer, {{"REST 3", "320 Restart position ready"}, {"STOR file", "150 Opening data connection"}});
-    send(data, "est", 3, 0);
-    close(data);
-    EXPECT_EQ(peer.reply(), "226 Transfer complete");
+    EXPECT_EQ(peer.transfer({"REST 4", "RETR file"}), "456789");
+    EXPECT_EQ(peer.transfer({"REST 4", "NOOP", "RETR file"}), "0123456789");
+    peer.transfer({"STOR file"}, "new content");
+    peer.transfer({"REST 3", "STOR file"}, "est");
     EXPECT_EQ(content("file"), "newest") << "what stands before the offset stays, what comes ends the file";
-    converse(peer, {{"REST 7", "320 Restart position ready"}, {"RETR file", "550 Can not seek file !"}});
-    EXPECT_EQ(peer.store("APPE file", "+"), "226 Transfer complete");
-    EXPECT_EQ(peer.store("APPE fresh", "1"), "226 Transfer complete");
-    EXPECT_EQ(content("file") + content("fresh"), "newest+1");
+    peer.transfer({"APPE file"}, "+");
+    EXPECT_EQ(peer.last, done);
+    EXPECT_EQ(content("file"), "newest+");
     peer.ask("EPSV");
     EXPECT_EQ(peer.ask("STOR file"), "150 Opening data connection");
     EXPECT_EQ(content("file"), "newest+") << "while the client does not come, the old content stays";
@@ -396,86 +343,57 @@ TEST_F(ftpd, reads_lines_however_they_arrive)
     for (const char byte : std::string("USER joe\r\nPASS secret\r\n"))
         peer.send(std::string(1, byte));
     EXPECT_EQ(peer.replies(2), "331 Password required for joe|230 Login successful.");
-    peer.send("NOOP\r\nSYST\r\nPWD\r\nNO");
-    EXPECT_EQ(peer.replies(3), "200 NOOP command successful|215 UNIX Type: L8|257 \"/\" is current directory.");
+    peer.send("NOOP\r\nSYST\r\nNO");
+    EXPECT_EQ(peer.replies(2), "200 NOOP command successful|215 UNIX Type: L8");
     peer.send("OP\r");
     peer.send("\nNOOP more\r\n \tNOOP\r\n");
-    for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(peer.reply(), "200 NOOP command successful");
+    EXPECT_EQ(peer.replies(3), "200 NOOP command successful|200 NOOP command successful|200 NOOP command successful");
 
-    std::string most = "MKD " + std::string(505, '/');
-    EXPECT_EQ(peer.ask(most), "550 Can not make directory !") << "511 bytes with the end are a line";
-    for (const size_t size : {size_t{512}, size_t{513}, size_t{100000}}) {
-        most = "SYST " + std::string(size - 5, 'x');
-        EXPECT_EQ(peer.ask(most), "500 SYST not understood") << size;
-        EXPECT_EQ(peer.ask("NOOP"), "200 NOOP command successful");
-    }
+    EXPECT_EQ(peer.ask("MKD " + std::string(505, '/')), "550 Can not make directory !") << "511 bytes are a line";
+    for (const size_t size : {512u, 100000u})
+        EXPECT_EQ(peer.ask("SYST " + std::string(size - 5, 'x') + "\r\nNOOP", 2),
+                  "500 SYST not understood|200 NOOP command successful");
     peer.send(std::string("DELE a\0b\r\nNOOP\r\n", 16));
     EXPECT_EQ(peer.replies(2), "500 DELE not understood|200 NOOP command successful");
-
     peer.send("\xFF\xF4\xFF\xF2"
               "ABOR\r\n");
     EXPECT_EQ(peer.reply(), "\xFF\xF4\xFF\xF2"
                             "426 Transfer aborted. Data connection closed.");
     peer.send("DELE half a line");
-    peer.hang_up();
-    wait_for_sessions(0);
 }
 
 TEST_F(ftpd, lists_folders_patterns_and_files)
 {
     mkdir(path("folder").c_str(), 0750);
-    file("folder/one.txt", "1");
-    file("folder/two.txt", "22");
-    file("folder/.hidden.txt", "");
-    file("folder/\xEA\xB0\x80 b", "");
-    file("folder/line\nend", "");
-    EXPECT_EQ(symlink("folder/one.txt", path("link").c_str()), 0);
+    for (const char *name : {"folder/two.txt", "folder/.hidden.txt", "folder/\xEA\xB0\x80 b", "folder/line\nend"})
+        file(name, "22");
+    EXPECT_EQ(symlink("folder/two.txt", path("link").c_str()), 0);
     timespec times[2] = {{951782400, 0}, {951782400, 0}};
     utimensat(AT_FDCWD, path("folder/two.txt").c_str(), times, 0);
     chmod(path("folder/two.txt").c_str(), 04640);
 
     client peer(port());
     peer.log_in();
-    using lines = std::set<std::string>;
-    const auto sorted = [](const std::string &text) {
-        std::istringstream input(text);
-        lines all;
-        for (std::string line; std::getline(input, line);)
-            all.insert(line);
-        return all;
-    };
-    EXPECT_EQ(sorted(peer.fetch("NLST")), (lines{"folder\r", "link\r"}));
-    EXPECT_EQ(sorted(peer.fetch("NLST -la folder")),
-              (lines{"folder/.hidden.txt\r", "folder/line?end\r", "folder/one.txt\r", "folder/two.txt\r",
-                     "folder/\xEA\xB0\x80 b\r"}));
-    EXPECT_EQ(sorted(peer.fetch("NLST folder/*.t?t")), (lines{"folder/one.txt\r", "folder/two.txt\r"}));
-    EXPECT_EQ(peer.fetch("NLST folder/one.txt"), "folder/one.txt\r\n");
+    const std::string names = peer.transfer({"NLST -la folder"});
+    for (const char *name : {".hidden.txt", "line?end", "two.txt", "\xEA\xB0\x80 b"})
+        EXPECT_NE(("\n" + names).find("\nfolder/" + std::string(name) + "\r\n"), std::string::npos) << name;
+    EXPECT_EQ(peer.transfer({"NLST folder/*.t?t"}), "folder/two.txt\r\n");
     EXPECT_EQ(peer.ask("LIST folder/none"), "550 /folder/none: No such file or directory");
     const std::string none(500, 'x'); // no file system has a name so long
     EXPECT_EQ(peer.ask("LIST " + none), "550 /" + none + ": No such file or directory");
-    EXPECT_EQ(peer.fetch("NLST *" + none), "");
+    EXPECT_EQ(peer.transfer({"NLST *" + none}), "");
 
-    struct stat status;
-    stat(path("folder/two.txt").c_str(), &status);
-    const passwd *owner = getpwuid(status.st_uid);
-    const std::string name = owner != nullptr ? owner->pw_name : std::to_string(status.st_uid);
-    const std::string line = peer.fetch("LIST -l folder/two.txt");
-    EXPECT_TRUE(line.starts_with("-rwSr-----   1 " + name)) << line;
+    const std::string line = peer.transfer({"LIST -l folder/two.txt"});
+    EXPECT_TRUE(line.starts_with("-rwSr-----   1 ")) << line;
     EXPECT_TRUE(line.ends_with("        2 Feb 29  2000 two.txt\r\n")) << line;
-    char now[16];
-    const time_t clock = time(nullptr);
-    strftime(now, sizeof now, " %b ", gmtime(&clock));
-    const lines all = sorted(peer.fetch("LIST"));
-    ASSERT_EQ(all.size(), 2u);
-    const std::string folder = *all.begin();
-    const std::string link = *all.rbegin();
-    EXPECT_TRUE(folder.starts_with("drwxr-x---   2 ") && folder.ends_with(" folder\r")) << folder;
-    EXPECT_TRUE(link.starts_with("lrwxrwxrwx   1 ") && link.ends_with(" link -> folder/one.txt\r")) << link;
-    EXPECT_NE(link.find(now), std::string::npos) << link;
+    const std::string link = peer.transfer({"LIST link"});
+    EXPECT_TRUE(link.starts_with("lrwxrwxrwx   1 ") && link.ends_with(" link -> folder/two.txt\r\n")) << link;
+    EXPECT_EQ(link[link.find(" link") - 3], ':') << "a time of today: " << link;
+    EXPECT_NE(peer.transfer({"LIST"}).find("drwxr-x---   2 "), std::string::npos);
     for (int i = 0; i < 300; ++i)
         file("folder/" + std::string(100, 'n') + std::to_string(i), "");
-    EXPECT_EQ(sorted(peer.fetch("LIST folder")).size(), 305u);
+    const std::string all = peer.transfer({"LIST folder"});
+    EXPECT_EQ(std::count(all.begin(), all.end(), '\n'), 304);
 }
 
 TEST_F(ftpd, keeps_every_command_beneath_the_home)
@@ -487,22 +405,18 @@ TEST_F(ftpd, keeps_every_command_beneath_the_home)
     file("file", "own");
     client peer(port());
     peer.log_in();
-    for (const char *place :
-         {"out/secret", "absolute", "../outside/secret", "/../../outside/secret", "./out/../out/secret"}) {
-        const std::string name = place;
-        for (const char *word : {"CWD ", "RETR ", "STOR ", "APPE ", "SIZE ", "MDTM ", "MKD ", "RMD "})
-            EXPECT_EQ(peer.ask(word + name).substr(0, 3), "550") << word << place;
-        if (name != "absolute") {
-            for (const char *word : {"DELE ", "RNFR ", "LIST ", "NLST "})
-                EXPECT_EQ(peer.ask(word + name).substr(0, 3), "550") << word << place;
-            converse(peer, {{"RNFR file", "350 RNFR successful"}});
-            EXPECT_TRUE(peer.ask("RNTO " + name).ends_with(": Rename error.")) << place;
-        }
+    for (const std::string name : {"out/secret", "/../../outside/secret", "./out/../out/secret"}) {
+        for (const char *word :
+             {"CWD ", "RETR ", "STOR ", "APPE ", "SIZE ", "MDTM ", "MKD ", "RMD ", "DELE ", "RNFR ", "LIST ", "NLST "})
+            EXPECT_EQ(peer.ask(word + name).substr(0, 3), "550") << word << name;
+        peer.ask("RNFR file");
+        EXPECT_TRUE(peer.ask("RNTO " + name).ends_with(": Rename error.")) << name;
     }
+    for (const char *word : {"RETR ", "STOR ", "SIZE "})
+        EXPECT_EQ(peer.ask(word + std::string("absolute")).substr(0, 3), "550") << word;
     EXPECT_EQ(peer.ask("LIST out/sec*").substr(0, 3), "550");
-    EXPECT_EQ(peer.fetch("NLST absolute"), "absolute\r\n") << "the link itself is there";
-    converse(peer, {{"RNFR absolute", "350 RNFR successful"}, {"RNTO a", "250 Rename successful"}});
-    converse(peer, {{"DELE a", "250 DELE command successful"}, {"DELE out", "250 DELE command successful"}});
+    EXPECT_EQ(peer.transfer({"NLST absolute"}), "absolute\r\n");
+    converse(peer, {{"DELE absolute", "250 DELE command successful"}, {"DELE out", "250 DELE command successful"}});
     EXPECT_EQ(std::ifstream(files_.path("outside/secret")).get(), 's');
 }
 
@@ -514,13 +428,11 @@ TEST_F(ftpd, makes_data_connections_to_the_client_only)
     const int32_t listener = kestal_open_listen_socket("127.0.0.1", 0);
     const uint32_t at = port_of(listener);
     const std::string tail = "," + std::to_string(at >> 8) + "," + std::to_string(at & 255);
-    for (const std::string &target :
-         {"127,0,0,2" + tail, "10,0,0,1" + tail, std::string("127,0,0,1,0,0"), "127,0,0,1" + tail + ",1",
-          std::string("127,0,0,1,256,1"), std::string("127,0,0,1,1"), std::string(), "127,0,0,,1" + tail})
+    for (const std::string &target : {"127,0,0,2" + tail, std::string("127,0,0,1,0,0"), "127,0,0,1" + tail + ",1",
+                                      std::string("127,0,0,1,256,1"), std::string("127,0,0,1,1"), std::string()})
         EXPECT_EQ(peer.ask("PORT " + target), "501 Illegal PORT command") << target;
-    for (const char *target :
-         {"|1|127.0.0.2|21|", "|1|0.0.0.0|21|", "|2|::1|21|", "|2|::|21|", "|1|127.0.0.1|0|", "", "|1|127.0.0.1|",
-          "|1|127.0.0.1|70000|", "|1|127.0.0.1|21", "1127.0.0.121", "|1||21|", "|1|127.0.0.1|21|x"})
+    for (const char *target : {"|1|127.0.0.2|21|", "|2|::1|21|", "|2|::|21|", "|1|127.0.0.1|0|", "", "|3|x|1|",
+                               "|1|127.0.0.1|", "|1|127.0.0.1|70000|", "1127.0.0.121", "|1||21|", "|1|127.0.0.1|21|x"})
         EXPECT_EQ(peer.ask(std::string("EPRT ") + target), "502 EPRT command not implemented !") << target;
     EXPECT_EQ(peer.ask("RETR file"), "451 Socket error !");
 
@@ -529,43 +441,21 @@ TEST_F(ftpd, makes_data_connections_to_the_client_only)
         EXPECT_EQ(peer.ask(command), "200 " + command.substr(0, 4) + " command successful");
         EXPECT_EQ(peer.ask("RETR file"), "150 Opening data connection");
         EXPECT_EQ(read_all(kestal_accept(listener, nullptr, nullptr, 30000)), "content");
-        EXPECT_EQ(peer.reply(), "226 Transfer complete");
+        EXPECT_EQ(peer.reply(), done);
     }
-    peer.ask(good[0]);
     close(listener);
+    peer.ask("PORT 127,0,0,1,0,1"); // nobody listens there
     EXPECT_EQ(peer.ask("RETR file", 2), "150 Opening data connection|451 Connect error !");
 
-    unsigned numbers[6] = {};
-    EXPECT_EQ(sscanf(peer.ask("PASV").c_str(), "227 Entering passive mode (%u,%u,%u,%u,%u,%u).", &numbers[0],
-                     &numbers[1], &numbers[2], &numbers[3], &numbers[4], &numbers[5]),
-              6);
-    EXPECT_EQ(numbers[0] << 24 | numbers[1] << 16 | numbers[2] << 8 | numbers[3], 0x7F000001u);
-    const uint32_t offered = numbers[4] << 8 | numbers[5];
-    const sockaddr_storage elsewhere = kestal_test::address_of("127.0.0.9");
-    const sockaddr_storage target = kestal_test::address_of("127.0.0.1:" + std::to_string(offered));
-    const int32_t stranger = kestal_open_socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    EXPECT_EQ(kestal_bind(stranger, &elsewhere, sizeof(sockaddr_in)), 0);
-    EXPECT_EQ(kestal_connect(stranger, &target, sizeof(sockaddr_in), -1), 0);
+    unsigned high = 0, low = 0;
+    EXPECT_EQ(sscanf(peer.ask("PASV").c_str(), "227 Entering passive mode (127,0,0,1,%u,%u).", &high, &low), 2);
+    const int32_t stranger =
+        kestal_open_connect_socket_ex(0, "127.0.0.9", 0, "127.0.0.1", static_cast<int32_t>(high << 8 | low), 30000);
+    kestal_set_non_block_socket(stranger, 0);
     EXPECT_EQ(peer.ask("RETR file"), "150 Opening data connection");
     EXPECT_EQ(read_all(stranger), "") << "another machine's connection is not served";
-    EXPECT_EQ(read_all(connect_to("127.0.0.1", offered)), "content");
-    EXPECT_EQ(peer.reply(), "226 Transfer complete");
-
-    // Without a descriptor for it a connection is given up, not tried until the time is over.
-    const int32_t unaccepted = kestal_open_socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    sockaddr_storage waiting = kestal_test::address_of("127.0.0.1");
-    unsigned waiting_port = 0;
-    EXPECT_EQ(sscanf(peer.ask("EPSV").c_str(), "229 Entering Extended Passive Mode (|||%u|).", &waiting_port), 1);
-    kestal_sockaddr_set_port(&waiting, waiting_port);
-    EXPECT_EQ(peer.ask("RETR file"), "150 Opening data connection");
-    rlimit limit;
-    getrlimit(RLIMIT_NOFILE, &limit);
-    const rlimit none = {3, limit.rlim_max}; // still as many as poll is asked about
-    setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_EQ(kestal_connect(unaccepted, &waiting, sizeof(sockaddr_in), -1), 0);
-    EXPECT_EQ(peer.reply(), "451 Accept error !");
-    setrlimit(RLIMIT_NOFILE, &limit);
-    close(unaccepted);
+    EXPECT_EQ(read_all(connect_to("127.0.0.1", high << 8 | low)), "content");
+    EXPECT_EQ(peer.reply(), done);
 }
 
 TEST_F(ftpd, gives_up_on_clients_that_stall)
@@ -574,22 +464,17 @@ TEST_F(ftpd, gives_up_on_clients_that_stall)
     EXPECT_EQ(kestal_ftpd_set_timeouts(server_, 60000, 60000, 20), 0);
     client peer(port());
     peer.log_in();
-    int data = peer.passive();
-    close(data); // waits in the queue, and has ended
-    EXPECT_EQ(peer.ask("STOR short", 2), "150 Opening data connection|226 Transfer complete");
-    peer.ask("EPSV");
-    EXPECT_EQ(peer.ask("RETR large", 2), "150 Opening data connection|451 Accept error !");
+    close(peer.passive()); // waits in the queue, and has ended
+    EXPECT_EQ(peer.ask("STOR short", 2), "150 Opening data connection|" + done);
     peer.ask("EPSV");
     EXPECT_EQ(peer.ask("STOR never", 2), "150 Opening data connection|451 Accept error !");
-    EXPECT_EQ(peer.ask("REST 1\r\nSTOR never", 2), "320 Restart position ready|550 Can not seek file !");
     EXPECT_EQ(peer.ask("SIZE never"), "550 Unknown size !") << "nothing is made for a client that does not come";
-    data = peer.passive();
-    EXPECT_EQ(peer.ask("RETR large", 2), "150 Opening data connection|550 Data send error !");
-    close(data);
-    data = peer.passive();
-    EXPECT_EQ(peer.ask("STOR short", 2), "150 Opening data connection|550 Data read error !");
-    close(data);
-    EXPECT_EQ(peer.ask("NOOP"), "200 NOOP command successful");
+    for (const auto &[command, end] :
+         {std::pair("RETR large", "550 Data send error !"), {"STOR short", "550 Data read error !"}}) {
+        const int data = peer.passive();
+        EXPECT_EQ(peer.ask(command, 2), std::string("150 Opening data connection|") + end);
+        close(data);
+    }
 
     EXPECT_EQ(kestal_ftpd_set_timeouts(server_, 20, 60000, 60000), 0);
     client silent(port());
@@ -609,78 +494,29 @@ TEST_F(ftpd, ends_transfers_on_abor_hang_up_and_stop)
     client peer(port());
     peer.log_in();
     char first = 1;
-    const auto begin_transfer = [&] {
-        const int data = peer.passive();
-        EXPECT_EQ(peer.ask("RETR large"), "150 Opening data connection");
-        EXPECT_EQ(recv(data, &first, 1, 0), 1);
-        return data;
-    };
-    int data = begin_transfer();
+    const int data = peer.passive();
+    EXPECT_EQ(peer.ask("RETR large"), "150 Opening data connection");
+    EXPECT_EQ(recv(data, &first, 1, 0), 1);
     peer.send("\xFF\xF4\xFF\xF2"
               "ABOR\r\nNOOP\r\n");
     EXPECT_EQ(peer.replies(3), "550 Data send error !|\xFF\xF4\xFF\xF2"
                                "426 Transfer aborted. Data connection closed.|200 NOOP command successful");
     close(data);
-    data = begin_transfer();
-    const linger reset = {1, 0};
-    setsockopt(data, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
-    close(data);
-    EXPECT_EQ(peer.reply(), "550 Data send error !");
-
-    client other(port());
-    other.log_in();
-    data = begin_transfer();
-    const int upload = other.passive();
-    EXPECT_EQ(other.ask("STOR upload"), "150 Opening data connection");
+    const int upload = peer.passive();
+    EXPECT_EQ(peer.ask("STOR upload"), "150 Opening data connection");
     EXPECT_EQ(send(upload, "x", 1, 0), 1);
     kestal_test::wait_until([&] { return content("upload") == "x"; });
-    EXPECT_EQ(kestal_ftpd_get_session_count(server_), 2u);
-    EXPECT_EQ(kestal_ftpd_set_session_limit(server_, 2), 0);
+    EXPECT_EQ(kestal_ftpd_set_session_limit(server_, 1), 0);
     EXPECT_EQ(client(port()).replies(2), "421 Service not available !|");
     EXPECT_EQ(kestal_ftpd_set_session_limit(server_, 0), 0);
     EXPECT_EQ(client(port()).reply(), "220 KESTAL FTP Server");
-    wait_for_sessions(2);
-    EXPECT_EQ(kestal_ftpd_stop(server_, 0), -1) << "two are left";
-    EXPECT_EQ(peer.replies(2), "550 Data send error !|");
-    EXPECT_EQ(other.replies(2), "550 Data read error !|");
+    EXPECT_EQ(kestal_ftpd_stop(server_, 0), -1) << "one is left";
+    EXPECT_EQ(peer.replies(2), "550 Data read error !|");
     peer.hang_up();
-    other.hang_up();
     EXPECT_EQ(kestal_ftpd_stop(server_, 30000), 0);
-    close(data);
     close(upload);
     EXPECT_EQ(kestal_ftpd_do(server_, -1), -1);
     EXPECT_EQ(kestal_ftpd_serve(server_, -1), -1);
-}
-
-TEST_F(ftpd, serves_both_families_at_once)
-{
-    if (kestal_check_ipv6_support() != 0)
-        GTEST_SKIP() << "no IPv6 here";
-    stop();
-    ASSERT_TRUE(start(nullptr));
-    kestal_test::on_threads(6, [&](size_t number) {
-        client peer(port(), number % 2 == 0 ? "::1" : "127.0.0.1");
-        peer.log_in();
-        if (number % 2 == 0)
-            converse(peer, {{"PASV", "425 Can not open passive connection"},
-                            {"EPSV 1", "502 EPSV command not implemented !"},
-                            {"EPRT |2|::2|21|", "502 EPRT command not implemented !"},
-                            {"EPRT |2|::|21|", "200 EPRT command successful"}}); // the client's own, left open
-        const std::string name = "own" + std::to_string(number);
-        const std::string content(1000000 + number, static_cast<char>('a' + number));
-        EXPECT_EQ(peer.ask("MKD " + name), "250 MKD command successful");
-        EXPECT_EQ(peer.ask("CWD " + name), "250 CWD command successful");
-        EXPECT_EQ(peer.store("STOR file", content), "226 Transfer complete");
-        EXPECT_TRUE(peer.fetch("RETR file") == content) << name;
-    });
-    wait_for_sessions(0);
-}
-
-// Hashes can be checked here.
-bool has_crypt()
-{
-    void *library = dlopen("libcrypt.so.1", RTLD_NOW | RTLD_LOCAL);
-    return library != nullptr && dlclose(library) == 0;
 }
 
 TEST_F(ftpd, logs_in_by_the_first_account_that_fits)
@@ -695,9 +531,7 @@ TEST_F(ftpd, logs_in_by_the_first_account_that_fits)
     kestal_ftpd_account_t *own = nullptr;
     EXPECT_EQ(kestal_ftpd_add_user(nullptr, &own, "free", nullptr, nullptr), 0);
     EXPECT_EQ(kestal_ftpd_add_account(server_, own), 0);
-    setenv("HOME", path("").c_str(), 1);
-
-    const bool crypts = has_crypt();
+    const bool crypts = dlopen("libcrypt.so.1", RTLD_NOW | RTLD_LOCAL) != nullptr;
     struct {
         const char *user, *password;
         bool enters;
@@ -705,10 +539,8 @@ TEST_F(ftpd, logs_in_by_the_first_account_that_fits)
         // clang-format off
         {"sha", "secret", crypts}, {"sha", "Secret", false}, {"sha", sha512, false}, {"md5", "plain first", true},
         {"md5", "secret", false}, {"free", nullptr, true}, {"open", "", false}, {"old", "secret", false},
-        {"old", "secret", crypts}, {"short", "secret", crypts}, {"sha", "secret", crypts}, {"open", nullptr, true},
-        {"shadow-open", nullptr, true}, {"locked", "", false}, {"locked", "!", false}, {"starred", "*", false},
-        {"shadowless", "x", false}, {"plain", "secret", true}, {"plain", "", false}, {"empty-hash", "a", false},
-        {"unheard-of", "", false},
+        {"old", "secret", crypts}, {"short", "secret", crypts}, {"open", nullptr, true}, {"locked", "!", false},
+        {"shadowless", "x", false}, {"plain", "secret", true}, {"plain", "", false}, {"unheard-of", "", false},
         // clang-format on
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
@@ -727,14 +559,14 @@ TEST_F(ftpd, logs_in_by_the_first_account_that_fits)
     client peer(port());
     peer.reply();
     EXPECT_EQ(peer.ask("USER open"), "230 Login successful.");
-    EXPECT_EQ(peer.store("STOR mine", ""), "226 Transfer complete");
+    peer.transfer({"STOR mine"});
     struct stat status;
     EXPECT_EQ(stat(path("system/mine").c_str(), &status), 0);
     EXPECT_EQ(status.st_uid, geteuid() == 0 ? system_uid : geteuid()) << "files belong to the user who stored them";
+    setenv("HOME", path("").c_str(), 1);
     EXPECT_EQ(peer.ask("USER free"), "230 Login successful.");
-    EXPECT_EQ(peer.ask("SIZE system/mine"), "213 0") << "home is where the process lives";
-    EXPECT_EQ(peer.store("STOR other", ""), "226 Transfer complete");
-    EXPECT_EQ(stat(path("other").c_str(), &status), 0);
+    peer.transfer({"STOR other"});
+    EXPECT_EQ(stat(path("other").c_str(), &status), 0) << "home is where the process lives";
     EXPECT_EQ(status.st_uid, geteuid());
 }
 
@@ -747,15 +579,23 @@ TEST_F(ftpd, serves_anybody_without_accounts)
     client peer(port());
     peer.reply();
     EXPECT_EQ(peer.ask("USER anonymous"), "230 Login successful.");
-    EXPECT_EQ(peer.fetch("RETR file"), "content");
+    EXPECT_EQ(peer.transfer({"RETR file"}), "content");
     unsetenv("HOME");
     setenv("HOMEDRIVE", files_.path("").c_str(), 1);
     setenv("HOMEPATH", "home", 1);
     EXPECT_EQ(peer.ask("USER ftp"), "230 Login successful.");
     EXPECT_EQ(peer.ask("SIZE /file"), "213 7");
-    unsetenv("HOMEPATH");
-    EXPECT_EQ(peer.ask("USER ftp"), "230 Login successful.");
-    EXPECT_EQ(peer.ask("CWD /lib"), "250 CWD command successful") << "the root, without any home";
+    if (kestal_check_ipv6_support() == 0) {
+        client other(port(), "::1");
+        other.reply();
+        converse(other, {{"USER ftp", "230 Login successful."},
+                         {"PASV", "425 Can not open passive connection"},
+                         {"EPSV 1", "502 EPSV command not implemented !"},
+                         {"EPRT |2|::2|21|", "502 EPRT command not implemented !"},
+                         {"EPRT |2|::|21|", "200 EPRT command successful"}}); // the client's own, left open
+        other.transfer({"STOR /file"}, "more content");
+        EXPECT_EQ(content("file"), "more content");
+    }
     // A session that one's own thread serves.
     kestal_socket_pair_t ends;
     EXPECT_EQ(kestal_socket_pair(AF_UNIX, SOCK_STREAM, 0, &ends), 0);
@@ -777,12 +617,12 @@ TEST_F(ftpd, survives_allocations_that_fail)
             return;
         {
             client peer(port());
-            std::string end = peer.reply();
+            peer.reply();
             for (const char *command : {"USER joe", "PASS secret", "RNFR file", "OPTS UTF8 ON"})
                 peer.ask(command);
-            EXPECT_TRUE(peer.fetch("RETR file", &end) == "content" || end != "226 Transfer complete");
-            peer.fetch("LIST", &end);
-            peer.store("APPE other", "x");
+            EXPECT_TRUE(peer.transfer({"RETR file"}) == "content" || peer.last != done);
+            peer.transfer({"LIST"});
+            peer.transfer({"APPE other"}, "x");
         }
         stop();
     });
@@ -794,16 +634,14 @@ TEST_F(ftpd, refuses_what_it_can_not_use)
     for (const auto &[address, at] : {std::pair("not an address", 0u), {"127.0.0.1", port()}, {nullptr, 70000u}})
         EXPECT_EQ(kestal_open_ftpd(address, static_cast<int32_t>(at)), nullptr) << at;
     kestal_ftpd_account_t *account = nullptr;
-    for (const int32_t result :
-         {kestal_close_ftpd(nullptr), kestal_ftpd_do(nullptr, 0), kestal_ftpd_serve(nullptr, -1),
-          kestal_ftpd_stop(nullptr, 0), kestal_ftpd_set_timeouts(nullptr, 0, 0, 0),
-          kestal_ftpd_set_session_limit(nullptr, 0), kestal_ftpd_get_socket(nullptr),
-          kestal_ftpd_add_account(server_, nullptr), kestal_ftpd_free_account(nullptr),
-          kestal_ftpd_account_set_plain_password(nullptr, "x"), kestal_ftpd_account_set_path_home(nullptr, "x"),
-          kestal_ftpd_add_user(server_, &account, nullptr, "x", "/"),
-          kestal_ftpd_add_user(nullptr, nullptr, "x", "x", "/")})
-        EXPECT_EQ(result, -1);
-    EXPECT_EQ(account, nullptr);
+    EXPECT_EQ(kestal_close_ftpd(nullptr) + kestal_ftpd_do(nullptr, 0) + kestal_ftpd_serve(nullptr, -1) +
+                  kestal_ftpd_stop(nullptr, 0) + kestal_ftpd_set_timeouts(nullptr, 0, 0, 0) +
+                  kestal_ftpd_set_session_limit(nullptr, 0) + kestal_ftpd_get_socket(nullptr) +
+                  kestal_ftpd_add_account(server_, nullptr) + kestal_ftpd_free_account(nullptr) +
+                  kestal_ftpd_account_set_plain_password(nullptr, "x") +
+                  kestal_ftpd_account_set_path_home(nullptr, "x") +
+                  kestal_ftpd_add_user(server_, &account, nullptr, "x", "/"),
+              -12);
     EXPECT_EQ(kestal_ftpd_get_session_count(nullptr) + kestal_ftpd_get_port(nullptr), 0u);
 }
 

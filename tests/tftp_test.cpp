@@ -37,13 +37,6 @@ protected:
     }
     int32_t request() const { return kestal_tftp_read_request(client_, nullptr, nullptr, patience); }
     uint32_t port() const { return kestal_test::port_of(client_->m_socket); }
-    std::string interface_of_socket() const
-    {
-        char name[16] = {};
-        uint32_t length = sizeof name;
-        kestal_getsockopt(client_->m_socket, SOL_SOCKET, SO_BINDTODEVICE, name, &length);
-        return name;
-    }
     void send(const std::string &bytes) const { send(bytes, transfers_, port()); }
     static void send(const std::string &bytes, int32_t from, uint32_t port)
     {
@@ -81,7 +74,7 @@ TEST_F(tftp, requests_files)
         open(path);
         EXPECT_EQ(kestal_tftp_write_request(client_, name, mode, patience), 0);
         EXPECT_EQ(receive(server_), "\0\2"s + wanted);
-        EXPECT_EQ(client_->m_state, KESTAL_TFTP_FAILED);
+        EXPECT_EQ(read(), "EINVAL");
         EXPECT_EQ(kestal_tftp_read_request(client_, name, mode, patience), 0);
         EXPECT_EQ(receive(server_), "\0\1"s + wanted);
     }
@@ -101,13 +94,13 @@ TEST_F(tftp, requests_files)
 TEST_F(tftp, takes_blocks_in_order_once_and_from_one_sender)
 {
     open("/f");
-    EXPECT_EQ(read(), "EINVAL");
     kestal_setsockopt(client_->m_socket, SOL_SOCKET, SO_BINDTODEVICE, "lo", sizeof "lo");
-    const std::string interface = interface_of_socket();
     request();
     for (const std::string &last : {""s, full.substr(1)}) {
         const uint32_t port_before = port();
-        request();
+        do
+            request();
+        while (port() == port_before);
         send(packet(3, 1, "for the transfer before"), transfers_, port_before);
         for (const auto &[block, bytes] : {std::pair(2u, full), {1, full}, {1, full}, {0, "lost"}, {2, last}}) {
             send(packet(3, block, bytes));
@@ -116,17 +109,13 @@ TEST_F(tftp, takes_blocks_in_order_once_and_from_one_sender)
         }
         for (const std::string &expected : {full, last, ""s})
             EXPECT_EQ(read(), expected);
-        EXPECT_EQ(client_->m_state, KESTAL_TFTP_COMPLETE);
         for (const unsigned block : {2u, 1u, 1u, 0u, 2u})
             EXPECT_EQ(receive(transfers_), packet(4, block));
     }
-    EXPECT_EQ(interface_of_socket(), interface) << "what its user has set stays";
-    request();
-    client_->m_block = 65534;
-    for (const unsigned block : {65535u, 0u, 1u}) {
-        send(packet(3, block, full));
-        EXPECT_EQ(read(), full);
-    }
+    char interface[16] = {};
+    uint32_t length = sizeof interface;
+    kestal_getsockopt(client_->m_socket, SOL_SOCKET, SO_BINDTODEVICE, interface, &length);
+    EXPECT_STREQ(interface, "lo") << "what its user has set stays";
 }
 
 TEST_F(tftp, failed_transfers_stay_failed)
@@ -139,29 +128,20 @@ TEST_F(tftp, failed_transfers_stay_failed)
         EXPECT_EQ(read(), "EINVAL");
     };
     fails(packet(5, 1, "File not found\0"s), "ENOENT");
-    fails(packet(5, 7, "?\0"s), "EPERM");
-    for (const std::string &odd :
-         {packet(5, 8, "?\0"s), "\0\5"s, packet(4, 1), packet(3, 1, full + "x"), packet(3, 1, full + full + full), ""s})
+    for (const std::string &odd : {packet(5, 8, "?\0"s), "\0\5"s, packet(4, 1), packet(3, 1, full + "x"), ""s})
         fails(odd, "EPROTO");
     {
         const kestal_test::failing_allocation failing(2); // the first is the request's own
         fails(packet(3, 1), "ENOMEM");
     }
-    request();
-    EXPECT_EQ(read(0), "ETIMEDOUT");
-    while (receive(transfers_, 0) != "nothing")
-        ;
     // A block again gives new time, but not for ever.
     request();
-    int repeated = 0;
-    const auto repeat = [&] {
+    for (int i = 0; i < 150; ++i)
         send(packet(3, 7));
-        return ++repeated < 150 && receive(transfers_, 100) == packet(4, 7);
-    };
-    EXPECT_EQ(kestal_test::as_time_passes(4000, repeat, [this] { return kestal_tftp_read_data(client_, patience); }),
-              -1);
-    EXPECT_GE(repeated, 64);
-    EXPECT_LT(repeated, 140) << "a few more while the two race";
+    EXPECT_EQ(kestal_test::as_time_passes(1000, [this] { return kestal_tftp_read_data(client_, patience); }), -1);
+    for (int i = 0; i < 64; ++i)
+        EXPECT_EQ(receive(transfers_), packet(4, 7));
+    EXPECT_EQ(receive(client_->m_socket), packet(3, 7)) << "some are not even read";
     kestal_close_socket(std::exchange(client_->m_socket, -1));
     EXPECT_EQ(request(), -1);
     EXPECT_EQ(read(), "EBADF");
@@ -169,23 +149,22 @@ TEST_F(tftp, failed_transfers_stay_failed)
 
 TEST_F(tftp, works_over_a_stream)
 {
-    {
-        const owned_socket listening(kestal_open_listen_socket("127.0.0.1", 0));
-        location_ = "tftp://127.0.0.1:" + std::to_string(listening.port());
-        for (const auto &[last, result] :
-             {std::pair(packet(3, 2, "end"), "end"), {packet(3, 1, full), "EPROTO"}, {"", "EPROTO"}}) {
-            open("/file", 1);
-            const owned_socket peer(kestal_accept(listening, nullptr, nullptr, patience));
-            EXPECT_EQ(request(), 0);
-            EXPECT_EQ(receive(peer), "\0\1file\0octet\0"s);
-            kestal_send(peer, packet(3, 1, full).data(), 516, patience);
-            EXPECT_EQ(read(), full);
-            EXPECT_EQ(receive(peer), packet(4, 1));
-            kestal_send(peer, last.data(), last.size(), patience);
-            kestal_shutdown_socket(peer, 1);
-            EXPECT_EQ(read(), result);
-        }
+    const owned_socket listening(kestal_open_listen_socket("127.0.0.1", 0));
+    location_ = "tftp://127.0.0.1:" + std::to_string(listening.port());
+    for (const auto &[last, result] :
+         {std::pair(packet(3, 2, "end"), "end"), {packet(3, 1, full), "EPROTO"}, {"", "EPROTO"}}) {
+        open("/file", 1);
+        const owned_socket peer(kestal_accept(listening, nullptr, nullptr, patience));
+        EXPECT_EQ(request(), 0);
+        EXPECT_EQ(receive(peer), "\0\1file\0octet\0"s);
+        kestal_send(peer, packet(3, 1, full).data(), 516, patience);
+        EXPECT_EQ(read(), full);
+        EXPECT_EQ(receive(peer), packet(4, 1));
+        kestal_send(peer, last.data(), last.size(), patience);
+        kestal_shutdown_socket(peer, 1);
+        EXPECT_EQ(read(), result);
     }
+    location_ = "tftp://127.0.0.1:1"; // where nobody listens
     open("/file", 1);
     EXPECT_EQ(errno, ECONNREFUSED);
     EXPECT_EQ(client_, nullptr);
@@ -196,30 +175,24 @@ TEST_F(tftp, files_are_streams)
     location_ += "/a%20b";
     uint32_t id = KESTAL_INVALID_ID;
     sockaddr_in client = {};
-    const auto open_stream = [&](const char *mode) {
-        kestal_destroy_ctx(id);
-        id = kestal_open_ctx_stream(location_.c_str(), mode, 0);
-        return receive(server_, 0, &client);
-    };
     // A location is all there or not opened.
     kestal_test::with_each_allocation_failing([&] {
-        const std::string wanted = open_stream("rb");
-        EXPECT_EQ(wanted, id == KESTAL_INVALID_ID ? "nothing" : "\0\1a b\0octet\0"s);
+        id = kestal_open_ctx_stream(location_.c_str(), "rb", 0);
+        EXPECT_TRUE(id == KESTAL_INVALID_ID || receive(server_, patience, &client) == "\0\1a b\0octet\0"s);
         id = kestal_destroy_ctx(id);
     });
-    EXPECT_EQ(open_stream("w"), "\0\2a b\0octet\0"s);
-    EXPECT_EQ(kestal_ctx_write(id, "x", 1), -1);
-    open_stream("rb");
+    id = kestal_open_ctx_stream(location_.c_str(), "rb", 0);
+    receive(server_, patience, &client);
     EXPECT_EQ(kestal_get_valid_ctx(id)->m_kind, 102);
     EXPECT_EQ(kestal_ctx_is_readable(id, 0), 0);
     send(packet(3, 1, "all"), transfers_, kestal_sockaddr_get_port(&client));
     char block[3];
+    EXPECT_EQ(kestal_ctx_is_readable(id, patience), 1);
     EXPECT_EQ(kestal_ctx_read(id, block, 2), -1);
     EXPECT_EQ(kestal_ctx_get_last_error(id), KESTAL_CTX_ERROR_SHORT_BUFFER);
     EXPECT_EQ(kestal_ctx_is_readable(id, 0), 1);
     EXPECT_EQ(kestal_ctx_read(id, block, 3), 3);
     EXPECT_EQ(std::string(block, 3), "all");
-    EXPECT_EQ(kestal_ctx_is_readable(id, 0), 1);
     EXPECT_EQ(kestal_ctx_read(id, block, 3), 0);
     kestal_destroy_ctx(id);
 }

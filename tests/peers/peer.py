@@ -31,10 +31,15 @@ def need(*programs):
 
 
 def free_port(kind=socket.SOCK_STREAM, host="127.0.0.1"):
+    """Of those that no system gives to whoever asks for any port, so that it is still free when the server comes."""
     family = socket.AF_INET6 if ":" in host else socket.AF_INET
+    port = random.randrange(10000, 30000)
     with socket.socket(family, kind) as probe:
-        probe.bind((host, 0))
-        return probe.getsockname()[1]
+        try:
+            probe.bind((host, port))
+        except OSError:
+            return free_port(kind, host)
+    return port
 
 
 def wait_for(condition, what):

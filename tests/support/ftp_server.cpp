@@ -63,12 +63,6 @@ void ftp_server::serve(const std::string &content, size_t cut_after)
     cut_after_ = cut_after;
 }
 
-void ftp_server::before_upload(const std::function<void()> &step)
-{
-    const std::lock_guard guard(mutex_);
-    before_upload_ = step;
-}
-
 std::string ftp_server::heard()
 {
     const std::lock_guard guard(mutex_);
@@ -113,16 +107,12 @@ bool ftp_server::respond(const std::string &line)
     const std::string answer = told == answers_.end() ? "" : told->second;
     const std::string content = content_;
     const size_t cut_after = cut_after_;
-    const std::function<void()> before_upload = before_upload_;
     lock.unlock();
     unsigned high = 0, low = 0;
     if (!answer.empty())
         return answer != "hang up" && say(answer);
     if (verb == "PASV" || verb == "EPSV") {
         close(std::exchange(passive_, listen_on(host_)));
-        constexpr int little = 4096;
-        if (before_upload)
-            setsockopt(passive_, SOL_SOCKET, SO_RCVBUF, &little, sizeof little);
         const unsigned port = port_of(passive_);
         const std::string bytes = std::to_string(port / 256) + "," + std::to_string(port % 256);
         return say(verb == "PASV" ? "227 at (127,0,0,1," + bytes + ").\r\n"
@@ -140,7 +130,7 @@ bool ftp_server::respond(const std::string &line)
         return say("213 " + std::to_string(content.size()) + "\r\n");
     if (verb == "RETR" || verb == "LIST" || verb == "NLST")
         return send_file(content.substr(std::exchange(offset_, 0)), cut_after);
-    return verb == "STOR" || verb == "APPE" ? receive_file(before_upload) : say("500 what?\r\n");
+    return verb == "STOR" || verb == "APPE" ? receive_file() : say("500 what?\r\n");
 }
 
 // Answers that the transfer begins; an active connection is made after that.
@@ -166,12 +156,10 @@ bool ftp_server::send_file(const std::string &content, size_t cut_after)
     return !is_cut && say(told != answers_.end() ? told->second : is_sent ? "226 done\r\n" : "426 lost\r\n");
 }
 
-bool ftp_server::receive_file(const std::function<void()> &before)
+bool ftp_server::receive_file()
 {
     const int data = open_data();
     std::string received;
-    if (before)
-        before();
     char block[4096];
     for (ssize_t count; (count = recv(data, block, sizeof block, 0)) > 0;)
         received.append(block, static_cast<size_t>(count));

@@ -1,7 +1,6 @@
 // An FTP server of the test's own, on a loopback address: it answers as it is told, else as a plain server does.
 #pragma once
 
-#include <functional>
 #include <map>
 #include <mutex>
 #include <netinet/in.h>
@@ -29,8 +28,6 @@ public:
     void serve(const std::string &content, size_t cut_after = SIZE_MAX);
     // The commands since the last call, with a "|" behind each; the port of a data connection reads N.
     std::string heard();
-    // What is done before an upload is read; then little of it fits between the client and the server.
-    void before_upload(const std::function<void()> &step);
     // What the last upload brought.
     std::string stored();
 
@@ -40,7 +37,7 @@ private:
     bool say(const std::string &text) const;
     int open_data();
     bool send_file(const std::string &content, size_t cut_after);
-    bool receive_file(const std::function<void()> &before);
+    bool receive_file();
 
     std::string host_;
     int listening_;
@@ -49,7 +46,6 @@ private:
     sockaddr_storage active_ = {}; // where to connect one to
     size_t offset_ = 0;
     std::mutex mutex_; // of all below
-    std::function<void()> before_upload_;
     answers answers_ = {{"", "220 test\r\n"},   {"USER", "331 and?\r\n"}, {"PASS", "230 welcome\r\n"},
                         {"TYPE", "200 ok\r\n"}, {"NOOP", "200 here\r\n"}, {"ABOR", "226 over\r\n"}};
     std::string content_, heard_, stored_;

@@ -86,6 +86,9 @@ int occurrences(const std::string &text, const std::string &part)
 }
 
 std::atomic<uint64_t> clock_ahead_msec{0};
+std::atomic<bool> is_clock_held{false};
+std::atomic<uint64_t> held_msec{0}; // what a held clock shows
+std::atomic<uint64_t> step_msec{0}; // by which it goes on with every look
 
 } // namespace
 
@@ -96,12 +99,14 @@ uint64_t __real_kestal_time_stamp_nsec();
 
 uint64_t __wrap_kestal_time_stamp_msec()
 {
-    return __real_kestal_time_stamp_msec() + clock_ahead_msec;
+    return is_clock_held ? held_msec += step_msec : __real_kestal_time_stamp_msec() + clock_ahead_msec;
 }
 
 uint64_t __wrap_kestal_time_stamp_nsec()
 {
-    return __real_kestal_time_stamp_nsec() + clock_ahead_msec * 1000000;
+    constexpr uint64_t per_ms = 1000000;
+    return is_clock_held ? kestal_time_stamp_msec() * per_ms
+                         : __real_kestal_time_stamp_nsec() + clock_ahead_msec * per_ms;
 }
 
 void *__real_malloc(size_t size);
@@ -328,17 +333,15 @@ void advance_clock(uint64_t milliseconds)
     clock_ahead_msec += milliseconds;
 }
 
-int32_t as_time_passes(uint64_t step_ms, const std::function<bool()> &may_go, const std::function<int32_t()> &call)
+int32_t as_time_passes(uint64_t step_ms, const std::function<int32_t()> &call)
 {
-    std::atomic<bool> is_over = false;
-    std::thread clock([&] {
-        while (!is_over)
-            if (may_go())
-                advance_clock(step_ms);
-    });
+    const uint64_t start = kestal_time_stamp_msec();
+    held_msec = start + 1; // never back
+    step_msec = step_ms;
+    is_clock_held = true;
     const int32_t result = call();
-    is_over = true;
-    clock.join();
+    is_clock_held = false;
+    advance_clock(held_msec - start);
     return result;
 }
 

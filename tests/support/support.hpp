@@ -106,8 +106,9 @@ std::string owned(void *block, uint64_t length);
 // From now on the library's clock is ahead by so much more: time-outs come without the wait.
 void advance_clock(uint64_t milliseconds);
 
-// The call's result, while time passes for the library: a step whenever `may_go` holds.
-int32_t as_time_passes(uint64_t step_ms, const std::function<bool()> &may_go, const std::function<int32_t()> &call);
+// The call's result, while the library's clock goes on by a step whenever it is looked at, and not otherwise: however long
+// a thread stands still, the same time passes.
+int32_t as_time_passes(uint64_t step_ms, const std::function<int32_t()> &call);
 
 // Runs body(0), body(1) ... on threads of their own and waits for all of them.
 template <typename Body>

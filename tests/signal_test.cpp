@@ -5,7 +5,6 @@
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -28,29 +27,26 @@ protected:
         counted::SetUp();
         call_count = 0;
         prior_calls = 0;
-        prior_ = [](int) { ++prior_calls; };
-        before_ = kestal_exchange_signal(SIGUSR1, 0, prior_);
+        kestal_exchange_signal(SIGUSR1, 0, prior_);
     }
     void TearDown() override
     {
         kestal_restore_all_signal();
         EXPECT_EQ(kestal_get_last_signum(), -1);
-        EXPECT_EQ(kestal_exchange_signal(SIGUSR1, 0, before_), prior_) << "the prior action was not put back";
+        EXPECT_EQ(kestal_exchange_signal(SIGUSR1, 0, SIG_IGN), prior_) << "the prior action was not put back";
         counted::TearDown();
     }
 
     static std::vector<int> seen() { return {calls, calls + call_count}; }
 
     int one_ = 1, two_ = 2, three_ = 3;
-
-private:
-    kestal_plain_signal_handler_t prior_ = SIG_DFL, before_ = SIG_DFL;
+    const kestal_plain_signal_handler_t prior_ = [](int) { ++prior_calls; };
 };
 
 TEST_F(signal, handlers_are_called_in_order_and_counted)
 {
     kestal_signal_node_t *first = kestal_add_signal(SIGUSR1, note, &one_);
-    kestal_signal_node_t *second = kestal_add_signal(SIGUSR1, note, &two_);
+    EXPECT_NE(kestal_add_signal(SIGUSR1, note, &two_), nullptr);
     raise(SIGUSR1);
     kestal_signal_node_t *third = kestal_add_signal(SIGUSR1, note, &three_);
     EXPECT_EQ(kestal_block_signal(SIGUSR1), 0);
@@ -62,13 +58,13 @@ TEST_F(signal, handlers_are_called_in_order_and_counted)
     EXPECT_EQ(kestal_get_signal_node_count(first) + kestal_reset_signal_node_count(third), 3);
     EXPECT_EQ(kestal_get_signal_node_count(third), 0);
     EXPECT_EQ(kestal_get_last_signum(), SIGUSR1);
+    EXPECT_EQ(kestal_reset_signal_count(SIGUSR1), 2);
 
     EXPECT_EQ(kestal_del_signal(first) + kestal_del_signal(third), 0); // the dispatcher stays, the prior action is kept
     raise(SIGUSR1);
     EXPECT_EQ(seen().back() + prior_calls, 1002);
-    EXPECT_EQ(kestal_del_signal(second), 0);
-    EXPECT_EQ(kestal_get_signal_count(SIGUSR1), 0u);
-    EXPECT_EQ(kestal_get_last_signum(), -1);
+    EXPECT_EQ(kestal_reset_all_signal_count(), 1u);
+    kestal_restore_signal(SIGUSR1); // with a handler attached
     raise(SIGUSR1);
     EXPECT_EQ(call_count, 6u);
     EXPECT_EQ(prior_calls, 1);
@@ -76,80 +72,40 @@ TEST_F(signal, handlers_are_called_in_order_and_counted)
 
 TEST_F(signal, a_crash_stays_one)
 {
-    const auto before = kestal_exchange_signal(SIGSEGV, 0, SIG_DFL);
-    kestal_add_signal(SIGSEGV, note, &one_);
-    void *page = mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    const pid_t child = fork();
-    if (child == 0) {
-        alarm(30);
+    const auto crash = [this] {
         prctl(PR_SET_DUMPABLE, 0);
+        kestal_exchange_signal(SIGSEGV, 0, SIG_DFL); // a sanitizer has its own
+        kestal_add_signal(SIGSEGV, note, &one_);
         raise(SIGSEGV);
         if (call_count == 1) // one that is sent is no crash
-            *static_cast<volatile char *>(page) = 1;
-        _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGSEGV) << status;
-    munmap(page, 1);
-    kestal_restore_signal(SIGSEGV);
-    kestal_exchange_signal(SIGSEGV, 0, before);
-}
-
-TEST_F(signal, restoring_detaches_everything_and_counts_are_reset_apart)
-{
-    const auto before = kestal_exchange_signal(SIGUSR2, 0, SIG_IGN);
-    for (int *argument : {&one_, &two_})
-        for (const uint32_t number : {uint32_t{SIGUSR1}, uint32_t{SIGUSR2}})
-            EXPECT_NE(kestal_add_signal(number, note, argument), nullptr);
-    for (const int number : {SIGUSR1, SIGUSR2, SIGUSR2})
-        raise(number);
-    EXPECT_EQ(kestal_reset_signal_count(SIGUSR1), 1);
-    kestal_restore_signal(SIGUSR1); // not the last one delivered
-    EXPECT_EQ(kestal_get_last_signum(), SIGUSR2);
-    raise(SIGUSR1);
-    EXPECT_EQ(prior_calls, 1);
-    EXPECT_EQ(kestal_reset_all_signal_count(), 2u);
-    EXPECT_EQ(kestal_get_last_signum(), -1);
-    raise(SIGUSR2);
-    EXPECT_EQ(kestal_get_signal_count(SIGUSR2), 1u);
-    kestal_restore_all_signal();
-    raise(SIGUSR2);
-    EXPECT_EQ(call_count, 8u);
-    EXPECT_EQ(kestal_exchange_signal(SIGUSR2, SA_RESTART | SA_SIGINFO, before), SIG_IGN);
+            *static_cast<volatile char *>(mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) = 1;
+    };
+    EXPECT_EXIT(crash(), testing::KilledBySignal(SIGSEGV), "");
 }
 
 TEST_F(signal, bad_arguments_are_refused)
 {
-    for (const uint32_t number : {65u, uint32_t{SIGKILL}, 0u})
+    for (const uint32_t number : {65u, uint32_t{SIGKILL}})
         EXPECT_EQ(kestal_add_signal(number, note, &one_), nullptr);
-    EXPECT_EQ(errno, EINVAL);
     EXPECT_EQ(kestal_add_signal(SIGUSR1, nullptr, &one_), nullptr);
     EXPECT_EQ(kestal_get_signal_count(65), 0u);
-    for (const int32_t result :
-         {kestal_reset_signal_count(65), kestal_reset_signal_count(-1), kestal_del_signal(nullptr),
-          kestal_get_signal_node_count(nullptr), kestal_reset_signal_node_count(nullptr)})
-        EXPECT_EQ(result, -1);
-    kestal_restore_signal(65);
+    EXPECT_EQ(kestal_reset_signal_count(65) + kestal_del_signal(nullptr), -2);
+    EXPECT_EQ(kestal_get_signal_node_count(nullptr) + kestal_reset_signal_node_count(nullptr), -2);
     EXPECT_EQ(kestal_exchange_signal(SIGKILL, 0, SIG_IGN), SIG_ERR);
     const auto scenario = [this] { kestal_del_signal(kestal_add_signal(SIGUSR1, note, &one_)); };
     EXPECT_EQ(kestal_test::with_each_allocation_failing(scenario), 1u);
     const kestal_test::caught_errors errors;
-    EXPECT_EQ(kestal_block_signal(1000) + kestal_unblock_signal(1000), -2);
-    for (const char *part : {"kestal_block_signal:", "kestal_unblock_signal:", "sigaddset"})
-        EXPECT_NE(errors.text().find(part), std::string::npos) << part;
+    EXPECT_EQ(kestal_unblock_signal(1000), -1);
+    EXPECT_NE(errors.text().find("kestal_unblock_signal:"), std::string::npos) << errors.text();
 }
 
 TEST_F(signal, handlers_come_and_go_while_signals_arrive_everywhere)
 {
-    std::atomic<bool> stop{false};
     std::atomic<int> delivered{0};
     const auto count = [](int32_t, void *argument) { ++*static_cast<std::atomic<int> *>(argument); };
     kestal_add_signal(SIGUSR1, count, &delivered);
-    std::vector<std::jthread> targets, changers;
+    std::vector<std::jthread> changers;
     for (int t = 0; t < 4; ++t)
-        targets.emplace_back([&] { kestal_test::wait_until([&] { return stop.load(); }); });
-    for (int t = 0; t < 3; ++t)
         changers.emplace_back([&] {
             for (int i = 0; i < 300; ++i) {
                 const auto mine = std::make_unique<std::atomic<int>>(0); // gone the moment the handler is
@@ -160,11 +116,9 @@ TEST_F(signal, handlers_come_and_go_while_signals_arrive_everywhere)
             }
         });
     for (size_t i = 0; i < 3000; ++i)
-        pthread_kill(targets[i % 4].native_handle(), SIGUSR1);
+        pthread_kill(changers[i % 4].native_handle(), SIGUSR1);
     changers.clear();
-    stop = true;
-    targets.clear();
-    EXPECT_GE(delivered, 900);
+    EXPECT_GE(delivered, 1200);
     EXPECT_EQ(kestal_get_signal_count(SIGUSR1), static_cast<uint32_t>(delivered.load()));
 }
 

@@ -5,36 +5,14 @@ import socket
 import subprocess
 import sys
 import time
-import zlib
 
 BOOT_SECONDS = 240  # emulation on a busy machine
 
 
-def read_png(name):
-    """Width, height and RGB bytes of a PNG as kestal-fb writes it: 8 bits, RGB, unfiltered rows."""
-    data = open(name, "rb").read()
-    at, packed = 8, b""
-    while at < len(data):
-        size, kind = int.from_bytes(data[at:at + 4], "big"), data[at + 4:at + 8]
-        body = data[at + 8:at + 8 + size]
-        if zlib.crc32(kind + body) != int.from_bytes(data[at + 8 + size:at + 12 + size], "big"):
-            sys.exit(f"{name}: a chunk's CRC is wrong")
-        if kind == b"IHDR":
-            width, height = int.from_bytes(body[:4], "big"), int.from_bytes(body[4:8], "big")
-        if kind == b"IDAT":
-            packed += body
-        at += 12 + size
-    rows = zlib.decompress(packed)
-    stride = 1 + 3 * width
-    return width, height, b"".join(rows[y * stride + 1:(y + 1) * stride] for y in range(height))
-
-
-def read_ppm(name):
-    magic, size, _, pixels = open(name, "rb").read().split(b"\n", 3)
-    if magic != b"P6":
-        sys.exit(f"{name}: no screen dump")
-    width, height = map(int, size.split())
-    return width, height, pixels
+def read_ppm(data):
+    """The lines of its head, and the RGB bytes."""
+    *head, pixels = data.split(b"\n", 3)
+    return head, pixels
 
 
 def boot(kernel, initramfs, mode, directory):
@@ -58,20 +36,13 @@ def boot(kernel, initramfs, mode, directory):
             time.sleep(0.2)
             if os.path.exists(console):
                 text = open(console, errors="replace").read()
-        time.sleep(1)  # the display follows its memory
         with socket.socket(socket.AF_UNIX) as control:
             control.connect(monitor)
-            control.settimeout(30)
             control.sendall(f"screendump {dump}\nquit\n".encode())
-            while control.recv(4096):
-                pass
-        machine.wait(30)
-    except ConnectionResetError:
-        machine.wait(30)
+            machine.wait(BOOT_SECONDS)
     finally:
-        if machine.poll() is None:
-            machine.kill()
-            machine.wait()
+        machine.kill()
+        machine.wait()
     return open(console, errors="replace").read(), dump
 
 
@@ -80,14 +51,14 @@ def main(kernel, initramfs, mode, picture, tolerance, directory):
     print(text.replace("\r", ""))
     if "FAILED" in text or "check passed" not in text:
         sys.exit("the check on the machine failed")
-    width, height, shown = read_ppm(dump)
-    wanted_width, wanted_height, wanted = read_png(picture)
-    if (width, height) != (wanted_width, wanted_height):
-        sys.exit(f"the display has {width} x {height} pixels, the picture {wanted_width} x {wanted_height}")
+    head, shown = read_ppm(open(dump, "rb").read())
+    wanted_head, wanted = read_ppm(subprocess.check_output(["pngtopnm", picture]))
+    if head != wanted_head or len(shown) != len(wanted):
+        sys.exit(f"the display's picture begins with {head}, the other with {wanted_head}")
     differences = [abs(a - b) for a, b in zip(shown, wanted)]
     wrong = sum(difference > int(tolerance) for difference in differences)
-    print(f"{width * height} pixels compared: largest difference of a channel {max(differences)}, allowed {tolerance}")
-    if wrong or len(shown) != len(wanted):
+    print(f"{len(shown) // 3} pixels compared: largest difference of a channel {max(differences)}, allowed {tolerance}")
+    if wrong:
         sys.exit(f"{wrong} channels differ: {dump} and {picture}")
 
 

@@ -53,8 +53,6 @@ struct picture {
         memory.assign(line_length * height + 1, paper);
         raw = {memory.size() - 1, &memory[1], code, width, height, 0, line_length};
     }
-    picture(const picture &) = delete;
-    picture &operator=(const picture &) = delete;
 
     std::vector<uint8_t> memory;
     kestal_raw_bitmap_t raw;

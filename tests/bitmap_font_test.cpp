@@ -7,7 +7,7 @@ namespace {
 
 using glyph = std::array<uint8_t, KESTAL_BITMAP_FONT_GLYPH_SIZE>;
 
-constexpr uint32_t first_syllable = 0xAC00, last_syllable = 0xD7A3, none = UINT32_MAX;
+constexpr uint32_t first_syllable = 0xAC00, last_syllable = 0xD7A3;
 constexpr uint8_t untouched = 0xEE;
 
 glyph looked_up(uint32_t code_point, const uint8_t *font = nullptr)
@@ -74,19 +74,23 @@ TEST(bitmap_font, syllables_are_composed_of_shapes_that_fit)
 {
     const std::vector<uint8_t> table = telling_table();
     const struct {
-        uint32_t code_point, initial_shape, initial, medial_shape, medial, final_shape, final;
-    } cases[] = {
-        {U'가', 0, 0, 0, 0, 0, none},   {U'코', 1, 15, 0, 8, 0, none},  {U'우', 2, 11, 1, 13, 0, none},
-        {U'왜', 3, 11, 1, 10, 0, none}, {U'위', 4, 11, 1, 16, 0, none}, {U'한', 5, 18, 3, 0, 0, 3},
-        {U'백', 5, 7, 3, 1, 2, 0},      {U'정', 5, 12, 3, 4, 1, 20},    {U'글', 6, 0, 2, 18, 3, 7},
-        {U'뷁', 7, 7, 3, 15, 2, 8},     {U'앞', 5, 11, 3, 0, 0, 26},    {last_syllable, 0, 18, 1, 20, 0, none}};
-    for (const auto &each : cases) {
-        const glyph shown = looked_up(each.code_point, table.data());
-        EXPECT_EQ(shown[0], each.initial_shape * 19 + each.initial) << std::hex << each.code_point;
-        EXPECT_EQ(shown[1], each.medial_shape * 21 + each.medial) << std::hex << each.code_point;
-        EXPECT_EQ(shown[31], each.final == none ? 0 : each.final_shape * 27 + each.final + 1)
-            << std::hex << each.code_point;
-    }
+        std::u32string medials;
+        uint32_t initial_shape, initial_shape_over_final, final_shape;
+    } groups[] = {{U"ㅏㅑ", 0, 5, 0}, {U"ㅓㅕㅣ", 0, 5, 1}, {U"ㅐㅒㅔㅖ", 0, 5, 2}, {U"ㅗㅛㅡ", 1, 6, 3},
+                  {U"ㅜㅠ", 2, 6, 3}, {U"ㅘ", 3, 7, 0},     {U"ㅚㅢ", 3, 7, 1},     {U"ㅙ", 3, 7, 2},
+                  {U"ㅝㅟ", 4, 7, 1}, {U"ㅞ", 4, 7, 2}};
+    for (const auto &group : groups)
+        for (const char32_t letter : group.medials) {
+            const uint32_t medial = letter - U'ㅏ', open = U'아' + 28 * medial, closed = open + 4; // with ㄴ
+            EXPECT_EQ(looked_up(open, table.data())[0], group.initial_shape * 19 + 11) << medial;
+            EXPECT_EQ(looked_up(closed, table.data())[0], group.initial_shape_over_final * 19 + 11) << medial;
+            EXPECT_EQ(looked_up(closed, table.data())[1], 3 * 21 + medial);
+            EXPECT_EQ(looked_up(closed, table.data())[31], group.final_shape * 27 + 4) << medial;
+        }
+    EXPECT_EQ(looked_up(U'가', table.data())[1], 0); // after ㄱ and ㅋ vowels have shapes of their own
+    EXPECT_EQ(looked_up(U'칸', table.data())[1], 2 * 21);
+    EXPECT_EQ(looked_up(U'앞', table.data())[31], 27); // at the end ㅍ has the glyph behind its own, and ㅎ none
+    EXPECT_EQ(looked_up(last_syllable, table.data())[31], 0);
 }
 
 } // namespace

@@ -76,7 +76,7 @@ TEST_F(fbmap_draw, boxes_and_straight_lines_are_cut_to_the_map)
         constexpr uint32_t ends[] = {0, 1, 0x80000000u, UINT32_MAX};
         return random.below(4) == 0 ? ends[random.below(4)] : random.below(60);
     };
-    for (uint32_t round = 0; round < 800; ++round) {
+    for (uint32_t round = 0; round < 400; ++round) {
         kestal::processor::allow_only(round % 8 < 4 ? kestal::processor::every_feature : 0);
         surface at(depths[round % 4], 400, 32);
         const int32_t x = coordinate(400), y = coordinate(32);

@@ -25,7 +25,6 @@ TEST_F(fbmap, is_made_with_what_it_is_given_or_its_parent_has)
                                      kestal_fbmap_get_resx(&map), kestal_fbmap_get_resy(&map), map.m_brush.m_fcolor}),
               (std::vector<uint64_t>{KESTAL_COLOR_DRGB0888, 24, 99, 99 * 20, 33, 20, 0xFFFFFF}));
     EXPECT_EQ(std::pair(kestal_fbmap_get_x(&map), kestal_fbmap_get_y(&map)), std::pair(-5, 6));
-    EXPECT_EQ(kestal_fbmap_get_map(&map), nullptr);
     EXPECT_EQ(kestal_fbmap_is_closed(&map) + kestal_fbmap_is_visible(&map), 0);
     root->m_flags |= KESTAL_FBMAP_CLOSED;
     EXPECT_EQ(kestal_fbmap_hide(&map), 0);

@@ -187,11 +187,15 @@ TEST_F(stream_fb, leaves_a_given_descriptor_open)
 TEST_F(stream_fb, short_memory_fails_cleanly)
 {
     const kestal_test::caught_assertions reports;
+    const int free_one = ::open("/dev/null", O_RDONLY);
+    close(free_one);
     const auto failures = kestal_test::with_each_allocation_failing([&] {
         open(device_);
         kestal_close_ctx(id_);
     });
     EXPECT_GT(failures, 3u);
+    EXPECT_EQ(::open("/dev/null", O_RDONLY), free_one) << "descriptors left open";
+    close(free_one);
 }
 
 TEST_F(stream_fb, dumps_with_labels_in_one_column)

@@ -9,18 +9,10 @@ import time
 BOOT_SECONDS = 240  # emulation on a busy machine
 
 
-def read_ppm(data):
-    """The lines of its head, and the RGB bytes."""
-    *head, pixels = data.split(b"\n", 3)
-    return head, pixels
-
-
 def boot(kernel, initramfs, mode, directory):
     """Gives the serial console's text and the name of the screen dump."""
     console, monitor, dump = (os.path.join(directory, name) for name in ("console", "monitor", "screen.ppm"))
-    for name in (console, monitor, dump):
-        if os.path.exists(name):
-            os.remove(name)
+    subprocess.run(["rm", "-f", console, monitor, dump], check=True)
     machine = subprocess.Popen(
         ["qemu-system-x86_64", "--accel", "tcg", "-m", "512", "-nodefaults", "-no-reboot", "-display", "none",
          "-vga", "std", "-serial", f"file:{console}", "-monitor", f"unix:{monitor},server,nowait",
@@ -51,8 +43,8 @@ def main(kernel, initramfs, mode, picture, tolerance, directory):
     print(text.replace("\r", ""))
     if "FAILED" in text or "check passed" not in text:
         sys.exit("the check on the machine failed")
-    head, shown = read_ppm(open(dump, "rb").read())
-    wanted_head, wanted = read_ppm(subprocess.check_output(["pngtopnm", picture]))
+    *head, shown = open(dump, "rb").read().split(b"\n", 3)
+    *wanted_head, wanted = subprocess.check_output(["pngtopnm", picture]).split(b"\n", 3)
     if head != wanted_head or len(shown) != len(wanted):
         sys.exit(f"the display's picture begins with {head}, the other with {wanted_head}")
     differences = [abs(a - b) for a, b in zip(shown, wanted)]

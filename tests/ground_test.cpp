@@ -44,14 +44,6 @@ TEST_F(ground, a_short_lock_excludes_threads)
     EXPECT_EQ(caught.messages(), texts{"s_short_lock != ((kestal_short_lock_t *)0)"});
 }
 
-TEST_F(ground, sleeps_are_whole_milliseconds)
-{
-    const uint64_t start = kestal_time_stamp_nsec();
-    EXPECT_EQ(kestal_sleep_wait(0, 20999), 0);
-    EXPECT_GE(kestal_time_stamp_nsec() - start, 20000000u);
-    EXPECT_GE(kestal_time_stamp_msec(), start / 1000000 + 20);
-}
-
 TEST_F(ground, calendar_texts)
 {
     setenv("TZ", "UTC", 1);

@@ -74,16 +74,6 @@ protected:
     kestal_ctx0_v1_interface_t table_ = empty_table(), second_table_ = empty_table();
 };
 
-TEST(mime_type_hint, matches_by_wildcard_word)
-{
-    const char *builtin = "application/ulx_base;application/ulx_stream*;application/ulx_fb|application/ulx_multicall*";
-    for (const char *type : {"application/ulx_stream_tcp", "APPLICATION/ULX_FB", "application/ulx_multicall"})
-        EXPECT_EQ(kestal_compare_mime_type_hint(builtin, type), 0) << type;
-    for (const char *type : {"application/ulx_fb2", "xapplication/ulx_fb", ""})
-        EXPECT_EQ(kestal_compare_mime_type_hint(builtin, type), -1) << type;
-    EXPECT_EQ(kestal_compare_mime_type_hint(nullptr, "any/type") | kestal_compare_mime_type_hint("*", nullptr), 0);
-}
-
 TEST_F(context, keeps_options_in_order_and_replaces_the_first)
 {
     const auto all = [this](const char *first) {
@@ -119,7 +109,7 @@ TEST_F(context, keeps_options_in_order_and_replaces_the_first)
 
 TEST_F(context, opens_with_the_newest_willing_plugin)
 {
-    const uint32_t older = load("probe.so", table_, "test/*");
+    const uint32_t older = load("probe.so", table_, "other|TEST/*");
     load("second_probe.so", second_table_, "test/both");
     const struct {
         const char *type;
@@ -172,7 +162,7 @@ TEST_F(context, opens_with_the_newest_willing_plugin)
 TEST_F(context, forwards_every_operation)
 {
     table_ = answering_table();
-    load("probe.so", table_, "test/*");
+    load("probe.so", table_, nullptr); // without a list it takes everything
     ASSERT_EQ(kestal_open_ctx(id_, "test/x"), 0);
     EXPECT_EQ(kestal_ctx_set_last_error(id_, 5), 14);
     EXPECT_EQ(kestal_ctx_get_last_error(id_), 1005) << "asked of the plugin, and nothing cleared";

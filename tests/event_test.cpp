@@ -6,6 +6,7 @@
 #include <deque>
 #include <fcntl.h>
 #include <random>
+#include <semaphore>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -37,7 +38,7 @@ protected:
         descriptors_counted::TearDown();
     }
 
-    // Runs until nothing is left to do, without waiting; or until something was done.
+    // Until nothing is left to do, without waiting; or until something was done.
     int32_t look() { return kestal_event_base_loop(base_, KESTAL_EVENT_LOOP_NON_BLOCK); }
     int32_t serve() { return kestal_event_base_loop(base_, KESTAL_EVENT_LOOP_ONCE); }
 
@@ -114,12 +115,9 @@ TEST_F(event, ItsHandlerHearsOfAssignmentAndIsToldLastOfItsEnd)
     // A record of the caller's: from chance memory, and assigned twice without a leak.
     kestal_event_t record;
     memset(&record, 0xFF, sizeof(record));
-    for (int i = 0; i < 2; ++i)
-        ASSERT_EQ(kestal_set_event_with_resolver(&record, 3, 0xFEFF, nullptr, nullptr, "127.0.0.1", 7, "host", 70000),
-                  0);
+    for (const char *host : {"host", "other"})
+        ASSERT_EQ(kestal_set_event_with_resolver(&record, 3, 0xFEFF, nullptr, nullptr, "127.0.0.1", 7, host, 70000), 0);
     EXPECT_EQ(record.m_flags, 0x189Fu);
-    EXPECT_EQ(record.m_bind_port, 7);
-    EXPECT_EQ(record.m_resolver_port, -1);
     EXPECT_EQ(kestal_add_event(&record, 0), -1);
     expect_told(errors, {"event is registered !", "kestal_add_event: [ERROR] event->m_base is null ! (event="});
     EXPECT_EQ(kestal_event_set_base(&record, base_), 0);
@@ -130,17 +128,10 @@ TEST_F(event, EveryCallReportsWhatTheEventLacks)
 {
     kestal_event_t blank{};
     const std::function<int64_t(kestal_event_t *)> operations[] = {
-        [](kestal_event_t *at) { return kestal_add_event(at, 0); },
-        [](kestal_event_t *at) { return kestal_del_event(at); },
-        [](kestal_event_t *at) { return kestal_active_event(at, 1); },
-        [](kestal_event_t *at) { return kestal_unassign_event(at); },
-        [](kestal_event_t *at) { return kestal_event_set_priority(at, 0); },
-        [this](kestal_event_t *at) { return kestal_event_set_base(at, base_); },
+        kestal_del_event, kestal_unassign_event,
         [](kestal_event_t *at) { return int64_t{kestal_event_pending(at, 1, nullptr)} - 1; },
-        [](kestal_event_t *at) { return kestal_event_enable_buffer(at, 3); },
-        [](kestal_event_t *at) { return kestal_event_push_puts(at, 3, "x"); },
-        [](kestal_event_t *at) { return kestal_event_pop_buffer(at, 1, nullptr, 1); },
-    };
+        [this](kestal_event_t *at) { return kestal_event_set_base(at, base_); },
+        [](kestal_event_t *at) { return kestal_event_enable_buffer(at, 3); }};
     for (const auto &operation : operations) {
         const caught_errors errors;
         EXPECT_EQ(operation(nullptr), -1);
@@ -152,78 +143,23 @@ TEST_F(event, EveryCallReportsWhatTheEventLacks)
 
 TEST_F(event, TimersDueTogetherComeInTheOrderOfAdding)
 {
-    std::vector<int> order;
+    std::string order;
     std::deque<told> timers;
-    for (int i = 0; i < 5; ++i) {
-        timers.emplace_back(base_, -1, 0, [&order, i](told &, uint32_t) { order.push_back(i); });
-        ASSERT_EQ(timers.back().add(i == 4 ? -1 : 500 - 100 * i), 0);
+    for (const int32_t timeout : {500000, 400000, 300000, -1}) { // the last, without a descriptor, is due at once
+        const char name = "abcd"[timers.size()];
+        timers.emplace_back(base_, -1, 0, [&order, name](told &, uint32_t) { order += name; });
+        ASSERT_EQ(timers.back().add(timeout), 0);
     }
-    EXPECT_EQ(timers[4].handle->m_timeout, 0) << "without descriptor and time-out: due at once";
-    EXPECT_EQ(base_->m_timer_event_count, 5u);
     int32_t left = -1;
     EXPECT_EQ(kestal_event_pending(timers[0].handle, 0x20, &left), 0x20u);
-    EXPECT_GT(left, 400);
-    EXPECT_EQ(look(), 0);
-    EXPECT_EQ(order, std::vector{4});
-    timers[1].add(1000); // again from now
-    for (int i = 0; i < 2; ++i) {
-        kestal_test::advance_clock(600);
+    EXPECT_GT(left, 400000);
+    timers[1].add(1000000); // again from now
+    for (const char *expected : {"d", "dac", "dacb"}) {
         EXPECT_EQ(look(), 0);
-        EXPECT_EQ(order, i == 0 ? std::vector({4, 0, 2, 3}) : std::vector({4, 0, 2, 3, 1}));
+        EXPECT_EQ(order, expected);
+        kestal_test::advance_clock(600000);
     }
     EXPECT_EQ(timers[2].come(), calls{KESTAL_EVENT_TIMEOUT});
-    EXPECT_EQ(base_->m_timer_event_count, 0u);
-}
-
-TEST_F(event, TheEarliestOfManyTimersIsTheFirst)
-{
-    std::mt19937 random(7);
-    std::deque<told> timers;
-    const auto earliest = [&timers] {
-        uint64_t deadline = UINT64_MAX;
-        for (const told &timer : timers)
-            if (kestal_event_pending(timer.handle, 0x20, nullptr) != 0)
-                deadline = std::min(deadline, timer.handle->m_deadline);
-        return deadline;
-    };
-    for (int i = 0; i < 300; ++i)
-        timers.emplace_back(base_, -1, persisting);
-    for (int i = 0; i < 2000; ++i) {
-        told &timer = timers[random() % timers.size()];
-        if (random() % 3 == 0)
-            kestal_del_event(timer.handle);
-        else
-            timer.add(static_cast<int32_t>(1 + random() % 1000));
-        if (random() % 16 == 0) {
-            kestal_test::advance_clock(random() % 50);
-            look();
-        }
-        ASSERT_EQ(base_->m_timer_head == nullptr ? UINT64_MAX : base_->m_timer_head->m_deadline, earliest());
-    }
-}
-
-TEST_F(event, DescriptorsAreWatchedAsTheirFlagsSay)
-{
-    pair_of_sockets pair;
-    told reader(base_, pair.ends[0], reading | writing | persisting);
-    ASSERT_EQ(reader.add(1000), 0);
-    EXPECT_EQ(kestal_event_pending(reader.handle, 0xFFFF, nullptr), 0x23u);
-    EXPECT_EQ(serve(), 0);
-    pair.send();
-    EXPECT_EQ(serve(), 0);
-    EXPECT_EQ(reader.come(), (calls{2, 3}));
-    kestal_del_event(reader.handle);
-    EXPECT_EQ(kestal_get_select_flags(base_->m_select, pair.ends[0]), 0u);
-
-    // Not persistent: out of the base before its handler runs, which may add it again.
-    told again(base_, pair.ends[0], reading, [](told &self, uint32_t) {
-        EXPECT_EQ(kestal_event_pending(self.handle, 0xFFFF, nullptr), 0u);
-        if (self.what.size() < 4)
-            self.add();
-    });
-    again.add();
-    EXPECT_EQ(look(), 0);
-    EXPECT_EQ(again.come(), (calls{1, 1, 1}));
 }
 
 TEST_F(event, OneLevelIsServedALookAndDrainedWhole)
@@ -232,47 +168,21 @@ TEST_F(event, OneLevelIsServedALookAndDrainedWhole)
     std::string order;
     told low(base_, -1, persisting, [&](told &, uint32_t) { order += 'l'; });
     told late(base_, -1, 0, [&](told &, uint32_t) { order += 'n'; });
-    told high(base_, -1, 0, [&](told &self, uint32_t) {
-        order += 'h';
-        kestal_active_event(late.handle, 1);
-        if (order.size() < 3)
-            kestal_active_event(self.handle, 1);
-    });
-    EXPECT_EQ(low.handle->m_priority, 1u);
+    told high(base_, -1, 0, [&](told &, uint32_t) { order += 'h', kestal_active_event(late.handle, 1); });
     EXPECT_EQ(kestal_event_set_priority(high.handle, 0) | kestal_event_set_priority(late.handle, 0), 0);
-    for (const auto &[one, what] : {std::pair(&low, 1u), {&low, 2u}, {&high, 1u}})
-        EXPECT_EQ(kestal_active_event(one->handle, what), 0);
+    EXPECT_EQ(kestal_active_event(low.handle, 1) | kestal_active_event(high.handle, 1), 0);
     const caught_errors errors;
     EXPECT_EQ(kestal_event_set_priority(low.handle, 0) & kestal_event_set_priority(late.handle, 3), -1);
-    for (const uint32_t levels : {0u, 2u, 65536u})
-        EXPECT_EQ(kestal_event_base_init_priority(base_, levels), -1) << "something is active";
+    EXPECT_EQ(kestal_event_base_init_priority(base_, 2), -1) << "something is active";
     EXPECT_EQ(serve(), 0);
-    EXPECT_EQ(order, "hnhnl");
-    EXPECT_EQ(low.come(), calls{3});
+    EXPECT_EQ(order, "hnl");
 
     kestal_event_set_priority(low.handle, 2);
     ASSERT_EQ(kestal_event_base_init_priority(base_, 2), 0);
     EXPECT_EQ(kestal_active_event(low.handle, 4), 0);
     EXPECT_EQ(low.handle->m_priority, 1u);
-    EXPECT_EQ(look(), 0);
-    EXPECT_EQ(order, "hnhnll");
     expect_told(errors,
                 {"already active event !", "s_priority >= max_priority !", "m_priority >= s_base->m_max_priority !"});
-}
-
-TEST_F(event, BreakStopsAfterTheHandlerAndExitAfterTheLook)
-{
-    std::string order;
-    told first(base_, -1, 0, [&](told &, uint32_t) { order += "a", kestal_event_base_break_loop(base_); });
-    told second(base_, -1, 0, [&](told &, uint32_t) { order += "b", kestal_event_base_exit_loop(base_, -1); });
-    told third(base_, -1, 0, [&](told &, uint32_t) { order += "c"; });
-    EXPECT_EQ(first.add() | second.add() | third.add(), 0);
-    for (const auto &[heard, left] : {std::pair("a", 2u), {"abc", 0u}}) {
-        EXPECT_EQ(kestal_event_base_dispatch(base_), 0);
-        EXPECT_EQ(order, heard);
-        EXPECT_EQ(base_->m_active_event_count, left);
-        EXPECT_EQ(kestal_event_base_get_exit(base_), left == 0 ? 1u : 0u);
-    }
 }
 
 TEST_F(event, HandlersMayFreeTheirOwnEventAndOthers)
@@ -347,13 +257,12 @@ TEST_F(event, OnceGoesWithItsCallAndPersistsUntilUnassigned)
 
 TEST_F(event_loop, EndsInEachOfItsWays)
 {
-    EXPECT_EQ(look(), 0);
     const caught_errors errors;
     EXPECT_EQ(kestal_event_base_loop(nullptr, 0), -1);
     int32_t again = 0;
     told nested(base_, -1, 0, [&](told &, uint32_t) { again = kestal_event_base_dispatch(base_); });
     nested.add();
-    look();
+    EXPECT_EQ(look(), 0);
     EXPECT_EQ(again, -1);
     kestal_event_base_exit_loop(base_, 1);
     EXPECT_EQ(kestal_event_base_dispatch(base_), 0);
@@ -382,15 +291,13 @@ TEST_F(event_loop, OneOfManyDescriptorsComesUpAsOneOfFew)
             order.push_back(i);
             all.pairs[i].receive();
         };
-    const kestal_test::temporary_directory directory;
-    const int file = open(directory.file("f", "content").c_str(), O_RDONLY);
+    const int file = open("/proc/self/exe", O_RDONLY); // which only select can watch
     told reader(base_, file, reading);
-    for (const bool has_file : {false, true}) { // which only select can watch
+    for (const int32_t added : {0, reader.add()}) {
         order.clear();
         for (const size_t i : {250u, 3u, 299u, 42u})
             all.pairs[i].send();
-        EXPECT_EQ(has_file ? reader.add() : 0, 0);
-        EXPECT_EQ(serve(), 0);
+        EXPECT_EQ(serve() | added, 0);
         EXPECT_EQ(order, (std::vector<size_t>{3, 42, 250, 299})) << "in the order of adding";
     }
     EXPECT_EQ(reader.come(), calls{1});
@@ -483,27 +390,24 @@ TEST_F(event_loop, AHangUpIsNewsForWhoeverWaitsForIt)
 
 TEST_F(event_service, RunsTheLoopUntilStopped)
 {
-    EXPECT_EQ(kestal_event_base_check_service(base_), 0);
     EXPECT_EQ(kestal_event_base_stop_service(base_), -1);
-    std::atomic<int> rounds{0};
     const caught_errors errors;
-    for (int i = 1; i <= 2; ++i) {
+    for (const bool ends_by_itself : {true, false}) { // nothing of either is left for the next start
         ASSERT_EQ(base_->m_start_service(base_), 0);
         EXPECT_EQ(base_->m_check_service(base_), 1);
         EXPECT_EQ(kestal_event_base_start_service(base_), -1);
-        told work(base_, -1, 0, [&](told &self, uint32_t) {
-            EXPECT_EQ(kestal_event_base_stop_service(self.handle->m_base), -1) << "not on its own thread";
-            ++rounds;
+        std::binary_semaphore is_done{0};
+        told work(base_, -1, 0, [&](told &, uint32_t) {
+            EXPECT_EQ(kestal_event_base_stop_service(base_), -1) << "not on its own thread";
+            is_done.release();
         });
         work.add();
-        kestal_test::wait_until([&] { return rounds == i; });
-        // Ended by itself or by the stop: nothing of either is left for the next start.
-        if (i == 1) {
+        is_done.acquire();
+        if (ends_by_itself) {
             kestal_event_base_exit_loop(base_, 0);
             kestal_test::wait_until([&] { return kestal_event_base_check_service(base_) == 0; });
         }
         EXPECT_EQ(base_->m_stop_service(base_), 0);
-        EXPECT_EQ(base_->m_event_count, 1u);
     }
     expect_told(errors, {"already started service !"});
     ASSERT_EQ(kestal_event_base_start_service(base_), 0); // freed with the base
@@ -516,7 +420,7 @@ TEST_F(event_service, OtherThreadsAddActivateDeleteAndBreakMeanwhile)
     static std::atomic<uint64_t> heard; // what still waits is told when the base goes
     heard = 0;
     ASSERT_EQ(kestal_event_base_start_service(base_), 0);
-    kestal_test::on_threads(3, [this](size_t thread) {
+    kestal_test::on_threads(3, [&](size_t thread) {
         std::mt19937 random(static_cast<unsigned>(thread));
         const std::deque<pair_of_sockets> pairs(12);
         const auto count = [](kestal_event_t *, int32_t, uint32_t, void *context) {
@@ -524,7 +428,7 @@ TEST_F(event_service, OtherThreadsAddActivateDeleteAndBreakMeanwhile)
         };
         std::vector<kestal_event_t *> mine;
         for (uint32_t i = 0; i < 24; ++i) {
-            const uint32_t flags = (i < 12 ? reading | writing : 0) | (random() % 2 == 0 ? persisting : 0);
+            const uint32_t flags = (i < 12 ? reading | writing : 0) | (i % 2 == 0 ? persisting : 0);
             mine.push_back(kestal_new_event(base_, i < 12 ? pairs[i].ends[0] : -1, flags, count, &heard));
             EXPECT_EQ(kestal_event_set_priority(mine.back(), i % 4), 0);
         }
@@ -532,7 +436,6 @@ TEST_F(event_service, OtherThreadsAddActivateDeleteAndBreakMeanwhile)
             kestal_event_t *at = mine[random() % mine.size()];
             const auto timeout = static_cast<int32_t>(random() % 3);
             const std::function<int32_t()> operations[] = {
-                [&] { return kestal_add_event(at, timeout); },
                 [&] { return kestal_add_event(at, timeout); },
                 [&] { return kestal_del_event(at); },
                 [&] { return kestal_active_event(at, 1); },
@@ -567,23 +470,21 @@ TEST_F(event, EveryFailedAllocationIsSurvived)
 {
     const caught_errors errors;
     const std::deque<pair_of_sockets> pairs(20);
-    int refused = 0;
     EXPECT_GT(kestal_test::with_each_allocation_failing([&] {
                   kestal_event_base_t *base = kestal_new_event_base();
                   kestal_event_base_init_priority(base, 9);
                   kestal_event_t *often = kestal_new_event(base, -1, 0, nullptr, nullptr);
                   const bool is_added = kestal_add_event(often, 1000) == 0;
-                  EXPECT_EQ(kestal_event_pending(often, KESTAL_EVENT_TIMEOUT, nullptr) != 0, is_added);
                   EXPECT_EQ(base != nullptr && base->m_event_count == 2, is_added);
                   for (const pair_of_sockets &pair : pairs) {
-                      if (kestal_active_event(often, 1) != 0 && is_added) {
-                          ++refused; // no room for its time-out
+                      if (kestal_active_event(often, 1) != 0 && is_added) { // no room for its time-out
                           EXPECT_EQ(kestal_event_pending(often, 0xFFFF, nullptr), 0u);
                       }
                       kestal_del_event(often);
                       kestal_event_t *at = kestal_new_event_with_resolver(base, pair.ends[0], reading | persisting,
                                                                           nullptr, nullptr, "::1", 0, "localhost", 1);
-                      kestal_event_push_printf(at, 3, "%d", 7);
+                      const int32_t pushed = kestal_event_push_printf(at, 3, "%d", 7);
+                      EXPECT_TRUE(pushed < 0 || static_cast<uint64_t>(pushed) == kestal_event_get_buffer_size(at, 3));
                       if (kestal_add_event(at, 1000) != 0)
                           kestal_free_event(at);
                   }
@@ -593,27 +494,24 @@ TEST_F(event, EveryFailedAllocationIsSurvived)
                   if (kestal_event_base_once(base, -1, 0, nullptr, nullptr, 0) == 0)
                       kestal_event_base_loop(base, KESTAL_EVENT_LOOP_ONCE);
                   kestal_event_base_start_service(base);
-                  kestal_event_base_stop_service(base);
                   kestal_free_event_base(base);
               }),
               20u);
-    EXPECT_GT(refused, 0);
 }
 
 TEST_F(event, TheProcessWideBaseServesTheCallsWithoutOne)
 {
     EXPECT_EQ(kestal_event_once(-1, 0, nullptr, nullptr, 0), -1);
     kestal_event_base_t *base = kestal_init_event_base();
-    ASSERT_NE(base, nullptr);
     EXPECT_EQ(kestal_init_event_base(), base);
-    EXPECT_EQ(kestal_event_init_priority(2), 0);
     EXPECT_EQ(kestal_event_once(-1, 0, kestal_event_default_handler_exit, nullptr, 0), 0);
     EXPECT_EQ(kestal_event_dispatch(), 0) << "ended by the ready-made handler";
     kestal_event_t fault{};
     EXPECT_EXIT(kestal_event_default_handler_exit(&fault, SIGSEGV, KESTAL_EVENT_SIGNAL, nullptr),
                 testing::ExitedWithCode(0),
                 "^./source/event: kestal_event_default_handler_exit - .SIGNAL. segment fault.\n$");
-    EXPECT_EQ(kestal_event_exit_loop(0) | kestal_event_loop(0) | kestal_event_break_loop(), 0);
+    EXPECT_EQ(kestal_event_init_priority(2) | kestal_event_exit_loop(0) | kestal_event_loop(0), 0);
+    EXPECT_EQ(kestal_event_break_loop(), 0);
     EXPECT_EQ(kestal_uninit_event_base(), nullptr);
 }
 
@@ -633,52 +531,30 @@ TEST_F(event_buffer, WatermarksHoldBackTheWaiting)
         {[&] { return kestal_event_set_buffer_watermark(at, both, 5, 100); }, 0, 0}, // not registered
         {[&] { return kestal_add_event(at, -1); }, 0, reading | writing},            // without buffers the flags count
         {[&] { return kestal_event_enable_buffer(at, both); }, 0, reading},
-        {[&] { return kestal_event_push_buffer(at, input, std::string(99, 'x').data(), 99); }, 99, reading},
-        {[&] { return kestal_event_push_puts(at, input, "y"); }, 1, 0},
+        {[&] { return kestal_event_push_buffer(at, input, std::string(100, 'x').data(), 100); }, 100, 0},
         {[&] { return kestal_event_pop_buffer(at, both, taken, 1); }, 1, reading},
         {[&] { return kestal_event_push_printf(at, output, "%04d", 7); }, 4, reading},
         {[&] { return kestal_event_push_puts(at, output, "!"); }, 1, reading | writing},
         {[&] { return kestal_event_peek_buffer(at, output, taken, 8, 3); }, 2, reading | writing},
         {[&] { return kestal_event_pop_buffer(at, output, nullptr, 8); }, 5, reading},
         {[&] { return kestal_event_set_buffer_watermark(at, output, 0, 9); }, 0, reading | writing}, // 0: always
-        {[&] { return kestal_event_disable_buffer(at, output); }, 0, reading | writing},
     };
     for (const auto &[step, result, interest] : steps) {
         EXPECT_EQ(step(), result) << "step " << &step - &steps[0].step;
         EXPECT_EQ(kestal_get_select_flags(base_->m_select, pair.ends[0]), interest) << "after " << result;
     }
     EXPECT_EQ(std::string(taken, 2), "7!");
-    EXPECT_EQ(at->m_input_high_watermark, 100u);
-    EXPECT_EQ(kestal_event_pending(at, both, nullptr), both);
-    EXPECT_EQ(kestal_event_get_buffer_size(at, both), 99u);
 }
 
-TEST_F(event_buffer, DirectionsSayWhichBuffersAreMeant)
+TEST_F(event_buffer, ATimerWaitsForItsDescriptorAsLongAsItHasABuffer)
 {
     const pair_of_sockets pair;
     told held(base_, pair.ends[0], persisting);
     ASSERT_EQ(held.add(), 0);
-    kestal_event_t *at = held.handle;
-    char taken[8];
-    EXPECT_EQ(kestal_event_get_buffer_size(at, both), 0u);
-    EXPECT_EQ(kestal_event_pop_buffer(at, input, taken, 1), -1) << "no buffer";
-    EXPECT_EQ(kestal_event_push_puts(at, both, "abc"), 6);
-    EXPECT_EQ(kestal_event_get_buffer_size(at, both), 6u);
-    EXPECT_EQ(kestal_event_get_buffer_size(at, output), 3u);
-    EXPECT_EQ(kestal_event_push_printf(at, both, "%s", "") | kestal_event_push_buffer(at, 0, "x", 1), 0);
-    EXPECT_EQ(kestal_event_pop_buffer(at, 0, taken, 1) & kestal_event_peek_buffer(at, 0, taken, 1, 0), -1);
-    EXPECT_EQ(kestal_event_peek_buffer(at, input, taken, 8, 1), 2);
-    kestal_event_disable_buffer(at, both);
-    EXPECT_GT(kestal_test::with_each_allocation_failing([at] {
-                  const int32_t pushed = kestal_event_push_printf(at, both, "%d", 12345);
-                  EXPECT_TRUE(pushed == -1 || static_cast<uint64_t>(pushed) == kestal_event_get_buffer_size(at, both));
-                  kestal_event_disable_buffer(at, both);
-              }),
-              4u);
-    // A timer waits for its descriptor as long as it has a buffer.
     pair.send();
     EXPECT_EQ(look(), 0);
-    EXPECT_EQ(kestal_event_enable_buffer(at, input), 0);
+    EXPECT_EQ(kestal_event_pop_buffer(held.handle, input, nullptr, 1), -1) << "no buffer";
+    EXPECT_EQ(kestal_event_enable_buffer(held.handle, input), 0);
     EXPECT_EQ(serve(), 0);
     EXPECT_EQ(held.come(), calls{KESTAL_EVENT_READ});
 }

@@ -2,7 +2,6 @@
 #include "namespaces.hpp"
 
 #include <atomic>
-#include <future>
 #include <unistd.h>
 
 using kestal_test::wait_until;
@@ -42,24 +41,19 @@ struct told {
 
 TEST_F(resolver, answers_numbers_without_a_look_up)
 {
-    const bool has_v6 = kestal_check_ipv6_support() == 0;
-    const std::string any = has_v6 ? "0.0.0.0:80 :::80 " : "0.0.0.0:80 ",
-                      any_port = has_v6 ? "0.0.0.0:0 :::0 " : "0.0.0.0:0 ";
-    for (const int32_t timeout : {-1, 0, 1000})
+    const std::string any = kestal_check_ipv6_support() == 0 ? "0.0.0.0:80 :::80 " : "0.0.0.0:80 ";
+    for (const int32_t timeout : {-1, 0})
         for (const auto &[host, port, list] :
-             {std::tuple<const char *, uint32_t, std::string>("127.0.0.1", 80, "127.0.0.1:80 "),
-              {"[127.0.0.1]", 0, "127.0.0.1:0 "},
+             {std::tuple<const char *, uint32_t, std::string>("[127.0.0.1]", 0, "127.0.0.1:0 "),
               {"010.1.2.3/8", 65535, "10.1.2.3:65535 "},
               {"1.2.3.4:9", 65536, "1.2.3.4:0 "},
-              {"::1", 80, "::1:80 "},
               {"[::ffff:1.2.3.4]:9", 80, "::ffff:1.2.3.4:80 "},
               {"fe80::1%lo", 1, "fe80::1%1:1 "},
               {nullptr, 80, any},
-              {nullptr, 65536, any_port},
               {"", 80, any}})
             EXPECT_EQ(taken(kestal_open_resolver_ex(host, port, timeout)), list);
-    EXPECT_EQ(kestal_duplicate_resolver(nullptr), nullptr);
-    for (const auto &[advance, result] : {std::pair(4000u, 0), {0, -1}, {3500, -1}, {500, 0}}) { // refused: not counted
+    for (const auto &[advance, result] :
+         {std::pair(4000u, 0), {100, -1}, {3900, 0}}) { // what is refused does not count
         kestal_test::advance_clock(advance);
         EXPECT_EQ(kestal_reload_resolver(), result) << advance;
     }
@@ -69,12 +63,9 @@ TEST_F(resolver, looks_names_up)
 {
     with_hosts("10.0.0.1 one\n10.0.0.2 two\n10.0.0.3 two\nfd00::2 six\n", [](const auto &set_hosts) {
         kestal_test::run("ip addr add 10.9.9.9/8 dev lo; ip -6 addr add fd00::9/64 dev lo nodad");
-        for (const auto &[name, port, timeout, list] : {std::tuple("one", 80u, -1, "10.0.0.1:80 "),
-                                                        {"one", 65536, -1, "10.0.0.1:0 "},
-                                                        {"one", 80, 60000, "10.0.0.1:80 "},
-                                                        {"two", 7, -1, "10.0.0.2:7 10.0.0.3:7 "},
+        for (const auto &[name, port, timeout, list] : {std::tuple("one", 65536u, -1, "10.0.0.1:0 "),
+                                                        {"two", 7, 60000, "10.0.0.2:7 10.0.0.3:7 "},
                                                         {"six", 7, -1, "fd00::2:7 "},
-                                                        {"nobody", 80, -1, ""},
                                                         {"nobody", 80, 150, ""}})
             EXPECT_EQ(taken(kestal_open_resolver_ex(name, port, timeout)), list) << name;
         kestal_test::advance_clock(4000); // an unknown name costs one reading of the configuration
@@ -107,8 +98,8 @@ TEST_F(resolver, caches_and_refreshes)
         set_hosts("10.0.0.7 one\n");
         EXPECT_NE(now(), "");
         wait_until([&] { return now() == "10.0.0.7:80 "; });
-        EXPECT_EQ(taken(kestal_get_resolver_cache(cache, nullptr, 2, 60000)).rfind("0.0.0.0:2 ", 0), 0u);
 
+        EXPECT_EQ(taken(kestal_get_resolver_cache(cache, nullptr, 2, 60000)).rfind("0.0.0.0:2 ", 0), 0u);
         // Handlers hear of the next success only, once each and in order.
         std::string all;
         told first, second;
@@ -126,7 +117,6 @@ TEST_F(resolver, caches_and_refreshes)
     });
     EXPECT_EQ(taken(kestal_get_resolver_cache(nullptr, "127.0.0.1", 1, 0)), "127.0.0.1:1 ");
     EXPECT_EQ(kestal_request_resolver_cache(nullptr, "127.0.0.1", 1), -1);
-    EXPECT_EQ(kestal_close_resolver_cache(nullptr), nullptr);
 }
 
 TEST_F(resolver, forgets_what_nobody_asked_for)
@@ -146,37 +136,13 @@ TEST_F(resolver, forgets_what_nobody_asked_for)
     }
 }
 
-TEST_F(resolver, lets_handlers_use_the_cache)
-{
-    kestal_resolver_cache_t *cache = kestal_open_resolver_cache_ex(0, 1);
-    const auto request = [](kestal_resolver_cache_t *from, told &context) {
-        EXPECT_EQ(kestal_request_resolver_cache_with_handler(from, "127.0.0.1", 1, told::handler, &context), 0);
-    };
-    told often, last, never;
-    often.action = [&](kestal_resolver_cache_t *own, const std::string &) {
-        EXPECT_NE(taken(kestal_get_resolver_cache(own, "127.0.0.1", 1, -1)), ""); // its own name
-        EXPECT_NE(taken(kestal_get_resolver_cache(own, "127.0.0.2", 1, -1)), "");
-        request(own, often.calls < 20 ? often : last);
-    };
-    // To close waits for the handler under way, and for no look-up that was to come after it.
-    std::promise<void> is_last;
-    last.action = [&](kestal_resolver_cache_t *own, const std::string &) {
-        request(own, never);
-        is_last.set_value();
-        wait_until([own] { return kestal_request_resolver_cache(own, "127.0.0.1", 1) != 0; });
-    };
-    request(cache, often);
-    is_last.get_future().wait();
-    kestal_close_resolver_cache(cache);
-    EXPECT_EQ(often.calls, 21);
-    EXPECT_EQ(last.calls, 1);
-    EXPECT_EQ(never.calls, 0);
-}
-
 TEST_F(resolver, serves_many_threads)
 {
     kestal_resolver_cache_t *cache = kestal_open_resolver_cache_ex(0, 1); // sweeps all the time
     told told;
+    told.action = [](kestal_resolver_cache_t *own, const std::string &) { // may use the cache, also for its own name
+        taken(kestal_get_resolver_cache(own, "127.0.0.1", 1, -1));
+    };
     kestal_test::on_threads(6, [&](size_t thread) {
         for (uint32_t i = 0; i < 60; ++i) {
             const std::string name = "127.0.0." + std::to_string(i % 4);

@@ -51,48 +51,34 @@ protected:
         counted::TearDown();
     }
     // Descriptors with interest in reading, writing, exceptions, and the highest.
-    std::array<int64_t, 4> state() const
+    using states = std::array<int64_t, 4>;
+    states state() const
     {
         const auto count = [this](uint32_t mask) { return static_cast<int64_t>(kestal_get_select_count(set_, mask)); };
         return {count(R), count(W), count(X), kestal_get_select_highest(set_)};
     }
-    using states = std::array<int64_t, 4>;
 
     kestal_select_t *set_ = nullptr;
 };
 
 TEST_F(select_set, grows_with_the_highest_descriptor)
 {
-    const std::pair<int32_t, uint64_t> sizes[] = {{0, 8},      {63, 8},     {64, 16},    {128, 32},
-                                                  {255, 32},   {256, 64},   {1023, 128}, {1024, 256},
-                                                  {2047, 256}, {2048, 272}, {2176, 288}, {9999, 1264}};
+    const std::pair<int32_t, uint64_t> sizes[] = {{63, 8}, {64, 16}, {256, 64}, {2047, 256}, {2048, 272}, {9999, 1264}};
     for (const auto &[descriptor, size] : sizes) {
         EXPECT_EQ(kestal_set_select(set_, descriptor, R | X), 0);
         EXPECT_EQ(kestal_get_select_size(set_), size) << descriptor;
     }
     for (const auto &[descriptor, size] : sizes)
         EXPECT_EQ(kestal_get_select_flags(set_, descriptor), R | X);
-    EXPECT_EQ(state(), (states{12, 0, 12, 9999}));
+    EXPECT_EQ(kestal_add_select(set_, 63, W | 0x100), 0);
     EXPECT_EQ(kestal_del_select(set_, 123456, R), 0); // nothing to take away: nothing grows
+    EXPECT_EQ(state(), (states{6, 1, 6, 9999}));
+    EXPECT_EQ(kestal_set_select(set_, 9999, 0), 0);
+    EXPECT_EQ(kestal_del_select(set_, 2048, R | W), 0); // X is left
+    EXPECT_EQ(state(), (states{4, 1, 5, 2048}));
     EXPECT_EQ(kestal_clear_select(set_), 0);
     EXPECT_EQ(kestal_get_select_size(set_), 1264u);
-    EXPECT_EQ(kestal_get_select_flags(set_, 2048), 0u);
     EXPECT_EQ(state(), (states{0, 0, 0, -1}));
-}
-
-TEST_F(select_set, counts_and_highest_follow_the_interest)
-{
-    EXPECT_EQ(kestal_add_select(set_, 5, R), 0);
-    EXPECT_EQ(kestal_add_select(set_, 5, R | W | 0x100), 0);
-    EXPECT_EQ(kestal_add_select(set_, 70, X), 0);
-    EXPECT_EQ(kestal_add_select(set_, 200, W), 0);
-    EXPECT_EQ(kestal_get_select_flags(set_, 5), R | W);
-    EXPECT_EQ(state(), (states{1, 2, 1, 200}));
-    EXPECT_EQ(kestal_set_select(set_, 200, 0), 0);
-    EXPECT_EQ(kestal_del_select(set_, 70, R | W), 0); // X is left
-    EXPECT_EQ(state(), (states{1, 1, 1, 70}));
-    EXPECT_EQ(kestal_del_select(set_, 70, X), 0);
-    EXPECT_EQ(state(), (states{1, 1, 0, 5}));
 }
 
 TEST_F(select_set, waits_also_above_1024)
@@ -101,7 +87,6 @@ TEST_F(select_set, waits_also_above_1024)
     EXPECT_EQ(kestal_set_select(set_, low.number, R), 0);
     EXPECT_EQ(kestal_set_select(set_, upper.number, R | X), 0);
     EXPECT_EQ(kestal_select_dispatch(set_, 0), 0);
-    EXPECT_EQ(kestal_is_select(set_, upper.number, R), 0);
     upper.make_readable();
     EXPECT_EQ(kestal_select_dispatch(set_, -1), 1);
     EXPECT_EQ(kestal_is_select(set_, upper.number, R | W), 1);
@@ -112,7 +97,6 @@ TEST_F(select_set, waits_also_above_1024)
     EXPECT_EQ(kestal_select_dispatch(set_, 1000), 3);
     EXPECT_EQ(kestal_set_select(set_, upper.number, 0), 0);
     EXPECT_EQ(kestal_select_dispatch(set_, 1000), 1);
-    EXPECT_EQ(kestal_is_select(set_, low.number, R), 1);
     EXPECT_EQ(kestal_is_select(set_, upper.number, R | W), 0);
 }
 
@@ -122,15 +106,12 @@ TEST_F(select_set, failures)
     EXPECT_EQ(kestal_set_select(set_, closed, R | W), 0);
     EXPECT_EQ(kestal_select_dispatch(set_, 1000), -1);
     EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(kestal_is_select(set_, closed, R | W), 0);
-    for (const int32_t descriptor : {-1, INT32_MIN, INT32_MAX}) {
+    for (const int32_t descriptor : {-1, INT32_MAX}) {
         EXPECT_EQ(kestal_set_select(set_, descriptor, R), -1);
         EXPECT_EQ(kestal_get_select_flags(set_, descriptor), 0u);
         EXPECT_EQ(kestal_single_select(descriptor, R, 0), -1);
     }
-    EXPECT_EQ(kestal_close_select(nullptr), nullptr);
-    EXPECT_EQ(kestal_clear_select(nullptr) & kestal_add_select(nullptr, 1, R) & kestal_select_dispatch(nullptr, 0), -1);
-    EXPECT_EQ(kestal_get_select_flags(nullptr, 1), 0u);
+    EXPECT_EQ(kestal_add_select(nullptr, 1, R) & kestal_select_dispatch(nullptr, 0), -1);
     EXPECT_EQ(kestal_is_select(nullptr, 1, R), 0);
     const auto scenario = [] {
         kestal_select_t *set = kestal_open_select();
@@ -149,19 +130,16 @@ TEST_F(select_set, waits_on_one_descriptor)
 {
     const event_descriptor ends, upper(high_descriptor());
     EXPECT_EQ(kestal_single_select(ends.number, R | X, 0), 0);
-    EXPECT_EQ(kestal_single_select(ends.number, R | W | X, -1), static_cast<int32_t>(W));
     ends.make_readable();
     EXPECT_EQ(kestal_single_select(ends.number, R | W | 0x100, 1000), static_cast<int32_t>(R | W));
     // Above 1024 waiting to write is waiting to read.
     EXPECT_EQ(kestal_single_select(upper.number, W, 0), 0);
     upper.make_readable();
-    for (const uint32_t mask : {R, W, R | W, R | W | X})
+    for (const uint32_t mask : {R, W, R | W | X})
         EXPECT_EQ(kestal_single_select(upper.number, mask, -1), static_cast<int32_t>(R)) << mask;
-
     const uint64_t start = kestal_time_stamp_msec();
     EXPECT_EQ(kestal_single_select(-1, 16, 25), 0);
     EXPECT_GE(kestal_time_stamp_msec() - start, 24u);
-    EXPECT_EQ(kestal_single_select(INT32_MAX, 0, 0), 0);
 }
 
 } // namespace

@@ -163,7 +163,7 @@ TEST_F(ssdp, hears_the_groups_on_every_interface)
                 run("ip addr add 10.0." + number + "." + host + "/24 dev " + name + " && ip link set " + name +
                     " addrgenmode none up && ip addr add fe80::" + host + ":" + number + "/64 dev " + name + " nodad");
             };
-            run("ip link add a" + number + " type veth peer name b" + number + " netns " + other.process());
+            run("ip link add a" + number + " type veth peer name b" + number + " netns " + other.path());
             set_up("a" + number, "1");
             other.run([&] { set_up("b" + number, "2"); });
         };

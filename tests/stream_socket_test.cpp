@@ -9,6 +9,8 @@ using kestal_test::owned_socket;
 
 namespace {
 
+using namespace std::string_literals;
+
 class stream_socket : public kestal_test::descriptors_counted {
 protected:
     void TearDown() override
@@ -45,37 +47,32 @@ protected:
 
 TEST_F(stream_socket, reads_and_writes_connections)
 {
-    std::string location;
+    const owned_socket listening(kestal_open_listen_socket("127.0.0.1", 0));
+    const std::string location = "tcp://127.0.0.1:" + std::to_string(listening.port()) + "/any/path";
+    ASSERT_EQ(open(location), 106);
     {
-        const owned_socket listening(kestal_open_listen_socket("127.0.0.1", 0));
-        location = "tcp://127.0.0.1:" + std::to_string(listening.port()) + "/any/path";
-        ASSERT_EQ(open(location), 106);
-        {
-            const owned_socket peer(kestal_accept(listening, nullptr, nullptr, 10000));
-            EXPECT_EQ(kestal_ctx_is_readable(id_, 10), 0);
-            EXPECT_EQ(kestal_ctx_is_writable(id_, 10000), 1);
-            EXPECT_EQ(kestal_ctx_puts(id_, "question"), 8);
-            char text[16] = {};
-            EXPECT_EQ(kestal_recv_fill(peer, text, 8, 10000), 8);
-            EXPECT_STREQ(text, "question");
-            EXPECT_EQ(kestal_send(peer, "answer", 6, -1), 6);
-            EXPECT_EQ(kestal_ctx_is_readable(id_, 10000), 1);
-            EXPECT_EQ(read(), "answer");
-            EXPECT_EQ(kestal_ctx_seek(id_, 0, 0), -1);
-            EXPECT_EQ(kestal_ctx_get_last_error(id_), 3);
-        }
+        const owned_socket peer(kestal_accept(listening, nullptr, nullptr, 10000));
+        EXPECT_EQ(kestal_ctx_is_readable(id_, 10), 0);
+        EXPECT_EQ(kestal_ctx_is_writable(id_, 10000), 1);
+        EXPECT_EQ(kestal_ctx_puts(id_, "question"), 8);
+        char text[16] = {};
+        EXPECT_EQ(kestal_recv_fill(peer, text, 8, 10000), 8);
+        EXPECT_STREQ(text, "question");
+        EXPECT_EQ(kestal_send(peer, "answer", 6, -1), 6);
         EXPECT_EQ(kestal_ctx_is_readable(id_, 10000), 1);
-        EXPECT_EQ(read(), "");
-        id_ = kestal_destroy_ctx(id_);
-        kestal_test::with_each_allocation_failing([&] {
-            open(location);
-            id_ = kestal_destroy_ctx(id_);
-        });
+        EXPECT_EQ(read(), "answer");
+        EXPECT_EQ(kestal_ctx_seek(id_, 0, 0), -1);
     }
-    EXPECT_EQ(open(location), -2);
-    EXPECT_EQ(errno, ECONNREFUSED);
-    for (const char *refused :
-         {"tcp://127.0.0.1/", "tcp://127.0.0.1:65536", "tcp://:80", "udp://127.0.0.1", "udp://:70000"})
+    EXPECT_EQ(kestal_ctx_is_readable(id_, 10000), 1);
+    EXPECT_EQ(read(), "");
+    id_ = kestal_destroy_ctx(id_);
+    kestal_test::with_each_allocation_failing([&] {
+        open(location);
+        id_ = kestal_destroy_ctx(id_);
+    });
+    const owned_socket silent(kestal_test::bound_socket());
+    for (const std::string &refused : {"tcp://127.0.0.1:" + std::to_string(silent.port()), "tcp://127.0.0.1/"s,
+                                       "tcp://127.0.0.1:65536"s, "tcp://:80"s, "udp://127.0.0.1"s})
         EXPECT_EQ(open(refused), -2) << refused;
 
     // A descriptor given stays open.
@@ -83,33 +80,28 @@ TEST_F(stream_socket, reads_and_writes_connections)
     ASSERT_EQ(kestal_socket_pipe(&ends), 0);
     kestal_ctx_set_option_int_string(id_, 1, "fd", ends.m_socket[0]);
     EXPECT_EQ(kestal_open_ctx(id_, "application/ulx_stream_tcp"), 0);
-    EXPECT_EQ(kestal_send(ends.m_socket[1], "x", 1, -1), 1);
-    EXPECT_EQ(read(), "x");
     kestal_close_ctx(id_);
     EXPECT_EQ(kestal_close_socket(ends.m_socket[0]) + kestal_close_socket(ends.m_socket[1]), 0);
 }
 
 TEST_F(stream_socket, reads_datagrams_of_a_port)
 {
-    const int32_t port = owned_socket(kestal_open_udp_socket("127.0.0.1", -1)).port(); // a free one
+    const owned_socket held(kestal_open_udp_socket(nullptr, -1)); // the port; the socket opened last gets what comes
     for (const std::string host : {"127.0.0.1", ""}) {
-        const std::string location = "udp://" + host + ":" + std::to_string(port);
+        const std::string location = "udp://" + host + ":" + std::to_string(held.port());
         ASSERT_EQ(open(location, "5"), 105);
-        for (const std::string &url : {location, std::string("another")}) { // the option as it is when it is told
-            const caught_errors errors;
-            kestal_ctx_set_option_string(id_, 1, "src", url.c_str());
-            EXPECT_EQ(kestal_ctx_is_readable(id_, 0), 0);
-            EXPECT_EQ(errors.text().substr(0, errors.text().rfind(", ")),
-                      "wait udp stream ! (mime_type=\"\033[1;37mapplication/ulx_stream\033[0m\", url=\"\033[1;32m" +
-                          url + "\033[0m\"");
-        }
-        EXPECT_EQ(kestal_send_udp_packet("127.0.0.1", port, "one", 3, 1000), 3);
-        EXPECT_EQ(kestal_send_udp_packet("127.0.0.1", port, "two", 3, 1000), 3);
+        const caught_errors errors;
+        kestal_ctx_set_option_string(id_, 1, "src", "another"); // told as it is then
+        EXPECT_EQ(kestal_ctx_is_readable(id_, 0), 0);
+        EXPECT_EQ(errors.text().substr(0, errors.text().rfind(", ")),
+                  "wait udp stream ! (mime_type=\"\033[1;37mapplication/ulx_stream\033[0m\", "
+                  "url=\"\033[1;32manother\033[0m\"");
+        for (const char *text : {"one", "two"})
+            EXPECT_EQ(kestal_send_udp_packet("127.0.0.1", held.port(), text, 3, 10000), 3);
         EXPECT_EQ(kestal_ctx_is_readable(id_, 10000), 1);
         EXPECT_EQ(read(), "one");
         EXPECT_EQ(read(), "two");
         EXPECT_EQ(kestal_ctx_write(id_, "x", 1), -1);
-        EXPECT_EQ(kestal_ctx_get_last_error(id_), 3);
     }
 }
 
@@ -118,7 +110,7 @@ TEST_F(stream_socket, joins_a_silent_group_again)
     kestal_test::in_own_network([this] {
         const kestal_test::other_network other;
         const auto link = [&other] {
-            kestal_test::run("ip link add v0 type veth peer name v1 netns " + other.process() +
+            kestal_test::run("ip link add v0 type veth peer name v1 netns " + other.path() +
                              " && ip link set v0 up && ip addr add 10.1.0.1/24 dev v0 && "
                              "ip addr add fd01::1/64 dev v0 nodad");
             other.run([] {

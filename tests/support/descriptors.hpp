@@ -47,6 +47,15 @@ private:
     int32_t sock_;
 };
 
+// A socket that holds a port of 127.0.0.1 on which nobody listens.
+inline int32_t bound_socket()
+{
+    const sockaddr_storage address = address_of("127.0.0.1");
+    const int32_t sock = kestal_open_socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(kestal_bind(sock, &address, sizeof(sockaddr_in)), 0);
+    return sock;
+}
+
 // A test whose open descriptors, as well as its live blocks, must end where they began.
 class descriptors_counted : public counted {
 protected:

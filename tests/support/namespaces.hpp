@@ -14,7 +14,7 @@ void in_own_network(const std::function<void()> &scenario);
 using set_hosts_t = std::function<void(const std::string &)>;
 void with_hosts(const std::string &hosts, const std::function<void(const set_hosts_t &set_hosts)> &scenario);
 
-// While it lives, a process in a further network of its own (within a scenario: "ip link set DEVICE netns PROCESS").
+// While it lives, a further network, into which a scenario reaches: "ip link set DEVICE netns PATH".
 class other_network {
 public:
     other_network();
@@ -22,13 +22,13 @@ public:
     other_network(const other_network &) = delete;
     other_network &operator=(const other_network &) = delete;
 
-    std::string process() const { return std::to_string(process_); }
-    // Runs the work in that network, on a thread of its own, and waits for it.
+    std::string path() const;
+    // Does the work in that network.
     void run(const std::function<void()> &work) const;
 
 private:
-    int process_ = -1;
-    int end_ = -1;
+    int own_;
+    int other_ = -1;
 };
 
 // Runs a shell command; the test fails when it does.

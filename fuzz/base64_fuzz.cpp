@@ -11,7 +11,7 @@ namespace {
 
 using push_function = int32_t (*)(kestal_base64_t *, const void *, uint64_t);
 
-// The output of a stream with these settings, got behind each push.
+// The output of a stream with these settings, got as often as its limit asks for.
 std::string converted(push_function push, const uint8_t *settings, const std::string &input, size_t piece)
 {
     std::string output;
@@ -24,8 +24,11 @@ std::string converted(push_function push, const uint8_t *settings, const std::st
     bool ended = false;
     for (size_t done = 0; !ended;) {
         const size_t part = std::min(piece, input.size() - done);
-        ended = push(context, part == 0 ? nullptr : &input[done], part) == 0 && part == 0;
+        const bool pushed = push(context, part == 0 ? nullptr : &input[done], part) == 0;
         done += part;
+        ended = pushed && part == 0;
+        if (pushed && !ended)
+            continue;
         uint64_t length = 0;
         char *block = kestal_get_base64(context, &length);
         output.append(block, length);

@@ -178,6 +178,7 @@ TEST_F(cgi, checks_credentials)
     } cases[] = {
         {"  dIGEST   " + without.substr(7) + ",algorithm=SHA-256", 0, 0},
         {without + ", response=x", -1, -1},
+        {without.substr(0, without.size() - 1) + "x", -1, -1},
         {common + response("a", ""), -1, -1}, // the account added first
         {common.substr(0, common.size() - 2), -1, -1},
         {with_qop + ", opaque=4b43b0aee35624cd95b910189b3dc231", 0, 0},   // of "r"

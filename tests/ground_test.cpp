@@ -1,5 +1,4 @@
-// What everything stands on: short lock, time stamps, assertion reports, allocation, exception tags, destroy stack and
-// break flag.
+// What everything stands on: short lock, calendar texts, assertion reports, allocation, exception tags and destroy stack.
 #include "support.hpp"
 
 #include "exception.hpp"

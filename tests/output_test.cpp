@@ -1,7 +1,6 @@
 // The sinks, and the diagnostics that speak through them.
 #include "support.hpp"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <pty.h>

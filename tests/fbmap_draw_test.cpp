@@ -173,15 +173,15 @@ TEST_F(fbmap_draw, floods_what_is_connected)
         EXPECT_EQ(kestal_fbmap_draw_fill(at.map, surface::ink, 30, 19), -1);
         at.expect_drawn();
     }
-    surface at(KESTAL_COLOR_ARGB8888, 200, 300);
-    for (int32_t y = 0; y < 300; ++y)
-        for (int32_t x = y % 2; y > 0 && x < 200; x += 2)
-            kestal_fbmap_draw_pixel(at.map, 1, x, y); // more seeds than fit at first
-    EXPECT_GE(with_each_allocation_failing([map = at.map] {
-                  if (kestal_fbmap_draw_fill(map, 2, 0, 0) == 0)
-                      kestal_fbmap_draw_fill(map, 0x5A5A5A5Au, 0, 0);
-              }),
-              1u);
+    surface at(KESTAL_COLOR_ARGB8888, 2000, 2);
+    const auto scenario = [map = at.map] { // more seeds than fit at first, and at second
+        kestal_fbmap_draw_clear(map, 1);
+        kestal_fbmap_draw_hline(map, 0, 0, 0, 2000);
+        for (int32_t x = 0; x < 2000; x += 2)
+            kestal_fbmap_draw_pixel(map, 0, x, 1);
+        kestal_fbmap_draw_fill(map, 2, 0, 0);
+    };
+    EXPECT_EQ(with_each_allocation_failing(scenario), 3u);
 }
 
 TEST_F(fbmap_draw, refuses_what_it_cannot_draw_into)
@@ -230,17 +230,17 @@ TEST_F(fbmap_text, writes_lines)
         const auto text = [&](const char *written, int32_t count, const std::u32string &first,
                               const std::u32string &second = U"", uint32_t scale = 1) {
             SCOPED_TRACE(written);
-            kestal_fbmap_set_brush_xy(map, 2, 3);
+            kestal_fbmap_set_brush_xy(map, 4, 3);
             EXPECT_EQ(kestal_fbmap_draw_printf(map, "%s", written), count);
-            expect_text(at, first, 2, 3, scale);
-            expect_text(at, second, 2, 20);
+            expect_text(at, first, 4, 3, scale);
+            expect_text(at, second, 4, 20);
             at.expect_drawn();
         };
         kestal_fbmap_set_brush_y_interval(map, 1);
         text("ABC\r\nx\bx", 8, U"ABC", U"x");
         text("가A\xC0\x80z", 2, U"가A");
-        // 12 cells would end at 98: the 13th wraps; one that would end exactly at the edge wraps too.
-        text("0123456789abcd", 14, U"0123456789ab", U"cd");
+        // The 12th cell would end exactly at the edge, and wraps.
+        text("0123456789abcd", 14, U"0123456789a", U"bcd");
         kestal_fbmap_set_brush_x_interval(map, 8);
         text("ab", 2, U"a b");
         kestal_fbmap_set_brush_xy_interval(map, 0, 0);

@@ -2,18 +2,25 @@
 """Checks over the tree and the built library that no compiler makes: structure.py CHECK ARGUMENT...
 
 library SHARED_OBJECT             needs only the C runtime; its soname; every export under the one version node
-hardening SHARED_OBJECT ARCHIVE   nothing writable once loaded that need not be, no executable stack, no text relocations; smashed
-                                  stacks are noticed, and where the compiler can, jumps land only where one was meant to
+hardening SHARED_OBJECT ARCHIVE COMMANDS
+                                  nothing writable once loaded that need not be, no executable stack, no text relocations; smashed
+                                  stacks are noticed (in all that compile_commands.json compiles for the library), and where the
+                                  compiler can, jumps land only where one was meant to
 exports SHARED_OBJECT INCLUDE...  what is exported is declared in a public header, looked for in the folders INCLUDE, and the reverse
 headers SOURCE                    every public header compiles alone as C11 and as C++; every declaration in it is documented
 floors SOURCE                     no module includes a higher floor, no includes go in a circle, and ARCHITECTURE.md has a line
                                   for every module
-docs SOURCE                       Doxygen has nothing to say against the public headers and the guide (77 where it is missing)
+docs SOURCE                       Doxygen has nothing to say against the public headers and the guide, and no page leads to one
+                                  that is not there (77 where it is missing)
 guide SHARED_OBJECT SOURCE        every page of the guide shows its program as it stands beside it, and what it really prints
+names SOURCE                      every name of the library that the guide, README.md and SECURITY.md mention is declared
+manual SOURCE PROGRAM...          the manual page of a program tells of the same options as its --help
+words SOURCE                      no marks of unfinished work, and no word that leans on a text outside the tree
 
 CC and CXX name the compilers. Prints what is wrong, a line each, and exits 1 if anything is.
 """
 import graphlib
+import json
 import os
 import re
 import shutil
@@ -65,7 +72,7 @@ def check_library(library):
             yield f"{name} is exported under {version}, not {NODE}"
 
 
-def check_hardening(library, archive):
+def check_hardening(library, archive, commands):
     segments, dynamic = output_of("readelf", "-lW", library), output_of("readelf", "-dW", library)
     if "GNU_RELRO" not in segments or "NOW" not in dynamic:
         yield "not all relocations are made, and made read-only, at load time"
@@ -77,6 +84,11 @@ def check_hardening(library, archive):
         yield "text relocations"
     if "__stack_chk_fail" not in output_of("nm", "-D", "--undefined-only", library):
         yield "no stack protector"
+    for command in json.loads(commands.read_text()):
+        if "kestal_objects.dir" in command["command"]:
+            flags = re.findall(r"-f\S*stack-protector\S*", command["command"])
+            if flags[-1:] != ["-fstack-protector-strong"]:
+                yield f"no stack protector in {command['file']}"
     if "X86-64" in output_of("readelf", "-hW", library):
         notes = re.split(r"^File: ", output_of("readelf", "-nW", archive), flags=re.MULTILINE)[1:]
         for note in notes:
@@ -163,6 +175,10 @@ def check_docs(source):
         yield from result.stderr.splitlines()
         if result.returncode != 0:
             yield f"doxygen ended with {result.returncode}"
+        for page in sorted(Path(folder).glob("html/*.html")):
+            for target in sorted(set(re.findall(r'(?:href|src)="([^":#]+)["#]', page.read_text()))):
+                if not (page.parent / target).exists():
+                    yield f"{page.name} leads to {target}, which is not there"
 
 
 def run_guide_program(library, source, program, folder):
@@ -191,6 +207,43 @@ def check_guide(library, source):
             printed = run_guide_program(library, source, program, folder)
         if f"```text\n{printed}```\n" not in page:
             yield f"{program.name}: its page does not show what it prints:\n{printed}"
+
+
+def check_names(source):
+    declared = set()
+    for header in public_headers(source):
+        declared.update(re.findall(r"\w+", re.sub(r"/\*.*?\*/", "", header.read_text(), flags=re.DOTALL)))
+    pages = [*(source / "docs").rglob("*.md"), *(source / name for name in ("README.md", "SECURITY.md"))]
+    for page in filter(Path.exists, sorted(pages)):
+        for name in sorted(set(re.findall(r"\b(?:__)?(?:kestal|KESTAL)_\w+", page.read_text())) - declared):
+            if name != "kestal_ulx" and not name.endswith("_"):
+                yield f"{page.relative_to(source)}: {name} is declared nowhere"
+
+
+def check_manual(source, *programs):
+    option = re.compile(r"(?<![\w-])--?[a-z46](?:[a-z-]*[a-z])?(?![\w-])")
+    for program in programs:
+        told = set(option.findall(output_of(program, "--help")))
+        page = (source / f"docs/man/{program.name}.1").read_text().replace("\\-", "-")
+        options = page.partition(".SH OPTIONS")[2].partition(".SH EXIT STATUS")[0]
+        written = set(option.findall("".join(re.findall(r"^\.TP\n(.*)$", options, re.MULTILINE))))
+        for name in sorted(told ^ written):
+            yield f"{program.name}: {name} is told by {'--help' if name in told else 'the manual page'} only"
+
+
+def check_words(source):
+    marks = r"^(<<<<<<<|>>>>>>>) |\b(TODO|FIXME|XXX|HACK)\b|[Nn]ot (yet )?implemented(?! (!|for type))|WORK IN PROGRESS"
+    leaning = r"\b[Pp]art \d+\.\d|\b(as|per|see|the|our) spec(ified|ification)?\b|\bissue #?\d"
+    unwanted = re.compile(f"{marks}|{leaning}")
+    folders = [".ci", "benchmarks", "cmake", "docs", "examples", "fuzz", "include", "packaging", "script", "source", "tests",
+               "tools"]
+    files = [file for folder in folders for file in (source / folder).rglob("*")] + list(source.glob("*.*"))
+    for file in sorted(files):
+        if not file.is_file() or "corpus" in file.parts or file.resolve() == Path(__file__).resolve():
+            continue
+        for number, line in enumerate(file.read_bytes().decode("utf-8", "replace").splitlines(), 1):
+            if found := unwanted.search(line):
+                yield f"{file.relative_to(source)}:{number}: {found.group(0)}"
 
 
 def main():

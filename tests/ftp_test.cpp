@@ -342,7 +342,7 @@ struct slow_upload : wire {
     {
         kestal_socket_pair_t pair;
         EXPECT_EQ(kestal_socket_pair(AF_INET, SOCK_STREAM, IPPROTO_TCP, &pair), 0);
-        of->m_data_socket = pair.m_socket[0];
+        sock = of->m_data_socket = pair.m_socket[0];
         data = pair.m_socket[1];
         const std::string block(100000, 'x');
         while (kestal_ftp_send_stream(of, block.data(), block.size(), 0) > 0)
@@ -354,12 +354,12 @@ struct slow_upload : wire {
         tcp_info info = {};
         socklen_t size = sizeof info;
         kestal_test::wait_until([&] {
-            const bool is_open = getsockopt(of->m_data_socket, IPPROTO_TCP, TCP_INFO, &info, &size) == 0;
+            const bool is_open = getsockopt(sock, IPPROTO_TCP, TCP_INFO, &info, &size) == 0;
             return !is_open || info.tcpi_state == TCP_FIN_WAIT1;
         });
     }
 
-    int32_t data;
+    int32_t sock, data; // the client's end, and the server's
 };
 
 TEST_F(ftp, waits_for_a_slow_link)

@@ -237,6 +237,16 @@ int32_t end_failed(kestal_tftp_t &tftp, int error)
     return fail_with(error);
 }
 
+// The block that was to come, whose data the packet holds; a short one is the last.
+int32_t take_block(kestal_tftp_t &tftp, uint32_t block, const peer_address &sender)
+{
+    tftp.m_block = block;
+    own(tftp).peer = sender;
+    if (tftp.m_data_length < KESTAL_TFTP_BLOCK_SIZE)
+        tftp.m_state = KESTAL_TFTP_COMPLETE;
+    return static_cast<int32_t>(tftp.m_data_length);
+}
+
 } // namespace
 
 kestal_tftp_t *kestal_open_tftp(uint32_t stream, const char *uri, int32_t timeout_ms)
@@ -309,13 +319,8 @@ int32_t kestal_tftp_read_data(kestal_tftp_t *tftp, int32_t timeout_ms)
         const uint32_t block = load_16(tftp->m_packet + 2);
         if (!__kestal_tftp_reply(*tftp, block, sender, timeout_ms))
             return end_failed(*tftp, errno);
-        if (block == ((tftp->m_block + 1) & 0xFFFF)) {
-            tftp->m_block = block;
-            own(*tftp).peer = sender;
-            if (tftp->m_data_length < KESTAL_TFTP_BLOCK_SIZE)
-                tftp->m_state = KESTAL_TFTP_COMPLETE;
-            return static_cast<int32_t>(tftp->m_data_length);
-        }
+        if (block == ((tftp->m_block + 1) & 0xFFFF))
+            return take_block(*tftp, block, sender);
         if (tftp->m_stream != 0)
             return end_failed(*tftp, EPROTO);
         // An acknowledgement was lost, and the server is there.
